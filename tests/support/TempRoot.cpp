@@ -1,0 +1,30 @@
+#include "support/TempRoot.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+TempRoot::TempRoot(const std::string& prefix) {
+  const char* tmp = getenv("TMPDIR");
+  std::string base = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
+  std::string pattern = base + "/" + prefix + "-XXXXXX";
+  std::vector<char> buf(pattern.begin(), pattern.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed for " + pattern);
+  }
+  m_path = buf.data();
+}
+
+TempRoot::~TempRoot() {
+  std::error_code ec;
+  std::filesystem::permissions(m_path, std::filesystem::perms::owner_all,
+                               std::filesystem::perm_options::add, ec);
+  std::filesystem::remove_all(m_path, ec);
+}
+
+void TempRoot::exportAsVrestRoot() const {
+  setenv("VREST_ROOT", m_path.c_str(), 1);
+}
