@@ -1,0 +1,17 @@
+#include "kms/platform/MangleRandom.h"
+
+#include <openssl/rand.h>
+
+#include <climits>
+
+int mangleGetRandom(unsigned char* buf, size_t len) {
+  while (len > 0) {
+    const int chunk = len > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(len);
+    if (RAND_bytes(buf, chunk) != 1) {
+      return -1;
+    }
+    buf += chunk;
+    len -= static_cast<size_t>(chunk);
+  }
+  return 0;
+}
