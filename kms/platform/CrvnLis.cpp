@@ -1,6 +1,7 @@
 #include "kms/platform/CrvnLis.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -28,6 +29,102 @@ crvnLisResult_t crvnLisAddArg(crvnLis* lis, crvnLisAny* arg) {
   lis->args = static_cast<crvnLisAny**>(grown);
   lis->args[lis->argCount++] = arg;
   return CRVN_LIS_SUCCESS;
+}
+
+namespace {
+
+crvnLisResult_t addArg(crvnLis* lis, int type, long intValue, const std::string* text) {
+  crvnLisAny* arg = static_cast<crvnLisAny*>(std::calloc(1, 32));
+  if (arg == nullptr) {
+    return CRVN_LIS_NO_MEMORY;
+  }
+  arg->type = type;
+  arg->intValue = intValue;
+  if (text != nullptr) {
+    arg->text = static_cast<char*>(std::malloc(text->size() + 1));
+    if (arg->text == nullptr) {
+      std::free(arg);
+      return CRVN_LIS_NO_MEMORY;
+    }
+    std::memcpy(arg->text, text->c_str(), text->size() + 1);
+  }
+  const crvnLisResult_t result = crvnLisAddArg(lis, arg);
+  if (result != CRVN_LIS_SUCCESS) {
+    std::free(arg->text);
+    std::free(arg);
+  }
+  return result;
+}
+
+crvnLisResult_t addTextArg(crvnLis* lis, const std::string& text) {
+  return addArg(lis, lis->utf8 ? crvnLisAny_utf8string : crvnLisAny_string, 0, &text);
+}
+
+// Adds the argument of the conversion at `spec` (just after '%') and moves
+// `spec` past it.
+crvnLisResult_t addConversion(crvnLis* lis, const char*& spec, va_list& args) {
+  if (spec[0] == 'l' && (spec[1] == 'd' || spec[1] == 'u' || spec[1] == 'f')) {
+    const char kind = spec[1];
+    spec += 2;
+    if (kind == 'd') {
+      return addArg(lis, crvnLisAny_int, va_arg(args, long), nullptr);
+    }
+    if (kind == 'u') {
+      return addTextArg(lis, std::to_string(va_arg(args, unsigned long)));
+    }
+  } else if (spec[0] == 'h' && spec[1] == 'd') {
+    spec += 2;
+    return addArg(lis, crvnLisAny_int, static_cast<short>(va_arg(args, int)), nullptr);
+  } else {
+    const char kind = *spec++;
+    switch (kind) {
+      case 'd':
+        return addArg(lis, crvnLisAny_int, va_arg(args, int), nullptr);
+      case 'u':
+        return addTextArg(lis, std::to_string(va_arg(args, unsigned int)));
+      case 'c':
+        return addTextArg(lis, std::string(1, static_cast<char>(va_arg(args, int))));
+      case 's': {
+        const char* s = va_arg(args, const char*);
+        return addTextArg(lis, s != nullptr ? s : "");
+      }
+      case 'f':
+        break;
+      default:
+        return CRVN_LIS_BAD_ARG;
+    }
+  }
+  return addTextArg(lis, std::to_string(va_arg(args, double)));  // as "%f" gives it
+}
+
+}  // namespace
+
+crvnLisResult_t crvnLisBuild(crvnLis* lis, int messageId, const char* format, ...) {
+  if (lis == nullptr) {
+    return CRVN_LIS_BAD_ARG;
+  }
+  crvnLisInit(lis, messageId, GetCrvnLisGlobalUtf8Setting());
+  if (format == nullptr) {
+    return CRVN_LIS_BAD_ARG;
+  }
+  va_list args;
+  va_start(args, format);
+  crvnLisResult_t result = CRVN_LIS_SUCCESS;
+  for (const char* p = format; result == CRVN_LIS_SUCCESS && *p != '\0';) {
+    if (p[0] != '%') {
+      ++p;
+    } else if (p[1] == '%') {
+      p += 2;
+    } else {
+      ++p;
+      result = addConversion(lis, p, args);
+    }
+  }
+  va_end(args);
+  if (result != CRVN_LIS_SUCCESS) {
+    crvnLisFree(lis);
+  }
+  return result;
 }
 
 void crvnLisFree(crvnLis* lis) {

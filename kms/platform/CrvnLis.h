@@ -47,6 +47,14 @@ void crvnLisInit(crvnLis* lis, int messageId, int utf8);
 // Appends `arg`; on success `lis` owns it. Returns CRVN_LIS_SUCCESS, or a
 // negative result (the caller keeps `arg`).
 crvnLisResult_t crvnLisAddArg(crvnLis* lis, crvnLisAny* arg);
+// Starts `lis` for `messageId` and adds one argument for each conversion of
+// the printf-style `format`, taken from the variable arguments: %d %u %hd %ld
+// %lu (integers), %c (one character), %s (text, null read as empty), %f %lf
+// (double, added as text). Other characters of the format are skipped, "%%"
+// too; "" adds nothing. Returns CRVN_LIS_SUCCESS, or the failure of the first
+// argument that could not be added (CRVN_LIS_BAD_ARG for a null format or an
+// unknown conversion); `lis` then holds no arguments.
+crvnLisResult_t crvnLisBuild(crvnLis* lis, int messageId, const char* format, ...);
 // Frees every argument; `lis` may be reused after crvnLisInit().
 void crvnLisFree(crvnLis* lis);
 // Whether string arguments are added as UTF-8 (process-wide, default true).

@@ -49,26 +49,41 @@ int VrConfReader::read(const std::string& path) {
   return 0;
 }
 
+VrConfReader::LineKind VrConfReader::parseLine(const std::string& line, std::string* name,
+                                               std::string* value) {
+  const std::string t = trim(line);
+  if (t.empty() || t[0] == '#') {
+    return kSkip;
+  }
+  const size_t eq = t.find('=');
+  if (eq == std::string::npos) {
+    return kBad;
+  }
+  std::string n = trim(t.substr(0, eq));
+  if (n.empty() || n.find_first_of(" \t") != std::string::npos) {
+    return kBad;
+  }
+  *name = std::move(n);
+  *value = trim(t.substr(eq + 1));
+  return kEntry;
+}
+
 void VrConfReader::parse(const std::string& text) {
   std::istringstream lines(text);
   std::string line;
   while (std::getline(lines, line)) {
-    std::string t = trim(line);
-    if (t.empty() || t[0] == '#') {
-      continue;
+    std::string name;
+    std::string value;
+    switch (parseLine(line, &name, &value)) {
+      case kEntry:
+        m_entries.emplace_back(std::move(name), std::move(value));
+        break;
+      case kBad:
+        ++m_badLines;
+        break;
+      case kSkip:
+        break;
     }
-    size_t eq = t.find('=');
-    if (eq == std::string::npos) {
-      ++m_badLines;
-      continue;
-    }
-    std::string name = trim(t.substr(0, eq));
-    std::string value = trim(t.substr(eq + 1));
-    if (name.empty() || name.find_first_of(" \t") != std::string::npos) {
-      ++m_badLines;
-      continue;
-    }
-    m_entries.emplace_back(name, value);
   }
 }
 

@@ -25,6 +25,9 @@ class VrConfReader {
   // Every value of `name`, in file order.
   std::vector<std::string> getAll(const std::string& name) const;
   bool has(const std::string& name) const;
+  // The SERVER values in file order; the first is the master server. Empty
+  // when the configuration names no server.
+  std::vector<std::string> servers() const { return getAll("SERVER"); }
   // YES/NO, TRUE/FALSE, 1/0 in any case. Returns false and leaves *value alone
   // when the name is absent or the value is none of these.
   bool getBool(const std::string& name, bool* value) const;
@@ -36,6 +39,12 @@ class VrConfReader {
 
   // Parses a boolean text as getBool() does.
   static bool parseBool(const std::string& text, bool* value);
+
+  // Classifies one line of the file. Returns kEntry and fills *name and *value
+  // (both trimmed) for "NAME = VALUE", kSkip for a blank or comment line, kBad
+  // for anything else. Writers use it to find the lines they rewrite.
+  enum LineKind { kEntry, kSkip, kBad };
+  static LineKind parseLine(const std::string& line, std::string* name, std::string* value);
 
  private:
   std::vector<std::pair<std::string, std::string>> m_entries;

@@ -1,0 +1,36 @@
+#include "kms/platform/ProcessAccount.h"
+
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+std::atomic<AdminCheck> g_adminCheck{AdminCheck::kSystem};
+
+}  // namespace
+
+int enable_process_for_service_account() {
+  // A separate service account with logon rights of its own exists only on
+  // other platforms. On Linux the daemon keeps the identity it was started
+  // with (root, by the system's service manager), and the command-line
+  // operations must run as root anyway (is_user_admin), so there is nothing to
+  // switch to.
+  return 0;
+}
+
+bool is_user_admin() {
+  switch (g_adminCheck.load()) {
+    case AdminCheck::kForceAdmin:
+      return true;
+    case AdminCheck::kForceNotAdmin:
+      return false;
+    case AdminCheck::kSystem:
+      break;
+  }
+  return geteuid() == 0;
+}
+
+void setAdminCheckOverride(AdminCheck check) {
+  g_adminCheck.store(check);
+}

@@ -1,0 +1,122 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "kms/platform/Fips.h"
+#include "kms/platform/ProcessAccount.h"
+#include "kms/platform/SecureFGets.h"
+#include "kms/platform/VrConfReader.h"
+#include "support/PlatformTestRoot.h"
+
+TEST(Fips, ProcessModeFollowsTheProcessFlagOfTheMasterConfiguration) {
+  PlatformTestRoot root;
+  EXPECT_NE(VR_read_master_config(), 0);  // no file: no process-wide copy either
+  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
+
+  // Without a process-wide copy the file is read directly.
+  root.writeConf("VRKMS_FIPS = TRUE\n");
+  EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
+  root.writeConf("VRKMS_FIPS = maybe\n");
+  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
+
+  // With one, the copy decides.
+  root.writeConf("VRKMS_FIPS = yes\nOTHER_FIPS = no\n");
+  ASSERT_EQ(VR_read_master_config(), 0);
+  root.writeConf("VRKMS_FIPS = no\n");
+  EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
+  EXPECT_EQ(getFIPSModeForProcess("other"), 0);
+  EXPECT_EQ(getFIPSModeForProcess("absent"), 0);
+  EXPECT_EQ(getFIPSModeForProcess(""), 0);
+  EXPECT_EQ(getFIPSModeForProcess(nullptr), 0);
+  ASSERT_EQ(VR_read_master_config(), 0);  // re-read: now "no"
+  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
+
+  EXPECT_EQ(FIPS_mode(), EVP_default_properties_is_fips_enabled(nullptr) ? 1 : 0);
+}
+
+TEST(ProcessAccount, AdminCheckCanBeOverriddenAndRestored) {
+  const bool real = geteuid() == 0;
+  EXPECT_EQ(is_user_admin(), real);
+  setAdminCheckOverride(AdminCheck::kForceNotAdmin);
+  EXPECT_FALSE(is_user_admin());
+  setAdminCheckOverride(AdminCheck::kForceAdmin);
+  EXPECT_TRUE(is_user_admin());
+  setAdminCheckOverride(AdminCheck::kSystem);
+  EXPECT_EQ(is_user_admin(), real);
+  EXPECT_EQ(enable_process_for_service_account(), 0);
+}
+
+TEST(SecureFGets, ReadsLinesFromAPipeUpToTheGivenCount) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  // 1022 characters and the line end fit a count of 1023; 1023 do not.
+  const std::string fits(1022, 'a');
+  const std::string tooLong(1023, 'b');
+  const std::string input = fits + "\n" + tooLong + "\nlast";
+  ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
+  close(fds[1]);
+  FILE* in = fdopen(fds[0], "r");
+  ASSERT_NE(in, nullptr);
+
+  char buf[1024];
+  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
+  EXPECT_EQ(std::string(buf), fits + "\n");
+  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
+  EXPECT_EQ(std::string(buf), tooLong);  // stopped before the line end
+  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
+  EXPECT_EQ(std::string(buf), "\n");
+  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
+  EXPECT_EQ(std::string(buf), "last");
+  EXPECT_EQ(SecureFGets(buf, 1023, in), nullptr);  // end of file
+  EXPECT_EQ(SecureFGets(buf, 0, in), nullptr);
+  EXPECT_EQ(SecureFGets(buf, 10, nullptr), nullptr);
+  fclose(in);
+}
+
+TEST(SecureFGets, DoesNotEchoOnATerminalAndRestoresItsSettings) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(master, 0);
+  ASSERT_EQ(grantpt(master), 0);
+  ASSERT_EQ(unlockpt(master), 0);
+  const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+  ASSERT_GE(slave, 0);
+  struct termios before;
+  ASSERT_EQ(tcgetattr(slave, &before), 0);
+  ASSERT_TRUE(before.c_lflag & ECHO);
+  FILE* in = fdopen(slave, "r");
+  ASSERT_NE(in, nullptr);
+
+  char buf[64];
+  char* result = nullptr;
+  std::thread reader([&] { result = SecureFGets(buf, sizeof(buf) - 1, in); });
+  // Type only once echo is off, as a person at the prompt would.
+  struct termios now;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  do {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_EQ(tcgetattr(slave, &now), 0);
+  } while ((now.c_lflag & ECHO) && std::chrono::steady_clock::now() < deadline);
+  EXPECT_FALSE(now.c_lflag & (ECHO | ECHONL));
+  ASSERT_EQ(write(master, "s3cret\n", 7), 7);
+  reader.join();
+  ASSERT_EQ(result, buf);
+  EXPECT_STREQ(buf, "s3cret\n");
+
+  struct pollfd pfd = {master, POLLIN, 0};
+  EXPECT_EQ(poll(&pfd, 1, 100), 0) << "something was echoed";
+  struct termios after;
+  ASSERT_EQ(tcgetattr(slave, &after), 0);
+  EXPECT_EQ(after.c_lflag, before.c_lflag);
+  fclose(in);
+  close(master);
+}

@@ -1,0 +1,79 @@
+#include "kms/platform/VrConfReader.h"
+
+#include <gtest/gtest.h>
+
+#include "support/PlatformTestRoot.h"
+
+TEST(VrConfReader, SkipsCommentsCountsBadLinesAndKeepsRepeatedServersInOrder) {
+  VrConfReader conf;
+  conf.parse(
+      "# master configuration\n"
+      "   # indented comment = not an entry\n"
+      "\n"
+      "SERVER = master.example\n"
+      "SERVER=media1\n"
+      "  SERVER   =   media2  \r\n"
+      "no equals sign here\n"
+      "TWO WORDS = x\n"
+      " = no name\n"
+      "KMS_DIR = /srv/kms = odd\n"
+      "EMPTY =\n"
+      "server = lower-case names are other names\n");
+  EXPECT_EQ(conf.badLines(), 3);
+  EXPECT_EQ(conf.servers(), (std::vector<std::string>{"master.example", "media1", "media2"}));
+  EXPECT_EQ(conf.get("SERVER"), "master.example");
+  EXPECT_EQ(conf.get("KMS_DIR"), "/srv/kms = odd");  // split at the first "="
+  EXPECT_TRUE(conf.has("EMPTY"));
+  EXPECT_EQ(conf.get("EMPTY", "fallback"), "");
+  EXPECT_EQ(conf.get("MISSING", "fallback"), "fallback");
+  EXPECT_EQ(conf.getAll("server").size(), 1u);
+
+  VrConfReader none;
+  none.parse("# nothing\n");
+  EXPECT_TRUE(none.servers().empty());
+}
+
+TEST(VrConfReader, ReadsBooleansInAnyCaseAndRejectsOtherWords) {
+  VrConfReader conf;
+  conf.parse(
+      "A = YES\nB = no\nC = TRUE\nD = 0\nE = yEs\nF = False\nG = 1\n"
+      "H = maybe\nI = 2\nJ =\n");
+  const std::pair<const char*, bool> expected[] = {
+      {"A", true}, {"B", false}, {"C", true}, {"D", false}, {"E", true}, {"F", false}, {"G", true},
+  };
+  for (const auto& [name, value] : expected) {
+    bool b = !value;
+    EXPECT_TRUE(conf.getBool(name, &b)) << name;
+    EXPECT_EQ(b, value) << name;
+  }
+  for (const char* name : {"H", "I", "J", "ABSENT"}) {
+    bool b = true;
+    EXPECT_FALSE(conf.getBool(name, &b)) << name;
+    EXPECT_TRUE(b) << name << " left untouched";
+  }
+  EXPECT_EQ(conf.getInt("I", -1), 2);
+  EXPECT_EQ(conf.getInt("H", -1), -1);
+}
+
+TEST(VrConfReader, MissingMasterConfigurationIsAnErrorAndDropsTheOldCopy) {
+  PlatformTestRoot root;
+  root.writeConf("SERVER = a\nSERVER = b\nKMS_DIR = /k\nVRKMS_BLOCK_MEDIA = yes\n");
+  ASSERT_EQ(VR_read_master_config(), 0);
+  auto config = get_master_config_ptr();
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->servers, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(config->kmsDir, "/k");
+  bool block = false;
+  EXPECT_EQ(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
+  EXPECT_TRUE(block);
+  EXPECT_NE(vrconfGetKeyValPairAsBool("ABSENT", &block), 0);
+
+  std::remove(root.confPath().c_str());
+  VrConfReader direct;
+  EXPECT_NE(direct.read(root.confPath()), 0);
+  EXPECT_TRUE(direct.entries().empty());
+  EXPECT_NE(VR_read_master_config(), 0);
+  EXPECT_FALSE(get_master_config_ptr());
+  EXPECT_EQ(config->kmsDir, "/k");  // a copy held by a caller stays valid
+  EXPECT_NE(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
+}
