@@ -1,0 +1,231 @@
+// Cost of the key table operations that every change of the store pays: a
+// full copy of the table (one per change), a change on that copy with its
+// invariant check, and the lookup by KAD. Each benchmark times a plain
+// reference in the same iterations and reports the ratio:
+//   copy, change: copying a std::vector<std::string> of the same key bytes;
+//   KAD lookup:   std::map<std::string, std::string>::find of the full tag.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kms/server/keystore/KeyRecordTable.h"
+#include "kms/server/keystore/KeyRecord_v1.h"
+#include "kms/server/keystore/RecordUtils.h"
+
+using namespace Vaultrest::DL::KMS;
+
+namespace {
+
+typedef KeyRecordTable<KeyRecord_v1> KeyTable;
+typedef std::chrono::steady_clock Clock;
+
+std::string randomBytes(std::mt19937_64& rng, size_t n) {
+  std::string s(n, '\0');
+  for (char& c : s) {
+    c = static_cast<char>(rng() & 0xff);
+  }
+  return s;
+}
+
+// A store-like table: 32-byte tags, `perGroup` keys per group with the first
+// one active, 48-byte wrapped keys, a KPK tag, the KEY_FIPS and KEY_SALT
+// attributes. Records are added in tag order, as a load from the data file
+// adds them, so the table's memory is laid out as in a running store.
+struct Fixture {
+  KeyTable table{true};
+  std::vector<std::string> tags;
+  std::vector<std::string> keys;
+  std::map<std::string, std::string> plainIndex;
+
+  Fixture(size_t count, size_t perGroup) {
+    std::mt19937_64 rng(count * 31 + perGroup);
+    const std::string kpkTag = randomBytes(rng, 32);
+    std::vector<KeyRecord_v1> records(count);
+    std::string group;
+    for (size_t i = 0; i < count; ++i) {
+      if (i % perGroup == 0) {
+        group = randomBytes(rng, 32);
+      }
+      KeyRecord_v1& rec = records[i];
+      rec.setFields(randomBytes(rng, 32), "key-" + std::to_string(i), group,
+                    i % perGroup == 0 ? KEY_ACTIVE : KEY_INACTIVE, 1700000000, 1700000000, "", 1,
+                    KPK_LOCAL, kpkTag, randomBytes(rng, 48));
+      rec.addOrUpdateKRAttribute("KEY_FIPS", "true");
+      rec.addOrUpdateKRAttribute("KEY_SALT", Utils::binToHex(randomBytes(rng, 32)));
+    }
+    std::sort(records.begin(), records.end(),
+              [](const KeyRecord_v1& a, const KeyRecord_v1& b) { return a.tag() < b.tag(); });
+    table.setSkipInvariant(true);
+    for (const KeyRecord_v1& rec : records) {
+      table.addRecord(rec);
+      tags.push_back(rec.tag());
+      keys.push_back(rec.key());
+      plainIndex.emplace(rec.tag(), rec.key());
+    }
+    table.setSkipInvariant(false);
+    table.testInvariant();
+  }
+};
+
+// Fixtures are built once per shape: the benchmark library calls each
+// function several times.
+const Fixture& fixture(size_t count, size_t perGroup) {
+  static std::map<std::pair<size_t, size_t>, std::unique_ptr<Fixture>> cache;
+  std::unique_ptr<Fixture>& slot = cache[{count, perGroup}];
+  if (!slot) {
+    slot = std::make_unique<Fixture>(count, perGroup);
+  }
+  return *slot;
+}
+
+// Merges the chunks that an iteration freed, so that neither side pays for
+// the consolidation of the other's garbage inside its timing. A request of
+// this size makes the allocator consolidate; with the thresholds set in main
+// nothing goes back to the system, and the heap stays warm as in a
+// long-running service.
+void settleHeap() {
+  void* block = malloc(64 * 1024);
+  benchmark::DoNotOptimize(block);
+  free(block);
+}
+
+double seconds(Clock::time_point from, Clock::time_point to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
+void report(benchmark::State& state, double subject, double reference) {
+  const double n = static_cast<double>(state.iterations());
+  state.counters["subject_us"] = subject / n * 1e6;
+  state.counters["reference_us"] = reference / n * 1e6;
+  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+}
+
+void BM_CopyKeyTable(benchmark::State& state) {
+  const Fixture& fx = fixture(static_cast<size_t>(state.range(0)), 30);
+  double subject = 0;
+  double reference = 0;
+  for (auto _ : state) {
+    Clock::time_point t0 = Clock::now();
+    auto copy = std::make_unique<KeyTable>(fx.table);
+    Clock::time_point t1 = Clock::now();
+    benchmark::DoNotOptimize(copy.get());
+    copy.reset();
+    settleHeap();
+
+    Clock::time_point t2 = Clock::now();
+    auto plain = std::make_unique<std::vector<std::string>>(fx.keys);
+    Clock::time_point t3 = Clock::now();
+    benchmark::DoNotOptimize(plain.get());
+    plain.reset();
+    settleHeap();
+
+    subject += seconds(t0, t1);
+    reference += seconds(t2, t3);
+    state.SetIterationTime(seconds(t0, t1));
+  }
+  report(state, subject, reference);
+}
+BENCHMARK(BM_CopyKeyTable)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// One change as the store makes it: copy, update one record (group list
+// moves and the full invariant check), drop the copy. range(1) is the number
+// of keys per group; one group of 100,000 keys is the worst case of the
+// group lists.
+void BM_UpdateOnCopy(benchmark::State& state) {
+  const Fixture& fx =
+      fixture(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)));
+  KeyRecord_v1 changed = fx.table.getRecord(fx.tags[1]);
+  changed.setState(KEY_DEPRECATED);
+  double subject = 0;
+  double reference = 0;
+  for (auto _ : state) {
+    Clock::time_point t0 = Clock::now();
+    auto copy = std::make_unique<KeyTable>(fx.table);
+    const bool updated = copy->updateRecord(changed);
+    Clock::time_point t1 = Clock::now();
+    benchmark::DoNotOptimize(updated);
+    copy.reset();
+    settleHeap();
+
+    Clock::time_point t2 = Clock::now();
+    auto plain = std::make_unique<std::vector<std::string>>(fx.keys);
+    Clock::time_point t3 = Clock::now();
+    benchmark::DoNotOptimize(plain.get());
+    plain.reset();
+    settleHeap();
+
+    subject += seconds(t0, t1);
+    reference += seconds(t2, t3);
+    state.SetIterationTime(seconds(t0, t1));
+  }
+  report(state, subject, reference);
+}
+BENCHMARK(BM_UpdateOnCopy)
+    ->Args({3000, 30})
+    ->Args({100000, 30})
+    ->Args({100000, 100000})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+// KADs of 12 to 19 bytes of existing tags; each iteration looks up a batch
+// of them, and the counters are per lookup.
+void BM_GetTagsByKad(benchmark::State& state) {
+  const Fixture& fx = fixture(static_cast<size_t>(state.range(0)), 30);
+  std::vector<std::string> kads;
+  std::vector<std::string> fullTags;
+  for (size_t i = 0; i < fx.tags.size(); i += 7) {
+    kads.push_back(fx.tags[i].substr(0, 12 + i % 8));
+    fullTags.push_back(fx.tags[i]);
+  }
+  KeyTable::TagList found;
+  size_t next = 0;
+  double subject = 0;
+  double reference = 0;
+  const size_t kBatch = 64;
+  for (auto _ : state) {
+    Clock::time_point t0 = Clock::now();
+    for (size_t i = 0; i < kBatch; ++i) {
+      fx.table.getTagsByKad(kads[(next + i) % kads.size()], found);
+      benchmark::DoNotOptimize(found.data());
+    }
+    Clock::time_point t1 = Clock::now();
+    for (size_t i = 0; i < kBatch; ++i) {
+      auto iter = fx.plainIndex.find(fullTags[(next + i) % kads.size()]);
+      benchmark::DoNotOptimize(iter);
+    }
+    Clock::time_point t2 = Clock::now();
+    next = (next + kBatch) % kads.size();
+
+    subject += seconds(t0, t1);
+    reference += seconds(t1, t2);
+    state.SetIterationTime(seconds(t0, t1));
+  }
+  const double lookups = static_cast<double>(state.iterations()) * kBatch;
+  state.counters["subject_ns"] = subject / lookups * 1e9;
+  state.counters["reference_ns"] = reference / lookups * 1e9;
+  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+}
+BENCHMARK(BM_GetTagsByKad)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 1;
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

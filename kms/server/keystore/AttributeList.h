@@ -1,0 +1,58 @@
+// Name-to-value list of extended attributes, ordered by the bytes of the name.
+// Names and values are byte strings of at most 4096 bytes; longer ones are cut
+// to their first 4096 bytes without a word, by every operation that takes them.
+// No lock: the owner of the record or block that holds the list guards it.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+class AttributeList {
+ public:
+  typedef std::map<std::string, std::string, std::less<>> Map;
+  typedef Map::const_iterator const_iterator;
+
+  static constexpr size_t kMaxLength = 4096;
+
+  AttributeList() = default;
+
+  // Inserts the pair if the name is new (true); an existing name keeps its
+  // value (false).
+  bool addAttribute(const std::string& name, const std::string& value);
+  // Replaces the value of an existing name (true); an absent name is not
+  // inserted (false).
+  bool updateAttribute(std::string name, std::string value);
+  // True if an entry was removed.
+  bool removeAttribute(const std::string& name);
+
+  // The value, or a reference to one static empty string if the name is
+  // absent. Use find() to tell an absent name from an empty value.
+  const std::string& getAttribute(const std::string& name) const;
+  const_iterator find(const std::string& name) const;
+
+  size_t size() const { return m_attrs.size(); }
+  const_iterator begin() const { return m_attrs.begin(); }
+  const_iterator end() const { return m_attrs.end(); }
+
+  // Size, then pair by pair in order.
+  bool operator==(const AttributeList& other) const { return m_attrs == other.m_attrs; }
+  bool operator!=(const AttributeList& other) const { return !(*this == other); }
+
+  // Aborts the process (message 89) if a name or value exceeds 4096 bytes.
+  void testInvariant() const;
+  // Console dump of all entries.
+  void display() const;
+
+ private:
+  static const std::string m_errorS;
+  Map m_attrs;
+};
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,87 @@
+// The in-store record of one key group: a plain value (copyable, comparable).
+//
+// Limits: the tag is at most 4096 bytes and setTag throws KeyStoreError 1214
+// for a longer one, leaving it as it was; name and description are cut to
+// 4096 bytes without an error; setCipherType refuses values above
+// CT_BLOW_CBC with 1214. Every setter ends with testInvariant, whose failure
+// aborts the process.
+//
+// hasActiveKey and numKeys are derived: the store fills them in on copies that
+// leave it, they are not kept up to date in a table, and operator== ignores
+// them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kms/server/keystore/AttributeList.h"
+#include "kms/server/keystore/KeyStoreTypes.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+class KeyGrpRecord_v1 {
+ public:
+  // Empty strings, zero times, revision 0, CT_INVALID_CBC, false, 0.
+  KeyGrpRecord_v1();
+  KeyGrpRecord_v1(const KeyGrpRecord_v1&) = default;
+  KeyGrpRecord_v1(KeyGrpRecord_v1&&) = default;
+  KeyGrpRecord_v1& operator=(const KeyGrpRecord_v1&) = default;
+  KeyGrpRecord_v1& operator=(KeyGrpRecord_v1&&) = default;
+
+  const std::string& tag() const { return m_tag; }
+  const std::string& name() const { return m_name; }
+  uint64_t updateTime() const { return m_updatetime; }
+  uint64_t createTime() const { return m_createtime; }
+  const std::string& description() const { return m_description; }
+  uint32_t rev() const { return m_rev; }
+  ks_ciphertype_t cipherType() const { return m_ciphertype; }
+  bool hasActiveKey() const { return m_hasactivekey; }
+  uint64_t numKeys() const { return m_numkeys; }
+  const AttributeList& attributes() const { return m_attrs; }
+  // The list keeps its own limits, so it may be changed in place.
+  AttributeList& attributes() { return m_attrs; }
+
+  void setTag(const std::string& tag);  // throws 1214
+  void setName(const std::string& name);
+  void setUpdateTime(uint64_t seconds);
+  void setCreateTime(uint64_t seconds);
+  void setDescription(const std::string& description);
+  void setRev(uint32_t rev);
+  void setCipherType(ks_ciphertype_t type);  // throws 1214
+  void setHasActiveKey(bool hasActiveKey);
+  void setNumKeys(uint64_t numKeys);
+
+  // Sets tag, name, cipher type, update time, create time, description and
+  // revision, in that order, each through its setter (so it throws as they
+  // do).
+  void setFields(const std::string& tag, const std::string& name, ks_ciphertype_t cipherType,
+                 uint64_t updateTime, uint64_t createTime, const std::string& description,
+                 uint32_t rev);
+
+  // All fields but hasActiveKey and numKeys.
+  bool operator==(const KeyGrpRecord_v1& other) const;
+  bool operator!=(const KeyGrpRecord_v1& other) const { return !(*this == other); }
+
+  // Aborts the process (message 89) if a bound or the cipher type is broken.
+  void testInvariant() const;
+  // Console dump of the record, headed by `number`.
+  void display(int number) const;
+
+ private:
+  std::string m_tag;
+  std::string m_name;
+  uint64_t m_updatetime;
+  uint64_t m_createtime;
+  std::string m_description;
+  uint32_t m_rev;
+  ks_ciphertype_t m_ciphertype;
+  bool m_hasactivekey;
+  uint64_t m_numkeys;
+  AttributeList m_attrs;
+};
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

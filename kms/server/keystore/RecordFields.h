@@ -1,0 +1,28 @@
+// Assignment of the bounded byte-string fields of the records: identifiers
+// and keys refuse to be cut, names and descriptions are cut in silence.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+// Longest content of a record's string field.
+constexpr size_t kMaxRecordFieldLength = 4096;
+
+// Assigns `value` to `field` if it has at most 4096 bytes. Otherwise logs
+// `what` and the size at debug level 1 under `function` and throws
+// KeyStoreError 1214; `field` is unchanged.
+void assignBoundedField(const char* function, const char* what, std::string& field,
+                        const std::string& value);
+
+// Assigns the first 4096 bytes of `value` to `field`; a longer value is logged
+// as "Encountered <what> of size <n>. Truncating to 4096" under `function`.
+void assignTruncatedField(const char* function, const char* what, std::string& field,
+                          const std::string& value);
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,43 @@
+#include "kms/server/keystore/KSOpStatus.h"
+
+#include <gtest/gtest.h>
+
+using namespace Vaultrest::DL::KMS;
+
+TEST(KSOpStatus, CodeIsReplacedNotAccumulated) {
+  KSOpStatus status;
+  EXPECT_FALSE(status.hasErrors());
+  status.setErrCode(0);
+  EXPECT_FALSE(status.hasErrors());
+  status.setErrCode(1283);
+  status.setErrCode(1262);
+  EXPECT_TRUE(status.hasErrors());
+  EXPECT_EQ(status.errCode(), 1262);
+}
+
+TEST(KSOpStatus, MessagesKeepTheirOrderAndDecideEquality) {
+  const KSOpMessage renamed(KSMSG_KEYGROUP_RENAMED, "g", "g_IMPORTED_20240101000000");
+  const KSOpMessage dup(KSMSG_KEY_DUPLICATE, "k", "g", "k2", "g2");
+  KSOpStatus a;
+  a.addMessage(renamed);
+  a.addMessage(dup);
+  EXPECT_FALSE(a.hasErrors());  // messages without an error, as a clean preview has
+  ASSERT_EQ(a.messages().size(), 2u);
+  EXPECT_EQ(a.messages()[0].code(), KSMSG_KEYGROUP_RENAMED);
+  EXPECT_EQ(a.messages()[1].args(), KSOpMessage::ArgList({"k", "g", "k2", "g2"}));
+
+  KSOpStatus b;
+  b.addMessage(dup);
+  b.addMessage(renamed);
+  EXPECT_NE(a, b);  // same messages, other order
+
+  KSOpStatus c = a;
+  EXPECT_EQ(a, c);
+  c.setErrCode(1283);
+  EXPECT_NE(a, c);
+
+  EXPECT_EQ(KSOpMessage(), KSOpMessage());
+  EXPECT_NE(KSOpMessage(KSMSG_KEYGROUP_NEW_TAG, "a"), KSOpMessage(KSMSG_KEYGROUP_NEW_TAG, "b"));
+  EXPECT_NE(KSOpMessage(KSMSG_KEYGROUP_NEW_TAG, "a"), KSOpMessage(KSMSG_KEYGROUP_IMPORTED, "a"));
+  EXPECT_EQ(KSOpMessage(KSMSG_KEY_IMPORTED, "a", "b", "c").args().size(), 3u);
+}

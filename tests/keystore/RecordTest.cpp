@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "keystore/RecordTestHelpers.h"
+#include "kms/server/diagnostics/KeyStoreError.h"
+#include "kms/server/keystore/KeyGrpRecord_v1.h"
+#include "kms/server/keystore/KeyRecord_v1.h"
+#include "support/TempRoot.h"
+
+using namespace Vaultrest::DL::KMS;
+using recordtest::tagOf;
+
+namespace {
+
+// Runs `set` and expects KeyStoreError 1214.
+template <typename F>
+void expect1214(F set) {
+  try {
+    set();
+    ADD_FAILURE() << "no error";
+  } catch (const KeyStoreError& e) {
+    EXPECT_EQ(e.status(), 1214);
+  }
+}
+
+}  // namespace
+
+TEST(KeyRecord, IdentifiersAndKeyRefuseMoreThan4096BytesAndStayUnchanged) {
+  KeyRecord_v1 rec;
+  const std::string ok(4096, '\0');
+  const std::string tooLong(4097, 'x');
+  rec.setTag(ok);
+  rec.setKeyGroup(ok);
+  rec.setKpkTag(ok);
+  rec.setKey(ok);
+  EXPECT_EQ(rec.tag(), ok);
+  EXPECT_EQ(rec.key(), ok);
+
+  rec.setTag("old-tag");
+  rec.setKeyGroup("old-group");
+  rec.setKpkTag("old-kpk");
+  rec.setKey(std::string("old\0key", 7));
+  expect1214([&] { rec.setTag(tooLong); });
+  expect1214([&] { rec.setKeyGroup(tooLong); });
+  expect1214([&] { rec.setKpkTag(tooLong); });
+  expect1214([&] { rec.setKey(tooLong); });
+  EXPECT_EQ(rec.tag(), "old-tag");
+  EXPECT_EQ(rec.keyGroup(), "old-group");
+  EXPECT_EQ(rec.kpkTag(), "old-kpk");
+  EXPECT_EQ(rec.key(), std::string("old\0key", 7));
+
+  KeyGrpRecord_v1 grp;
+  grp.setTag(ok);
+  grp.setTag("g");
+  expect1214([&] { grp.setTag(tooLong); });
+  EXPECT_EQ(grp.tag(), "g");
+}
+
+TEST(KeyRecord, NamesAndDescriptionsAreCutSilently) {
+  const std::string longText = std::string(4096, 'n') + "tail";
+  KeyRecord_v1 rec;
+  rec.setName(longText);
+  rec.setDescription(longText);
+  EXPECT_EQ(rec.name(), longText.substr(0, 4096));
+  EXPECT_EQ(rec.description(), longText.substr(0, 4096));
+  KeyGrpRecord_v1 grp;
+  grp.setName(longText);
+  grp.setDescription(longText);
+  EXPECT_EQ(grp.name().size(), 4096u);
+  EXPECT_EQ(grp.description().size(), 4096u);
+}
+
+TEST(KeyRecord, EnumerationSettersAcceptZeroAndRefuseUnknownValues) {
+  KeyRecord_v1 rec;
+  rec.setState(KEY_ACTIVE);
+  rec.setState(KEY_INVALID);  // the record accepts it; only the store refuses
+  EXPECT_EQ(rec.state(), KEY_INVALID);
+  rec.setState(KEY_TERMINATED);
+  expect1214([&] { rec.setState(static_cast<ks_keystate_t>(6)); });
+  expect1214([&] { rec.setState(static_cast<ks_keystate_t>(-1)); });
+  EXPECT_EQ(rec.state(), KEY_TERMINATED);
+
+  rec.setKpkType(KPK_LOCAL);
+  expect1214([&] { rec.setKpkType(static_cast<ks_kpktype_t>(2)); });
+  EXPECT_EQ(rec.kpkType(), KPK_LOCAL);
+
+  KeyGrpRecord_v1 grp;
+  grp.setCipherType(CT_BLOW_CBC);
+  expect1214([&] { grp.setCipherType(static_cast<ks_ciphertype_t>(5)); });
+  EXPECT_EQ(grp.cipherType(), CT_BLOW_CBC);
+}
+
+TEST(KeyRecord, SetFieldsStopsAtTheFirstRefusedField) {
+  KeyRecord_v1 rec;
+  rec.addOrUpdateKRAttribute("KEY_FIPS", "true");
+  rec.setFields(tagOf(1), "name", tagOf(2), KEY_ACTIVE, 20, 10, "desc", 3, KPK_LOCAL, tagOf(3),
+                "wrapped");
+  EXPECT_EQ(rec.tag(), tagOf(1));
+  EXPECT_EQ(rec.keyGroup(), tagOf(2));
+  EXPECT_EQ(rec.updateTime(), 20u);
+  EXPECT_EQ(rec.createTime(), 10u);
+  EXPECT_EQ(rec.rev(), 3u);
+  EXPECT_EQ(rec.kpkTag(), tagOf(3));
+  EXPECT_EQ(rec.key(), "wrapped");
+  EXPECT_EQ(rec.attributes().getAttribute("KEY_FIPS"), "true");  // left alone
+
+  // The state comes after the key group and before the KPK fields.
+  expect1214([&] {
+    rec.setFields(tagOf(4), "other", tagOf(5), static_cast<ks_keystate_t>(9), 21, 11, "d", 4,
+                  KPK_INVALID, tagOf(6), "k2");
+  });
+  EXPECT_EQ(rec.tag(), tagOf(4));
+  EXPECT_EQ(rec.keyGroup(), tagOf(5));
+  EXPECT_EQ(rec.state(), KEY_ACTIVE);
+  EXPECT_EQ(rec.kpkType(), KPK_LOCAL);
+  EXPECT_EQ(rec.key(), "wrapped");
+
+  KeyGrpRecord_v1 grp;
+  grp.setFields(tagOf(7), "group", CT_AES256_CBC, 2, 1, "gd", 1);
+  EXPECT_EQ(grp.cipherType(), CT_AES256_CBC);
+  EXPECT_EQ(grp.createTime(), 1u);
+}
+
+TEST(KeyRecord, AddOrUpdateReplacesAnExistingAttribute) {
+  KeyRecord_v1 rec;
+  rec.addOrUpdateKRAttribute("KEY_SALT", "00");
+  rec.addOrUpdateKRAttribute("KEY_SALT", "ff");
+  EXPECT_EQ(rec.attributes().size(), 1u);
+  EXPECT_EQ(rec.attributes().getAttribute("KEY_SALT"), "ff");
+}
+
+TEST(KeyRecord, EqualityRules) {
+  KeyRecord_v1 a = recordtest::keyRecord(tagOf(1), tagOf(2), KEY_ACTIVE);
+  a.addOrUpdateKRAttribute("KEY_FIPS", "true");
+  KeyRecord_v1 b = a;
+  EXPECT_EQ(a, b);
+  b.addOrUpdateKRAttribute("KEY_FIPS", "false");  // only an attribute's value differs
+  EXPECT_NE(a, b);
+  b = a;
+  b.setKey(std::string(1, '\0'));
+  EXPECT_NE(a, b);
+  b = a;
+  b.setRev(1);
+  EXPECT_NE(a, b);
+
+  KeyGrpRecord_v1 g;
+  g.setFields(tagOf(3), "g", CT_AES256_CBC, 2, 1, "", 1);
+  KeyGrpRecord_v1 h = g;
+  h.setNumKeys(7);  // derived fields are left out
+  h.setHasActiveKey(true);
+  EXPECT_EQ(g, h);
+  h.setCipherType(CT_AES128_CBC);
+  EXPECT_NE(g, h);
+  h = g;
+  h.attributes().addAttribute("x", "y");
+  EXPECT_NE(g, h);
+}
+
+// The key field wipes its buffer on every release and reuse; its value must
+// still travel intact through copies and moves.
+TEST(KeyRecord, KeySurvivesCopiesAndMovesAndLeavesMovedFromRecordsEmpty) {
+  const std::string longKey(std::string("k\0", 2) + std::string(46, 'k'));
+  KeyRecord_v1 a;
+  a.setKey(longKey);
+  KeyRecord_v1 b = a;
+  EXPECT_EQ(b.key(), longKey);
+  b.setKey("short");  // reuses the longer buffer
+  EXPECT_EQ(b.key(), "short");
+  EXPECT_EQ(a.key(), longKey);
+  b = a;
+  EXPECT_EQ(b.key(), longKey);
+  const KeyRecord_v1& alias = a;
+  a = alias;
+  EXPECT_EQ(a.key(), longKey);
+
+  KeyRecord_v1 c = std::move(b);
+  EXPECT_EQ(c.key(), longKey);
+  EXPECT_EQ(b.key(), "");
+  KeyRecord_v1 d;
+  d.setKey("old");
+  d = std::move(c);
+  EXPECT_EQ(d.key(), longKey);
+  EXPECT_EQ(c.key(), "");
+
+  KeyRecord_v1 e;
+  e.setKey("sso");  // kept inside the string object itself
+  KeyRecord_v1 f = std::move(e);
+  EXPECT_EQ(f.key(), "sso");
+  EXPECT_EQ(e.key(), "");
+}
+
+TEST(KeyRecord, RefusalsAreLoggedWithTheirWords) {
+  TempRoot dir("records-log");
+  std::string text;
+  {
+    recordtest::ScopedDebugLog log(dir.path());
+    KeyRecord_v1 rec;
+    EXPECT_THROW(rec.setTag(std::string(4097, 't')), KeyStoreError);
+    EXPECT_THROW(rec.setState(static_cast<ks_keystate_t>(7)), KeyStoreError);
+    rec.setName(std::string(5000, 'n'));
+    std::ifstream in(log.path());
+    std::stringstream ss;
+    ss << in.rdbuf();
+    text = ss.str();
+  }
+  EXPECT_NE(text.find("KeyRecord_v1::setTag: Encountered TAG of size: 4097"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("Throwing Exception: Status=1214"), std::string::npos) << text;
+  EXPECT_NE(text.find("Encounted an UNKNOWN KeyState: 7"), std::string::npos) << text;
+  EXPECT_NE(text.find("KeyRecord_v1::setName: Encountered Name of size 5000. Truncating to 4096"),
+            std::string::npos)
+      << text;
+}
