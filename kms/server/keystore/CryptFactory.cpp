@@ -1,0 +1,39 @@
+#include "kms/server/keystore/CryptFactory.h"
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/EVPCrypter.h"
+#include "kms/server/keystore/GCMCrypter.h"
+#include "kms/server/keystore/MangleCrypter.h"
+#include "kms/server/keystore/NullCrypter.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+KSCrypt* CryptFactory::createCrypter(KSCrypt::CryptType type, const std::string& key,
+                                     const std::string& iv) {
+  static const char* const kLabel = "CryptFactory::createCrypter";
+  KMS_TRACE(kLabel);
+  switch (type) {
+    case KSCrypt::CRYPT_NONE:
+      return new NullCrypter();
+    case KSCrypt::AES_256_CBC:
+      return new MangleCrypter(MANGLE_AES_256, key);
+    case KSCrypt::AES_192_CBC:
+      return new MangleCrypter(MANGLE_AES_192, key);
+    case KSCrypt::AES_128_CBC:
+      return new MangleCrypter(MANGLE_AES_128, key);
+    case KSCrypt::AES_256_CBC_EVP:
+      return new EVPCrypter(EVPCrypter::EVP_AES_256_CBC, key, iv);
+    case KSCrypt::AES_256_GCM:
+      return new GCMCrypter(key);
+    default:
+      KMS_DEBUG(kLabel, 1, "Unknown crypt type " << static_cast<int>(type));
+      KS_THROW(1223, kLabel);
+  }
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,93 @@
+// AES-256-GCM crypter (crypt type AES_256_GCM). The stream is self-contained:
+//
+//   IV (12, fresh from mangleGetRandom at every encryptReset)
+//   || ciphertext (as long as the plaintext) || tag (16)
+//
+// so an empty plaintext gives 28 bytes. AAD, if any, is authenticated but not
+// carried in the stream. The decrypt side splits its input into IV,
+// ciphertext and a held-back candidate tag as it arrives (any split of the
+// stream across calls is fine) and releases plaintext only at the final call,
+// after the tag has been checked. So it holds the whole ciphertext in memory,
+// and a failed check (1270) leaves no plaintext reachable: the get then
+// returns 1223.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <memory>
+#include <string>
+
+#include "kms/server/keystore/KSCrypt.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+class GCMCrypter : public KSCrypt {
+ public:
+  static constexpr int GCM_IV_LEN = 12;
+  static constexpr int GCM_TAG_LEN = 16;
+
+  // Throws KeyStoreError 1223 for a key that is not 32 bytes or a failed
+  // initial reset (which draws the first IV).
+  explicit GCMCrypter(const std::string& key);
+  ~GCMCrypter() override;
+
+  // Allowed right after encryptReset, before the first encrypt; otherwise
+  // 1224 and the side stays unusable until encryptReset.
+  int add_authenticated_data_encrypt(const unsigned char* data, unsigned long len) override;
+  // The first output carries the 12 IV bytes; the final call adds the tag.
+  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  // Allowed right after decryptReset, before the first decrypt.
+  int add_authenticated_data_decrypt(const unsigned char* data, unsigned long len) override;
+  // Non-final calls produce no plaintext. At the final call: 1224 if the
+  // stream was too short to hold an IV and a tag, 1270 if the tag does not
+  // match (wrong key, changed byte, different AAD).
+  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  int reset() override;
+  int encryptReset() override;
+  int decryptReset() override;
+
+ private:
+  // States of the two sides.
+  enum State : int {
+    NOT_READY = 0,
+    RESET_DONE = 1,   // AAD allowed
+    READING_IV = 2,   // decrypt
+    ENCRYPTING = 3,   // encrypt
+    IV_COMPLETE = 4,  // decrypt: collecting ciphertext
+    FINAL_DONE = 5,
+  };
+
+  struct CtxFree {
+    void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
+  };
+  using CtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CtxFree>;
+
+  // Splits the rest of the input between the pending ciphertext and the
+  // candidate tag, keeping the last 16 bytes seen in the tag.
+  void collect(const unsigned char* data, unsigned long len);
+  int finishDecrypt();
+
+  const EVP_CIPHER* m_cipher = nullptr;
+  SecureBytes m_key;
+  std::string m_iv;  // decrypt side: IV bytes collected so far
+  CtxPtr m_encCtx;
+  CtxPtr m_decCtx;
+  int m_encStatus = 1223;
+  int m_decStatus = 1223;
+  Output m_encOutput;
+  Output m_decOutput;
+  std::string m_aad;  // held for decryption until the final call
+  std::string m_cached_tag;
+  std::string m_pending;  // ciphertext known not to be tag
+  SecureBytes m_work;     // block size + 2048 bytes
+  State m_encState = NOT_READY;
+  State m_decState = NOT_READY;
+};
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,120 @@
+// Helpers shared by the crypto tests: hex conversion, driving a crypter to
+// the end of a stream, and a scripted random source.
+#pragma once
+
+#include <openssl/rand.h>
+
+#include <string>
+#include <utility>
+
+#include "kms/platform/MangleRandom.h"
+#include "kms/server/diagnostics/KeyStoreError.h"
+#include "kms/server/keystore/KSCrypt.h"
+
+namespace cryptotest {
+
+inline std::string unhex(const std::string& hex) {
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return out;
+}
+
+inline std::string hex(const std::string& bytes) {
+  static const char* const kDigits = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : bytes) {
+    out.push_back(kDigits[c >> 4]);
+    out.push_back(kDigits[c & 15]);
+  }
+  return out;
+}
+
+inline const unsigned char* u8(const std::string& s) {
+  return reinterpret_cast<const unsigned char*>(s.data());
+}
+
+// The status of the KeyStoreError that `f` throws, or 0 if it throws none.
+template <typename F>
+int ksStatus(F&& f) {
+  try {
+    f();
+  } catch (const Vaultrest::DL::KMS::KeyStoreError& e) {
+    return e.status();
+  }
+  return 0;
+}
+
+struct Result {
+  int status = -1;
+  std::string bytes;
+};
+
+// Encrypts `plain` in one final call and fetches the output.
+inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& plain) {
+  Result r;
+  r.status = c.encrypt(u8(plain), plain.size(), true);
+  if (r.status == 0) {
+    const unsigned char* p = nullptr;
+    unsigned long n = 0;
+    r.status = c.getEncryptedData(&p, &n);
+    r.bytes.assign(reinterpret_cast<const char*>(p), n);
+  }
+  return r;
+}
+
+// Decrypts `stream` in one final call; the status is the first non-zero one.
+inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& stream) {
+  Result r;
+  r.status = c.decrypt(u8(stream), stream.size(), true);
+  if (r.status == 0) {
+    const unsigned char* p = nullptr;
+    unsigned long n = 0;
+    r.status = c.getDecryptedData(&p, &n);
+    r.bytes.assign(reinterpret_cast<const char*>(p), n);
+  }
+  return r;
+}
+
+// A scripted random source for the whole process while alive: the first
+// `failures` requests fail, then requests are served from `fixed` (repeated
+// as needed) or, if it is empty, by OpenSSL's generator.
+class ScriptedRandom {
+ public:
+  explicit ScriptedRandom(int failures, std::string fixed = std::string()) {
+    s_failures = failures;
+    s_fixed = std::move(fixed);
+    s_calls = 0;
+    m_previous = mangleSetRandomSource(&ScriptedRandom::draw);
+  }
+  ~ScriptedRandom() { mangleSetRandomSource(m_previous); }
+  ScriptedRandom(const ScriptedRandom&) = delete;
+  ScriptedRandom& operator=(const ScriptedRandom&) = delete;
+
+  // Requests seen so far, failed ones included.
+  static int calls() { return s_calls; }
+
+ private:
+  static int draw(unsigned char* buf, size_t len) {
+    ++s_calls;
+    if (s_failures > 0) {
+      --s_failures;
+      return -1;
+    }
+    if (s_fixed.empty()) {
+      return RAND_bytes(buf, static_cast<int>(len)) == 1 ? 0 : -1;
+    }
+    for (size_t i = 0; i < len; ++i) {
+      buf[i] = static_cast<unsigned char>(s_fixed[i % s_fixed.size()]);
+    }
+    return 0;
+  }
+
+  static inline int s_failures = 0;
+  static inline int s_calls = 0;
+  static inline std::string s_fixed;
+  MangleRandomSource m_previous;
+};
+
+}  // namespace cryptotest
