@@ -1,0 +1,382 @@
+// ConfigMgr over real files and the master configuration, and over scripted
+// agents for the failure paths.
+#include "kms/server/keystore/ConfigMgr.h"
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kms/platform/InstallRoot.h"
+#include "kms/platform/VRLogger.h"
+#include "kms/server/diagnostics/KeyStoreError.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/ACEConfAgent.h"
+#include "kms/server/keystore/KMSConfig.h"
+#include "kms/server/keystore/VRConfAgent.h"
+#include "support/TempRoot.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+const config_row* table() {
+  return KMSConfig::s_config_table;
+}
+
+template <typename Body>
+int statusThrownBy(Body body) {
+  try {
+    body();
+  } catch (const KeyStoreError& error) {
+    return error.status();
+  }
+  return 0;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Points $VREST_ROOT at a fresh directory for the life of the object.
+class ScopedRoot {
+ public:
+  ScopedRoot() : m_old(InstallRoot::root()) { m_root.exportAsVrestRoot(); }
+  ~ScopedRoot() { setenv("VREST_ROOT", m_old.c_str(), 1); }
+  std::string file(const std::string& relative) const { return m_root.file(relative); }
+
+ private:
+  std::string m_old;
+  TempRoot m_root;
+};
+
+// An agent that serves from a map and fails where it is told to.
+class ScriptedAgent : public ConfigurationAgent {
+ public:
+  struct Script {
+    bool failGets = false;
+    bool failSets = false;
+    bool failReload = false;
+    bool failSave = false;
+    int reloads = 0;
+    int saves = 0;
+    std::map<std::string, int> integers;
+  };
+  explicit ScriptedAgent(Script* script) : m_script(script) {}
+
+  int getIntegerValue(const std::string& key) override {
+    auto it = m_script->integers.find(key);
+    if (m_script->failGets || it == m_script->integers.end()) {
+      KS_THROW(1257, "ScriptedAgent::getIntegerValue");
+    }
+    return it->second;
+  }
+  std::string getStringValue(const std::string&) override {
+    KS_THROW(1257, "ScriptedAgent::getStringValue");
+  }
+  void setIntegerValue(const std::string& key, int value) override {
+    if (m_script->failSets) {
+      KS_THROW(1257, "ScriptedAgent::setIntegerValue");
+    }
+    m_script->integers[key] = value;
+  }
+  void setStringValue(const std::string&, const std::string&) override {
+    KS_THROW(1257, "ScriptedAgent::setStringValue");
+  }
+  void reload() override {
+    ++m_script->reloads;
+    if (m_script->failReload) {
+      KS_THROW(1257, "ScriptedAgent::reload");
+    }
+  }
+  void save() override {
+    ++m_script->saves;
+    if (m_script->failSave) {
+      KS_THROW(1257, "ScriptedAgent::save");
+    }
+  }
+
+ private:
+  Script* m_script;
+};
+
+TEST(ConfigMgrTest, LooksUpRowsByExactNameAndChecksType) {
+  TempRoot dir;
+  ConfigMgr mgr(table(), dir.file("vrkms.conf"));
+
+  ASSERT_NE(mgr.getConfEntry("timeout"), nullptr);
+  EXPECT_EQ(mgr.getConfEntry("timeout")->intDefault, 10);
+  EXPECT_EQ(mgr.getConfEntry("Timeout"), nullptr);
+  EXPECT_EQ(mgr.getConfEntry("EOTEOTEOT"), nullptr);
+  EXPECT_EQ(mgr.getConfEntry(""), nullptr);
+
+  EXPECT_EQ(statusThrownBy([&] { mgr.getIntegerValue("emm_server"); }), 1259);
+  EXPECT_EQ(statusThrownBy([&] { mgr.getStringValue("timeout"); }), 1259);
+  EXPECT_EQ(statusThrownBy([&] { mgr.setStringValue("timeout", "5"); }), 1259);
+  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("home_page", 5); }), 1259);
+  EXPECT_EQ(statusThrownBy([&] { mgr.getIntegerValue("nothing"); }), 1258);
+  EXPECT_EQ(statusThrownBy([&] { mgr.getStringValue("nothing"); }), 1258);
+  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("nothing", 1); }), 1258);
+}
+
+TEST(ConfigMgrTest, MemoryRowsAreReadOnlyDefaults) {
+  TempRoot dir;
+  ConfigMgr mgr(table(), dir.file("vrkms.conf"));
+  EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
+  EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
+  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("memint", 21); }), 1257);
+  EXPECT_EQ(statusThrownBy([&] { mgr.setStringValue("memstr", "x"); }), 1257);
+  EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
+  EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
+}
+
+TEST(ConfigMgrTest, FileServesItsValuesAndDefaultsForTheRest) {
+  TempRoot dir;
+  const std::string conf = dir.file("vrkms.conf");
+  writeFile(conf,
+            "[KMSConfig]\n"
+            "\"timeout\"=dword:0000001e\n"
+            "\"hash_debug\"=\"not a number\"\n"
+            "[Other]\n"
+            "\"max_key_groups\"=dword:00000005\n");
+  ConfigMgr mgr(table(), conf);
+  EXPECT_EQ(mgr.getIntegerValue("timeout"), 30);
+  // A value of the wrong type, and one in another section, are not served.
+  EXPECT_EQ(mgr.getIntegerValue("hash_debug"), 0);
+  EXPECT_EQ(mgr.getIntegerValue("max_key_groups"), 100);
+  EXPECT_EQ(mgr.getIntegerValue("max_keys_per_group"), 30);
+  EXPECT_EQ(mgr.getStringValue("home_page"), "www.example.com");
+  EXPECT_EQ(mgr.getStringValue("key_encrypt_algo"), "AES_256_CBC_EVP");
+}
+
+TEST(ConfigMgrTest, SetReachesTheFileOnlyThroughSave) {
+  TempRoot dir;
+  const std::string conf = dir.file("vrkms.conf");
+  {
+    ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
+    mgr.setIntegerValue("timeout", 42);
+    mgr.setIntegerValue("file_rw_debug", -5);
+    mgr.setStringValue("home_page", "kms.example.org");
+    EXPECT_EQ(mgr.getIntegerValue("timeout"), 42);
+    EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 10);
+
+    // A reload drops what was set and not saved.
+    mgr.reload();
+    EXPECT_EQ(mgr.getIntegerValue("timeout"), 10);
+
+    mgr.setIntegerValue("timeout", 42);
+    mgr.setIntegerValue("file_rw_debug", -5);
+    mgr.setStringValue("home_page", "kms.example.org");
+    mgr.save();
+  }
+  const std::string text = readFile(conf);
+  EXPECT_NE(text.find("[KMSConfig]"), std::string::npos) << text;
+  EXPECT_NE(text.find("\"timeout\"=dword:0000002a"), std::string::npos) << text;
+
+  ConfigMgr again(table(), conf);
+  EXPECT_EQ(again.getIntegerValue("timeout"), 42);
+  EXPECT_EQ(again.getIntegerValue("file_rw_debug"), -5);
+  EXPECT_EQ(again.getStringValue("home_page"), "kms.example.org");
+  EXPECT_EQ(again.getIntegerValue("max_key_groups"), 100);
+}
+
+TEST(ConfigMgrTest, FileAgentFailuresServeDefaults) {
+  // A file in a directory that does not exist: reading finds nothing, and
+  // saving fails.
+  TempRoot dir;
+  ConfigMgr real(table(), dir.file("missing/vrkms.conf"));
+  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 100);
+  real.setIntegerValue("max_key_groups", 7);
+  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 7);
+  EXPECT_EQ(statusThrownBy([&] { real.save(); }), 1257);
+
+  // An agent that fails every operation: gets fall back, sets pass the
+  // failure on.
+  ScriptedAgent::Script script;
+  script.failGets = true;
+  script.failSets = true;
+  script.integers["timeout"] = 99;
+  ConfigMgr scripted(table(), std::make_unique<ScriptedAgent>(&script), nullptr);
+  EXPECT_EQ(scripted.getIntegerValue("timeout"), 10);
+  EXPECT_EQ(scripted.getStringValue("home_page"), "www.example.com");
+  EXPECT_EQ(statusThrownBy([&] { scripted.setIntegerValue("timeout", 1); }), 1257);
+  script.failGets = false;
+  EXPECT_EQ(scripted.getIntegerValue("timeout"), 99);
+
+  // No agents at all: defaults everywhere, every set refused.
+  ConfigMgr empty(table(), nullptr, nullptr);
+  EXPECT_EQ(empty.getIntegerValue("use_cxss"), 2);
+  EXPECT_EQ(empty.getStringValue("emm_server"), "localhost");
+  EXPECT_EQ(empty.getIntegerValue("max_keys_per_group"), 30);
+  EXPECT_EQ(statusThrownBy([&] { empty.setIntegerValue("timeout", 1); }), 1257);
+  EXPECT_EQ(statusThrownBy([&] { empty.setStringValue("emm_server", "x"); }), 1257);
+  EXPECT_EQ(statusThrownBy([&] { empty.reload(); }), 0);
+  EXPECT_EQ(statusThrownBy([&] { empty.save(); }), 0);
+}
+
+TEST(ConfigMgrTest, ReloadAndSaveTryEveryAgentBeforeFailing) {
+  ScriptedAgent::Script file;
+  ScriptedAgent::Script central;
+  ConfigMgr mgr(table(), std::make_unique<ScriptedAgent>(&file),
+                std::make_unique<ScriptedAgent>(&central));
+
+  mgr.reload();
+  mgr.save();
+  EXPECT_EQ(file.reloads, 1);
+  EXPECT_EQ(central.saves, 1);
+
+  file.failReload = true;
+  EXPECT_EQ(statusThrownBy([&] { mgr.reload(); }), 1257);
+  EXPECT_EQ(file.reloads, 2);
+  EXPECT_EQ(central.reloads, 2);
+
+  file.failSave = false;
+  central.failSave = true;
+  EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
+  EXPECT_EQ(file.saves, 2);
+  EXPECT_EQ(central.saves, 2);
+
+  file.failSave = true;
+  EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
+  EXPECT_EQ(file.saves, 3);
+  EXPECT_EQ(central.saves, 3);
+}
+
+TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {
+  ScopedRoot root;
+  {
+    // No master configuration: the central agent cannot be made.
+    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
+    EXPECT_EQ(mgr.getIntegerValue("use_cxss"), 2);
+    EXPECT_EQ(mgr.getStringValue("emm_server"), "localhost");
+    EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("verbose", 1); }), 1257);
+  }
+
+  const std::string vrconf = root.file("etc/vr.conf");
+  writeFile(vrconf, "# master\nSERVER = host1\nUSE_CXSS = 1\nEMM_SERVER = emm.example.net\n");
+  {
+    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
+    EXPECT_EQ(mgr.getIntegerValue("use_cxss"), 1);
+    EXPECT_EQ(mgr.getIntegerValue("verbose"), 0);
+    EXPECT_EQ(mgr.getStringValue("emm_server"), "emm.example.net");
+
+    mgr.setIntegerValue("verbose", 3);
+    mgr.setStringValue("emm_server", "emm2.example.net");
+    // The file agent fails to save (no "kms" directory), the central one
+    // saves all the same.
+    EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
+  }
+  const std::string text = readFile(vrconf);
+  EXPECT_NE(text.find("SERVER = host1"), std::string::npos) << text;
+  ConfigMgr again(table(), root.file("kms/vrkms.conf"));
+  EXPECT_EQ(again.getIntegerValue("verbose"), 3);
+  EXPECT_EQ(again.getStringValue("emm_server"), "emm2.example.net");
+
+  // The master configuration disappears: the reload fails and the copy read
+  // before stays in use.
+  std::filesystem::remove(vrconf);
+  EXPECT_EQ(statusThrownBy([&] { again.reload(); }), 1257);
+  EXPECT_EQ(again.getIntegerValue("verbose"), 3);
+}
+
+TEST(ConfigMgrTest, BackEndFailuresAreLogged) {
+  ScopedRoot root;
+  const std::string log = root.file("debug.log");
+  VRLogger logger(286, log, root.file("app.log"), 2);
+  VRLogger* saved = VRLogger::s_default;
+  VRLogger::s_default = &logger;
+  {
+    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
+    EXPECT_EQ(mgr.getIntegerValue("timeout"), 10);
+    mgr.setIntegerValue("timeout", 12);
+    EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
+    EXPECT_EQ(statusThrownBy([] { VRConfAgent agent; }), 1257);
+  }
+  VRLogger::s_default = saved;
+
+  const std::string text = readFile(log);
+  for (const char* expected : {
+           "FAILED to read from config file. Ignoring error",
+           "vrconf_get_info FAILED with 2",
+           "Throwing Exception: Status=1257",
+           "FAILED to create VRConfAgent. Will serve default values.",
+           "Serving default value 10 for key: timeout",
+           "FAILED to save configuration to file: ",
+       }) {
+    EXPECT_NE(text.find(expected), std::string::npos) << expected;
+  }
+  EXPECT_EQ(text.find("FAILED to create ACEConfAgent"), std::string::npos);
+}
+
+TEST(ConfigMgrTest, ConcurrentReadersWhileOneThreadSetsAndSaves) {
+  TempRoot dir;
+  const std::string conf = dir.file("vrkms.conf");
+  ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
+  constexpr int kReaders = 4;
+  constexpr int kRounds = 100;
+  std::atomic<bool> done{false};
+  std::atomic<int> reads{0};
+  std::atomic<int> badReads{0};
+
+  std::vector<std::thread> readers;
+  for (int t = 0; t < kReaders; ++t) {
+    readers.emplace_back([&] {
+      while (!done.load()) {
+        const int timeout = mgr.getIntegerValue("timeout");
+        const std::string page = mgr.getStringValue("home_page");
+        if (timeout != 10 && (timeout < 0 || timeout >= kRounds)) {
+          ++badReads;
+        }
+        if (page != "www.example.com" && page.compare(0, 5, "host-") != 0) {
+          ++badReads;
+        }
+        if (mgr.getIntegerValue("max_keys_per_group") != 30) {
+          ++badReads;
+        }
+        ++reads;
+        // The lock favours readers: readers that never pause would starve
+        // the writer.
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+      }
+    });
+  }
+  for (int round = 0; round < kRounds; ++round) {
+    mgr.setIntegerValue("timeout", round);
+    mgr.setStringValue("home_page", "host-" + std::to_string(round));
+    mgr.save();
+    if (round % 20 == 0) {
+      mgr.reload();
+    }
+  }
+  done = true;
+  for (auto& reader : readers) {
+    reader.join();
+  }
+  EXPECT_GT(reads.load(), 0);
+  EXPECT_EQ(badReads.load(), 0);
+  ConfigMgr again(table(), conf);
+  EXPECT_EQ(again.getIntegerValue("timeout"), kRounds - 1);
+  EXPECT_EQ(again.getStringValue("home_page"), "host-" + std::to_string(kRounds - 1));
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
