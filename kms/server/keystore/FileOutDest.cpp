@@ -1,0 +1,20 @@
+#include "kms/server/keystore/FileOutDest.h"
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/FileUtils.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+void FileOutDest::write(const void* data, unsigned long len) {
+  KMS_TRACE_THIS("FileOutDest::write");
+  if (Utils::fwriteall(m_file, data, len) == -1) {
+    KS_THROW(1210, "FileOutDest::write");
+  }
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

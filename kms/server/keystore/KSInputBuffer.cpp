@@ -1,0 +1,29 @@
+#include "kms/server/keystore/KSInputBuffer.h"
+
+#include <utility>
+
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/SecureBytes.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+KSInputBuffer::KSInputBuffer(std::string bytes)
+    : m_bytes(std::move(bytes)),
+      m_remaining(m_bytes.size()),
+      m_cursor(reinterpret_cast<const unsigned char*>(m_bytes.data())) {}
+
+KSInputBuffer::~KSInputBuffer() {
+  wipeString(m_bytes);
+}
+
+void KSInputBuffer::advance(unsigned long n) {
+  KS_ASSERT("KSInputBuffer::advance", n <= m_remaining);
+  m_cursor += n;
+  m_remaining -= n;
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

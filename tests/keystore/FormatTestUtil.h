@@ -1,0 +1,95 @@
+// Helpers shared by the store file format tests: a hand encoder for fields
+// and lists that does not use the code under test, independent digests, and
+// shorthands for writing to and reading from memory.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kms/server/keystore/KSInputBuffer.h"
+#include "kms/server/keystore/KSOutStream.h"
+#include "kms/server/keystore/KeyGen.h"
+#include "kms/server/keystore/StringOutDest.h"
+
+namespace formattest {
+
+// `value` as `len` big-endian bytes.
+inline std::string be(uint64_t value, size_t len) {
+  std::string out(len, '\0');
+  for (size_t i = len; i > 0; --i) {
+    out[i - 1] = static_cast<char>(value & 0xff);
+    value >>= 8;
+  }
+  return out;
+}
+
+// A field: 2-byte length and content.
+inline std::string field(const std::string& content) {
+  return be(content.size(), 2) + content;
+}
+
+inline std::string digest(const EVP_MD* md, const std::string& bytes) {
+  unsigned char out[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EVP_Digest(bytes.data(), bytes.size(), out, &len, md, nullptr);
+  return std::string(reinterpret_cast<const char*>(out), len);
+}
+
+// An attribute list as the writer lays it out, in the order given (which
+// need not be sorted, and may repeat names), with marker "BB" and SHA-256 or
+// "BA" and SHA-1.
+inline std::string handList(const std::vector<std::pair<std::string, std::string>>& attrs,
+                            bool old = false) {
+  std::string out = field(old ? "BA" : "BB") + field(be(attrs.size(), 4));
+  std::string covered = "Z";
+  for (const auto& attr : attrs) {
+    out += field(attr.first) + field(attr.second);
+    covered += attr.first + attr.second;
+  }
+  return out + field(digest(old ? EVP_sha1() : EVP_sha256(), covered));
+}
+
+// Contents of a record's digested fields, laid out with a marker and a
+// digest, followed by `attrs` (already encoded).
+inline std::string handRecord(const std::vector<std::string>& contents, const std::string& attrs,
+                              bool old = false) {
+  std::string out = field(old ? "BR" : "BS");
+  std::string covered = "Z";
+  for (const std::string& content : contents) {
+    out += field(content);
+    covered += content;
+  }
+  return out + field(digest(old ? EVP_sha1() : EVP_sha256(), covered)) + attrs;
+}
+
+// What `write(stream)` puts through a non-encrypting stream, flushed.
+template <typename Write>
+std::string written(Write&& write) {
+  std::string bytes;
+  Vaultrest::DL::KMS::StringOutDest dest(bytes);
+  Vaultrest::DL::KMS::KSOutStream out(dest, nullptr, Vaultrest::DL::KMS::KSOutStream::kBufferSize);
+  write(out);
+  out.flush(true);
+  return bytes;
+}
+
+// Makes KeyGen choose the fast salt scheme 3 while alive, so that tests of
+// passphrase-sealed blocks do not spend 500000 iterations on each read.
+class WeakKdf {
+ public:
+  WeakKdf() : m_saved(Vaultrest::DL::KMS::KeyGen::s_use_weak_kdf) {
+    Vaultrest::DL::KMS::KeyGen::s_use_weak_kdf = true;
+  }
+  ~WeakKdf() { Vaultrest::DL::KMS::KeyGen::s_use_weak_kdf = m_saved; }
+  WeakKdf(const WeakKdf&) = delete;
+  WeakKdf& operator=(const WeakKdf&) = delete;
+
+ private:
+  bool m_saved;
+};
+
+}  // namespace formattest

@@ -1,0 +1,264 @@
+// The metadata blocks: which attributes each version has, how a read list is
+// validated, and which accessors belong to which version.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "CryptoTestUtil.h"
+#include "FormatTestUtil.h"
+#include "kms/server/keystore/CryptFactory.h"
+#include "kms/server/keystore/KSEximMetadata.h"
+#include "kms/server/keystore/KSMetadata.h"
+#include "kms/server/keystore/KeyFile.h"
+#include "kms/server/keystore/ReaderWriter.h"
+#include "kms/server/keystore/SecuredDataHeader.h"
+
+using namespace Vaultrest::DL::KMS;
+using cryptotest::ksStatus;
+using cryptotest::unhex;
+
+namespace {
+
+const std::string kV100 = unhex("00000100");
+const std::string kV200 = unhex("00000200");
+const std::string kV300 = unhex("00000300");
+
+// A complete, valid list of `version` as a store of that version has it.
+AttributeList metadataList(ks_version_t version) {
+  KSMetadata meta(version);
+  meta.setHmkID("hmk-id");
+  meta.setKpkID("kpk-id");
+  if (version == KS_VERSION_300) {
+    meta.setHmkVerifier(std::string(92, 'h'));
+    meta.setKpkVerifier(std::string(92, 'k'));
+  } else {
+    meta.setHmkHash(std::string(20, 'h'));
+    meta.setKpkHash(std::string(20, 'k'));
+  }
+  meta.setMasterEncAlgo(version == KS_VERSION_300 ? KSCrypt::AES_256_GCM : KSCrypt::AES_256_CBC);
+  meta.setKeyEncAlgo(KSCrypt::AES_256_GCM);
+  meta.setHmkRandom(true);
+  meta.setKpkFips(true);
+  if (version >= KS_VERSION_200) {
+    meta.setHmkSalt(std::string(24, 's'));
+  }
+  if (version == KS_VERSION_200) {
+    meta.setMasterIV(std::string(16, 'i'));
+  }
+  return meta.attributes();
+}
+
+AttributeList with(AttributeList list, const std::string& name, const std::string& value) {
+  if (!list.updateAttribute(name, value)) {
+    list.addAttribute(name, value);
+  }
+  return list;
+}
+
+AttributeList without(AttributeList list, const std::string& name) {
+  list.removeAttribute(name);
+  return list;
+}
+
+int metadataStatus(const AttributeList& list) {
+  return ksStatus([&] { KSMetadata meta(list); });
+}
+
+}  // namespace
+
+TEST(KSMetadata, EachVersionHasItsAttributesAndRoundTripsThroughBytes) {
+  const struct {
+    ks_version_t version;
+    size_t count;
+  } kVersions[] = {{KS_VERSION_100, 11}, {KS_VERSION_200, 14}, {KS_VERSION_300, 13}};
+  for (const auto& v : kVersions) {
+    SCOPED_TRACE(testing::Message() << std::hex << v.version);
+    const AttributeList list = metadataList(v.version);
+    EXPECT_EQ(list.size(), v.count);
+    EXPECT_EQ(list.getAttribute("VERSION"), formattest::be(v.version, 4));
+    EXPECT_EQ(list.getAttribute("HMKRAND"), "true");
+    EXPECT_EQ(list.getAttribute("KPKRAND"), "false");
+    EXPECT_EQ(list.getAttribute("KENCALG"), "AES_256_GCM");
+    EXPECT_EQ(list.find("HMKHASH") != list.end(), v.version != KS_VERSION_300);
+    EXPECT_EQ(list.find("HMKVERIF") != list.end(), v.version == KS_VERSION_300);
+    EXPECT_EQ(list.find("MASTERIV") != list.end(), v.version == KS_VERSION_200);
+    EXPECT_EQ(list.find("KPKSALT") != list.end(), v.version != KS_VERSION_100);
+
+    const std::string bytes =
+        formattest::written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, list); });
+    KSInputBuffer in(bytes);
+    AttributeList read;
+    ReaderWriter::readAttributeList(in, read);
+    const KSMetadata meta(read);
+    EXPECT_EQ(meta.version(), v.version);
+    EXPECT_EQ(meta.hmkID(), "hmk-id");
+    EXPECT_TRUE(meta.hmkRandom());
+    EXPECT_FALSE(meta.kpkRandom());
+    EXPECT_FALSE(meta.hmkFips());
+    EXPECT_TRUE(meta.kpkFips());
+    EXPECT_EQ(meta.keyEncAlgo(), KSCrypt::AES_256_GCM);
+    EXPECT_EQ(meta.attributes(), list);
+    if (v.version == KS_VERSION_300) {
+      EXPECT_EQ(meta.hmkVerifier(), std::string(92, 'h'));
+      EXPECT_EQ(meta.masterIV(), "");
+    } else {
+      EXPECT_EQ(meta.kpkHash(), std::string(20, 'k'));
+    }
+    // Every attribute is required (but the FIPS flags of 0x100).
+    for (const auto& attr : list) {
+      const bool optional = v.version == KS_VERSION_100 && attr.first.find("FIPS") == 3;
+      if (!optional) {
+        EXPECT_EQ(metadataStatus(without(list, attr.first)), 1208) << attr.first;
+      }
+    }
+  }
+}
+
+TEST(KSMetadata, CountsDefaultsAndBooleans) {
+  // An attribute of another version makes the count wrong.
+  EXPECT_EQ(metadataStatus(with(metadataList(KS_VERSION_300), "HMKHASH", "x")), 1208);
+  EXPECT_EQ(metadataStatus(with(metadataList(KS_VERSION_200), "EXTRA", "")), 1208);
+
+  // 0x100 may lack the FIPS flags, which then read as false and join the list.
+  const AttributeList bare = without(without(metadataList(KS_VERSION_100), "HMKFIPS"), "KPKFIPS");
+  ASSERT_EQ(bare.size(), 9u);
+  const KSMetadata old(bare);
+  EXPECT_FALSE(old.hmkFips());
+  EXPECT_FALSE(old.kpkFips());
+  EXPECT_EQ(old.attributes().size(), 11u);
+  EXPECT_EQ(old.attributes().getAttribute("KPKFIPS"), "false");
+  const KSMetadata given(with(metadataList(KS_VERSION_100), "HMKFIPS", "true"));
+  EXPECT_TRUE(given.hmkFips());
+  EXPECT_TRUE(given.kpkFips());
+  // Other versions may not.
+  EXPECT_EQ(metadataStatus(without(metadataList(KS_VERSION_200), "HMKFIPS")), 1208);
+  EXPECT_EQ(metadataStatus(without(metadataList(KS_VERSION_300), "KPKFIPS")), 1208);
+
+  EXPECT_EQ(metadataStatus(with(metadataList(KS_VERSION_300), "HMKRAND", "TRUE")), 1208);
+  EXPECT_EQ(metadataStatus(with(metadataList(KS_VERSION_300), "KPKFIPS", "")), 1208);
+  EXPECT_EQ(ksStatus([] { KSMetadata::stringToBool("1"); }), 1208);
+  EXPECT_EQ(KSMetadata::boolToString(true), "true");
+}
+
+TEST(KSMetadata, VersionBytesAreFoldedAndChecked) {
+  const AttributeList list = metadataList(KS_VERSION_100);
+  EXPECT_EQ(metadataStatus(with(list, "VERSION", std::string(1, '\x01'))), 1218);
+  EXPECT_EQ(KSMetadata(with(list, "VERSION", unhex("0100"))).version(), KS_VERSION_100);
+  EXPECT_EQ(metadataStatus(with(list, "VERSION", unhex("0000000100"))), 0);
+  EXPECT_EQ(metadataStatus(with(list, "VERSION", unhex("0100000100"))), 1218);
+  EXPECT_EQ(metadataStatus(with(list, "VERSION", "")), 1218);
+  EXPECT_EQ(metadataStatus(without(list, "VERSION")), 1208);
+  EXPECT_EQ(metadataStatus(with(metadataList(KS_VERSION_300), "VERSION", unhex("00000400"))), 1218);
+  for (ks_version_t bad : {0u, 0x101u, 0x400u}) {
+    EXPECT_EQ(ksStatus([&] { KSMetadata meta(bad); }), 1218);
+  }
+}
+
+TEST(KSMetadata, AccessorsBelongToTheirVersions) {
+  KSMetadata v1(KS_VERSION_100);
+  KSMetadata v2(KS_VERSION_200);
+  KSMetadata v3(KS_VERSION_300);
+  EXPECT_EQ(ksStatus([&] { v3.setMasterIV("iv"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v1.setMasterIV("iv"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v2.setMasterIV("iv"); }), 0);
+  EXPECT_EQ(ksStatus([&] { v3.hmkHash(); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v3.setKpkHash("h"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v2.hmkVerifier(); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v1.setKpkVerifier("v"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v1.setHmkSalt("s"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v1.setKpkSalt("s"); }), 1219);
+  EXPECT_EQ(ksStatus([&] { v1.kpkHash(); }), 0);
+  EXPECT_EQ(ksStatus([&] { v3.kpkVerifier(); }), 0);
+  EXPECT_EQ(ksStatus([&] { v3.setHmkSalt("s"); }), 0);
+  EXPECT_EQ(v1.hmkSalt(), "");
+}
+
+TEST(KSMetadata, NewBlockAndClear) {
+  const KSMetadata fresh(KS_VERSION_300);
+  const AttributeList& list = fresh.attributes();
+  EXPECT_EQ(list.size(), 13u);
+  EXPECT_EQ(list.getAttribute("VERSION"), kV300);
+  EXPECT_EQ(list.getAttribute("MENCALG"), "CRYPT_INVALID");
+  EXPECT_EQ(list.getAttribute("HMKFIPS"), "false");
+  EXPECT_EQ(list.getAttribute("HMKVERIF"), "");
+
+  KSMetadata meta(metadataList(KS_VERSION_200));
+  meta.clear();
+  EXPECT_EQ(meta.version(), KS_VERSION_200);
+  EXPECT_EQ(meta.masterEncAlgo(), KSCrypt::CRYPT_INVALID);
+  EXPECT_FALSE(meta.hmkRandom());
+  EXPECT_FALSE(meta.kpkFips());
+  EXPECT_EQ(meta.masterIV(), "");
+  EXPECT_EQ(meta.attributes().size(), 14u);
+  EXPECT_EQ(meta.attributes().getAttribute("HMKID"), "");
+  EXPECT_EQ(meta.attributes().getAttribute("HMKRAND"), "false");
+}
+
+TEST(KSMetadata, UnknownCipherNamePassesUntilACrypterIsMade) {
+  const KSMetadata meta(with(metadataList(KS_VERSION_300), "MENCALG", "AES_512_XYZ"));
+  EXPECT_EQ(meta.masterEncAlgo(), KSCrypt::CRYPT_INVALID);
+  // The list keeps what was read.
+  EXPECT_EQ(meta.attributes().getAttribute("MENCALG"), "AES_512_XYZ");
+  EXPECT_EQ(ksStatus([&] {
+              std::unique_ptr<KSCrypt> c(
+                  CryptFactory::createCrypter(meta.masterEncAlgo(), std::string(32, 'k'), ""));
+            }),
+            1223);
+}
+
+TEST(KeyFile, VersionKeyAndCount) {
+  KeyFile file(KS_VERSION_200);
+  file.setKey(std::string(4096, 'k'));
+  EXPECT_EQ(ksStatus([&] { file.setKey(std::string(4097, 'k')); }), 1214);
+  EXPECT_EQ(file.key(), std::string(4096, 'k'));
+  const AttributeList list = file.attributes();
+  EXPECT_EQ(list.size(), 2u);
+  EXPECT_EQ(list.getAttribute("VERSION"), kV200);
+  const KeyFile back(list);
+  EXPECT_EQ(back.version(), KS_VERSION_200);
+  EXPECT_EQ(back.key(), file.key());
+  file.clear();
+  EXPECT_EQ(file.attributes().getAttribute("THEKEY"), "");
+
+  auto status = [](const AttributeList& l) { return ksStatus([&] { KeyFile f(l); }); };
+  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
+  EXPECT_EQ(status(without(list, "THEKEY")), 1208);
+  EXPECT_EQ(status(without(list, "VERSION")), 1208);
+  EXPECT_EQ(status(with(list, "VERSION", unhex("00000301"))), 1218);
+  EXPECT_EQ(status(with(list, "VERSION", kV100)), 0);
+  EXPECT_EQ(ksStatus([] { KeyFile f(0x400); }), 1218);
+}
+
+TEST(KSEximMetadata, OnlyVersion0x200) {
+  const KSEximMetadata meta(KS_VERSION_200);
+  const AttributeList list = meta.attributes();
+  EXPECT_EQ(list.size(), 1u);
+  EXPECT_EQ(list.getAttribute("VERSION"), kV200);
+  EXPECT_EQ(KSEximMetadata(list).version(), KS_VERSION_200);
+  EXPECT_EQ(ksStatus([] { KSEximMetadata m(KS_VERSION_300); }), 1218);
+  auto status = [](const AttributeList& l) { return ksStatus([&] { KSEximMetadata m(l); }); };
+  EXPECT_EQ(status(AttributeList()), 1208);
+  EXPECT_EQ(status(with(list, "VERSION", kV300)), 1218);
+  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
+}
+
+TEST(SecuredDataHeader, OnlyVersion0x200WithSaltAndIv) {
+  SecuredDataHeader header(KS_VERSION_200);
+  header.setSalt(std::string(24, 's'));
+  header.setIV(std::string(16, 'i'));
+  const AttributeList list = header.attributes();
+  EXPECT_EQ(list.size(), 3u);
+  const SecuredDataHeader back(list);
+  EXPECT_EQ(back.salt(), header.salt());
+  EXPECT_EQ(back.iv(), header.iv());
+  EXPECT_EQ(ksStatus([] { SecuredDataHeader h(KS_VERSION_100); }), 1218);
+  auto status = [](const AttributeList& l) { return ksStatus([&] { SecuredDataHeader h(l); }); };
+  EXPECT_EQ(status(without(list, "VERSION")), 1208);
+  EXPECT_EQ(status(with(list, "VERSION", kV100)), 1218);
+  EXPECT_EQ(status(without(list, "SALT")), 1208);
+  EXPECT_EQ(status(without(list, "IV")), 1208);
+  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
+  header.clear();
+  EXPECT_EQ(header.attributes().getAttribute("SALT"), "");
+}

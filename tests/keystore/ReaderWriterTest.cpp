@@ -1,0 +1,490 @@
+// Record encoding: fields, attribute lists, records and tables, the marker
+// and digest rules, and the byte layouts of the key files.
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "CryptoTestUtil.h"
+#include "FormatTestUtil.h"
+#include "RecordTestHelpers.h"
+#include "kms/server/keystore/CryptFactory.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/FileOutDest.h"
+#include "kms/server/keystore/GCMCrypter.h"
+#include "kms/server/keystore/KeyFile.h"
+#include "kms/server/keystore/KeyRecordTable.h"
+#include "kms/server/keystore/KeyWrap.h"
+#include "kms/server/keystore/ReaderWriter.h"
+#include "kms/server/keystore/RecordTable.h"
+#include "support/TempRoot.h"
+
+using namespace Vaultrest::DL::KMS;
+using namespace formattest;
+using cryptotest::ksStatus;
+using cryptotest::unhex;
+
+namespace {
+
+typedef KeyRecordTable<KeyRecord_v1> KeyTable;
+typedef RecordTable<KeyGrpRecord_v1> GroupTable;
+
+AttributeList listOf(const std::vector<std::pair<std::string, std::string>>& attrs) {
+  AttributeList list;
+  for (const auto& attr : attrs) {
+    list.addAttribute(attr.first, attr.second);
+  }
+  return list;
+}
+
+KeyRecord_v1 fullKey(unsigned n, const std::string& group, ks_keystate_t state) {
+  KeyRecord_v1 rec = recordtest::keyRecord(recordtest::tagOf(n), group, state);
+  rec.setName(std::string("key\0name", 8) + std::to_string(n));
+  rec.setUpdateTime(0x0102030405060708ull + n);
+  rec.setCreateTime(0xfffffffffffffff0ull);
+  rec.setDescription(std::string(4096, 'd'));
+  rec.setRev(0x80000001u);
+  rec.setKpkTag(std::string(32, '\xee'));
+  rec.setKey(std::string(92, static_cast<char>(n)));
+  rec.attributes().addAttribute("colour", "blue");
+  rec.attributes().addAttribute(std::string("\0bin", 4), std::string(4096, '\x01'));
+  return rec;
+}
+
+KeyGrpRecord_v1 fullGroup(unsigned n) {
+  KeyGrpRecord_v1 rec;
+  rec.setFields(recordtest::tagOf(n, 'G'), "group " + std::to_string(n), CT_AES256_CBC, 1700000000,
+                1600000000, "", 7);
+  rec.attributes().addAttribute("owner", "ops");
+  return rec;
+}
+
+template <typename Record>
+Record readBack(const std::string& bytes, unsigned long* left = nullptr) {
+  KSInputBuffer in(bytes);
+  Record rec;
+  ReaderWriter::readRecord(in, rec);
+  if (left != nullptr) {
+    *left = in.remaining();
+  }
+  return rec;
+}
+
+template <typename Record>
+int readStatus(const std::string& bytes) {
+  return ksStatus([&] { readBack<Record>(bytes); });
+}
+
+int readListStatus(const std::string& bytes) {
+  return ksStatus([&] {
+    KSInputBuffer in(bytes);
+    AttributeList list;
+    ReaderWriter::readAttributeList(in, list);
+  });
+}
+
+// Fails the first call to encrypt with 1224, then passes through to GCM.
+class FlakyCrypter : public GCMCrypter {
+ public:
+  FlakyCrypter() : GCMCrypter(std::string(32, '\x01')) {}
+  int encrypt(const unsigned char* data, unsigned long len, bool final) override {
+    if (!m_failed) {
+      m_failed = true;
+      return 1224;
+    }
+    return GCMCrypter::encrypt(data, len, final);
+  }
+
+ private:
+  bool m_failed = false;
+};
+
+}  // namespace
+
+TEST(ReaderWriter, FieldsUpTo4096BytesAndTheReadChecks) {
+  const std::string max(4096, '\x7f');
+  const std::string bytes = written([&](KSOutStream& out) {
+    ReaderWriter::writeRecordField(out, "", 0);
+    ReaderWriter::writeRecordField(out, max.data(), max.size());
+  });
+  ASSERT_EQ(bytes.size(), 2u + 2u + 4096u);
+  EXPECT_EQ(bytes.substr(0, 4), std::string("\x00\x00\x10\x00", 4));
+
+  KSInputBuffer in(bytes);
+  char out[4096];
+  EXPECT_EQ(ReaderWriter::readRecordField(in, out, 0), 0u);
+  // Too long for the caller's buffer: refused, and the cursor stays.
+  EXPECT_EQ(ksStatus([&] { ReaderWriter::readRecordField(in, out, 4095); }), 1208);
+  EXPECT_EQ(in.remaining(), 4098u);
+  EXPECT_EQ(ReaderWriter::readRecordField(in, out, sizeof out), 4096u);
+  EXPECT_EQ(std::string(out, 4096), max);
+  EXPECT_EQ(in.remaining(), 0u);
+
+  // Fewer than two bytes for the length, and content past the end.
+  for (const std::string& bad : {std::string(), std::string(1, '\0'), std::string("\x00\x03xy", 4),
+                                 std::string("\xff\xff", 2)}) {
+    KSInputBuffer short_(bad);
+    EXPECT_EQ(ksStatus([&] { ReaderWriter::readRecordField(short_, out, sizeof out); }), 1208);
+    EXPECT_EQ(short_.remaining(), bad.size());
+  }
+}
+
+TEST(ReaderWriterDeathTest, FieldOf4097BytesAborts) {
+  const std::string tooLong(4097, 'x');
+  EXPECT_DEATH(
+      {
+        recordtest::logAppToStderr();
+        written([&](KSOutStream& out) {
+          ReaderWriter::writeRecordField(out, tooLong.data(), tooLong.size());
+        });
+      },
+      "_size <= 4096");
+}
+
+TEST(ReaderWriter, EmptyAttributeListIsMarkerCountAndTheDigestOfZ) {
+  const std::string expected = unhex(
+      "0002"
+      "4242"
+      "0004"
+      "00000000"
+      "0020"
+      "bbeebd879e1dff6918546dc0c179fdde505f2a21591c9a9c96e36b054ec5af83");
+  EXPECT_EQ(
+      written([](KSOutStream& out) { ReaderWriter::writeAttributeList(out, AttributeList()); }),
+      expected);
+  KSInputBuffer in(expected);
+  AttributeList list;
+  ReaderWriter::readAttributeList(in, list);
+  EXPECT_EQ(list.size(), 0u);
+  EXPECT_EQ(in.remaining(), 0u);
+}
+
+TEST(ReaderWriter, HmkFileLayoutByteForByte) {
+  TempRoot dir("vrkms-hmk");
+  const std::string path = dir.file("hmk");
+  KeyFile hmk(KS_VERSION_300);
+  hmk.setKey(unhex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"));
+  FILE* file = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  {
+    FileOutDest dest(file);
+    KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
+    ReaderWriter::writeAttributeList(out, hmk.attributes());
+    out.flush(true);
+  }
+  std::fclose(file);
+
+  const std::string expected = unhex(
+      "0002"
+      "4242"
+      "0004"
+      "00000002"
+      "0006"
+      "5448454b4559"  // THEKEY
+      "0020"
+      "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"
+      "0007"
+      "56455253494f4e"  // VERSION
+      "0004"
+      "00000300"
+      "0020"
+      "464b0ca27b1a27c127636354d2616271eb3c247f05d5b2796fdd97e01ff2007b");
+  std::string onDisk;
+  file = std::fopen(path.c_str(), "rb");
+  for (int c; (c = std::fgetc(file)) != EOF;) {
+    onDisk.push_back(static_cast<char>(c));
+  }
+  std::fclose(file);
+  EXPECT_EQ(cryptotest::hex(onDisk), cryptotest::hex(expected));
+
+  KSInputBuffer in(onDisk);
+  AttributeList list;
+  ReaderWriter::readAttributeList(in, list);
+  const KeyFile back(list);
+  EXPECT_EQ(back.version(), KS_VERSION_300);
+  EXPECT_EQ(back.key(), hmk.key());
+}
+
+TEST(ReaderWriter, KpkFileLayoutUnder0x300) {
+  const std::string hmk(32, '\x11');
+  const std::string kpk(32, '\x22');
+  KeyFile file(KS_VERSION_300);
+  file.setKey(Utils::encryptKeyWithKey(kpk, hmk, KSCrypt::AES_256_GCM, KS_VERSION_300));
+  const std::string bytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, file.attributes()); });
+
+  ASSERT_EQ(bytes.size(), 161u);
+  EXPECT_EQ(bytes.substr(0, 18), unhex("0002"
+                                       "4242"
+                                       "0004"
+                                       "00000002"
+                                       "0006"
+                                       "5448454b4559"));
+  EXPECT_EQ(bytes.substr(18, 2), unhex("005c"));  // 92 bytes of wrapped key
+  const std::string wrapped = bytes.substr(20, 92);
+  EXPECT_EQ(bytes.substr(112, 9), unhex("0007"
+                                        "56455253494f4e"));
+  EXPECT_EQ(bytes.substr(121, 6), unhex("0004"
+                                        "00000300"));
+  EXPECT_EQ(bytes.substr(127, 2), unhex("0020"));
+  const std::string covered = "ZTHEKEY" + wrapped + "VERSION" + unhex("00000300");
+  EXPECT_EQ(bytes.substr(129), digest(EVP_sha256(), covered));
+  EXPECT_EQ(Utils::decryptKeyWithKey(wrapped, hmk, KSCrypt::AES_256_GCM, KS_VERSION_300), kpk);
+}
+
+TEST(ReaderWriter, AttributeListsRoundTripWithBinaryNamesAndValues) {
+  const AttributeList list = listOf({{"b", ""},
+                                     {std::string("\0a", 2), std::string(4096, '\0')},
+                                     {std::string(4096, 'n'), "v"},
+                                     {"a", std::string("\xff\x00\x01", 3)}});
+  const std::string bytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, list); });
+  KSInputBuffer in(bytes + "next");
+  AttributeList back;
+  ReaderWriter::readAttributeList(in, back);
+  EXPECT_EQ(back, list);
+  EXPECT_EQ(in.remaining(), 4u);
+  // The writer lays the attributes out in the list's order, as the hand
+  // encoder does with the same order.
+  std::vector<std::pair<std::string, std::string>> sorted(list.begin(), list.end());
+  EXPECT_EQ(bytes, handList(sorted));
+}
+
+TEST(ReaderWriter, BothRecordKindsRoundTrip) {
+  const KeyRecord_v1 key = fullKey(3, recordtest::tagOf(9, 'G'), KEY_ACTIVE);
+  const std::string keyBytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, key); });
+  unsigned long left = 1;
+  EXPECT_EQ(readBack<KeyRecord_v1>(keyBytes, &left), key);
+  EXPECT_EQ(left, 0u);
+
+  // The same bytes as laid out by hand.
+  const KeyRecord_v1 plain = recordtest::keyRecord(recordtest::tagOf(1), "g", KEY_PRELIVE);
+  EXPECT_EQ(written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, plain); }),
+            handRecord({plain.tag(), "key", be(0, 8), be(0, 8), "", be(0, 4), "g", be(4, 2),
+                        be(1, 2), "", ""},
+                       handList({})));
+
+  const KeyGrpRecord_v1 group = fullGroup(4);
+  const std::string groupBytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, group); });
+  EXPECT_EQ(readBack<KeyGrpRecord_v1>(groupBytes), group);
+  EXPECT_EQ(groupBytes, handRecord({group.tag(), "group 4", be(1700000000, 8), be(1600000000, 8),
+                                    "", be(7, 4), be(CT_AES256_CBC, 2)},
+                                   handList({{"owner", "ops"}})));
+}
+
+TEST(ReaderWriter, EveryFlippedBitOfARecordIsRefused) {
+  KeyRecord_v1 key = recordtest::keyRecord(recordtest::tagOf(5), "grp", KEY_ACTIVE);
+  key.setKey("wrapped");
+  key.attributes().addAttribute("n", "v");
+  const std::string keyBytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, key); });
+  const std::string groupBytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, fullGroup(1)); });
+  for (size_t i = 0; i < keyBytes.size(); ++i) {
+    for (int bit = 0; bit < 8; ++bit) {
+      std::string bad = keyBytes;
+      bad[i] = static_cast<char>(bad[i] ^ (1 << bit));
+      ASSERT_EQ(readStatus<KeyRecord_v1>(bad), 1208) << "byte " << i << " bit " << bit;
+    }
+  }
+  for (size_t i = 0; i < groupBytes.size(); ++i) {
+    std::string bad = groupBytes;
+    bad[i] = static_cast<char>(bad[i] ^ 0x40);
+    ASSERT_EQ(readStatus<KeyGrpRecord_v1>(bad), 1208) << "byte " << i;
+  }
+}
+
+TEST(ReaderWriter, OldMarkersReadWithSha1AndAreWrittenBackNew) {
+  const std::string tag = recordtest::tagOf(2);
+  const std::vector<std::string> contents = {
+      tag, "old", be(10, 8), be(9, 8), "descr", be(3, 4), "grp", be(2, 2), be(1, 2), "kpk", "key"};
+  const std::string old = handRecord(contents, handList({{"x", "y"}}, true), true);
+  const KeyRecord_v1 rec = readBack<KeyRecord_v1>(old);
+  EXPECT_EQ(rec.tag(), tag);
+  EXPECT_EQ(rec.name(), "old");
+  EXPECT_EQ(rec.updateTime(), 10u);
+  EXPECT_EQ(rec.state(), KEY_INACTIVE);
+  EXPECT_EQ(rec.key(), "key");
+  EXPECT_EQ(rec.attributes().getAttribute("x"), "y");
+  EXPECT_EQ(written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, rec); }),
+            handRecord(contents, handList({{"x", "y"}})));
+
+  // Each marker picks its own digest: a new record may carry an old list.
+  EXPECT_EQ(readBack<KeyRecord_v1>(handRecord(contents, handList({}, true))).name(), "old");
+  // A digest of the other kind is refused.
+  const std::string sha1Digest = field(digest(EVP_sha1(), "Z"));
+  EXPECT_EQ(readListStatus(field("BB") + field(be(0, 4)) + sha1Digest), 1208);
+  EXPECT_EQ(readListStatus(field("BA") + field(be(0, 4)) + sha1Digest), 0);
+  const unsigned char bt[2] = {'B', 'T'};
+  EXPECT_EQ(ksStatus([&] { ReaderWriter::verifyRecordMarkerAndGetHashAlgo(bt); }), 1208);
+  EXPECT_EQ(ksStatus([&] { ReaderWriter::verifyAttrMarkerAndGetHashAlgo(bt); }), 1208);
+}
+
+TEST(ReaderWriter, AttributeListCountsDuplicatesAndMarkers) {
+  // A count above 100000 is refused before any name is read.
+  const std::string tooMany = field("BB") + field(be(100001, 4)) + handList({{"a", "b"}});
+  KSInputBuffer in(tooMany);
+  AttributeList list;
+  EXPECT_EQ(ksStatus([&] { ReaderWriter::readAttributeList(in, list); }), 1208);
+  EXPECT_EQ(in.remaining(), tooMany.size() - 10);
+  EXPECT_EQ(list.size(), 0u);
+  // 100000 is allowed, and fails at the first field that overruns.
+  EXPECT_EQ(readListStatus(field("BB") + field(be(100000, 4)) + field("a") + field("b") +
+                           std::string("\x00\x05xy", 4)),
+            1208);
+  // A duplicate name with a right digest.
+  EXPECT_EQ(readListStatus(handList({{"a", "1"}, {"a", "2"}})), 1208);
+  // Marker and count fields of the wrong length.
+  EXPECT_EQ(readListStatus(field("BBB") + field(be(0, 4)) + field(digest(EVP_sha256(), "Z"))),
+            1208);
+  EXPECT_EQ(readListStatus(field("BB") + field(be(0, 3)) + field(digest(EVP_sha256(), "Z"))), 1208);
+  // Unsorted names are fine: the digest follows the order on disk.
+  EXPECT_EQ(readListStatus(handList({{"b", "1"}, {"a", "2"}})), 0);
+}
+
+TEST(ReaderWriter, RecordFieldsOfTheWrongLengthOrValue) {
+  const std::string tag = recordtest::tagOf(2);
+  auto keyWith = [&](size_t index, const std::string& content) {
+    std::vector<std::string> contents = {tag,   "n",      be(1, 8), be(1, 8), "", be(1, 4),
+                                         "grp", be(1, 2), be(1, 2), "",       ""};
+    contents[index] = content;
+    return handRecord(contents, handList({}));
+  };
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(0, tag)), 0);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(2, be(1, 7))), 1208);  // time of 7 bytes
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(3, be(1, 9))), 1208);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(5, be(1, 2))), 1208);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(7, be(1, 4))), 1208);
+  // Values the setters refuse (1214) are malformed input.
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(7, be(6, 2))), 1208);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(8, be(0xffff, 2))), 1208);
+  const std::vector<std::string> group = {tag, "g", be(1, 8), be(1, 8), "", be(1, 4), be(5, 2)};
+  EXPECT_EQ(readStatus<KeyGrpRecord_v1>(handRecord(group, handList({}))), 1208);
+  // A group record where a key record belongs runs out of fields.
+  EXPECT_EQ(readStatus<KeyRecord_v1>(
+                written([](KSOutStream& out) { ReaderWriter::writeRecord(out, fullGroup(1)); })),
+            1208);
+}
+
+TEST(ReaderWriter, TablesRoundTripThroughARealCrypterWithTheirDigests) {
+  KeyTable keys(true);
+  GroupTable groups;
+  for (unsigned g = 0; g < 3; ++g) {
+    groups.addRecord(fullGroup(g));
+    for (unsigned k = 0; k < 4; ++k) {
+      ASSERT_TRUE(keys.addRecord(
+          fullKey(g * 10 + k, recordtest::tagOf(g, 'G'), k == 0 ? KEY_ACTIVE : KEY_INACTIVE)));
+    }
+  }
+  const std::string hmk(32, '\x42');
+  for (KSCrypt::CryptType type : {KSCrypt::AES_256_GCM, KSCrypt::AES_256_CBC_EVP}) {
+    SCOPED_TRACE(KSCrypt::cryptTypeToString(type));
+    const std::string iv(16, '\x07');
+    std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, hmk, iv));
+    ASSERT_EQ(crypter->encryptReset(), 0);
+    std::string body;
+    {
+      StringOutDest dest(body);
+      // A small buffer, so that the crypter is fed in many pieces.
+      KSOutStream out(dest, crypter.get(), 1000);
+      ReaderWriter::writeRecordTable(out, keys);
+      ReaderWriter::writeRecordTable(out, groups);
+      out.flush(true);
+    }
+    EXPECT_EQ(body.find("group 1"), std::string::npos);
+
+    std::unique_ptr<KSCrypt> opener(CryptFactory::createCrypter(type, hmk, iv));
+    const cryptotest::Result plain = cryptotest::decryptAll(*opener, body);
+    ASSERT_EQ(plain.status, 0);
+    KSInputBuffer in(plain.bytes);
+    KeyTable keysBack(true);
+    keysBack.setSkipInvariant(true);
+    ReaderWriter::readRecordTable(in, keysBack);
+    keysBack.setSkipInvariant(false);
+    keysBack.testInvariant();
+    GroupTable groupsBack;
+    ReaderWriter::readRecordTable(in, groupsBack);
+    EXPECT_EQ(in.remaining(), 0u);
+    ASSERT_EQ(keysBack.size(), keys.size());
+    for (const auto& entry : keys) {
+      EXPECT_EQ(keysBack.getRecord(entry.first), entry.second);
+    }
+    EXPECT_EQ(keysBack.getActiveKeyInGroup(recordtest::tagOf(1, 'G')), recordtest::tagOf(10));
+    ASSERT_EQ(groupsBack.size(), 3u);
+    for (const auto& entry : groups) {
+      EXPECT_EQ(groupsBack.getRecord(entry.first), entry.second);
+    }
+  }
+}
+
+TEST(ReaderWriter, TableMarkerCountAndRefusedRecords) {
+  const std::string empty =
+      written([](KSOutStream& out) { ReaderWriter::writeRecordTable(out, GroupTable()); });
+  EXPECT_EQ(empty, unhex("0002"
+                         "4254"
+                         "0004"
+                         "00000000"));
+  {
+    KSInputBuffer in(empty);
+    KeyTable keys(true);
+    ReaderWriter::readRecordTable(in, keys);
+    EXPECT_EQ(keys.size(), 0u);
+  }
+  auto keyTableStatus = [](const std::string& bytes) {
+    return ksStatus([&] {
+      KSInputBuffer in(bytes);
+      KeyTable keys(true);
+      keys.setSkipInvariant(true);
+      ReaderWriter::readRecordTable(in, keys);
+    });
+  };
+  const std::string a = written([](KSOutStream& out) {
+    ReaderWriter::writeRecord(out, recordtest::keyRecord(recordtest::tagOf(1), "g", KEY_ACTIVE));
+  });
+  const std::string b = written([](KSOutStream& out) {
+    ReaderWriter::writeRecord(out, recordtest::keyRecord(recordtest::tagOf(2), "g", KEY_ACTIVE));
+  });
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(1, 4)) + a), 0);
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a + a), 1208);  // same tag twice
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a + b), 1208);  // two active keys
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a), 1208);      // runs out
+  EXPECT_EQ(keyTableStatus(field("BS") + field(be(1, 4)) + a), 1208);
+  EXPECT_EQ(keyTableStatus(field("BTT") + field(be(1, 4)) + a), 1208);
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(1, 2)) + a), 1208);
+  // A huge count is bounded only by the bytes there.
+  EXPECT_EQ(keyTableStatus(field("BT") + field(be(0xffffffff, 4)) + a), 1208);
+}
+
+TEST(ReaderWriter, WriteFailuresAreMappedOnTheWayOut) {
+  KeyTable keys(true);
+  keys.addRecord(fullKey(1, "g", KEY_ACTIVE));
+  // A file that cannot be written: 1210 passes every level.
+  TempRoot dir("vrkms-rw");
+  FILE* file = std::fopen(dir.file("out").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  {
+    FileOutDest dest(file);
+    KSOutStream out(dest, nullptr, 100);
+    {
+      FailNthFileOp full(1, ENOSPC, FileOp::Fwrite);
+      ScopedFileFaultHook hook(&full);
+      EXPECT_EQ(ksStatus([&] { ReaderWriter::writeRecordTable(out, keys); }), 1210);
+    }
+    out.flush(true);
+  }
+  std::fclose(file);
+
+  // A crypter that fails: 1224 becomes 1200.
+  FlakyCrypter flaky;
+  std::string sink;
+  StringOutDest dest(sink);
+  KSOutStream out(dest, &flaky, 100);
+  EXPECT_EQ(ksStatus([&] { ReaderWriter::writeRecordTable(out, keys); }), 1200);
+  out.flush(true);
+}
