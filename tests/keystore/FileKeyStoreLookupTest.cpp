@@ -1,0 +1,317 @@
+// Lookups of keys and groups on a live store, KAD handles, the filters that
+// keep wrapped and plain keys from leaking, and the tag, key and table
+// checks.
+#include <algorithm>
+#include <list>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "keystore/StoreTestState.h"
+#include "kms/server/keystore/RecordUtils.h"
+#include "support/LogCapture.h"
+#include "support/TempRoot.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+using storetest::codeOf;
+using storetest::MemoryStore;
+using storetest::StoreContent;
+
+// A tag of 32 bytes: `kad` (12 bytes) followed by 20 of `rest`.
+std::string tagOf(char kad, char rest) {
+  return std::string(12, kad) + std::string(20, rest);
+}
+
+// Group 1 holds a key in every state; its active and terminated keys share a
+// KAD, and one key has a tag of 11 bytes. Group 2 holds two inactive keys
+// with a shared KAD and no active key. Group 3 is empty. Group 4 holds a key
+// whose stored form does not unwrap.
+const std::string kG1 = tagOf('1', 'g');
+const std::string kG2 = tagOf('2', 'g');
+const std::string kG3 = tagOf('3', 'g');
+const std::string kG4 = tagOf('4', 'g');
+const std::string kActive = tagOf('M', 'a');
+const std::string kTerminated = tagOf('M', 't');
+const std::string kInactive = tagOf('I', 'i');
+const std::string kDeprecated = tagOf('D', 'd');
+const std::string kPrelive = tagOf('P', 'p');
+const std::string kShort(11, 'h');
+const std::string kTwin1 = tagOf('S', '1');
+const std::string kTwin2 = tagOf('S', '2');
+const std::string kBroken = tagOf('B', 'b');
+
+StoreContent lookupContent() {
+  StoreContent content;
+  content.addGroup(kG1, "one");
+  content.addGroup(kG2, "two");
+  content.addGroup(kG3, "three");
+  content.addGroup(kG4, "four");
+  content.addKey(kActive, kG1, "active", KEY_ACTIVE);
+  content.addKey(kInactive, kG1, "inactive", KEY_INACTIVE);
+  content.addKey(kDeprecated, kG1, "deprecated", KEY_DEPRECATED);
+  content.addKey(kTerminated, kG1, "terminated", KEY_TERMINATED);
+  content.addKey(kPrelive, kG1, "prelive", KEY_PRELIVE);
+  content.addKey(kShort, kG1, "short", KEY_INACTIVE);
+  content.addKey(kTwin1, kG2, "twin", KEY_INACTIVE);
+  content.addKey(kTwin2, kG2, "other twin", KEY_INACTIVE);
+  content.addRawKey(kBroken, kG4, "broken", KEY_INACTIVE, std::string(92, 'x'));
+  return content;
+}
+
+class FileKeyStoreLookupTest : public ::testing::Test {
+ protected:
+  FileKeyStoreLookupTest() : m_store(KMSFileLocator(m_root.path())) { m_store.install(m_content); }
+
+  // A record that leaves without its key must leave with nothing in it.
+  static void expectNoKey(const KeyRecord_v1& rec) {
+    EXPECT_TRUE(rec.key().empty()) << Utils::binToHex(rec.tag());
+  }
+  // A record that leaves with its key must carry the plain key.
+  void expectPlainKey(const KeyRecord_v1& rec) {
+    EXPECT_EQ(rec.key(), m_content.plainKey(rec.tag())) << Utils::binToHex(rec.tag());
+  }
+
+  StoreContent m_content = lookupContent();
+  TempRoot m_root{"vrkms-lookup"};
+  MemoryStore m_store;
+};
+
+TEST_F(FileKeyStoreLookupTest, GetKeyUnwrapsOnlyUsableKeys) {
+  for (const std::string& tag : {kActive, kInactive, kShort}) {
+    const KeyRecord_v1 rec = m_store.getKey(tag);
+    EXPECT_EQ(rec.tag(), tag);
+    expectPlainKey(rec);
+    EXPECT_EQ(rec.name(), m_content.keys().getRecord(tag).name());
+  }
+  // The stored record keeps its wrapped key: a second unwrap gives the same.
+  expectPlainKey(m_store.getKey(kActive));
+
+  for (const std::string& tag : {kDeprecated, kTerminated, kPrelive}) {
+    EXPECT_EQ(codeOf([&] { m_store.getKey(tag); }), 1242);
+    const KeyRecord_v1 rec = m_store.getKeyRecord(tag);
+    EXPECT_EQ(rec.tag(), tag);
+    expectNoKey(rec);
+  }
+  EXPECT_EQ(codeOf([&] { m_store.getKey(tagOf('?', '?')); }), 1260);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecord(tagOf('?', '?')); }), 1260);
+  EXPECT_EQ(codeOf([&] { m_store.getKey(kG1); }), 1260) << "a group tag is no key";
+
+  // A key that does not unwrap tells the caller only that unwrapping failed.
+  EXPECT_EQ(codeOf([&] { m_store.getKey(kBroken); }), 1200);
+  expectNoKey(m_store.getKeyRecord(kBroken));
+  EXPECT_EQ(m_store.getStats(), std::make_pair(uint64_t{9}, uint64_t{4}));
+}
+
+TEST_F(FileKeyStoreLookupTest, LookupsByGroupAndNameGiveNoKeys) {
+  const KeyRecord_v1 active = m_store.getActiveKeyRecord(kG1);
+  EXPECT_EQ(active.tag(), kActive);
+  expectNoKey(active);
+  EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG2); }), 1227) << "keys, none active";
+  EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG3); }), 1227) << "no keys";
+  EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(tagOf('?', 'g')); }), 1229);
+
+  const KeyRecord_v1 inactive = m_store.getKeyRecordByName(kG1, "inactive");
+  EXPECT_EQ(inactive.tag(), kInactive);
+  expectNoKey(inactive);
+  EXPECT_EQ(m_store.getKeyRecordByName(kG2, "twin").tag(), kTwin1);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(kG1, "twin"); }), 1260)
+      << "a name is looked up in its own group only";
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(kG1, "Inactive"); }), 1260);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(kG1, "inactiv"); }), 1260);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(tagOf('?', 'g'), "inactive"); }), 1229);
+
+  std::list<KeyRecord_v1> keys(3);
+  m_store.getAllKeyRecordsInGroup(kG1, keys);
+  ASSERT_EQ(keys.size(), 6u);
+  EXPECT_EQ(keys.front().tag(), kActive) << "the active key comes first";
+  for (const KeyRecord_v1& rec : keys) {
+    EXPECT_EQ(rec.keyGroup(), kG1);
+    expectNoKey(rec);
+  }
+  m_store.getAllKeyRecordsInGroup(kG3, keys);
+  EXPECT_TRUE(keys.empty());
+  keys.resize(2);
+  EXPECT_EQ(codeOf([&] { m_store.getAllKeyRecordsInGroup(tagOf('?', 'g'), keys); }), 1229);
+  EXPECT_TRUE(keys.empty()) << "the list is cleared before the lookup";
+}
+
+TEST_F(FileKeyStoreLookupTest, GroupRecordsCarryTheirDerivedFields) {
+  ASSERT_EQ(m_content.groups().getRecord(kG1).numKeys(), 0u);
+  const KeyGrpRecord_v1 one = m_store.getKeyGroupRecord(kG1);
+  EXPECT_EQ(one.name(), "one");
+  EXPECT_EQ(one.numKeys(), 6u);
+  EXPECT_TRUE(one.hasActiveKey());
+  const KeyGrpRecord_v1 two = m_store.getKeyGroupRecordByName("two");
+  EXPECT_EQ(two.tag(), kG2);
+  EXPECT_EQ(two.numKeys(), 2u);
+  EXPECT_FALSE(two.hasActiveKey());
+  EXPECT_EQ(codeOf([&] { m_store.getKeyGroupRecord(kActive); }), 1229);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyGroupRecordByName("One"); }), 1229);
+
+  std::list<KeyGrpRecord_v1> groups(1);
+  m_store.getAllKeyGroupRecords(groups);
+  std::vector<std::string> tags;
+  std::vector<uint64_t> counts;
+  for (const KeyGrpRecord_v1& rec : groups) {
+    tags.push_back(rec.tag());
+    counts.push_back(rec.numKeys());
+  }
+  EXPECT_EQ(tags, (std::vector<std::string>{kG1, kG2, kG3, kG4})) << "in tag order";
+  EXPECT_EQ(counts, (std::vector<uint64_t>{6, 2, 0, 1}));
+}
+
+TEST_F(FileKeyStoreLookupTest, GetKadTellsWhetherTheHandleIsUnique) {
+  std::string kad;
+  EXPECT_EQ(m_store.getKad(kInactive, 12, kad), 1234);
+  EXPECT_EQ(kad, kInactive.substr(0, 12));
+  EXPECT_EQ(m_store.getKad(kInactive, 11, kad), 1220);
+
+  // The active and the terminated key share their first 12 bytes.
+  EXPECT_EQ(m_store.getKad(kActive, 12, kad), 1235);
+  EXPECT_EQ(m_store.getKad(kActive, 13, kad), 1234);
+  EXPECT_EQ(m_store.getKad(kActive, 32, kad), 1234);
+  EXPECT_EQ(kad, kActive);
+
+  // Longer than the tag: padded with the character '0', still found.
+  EXPECT_EQ(m_store.getKad(kActive, 40, kad), 1234);
+  EXPECT_EQ(kad, kActive + std::string(8, '0'));
+  EXPECT_EQ(m_store.getKad(kTwin1, 12, kad), 1235);
+
+  // A tag of 11 bytes is indexed under itself; no 12-byte KAD reaches it.
+  EXPECT_EQ(m_store.getKad(kShort, 12, kad), 1260);
+  EXPECT_EQ(kad, kShort + "0");
+  EXPECT_EQ(m_store.getKad(tagOf('?', '?'), 12, kad), 1260);
+  EXPECT_EQ(m_store.getKad(kG1, 12, kad), 1260);
+}
+
+TEST_F(FileKeyStoreLookupTest, GetKeyRecordsByKadGivesOnlyUsableKeysInThePlain) {
+  std::list<KeyRecord_v1> keys;
+  EXPECT_EQ(m_store.getKeyRecordsByKad(kActive.substr(0, 12), keys), 1244);
+  ASSERT_EQ(keys.size(), 1u) << "the terminated key is left out";
+  EXPECT_EQ(keys.front().tag(), kActive);
+  expectPlainKey(keys.front());
+
+  EXPECT_EQ(m_store.getKeyRecordsByKad(kTwin1.substr(0, 12), keys), 1243);
+  ASSERT_EQ(keys.size(), 2u);
+  for (const KeyRecord_v1& rec : keys) {
+    expectPlainKey(rec);
+  }
+  EXPECT_EQ(m_store.getKeyRecordsByKad(kTwin2, keys), 1243);
+  ASSERT_EQ(keys.size(), 1u);
+  EXPECT_EQ(keys.front().tag(), kTwin2);
+
+  EXPECT_EQ(m_store.getKeyRecordsByKad(kDeprecated, keys), 1244);
+  EXPECT_TRUE(keys.empty()) << "a match that cannot be used is reported, not given";
+
+  keys.resize(2);
+  EXPECT_EQ(m_store.getKeyRecordsByKad(tagOf('?', '?'), keys), 1261);
+  EXPECT_TRUE(keys.empty());
+  EXPECT_EQ(m_store.getKeyRecordsByKad(std::string(11, 'M'), keys), 1220);
+  EXPECT_EQ(codeOf([&] { m_store.getKeyRecordsByKad(kBroken, keys); }), 1200)
+      << "a failed unwrap passes as an exception";
+}
+
+TEST(FileKeyStoreChecksTest, BadTagsAndBadKeys) {
+  const std::string zeros12(12, '\0');
+  const std::string ones12(12, '\xff');
+  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12 + "rest of the tag...."));
+  EXPECT_TRUE(FileKeyStore::isBadTag(ones12 + std::string(20, 'x')));
+  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12));
+  EXPECT_TRUE(FileKeyStore::isBadTag(std::string(32, '\xff')));
+  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\0')));
+  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\xff')));
+  EXPECT_FALSE(FileKeyStore::isBadTag(""));
+  std::string almost = zeros12 + std::string(20, '\0');
+  almost[11] = 1;
+  EXPECT_FALSE(FileKeyStore::isBadTag(almost)) << "the 12th byte counts";
+  almost = ones12;
+  almost[0] = '\xfe';
+  EXPECT_FALSE(FileKeyStore::isBadTag(almost));
+  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(6, '\0') + std::string(6, '\xff')));
+
+  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(16, '\xff')));
+  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(32, '\0')));
+  EXPECT_TRUE(FileKeyStore::isBadKey(""));
+  std::string key(32, '\0');
+  key[31] = 1;
+  EXPECT_FALSE(FileKeyStore::isBadKey(key));
+  EXPECT_FALSE(FileKeyStore::isBadKey(std::string(16, '\0') + std::string(16, '\xff')));
+}
+
+TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
+  StoreContent content = lookupContent();
+  EXPECT_TRUE(FileKeyStore::isKeyStoreSane(content.keys(), content.groups()));
+
+  // Three keys with one fault each and a group with an invalid cipher type.
+  const std::string orphanGroup = tagOf('O', 'g');
+  const std::string badGroup = tagOf('Z', 'g');
+  content.addKey(tagOf('O', 'o'), orphanGroup, "orphan", KEY_INACTIVE);
+  content.addGroup(badGroup, "bad cipher", CT_INVALID_CBC);
+  FileKeyStore::KeyTable keys = content.keys();
+  KeyRecord_v1 noState = keys.getRecord(kInactive);
+  noState.setState(KEY_INVALID);
+  ASSERT_TRUE(keys.updateRecord(noState));
+  KeyRecord_v1 noKpk = keys.getRecord(kTwin1);
+  noKpk.setKpkType(KPK_INVALID);
+  ASSERT_TRUE(keys.updateRecord(noKpk));
+
+  LogCapture log(1);
+  EXPECT_FALSE(FileKeyStore::isKeyStoreSane(keys, content.groups()));
+  const auto lines = log.debugLines();
+  EXPECT_EQ(LogCapture::containing(
+                lines, "KeyGroup record " + Utils::binToHex(badGroup) + " had INVALID cipherType")
+                .size(),
+            1u);
+  EXPECT_EQ(LogCapture::containing(
+                lines, "Key record " + Utils::binToHex(kInactive) + " had INVALID state")
+                .size(),
+            1u);
+  EXPECT_EQ(LogCapture::containing(
+                lines, "Key record " + Utils::binToHex(kTwin1) + " had INVALID KPK Type")
+                .size(),
+            1u);
+  EXPECT_EQ(LogCapture::containing(lines, "Key record " + Utils::binToHex(tagOf('O', 'o')) +
+                                              " was member of a non-existent KeyGroup " +
+                                              Utils::binToHex(orphanGroup))
+                .size(),
+            1u);
+
+  // Each fault alone is enough.
+  FileKeyStore::GroupTable groupsOnly = lookupContent().groups();
+  EXPECT_FALSE(FileKeyStore::isKeyStoreSane(content.keys(), groupsOnly)) << "orphan key";
+  EXPECT_FALSE(FileKeyStore::isKeyStoreSane(lookupContent().keys(), content.groups()))
+      << "group of cipher type 0";
+}
+
+TEST(FileKeyStoreChecksTest, FindByNameWalksOnlyTheGivenTables) {
+  const StoreContent content = lookupContent();
+  const auto found = FileKeyStore::findKeyByName(content.keys(), kG1, "deprecated");
+  ASSERT_NE(found, content.keys().end());
+  EXPECT_EQ(found->first, kDeprecated);
+  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG2, "deprecated"), content.keys().end());
+  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG3, "deprecated"), content.keys().end());
+  const auto group = FileKeyStore::findKeyGroupByName(content.groups(), "three");
+  ASSERT_NE(group, content.groups().end());
+  EXPECT_EQ(group->first, kG3);
+  EXPECT_EQ(FileKeyStore::findKeyGroupByName(content.groups(), "thre"), content.groups().end());
+}
+
+TEST_F(FileKeyStoreLookupTest, DisplayDumpsEveryPartOfTheState) {
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(m_store.display(), 0);
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  for (const char* banner :
+       {" HMK FILE ", " KPK FILE ", " KEY STORE METADATA ", " KEY GROUP TABLE ", " KEY TABLE "}) {
+    EXPECT_NE(out.find(banner), std::string::npos) << banner;
+  }
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

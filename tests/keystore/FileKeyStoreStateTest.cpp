@@ -1,0 +1,398 @@
+// The store's two states and the quiesce count: which operation refuses with
+// which code in which state, the FIPS refusal, and the limits read from the
+// configuration at construction.
+#include <openssl/evp.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "keystore/StoreTestState.h"
+#include "kms/platform/Fips.h"
+#include "kms/platform/InstallRoot.h"
+#include "kms/server/keystore/KMSConfig.h"
+#include "support/LogCapture.h"
+#include "support/TempRoot.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+using storetest::codeOf;
+using storetest::MemoryStore;
+using storetest::StoreContent;
+
+const std::string kGroup(32, 'g');
+const std::string kKey(32, 'k');
+
+StoreContent smallContent() {
+  StoreContent content;
+  content.addGroup(kGroup, "group");
+  content.addKey(kKey, kGroup, "key", KEY_ACTIVE);
+  return content;
+}
+
+// Sets the process's FIPS decision for one test and restores it.
+class FipsDecision {
+ public:
+  explicit FipsDecision(bool disabled) : m_saved(FileKeyStore::g_fips_mode_disabled) {
+    FileKeyStore::g_fips_mode_disabled = disabled;
+  }
+  ~FipsDecision() { FileKeyStore::g_fips_mode_disabled = m_saved; }
+
+ private:
+  bool m_saved;
+};
+
+// Puts the crypto library's default properties into FIPS mode for the scope
+// (no FIPS provider is needed to set the property; no crypto may run inside).
+class LibraryFipsMode {
+ public:
+  LibraryFipsMode() { EXPECT_EQ(EVP_default_properties_enable_fips(nullptr, 1), 1); }
+  ~LibraryFipsMode() { EVP_default_properties_enable_fips(nullptr, 0); }
+};
+
+class FileKeyStoreStateTest : public ::testing::Test {
+ protected:
+  FileKeyStoreStateTest() : m_fips(true), m_locator(m_root.path()), m_store(m_locator) {}
+
+  // The nine operations that change the store, each reporting its code.
+  std::vector<std::pair<const char*, std::function<int()>>> changes() {
+    KeyRecord_v1 rec = m_store.getKeyRecord(kKey);
+    KeyGrpRecord_v1 grp = m_store.getKeyGroupRecord(kGroup);
+    return {
+        {"updateHMK", [=] { return m_store.updateHMK("pass", "id"); }},
+        {"updateKPK", [=] { return m_store.updateKPK("pass", "id"); }},
+        {"addKeyWithKnownTag",
+         [=] { return codeOf([&] { m_store.addKeyWithKnownTag(rec, "p"); }); }},
+        {"addKey", [=] { return codeOf([&] { m_store.addKey(rec, ""); }); }},
+        {"addKeyGroup", [=] { return codeOf([&] { m_store.addKeyGroup(grp); }); }},
+        {"updateKeyRecord", [=] { return codeOf([&] { m_store.updateKeyRecord(rec); }); }},
+        {"updateKeyGroupRecord",
+         [=] { return codeOf([&] { m_store.updateKeyGroupRecord(grp); }); }},
+        {"deleteKeyRecord", [=] { return codeOf([&] { m_store.deleteKeyRecord(kKey); }); }},
+        {"deleteKeyGroupRecord",
+         [=] { return codeOf([&] { m_store.deleteKeyGroupRecord(kGroup, true); }); }},
+    };
+  }
+
+  FipsDecision m_fips;
+  StoreContent m_content = smallContent();
+  TempRoot m_root{"vrkms-state"};
+  KMSFileLocator m_locator;
+  MemoryStore m_store;
+};
+
+TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) {
+  FileKeyStore& store = m_store;
+  KeyRecord_v1 rec;
+  KeyGrpRecord_v1 grp;
+  std::list<KeyRecord_v1> keys;
+  std::list<KeyGrpRecord_v1> groups;
+  std::string kad = "untouched";
+  KSOpStatus status;
+
+  EXPECT_FALSE(store.isInitialized());
+  const std::vector<std::pair<const char*, std::function<int()>>> closedRefusals = {
+      {"shutdown", [&] { return store.shutdown(); }},
+      {"display", [&] { return store.display(); }},
+      {"getStats", [&] { return codeOf([&] { store.getStats(); }); }},
+      {"updateHMK", [&] { return store.updateHMK("pass", "id"); }},
+      {"updateKPK", [&] { return store.updateKPK("pass", "id"); }},
+      {"addKeyWithKnownTag", [&] { return codeOf([&] { store.addKeyWithKnownTag(rec, "p"); }); }},
+      {"addKey", [&] { return codeOf([&] { store.addKey(rec, ""); }); }},
+      {"addKeyGroup", [&] { return codeOf([&] { store.addKeyGroup(grp); }); }},
+      {"getKey", [&] { return codeOf([&] { store.getKey(kKey); }); }},
+      {"getKeyRecord", [&] { return codeOf([&] { store.getKeyRecord(kKey); }); }},
+      {"getKeyGroupRecord", [&] { return codeOf([&] { store.getKeyGroupRecord(kGroup); }); }},
+      {"getKeyGroupRecordByName",
+       [&] { return codeOf([&] { store.getKeyGroupRecordByName("group"); }); }},
+      {"getKeyRecordByName",
+       [&] { return codeOf([&] { store.getKeyRecordByName(kGroup, "key"); }); }},
+      {"getActiveKeyRecord", [&] { return codeOf([&] { store.getActiveKeyRecord(kGroup); }); }},
+      {"updateKeyRecord", [&] { return codeOf([&] { store.updateKeyRecord(rec); }); }},
+      {"updateKeyGroupRecord", [&] { return codeOf([&] { store.updateKeyGroupRecord(grp); }); }},
+      {"deleteKeyRecord", [&] { return codeOf([&] { store.deleteKeyRecord(kKey); }); }},
+      {"deleteKeyGroupRecord",
+       [&] { return codeOf([&] { store.deleteKeyGroupRecord(kGroup, true); }); }},
+      {"getAllKeyGroupRecords",
+       [&] { return codeOf([&] { store.getAllKeyGroupRecords(groups); }); }},
+      {"getAllKeyRecordsInGroup",
+       [&] { return codeOf([&] { store.getAllKeyRecordsInGroup(kGroup, keys); }); }},
+      {"getKad", [&] { return store.getKad(kKey, 12, kad); }},
+      {"getKeyRecordsByKad", [&] { return store.getKeyRecordsByKad(kKey, keys); }},
+      {"quiesce", [&] { return codeOf([&] { store.quiesce(); }); }},
+      {"unquiesce(false)", [&] { return codeOf([&] { store.unquiesce(false); }); }},
+      {"unquiesce(true)", [&] { return codeOf([&] { store.unquiesce(true); }); }},
+      {"isQuiesced", [&] { return codeOf([&] { store.isQuiesced(); }); }},
+      {"exportToBuffer", [&] { return codeOf([&] { store.exportToBuffer({}, "pass", status); }); }},
+      {"importFromBuffer",
+       [&] {
+         return codeOf([&] { store.importFromBuffer("x", "pass", false, "", status, true); });
+       }},
+  };
+  for (const auto& refusal : closedRefusals) {
+    EXPECT_EQ(refusal.second(), 1202) << refusal.first;
+  }
+  EXPECT_EQ(kad, "untouched");
+  EXPECT_EQ(status.errCode(), 0) << "a refused export or import leaves the status alone";
+
+  // The operations meant for a closed store go past the state check. Init
+  // finds no store here and stays closed.
+  EXPECT_NE(store.init(), 0);
+  EXPECT_FALSE(store.isInitialized());
+  bool exists = true;
+  EXPECT_EQ(store.dbExists(exists), 0);
+  EXPECT_FALSE(exists);
+  EXPECT_EQ(store.setMyDACLs(), 0);
+}
+
+TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
+  m_store.install(m_content);
+  ASSERT_TRUE(m_store.isInitialized());
+  EXPECT_EQ(codeOf([&] { m_store.install(m_content); }), 1201);
+
+  EXPECT_EQ(m_store.init(), 1201);
+  EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", true), 1201);
+  EXPECT_EQ(m_store.createHMKFile("a", true, false), 1201);
+  EXPECT_EQ(m_store.createKPKFile("a", true, false), 1201);
+
+  // dbExists refuses without telling whether there are files.
+  bool exists = true;
+  EXPECT_EQ(m_store.dbExists(exists), 1201);
+  EXPECT_TRUE(exists);
+  exists = false;
+  std::filesystem::create_directories(m_locator.keyDir());
+  std::ofstream(m_locator.hmkPath()).put('x');
+  EXPECT_EQ(m_store.dbExists(exists), 1201);
+  EXPECT_FALSE(exists);
+
+  // The refused init left the store as it was; the key facts come from memory.
+  EXPECT_TRUE(m_store.isInitialized());
+  EXPECT_EQ(m_store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
+  EXPECT_EQ(m_store.getHMKId(), "hmk-id");
+  EXPECT_EQ(m_store.getKPKId(), "kpk-id");
+  const KeyInfo hmk = m_store.getHMKInfo();
+  EXPECT_EQ(hmk.id, "hmk-id");
+  EXPECT_EQ(hmk.algorithm, KSCrypt::AES_256_GCM);
+  EXPECT_TRUE(hmk.random);
+  EXPECT_FALSE(hmk.fips);
+  const KeyInfo kpk = m_store.getKPKInfo();
+  EXPECT_EQ(kpk.id, "kpk-id");
+  EXPECT_FALSE(kpk.random);
+  EXPECT_TRUE(kpk.fips);
+  EXPECT_TRUE(m_store.goodHMKFileExists());
+  EXPECT_TRUE(m_store.goodKPKFileExists());
+
+  // Shutdown drops everything in memory.
+  EXPECT_EQ(m_store.shutdown(), 0);
+  EXPECT_FALSE(m_store.isInitialized());
+  EXPECT_EQ(codeOf([&] { m_store.getStats(); }), 1202);
+  EXPECT_EQ(codeOf([&] { m_store.getKey(kKey); }), 1202);
+  EXPECT_EQ(m_store.shutdown(), 1202);
+}
+
+TEST_F(FileKeyStoreStateTest, QuiesceCountsRequestsAndRefusesOnlyChanges) {
+  m_store.install(m_content);
+  EXPECT_EQ(m_store.isQuiesced(), 0u);
+  // A change that fails on its argument, before any commit: the quiesce test
+  // comes first, so the code it reports tells whether the store refused it.
+  auto deleteUnknownKey = [&] { return codeOf([&] { m_store.deleteKeyRecord("no such tag"); }); };
+  EXPECT_EQ(deleteUnknownKey(), 1260);
+
+  EXPECT_EQ(m_store.quiesce(), 1u);
+  EXPECT_EQ(m_store.quiesce(), 2u);
+  EXPECT_EQ(m_store.unquiesce(false), 1u);
+  EXPECT_EQ(m_store.isQuiesced(), 1u);
+  for (const auto& change : changes()) {
+    EXPECT_EQ(change.second(), 1279) << change.first;
+  }
+
+  // Reads, export and import go on while quiesced.
+  EXPECT_EQ(m_store.getKey(kKey).key(), m_content.plainKey(kKey));
+  std::list<KeyRecord_v1> byKad;
+  EXPECT_EQ(m_store.getKeyRecordsByKad(kKey.substr(0, 12), byKad), 1243);
+  KSOpStatus status;
+  EXPECT_NO_THROW(m_store.exportToBuffer({}, "pass", status));
+  EXPECT_NE(status.errCode(), 1279);
+  KSOpStatus importStatus;
+  EXPECT_NO_THROW(m_store.importFromBuffer("x", "pass", false, "", importStatus, true));
+  EXPECT_NE(importStatus.errCode(), 1279);
+
+  EXPECT_EQ(m_store.quiesce(), 2u);
+  EXPECT_EQ(m_store.unquiesce(true), 0u);
+  EXPECT_EQ(m_store.isQuiesced(), 0u);
+  EXPECT_EQ(codeOf([&] { m_store.unquiesce(false); }), 1280);
+  EXPECT_EQ(codeOf([&] { m_store.unquiesce(true); }), 1280);
+  EXPECT_EQ(m_store.isQuiesced(), 0u);
+  EXPECT_EQ(deleteUnknownKey(), 1260);
+  EXPECT_TRUE(m_store.isInitialized());
+}
+
+TEST_F(FileKeyStoreStateTest, AQuiescedStoreShutsDownAndComesBackWithCountZero) {
+  m_store.install(m_content);
+  m_store.quiesce();
+  m_store.quiesce();
+  EXPECT_EQ(m_store.shutdown(), 0);
+  EXPECT_EQ(codeOf([&] { m_store.isQuiesced(); }), 1202);
+  m_store.install(m_content);
+  EXPECT_EQ(m_store.isQuiesced(), 0u);
+  EXPECT_EQ(m_store.getKey(kKey).tag(), kKey);
+}
+
+TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
+  // On a closed store every entry that checks FIPS refuses with 1286 when the
+  // process asked for FIPS mode and the library is not in it.
+  auto fipsCodes = [&] {
+    bool exists = false;
+    return std::vector<int>{
+        m_store.dbExists(exists),
+        m_store.createEmpty("a", "hmk", "b", "kpk", false),
+        m_store.createHMKFile("a", false, false),
+        m_store.createKPKFile("a", false, false),
+        codeOf([&] { m_store.getHMKId(); }),
+        codeOf([&] { m_store.getHMKInfo(); }),
+        codeOf([&] { m_store.goodHMKFileExists(); }),
+        codeOf([&] { m_store.getKPKId(); }),
+        codeOf([&] { m_store.getKPKInfo(); }),
+        codeOf([&] { m_store.goodKPKFileExists(); }),
+    };
+  };
+  const std::vector<int> allRefused(10, 1286);
+  {
+    FipsDecision askedForFips(false);
+    ASSERT_EQ(FIPS_mode(), 0);
+    EXPECT_TRUE(m_store.fipsEnableFailed());
+    EXPECT_EQ(fipsCodes(), allRefused);
+    EXPECT_NE(m_store.init(), 0);
+    EXPECT_FALSE(m_store.isInitialized());
+  }
+  {
+    FipsDecision askedForFips(false);
+    LibraryFipsMode libraryInFips;
+    EXPECT_FALSE(m_store.fipsEnableFailed());
+    bool exists = true;
+    EXPECT_EQ(m_store.dbExists(exists), 0);
+    EXPECT_FALSE(exists);
+  }
+  for (const bool libraryFips : {false, true}) {
+    FipsDecision notAskedForFips(true);
+    std::optional<LibraryFipsMode> libraryInFips;
+    if (libraryFips) {
+      libraryInFips.emplace();
+    }
+    EXPECT_FALSE(m_store.fipsEnableFailed());
+    for (const int code : fipsCodes()) {
+      EXPECT_NE(code, 1286) << "library FIPS mode " << libraryFips;
+    }
+  }
+
+  // A live store answers the key facts from memory, FIPS or not, and still
+  // refuses the closed-store operations with 1201 before any FIPS check.
+  m_store.install(m_content);
+  FipsDecision askedForFips(false);
+  EXPECT_EQ(m_store.getHMKId(), "hmk-id");
+  EXPECT_EQ(m_store.getKPKInfo().id, "kpk-id");
+  EXPECT_TRUE(m_store.goodHMKFileExists());
+  bool exists = false;
+  EXPECT_EQ(m_store.dbExists(exists), 1201);
+  EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", false), 1201);
+}
+
+TEST_F(FileKeyStoreStateTest, DbExistsAndIsDbCleanLookAtTheNineFiles) {
+  std::filesystem::create_directories(m_locator.dbDir());
+  std::filesystem::create_directories(m_locator.keyDir());
+  bool exists = false;
+  EXPECT_FALSE(FileKeyStore::isDbClean(m_locator));
+
+  std::ofstream(m_locator.kpkBakPath());
+  EXPECT_EQ(m_store.dbExists(exists), 0);
+  EXPECT_TRUE(exists) << "a leftover of a commit counts as a store";
+  std::filesystem::remove(m_locator.kpkBakPath());
+
+  for (const std::string& path : {m_locator.ksPath(), m_locator.hmkPath(), m_locator.kpkPath()}) {
+    std::ofstream(path).put('x');
+  }
+  EXPECT_TRUE(FileKeyStore::isDbClean(m_locator));
+  for (const std::string& extra :
+       {m_locator.ksNewPath(), m_locator.hmkNewPath(), m_locator.kpkNewPath(),
+        m_locator.ksBakPath(), m_locator.hmkBakPath(), m_locator.kpkBakPath()}) {
+    std::ofstream(extra).put('x');
+    EXPECT_FALSE(FileKeyStore::isDbClean(m_locator)) << extra;
+    std::filesystem::remove(extra);
+  }
+  std::filesystem::remove(m_locator.kpkPath());
+  EXPECT_FALSE(FileKeyStore::isDbClean(m_locator));
+}
+
+// Writes the service's configuration file for one test and removes it after.
+class ConfFile {
+ public:
+  explicit ConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
+    std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
+    std::ofstream(m_path, std::ios::trunc) << text;
+    reload();
+  }
+  ~ConfFile() {
+    std::filesystem::remove(m_path);
+    reload();
+  }
+
+ private:
+  static void reload() {
+    try {
+      KMSConfig::instance()->reload();
+    } catch (const KeyStoreError&) {
+      // Only the master configuration's agent can fail here; the file was read.
+    }
+  }
+  std::string m_path;
+};
+
+TEST(FileKeyStoreLimitsTest, TheLimitsComeFromTheConfigurationAndZeroIsUnlimited) {
+  TempRoot root("vrkms-limits");
+  {
+    LogCapture log;
+    MemoryStore store{KMSFileLocator(root.path())};
+    EXPECT_EQ(store.maxKeyGroups(), 100);
+    EXPECT_EQ(store.maxKeysPerGroup(), 30);
+    EXPECT_EQ(LogCapture::containing(log.appLines(), "Maximum number of key groups: 100").size(),
+              1u);
+    EXPECT_EQ(
+        LogCapture::containing(log.appLines(), "Maximum number of keys per key group: 30").size(),
+        1u);
+  }
+  {
+    ConfFile conf(
+        "[KMSConfig]\n\"max_key_groups\"=dword:00000000\n\"max_keys_per_group\"=dword:00000007\n");
+    LogCapture log;
+    MemoryStore store{KMSFileLocator(root.path())};
+    EXPECT_EQ(store.maxKeyGroups(), 0);
+    EXPECT_EQ(store.maxKeysPerGroup(), 7);
+    EXPECT_EQ(
+        LogCapture::containing(log.appLines(), "Maximum number of key groups: UNLIMITED").size(),
+        1u);
+    EXPECT_EQ(
+        LogCapture::containing(log.appLines(), "Maximum number of keys per key group: 7").size(),
+        1u);
+  }
+  {
+    // A negative limit keeps its sign when widened.
+    ConfFile conf("[KMSConfig]\n\"max_keys_per_group\"=dword:ffffffff\n");
+    MemoryStore store{KMSFileLocator(root.path())};
+    EXPECT_EQ(store.maxKeysPerGroup(), -1);
+  }
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,185 @@
+// The commit against a crash and against a failure at each of its file
+// operations: the next init serves exactly the old state or exactly the new
+// one, never a mixture, and never refuses to start.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "keystore/StoreFilesTestUtil.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/FileKeyStore.h"
+
+using namespace Vaultrest::DL::KMS;
+using storefiles::StoreRoot;
+using storefiles::StoreSnapshot;
+
+namespace {
+
+std::string describe(size_t n, const FileOperation& op) {
+  std::string text = "operation " + std::to_string(n) + ": " + fileOpName(op.op) + " " + op.path;
+  if (!op.target.empty()) {
+    text += " -> " + op.target;
+  }
+  return text;
+}
+
+size_t countOf(const std::vector<FileOperation>& ops, FileOp kind) {
+  size_t n = 0;
+  for (const FileOperation& op : ops) {
+    n += op.op == kind ? 1 : 0;
+  }
+  return n;
+}
+
+class StoreCommitCrash : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    s_old = new StoreSnapshot(2);
+    s_new = new StoreSnapshot(3);
+  }
+  static void TearDownTestSuite() {
+    delete s_old;
+    delete s_new;
+  }
+
+  void resetToOld() {
+    storefiles::removeAll(m_root.locator);
+    s_old->placeAsDat(m_root.locator);
+  }
+
+  // The file operations of one commit from the old state to the new one.
+  std::vector<FileOperation> commitOperations() {
+    resetToOld();
+    FileOpRecorder recorder;
+    {
+      ScopedFileFaultHook hook(&recorder);
+      s_new->input().commit(m_root.locator);
+    }
+    return recorder.operations();
+  }
+
+  // Runs the commit in a forked child that ends just before operation `n`,
+  // and gives the child's wait status.
+  int commitInChildCrashingAt(size_t n) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      CrashAtNthFileOp crash(n);
+      FileFaults::install(&crash);
+      try {
+        s_new->input().commit(m_root.locator);
+      } catch (...) {
+        ::_exit(1);
+      }
+      ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(pid, &status, 0);
+    return status;
+  }
+
+  static StoreSnapshot* s_old;
+  static StoreSnapshot* s_new;
+  StoreRoot m_root;
+};
+
+StoreSnapshot* StoreCommitCrash::s_old = nullptr;
+StoreSnapshot* StoreCommitCrash::s_new = nullptr;
+
+TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
+  const std::vector<FileOperation> ops = commitOperations();
+  ASSERT_TRUE(s_new->isOnDiskAsDat(m_root.locator));
+  // Every kind of operation the commit makes is in the list: three new
+  // files made, written and synced, six renames, the two directory syncs,
+  // three deletes.
+  EXPECT_EQ(countOf(ops, FileOp::Open), 3u);
+  EXPECT_EQ(countOf(ops, FileOp::Fopen), 3u);
+  EXPECT_GE(countOf(ops, FileOp::Fwrite), 4u);
+  EXPECT_EQ(countOf(ops, FileOp::Fflush), 3u);
+  EXPECT_EQ(countOf(ops, FileOp::Fsync), 3u);
+  EXPECT_EQ(countOf(ops, FileOp::Fclose), 3u);
+  EXPECT_EQ(countOf(ops, FileOp::Rename), 6u);
+  EXPECT_EQ(countOf(ops, FileOp::SyncDir), 2u);
+  EXPECT_EQ(countOf(ops, FileOp::Unlink), 3u);
+
+  size_t firstRename = 0;
+  for (size_t i = 0; i < ops.size() && firstRename == 0; ++i) {
+    if (ops[i].op == FileOp::Rename) {
+      firstRename = i + 1;
+    }
+  }
+
+  // One more than the count: the child that is never stopped.
+  for (size_t n = 1; n <= ops.size() + 1; ++n) {
+    const bool crashes = n <= ops.size();
+    SCOPED_TRACE(crashes ? describe(n, ops[n - 1]) : "no crash");
+    resetToOld();
+    const int status = commitInChildCrashingAt(n);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), crashes ? FileFaults::kCrashExitStatus : 0);
+
+    // Ended before the first rename: the old state. From the first rename
+    // on: the new one.
+    const StoreSnapshot& expected = (crashes && n <= firstRename) ? *s_old : *s_new;
+    FileKeyStore store(m_root.locator);
+    ASSERT_EQ(store.init(), 0);
+    EXPECT_TRUE(expected.isServedBy(store));
+    EXPECT_TRUE(expected.isOnDiskAsDat(m_root.locator));
+  }
+}
+
+TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
+  const std::vector<FileOperation> ops = commitOperations();
+
+  struct Fault {
+    FileOp kind;
+    int error;
+  };
+  // The recovery states after each failed rename and delete, in commit
+  // order.
+  const std::vector<unsigned> afterRename = {0x1b6, 0x0f6, 0x0de, 0x0db, 0x15b, 0x16b};
+  const std::vector<unsigned> afterDelete = {0x16d, 0x12d, 0x125};
+
+  for (const Fault& fault : {Fault{FileOp::Fwrite, ENOSPC}, Fault{FileOp::Fsync, EIO},
+                             Fault{FileOp::Rename, EXDEV}, Fault{FileOp::Unlink, EACCES}}) {
+    const size_t count = countOf(ops, fault.kind);
+    ASSERT_GT(count, 0u);
+    for (size_t n = 1; n <= count; ++n) {
+      SCOPED_TRACE(std::string(fileOpName(fault.kind)) + " " + std::to_string(n));
+      resetToOld();
+      FailNthFileOp failure(n, fault.error, fault.kind);
+      int code = 0;
+      {
+        ScopedFileFaultHook hook(&failure);
+        code = storetest::codeOf([&] { s_new->input().commit(m_root.locator); });
+      }
+      ASSERT_TRUE(failure.fired());
+
+      bool expectNew = true;
+      if (fault.kind == FileOp::Fwrite || fault.kind == FileOp::Fsync) {
+        // Before the first rename: the new files are gone, the old whole.
+        EXPECT_EQ(code, 1276);
+        EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
+        expectNew = false;
+      } else {
+        EXPECT_EQ(code, 1277);
+        const unsigned left =
+            fault.kind == FileOp::Rename ? afterRename[n - 1] : afterDelete[n - 1];
+        EXPECT_EQ(storefiles::maskOf(m_root.locator), left);
+        // A failed first rename has not yet given anything up: the next
+        // start rolls back.
+        expectNew = !(fault.kind == FileOp::Rename && n == 1);
+      }
+
+      FileKeyStore store(m_root.locator);
+      ASSERT_EQ(store.init(), 0);
+      EXPECT_TRUE((expectNew ? s_new : s_old)->isServedBy(store));
+      EXPECT_TRUE((expectNew ? s_new : s_old)->isOnDiskAsDat(m_root.locator));
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,244 @@
+// Stores of versions 0x100 and 0x200, laid out byte by byte here from their
+// formats (not by the store's writer, which knows only the current one):
+// read, brought up to 0x300 in memory, committed once by init, and read as
+// 0x300 at the next init with every key unchanged.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "keystore/CryptoTestUtil.h"
+#include "keystore/FormatTestUtil.h"
+#include "keystore/StoreFilesTestUtil.h"
+#include "kms/server/keystore/CryptFactory.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KSInputBuffer.h"
+#include "kms/server/keystore/KeyWrap.h"
+#include "kms/server/keystore/RandData.h"
+
+using namespace Vaultrest::DL::KMS;
+using formattest::be;
+using formattest::field;
+using formattest::handList;
+using formattest::handRecord;
+using storefiles::StoreRoot;
+
+namespace {
+
+typedef std::vector<std::pair<std::string, std::string>> Attrs;
+
+struct OldKey {
+  std::string tag;
+  std::string name;
+  ks_keystate_t state;
+  std::string plain;
+};
+
+// A store of an older version with one group and three keys, and the bytes
+// of its three files.
+struct OldStore {
+  ks_version_t version;
+  KSCrypt::CryptType type;  // of the body, the KPK file and the record keys
+  bool oldMarkers;          // "BA"/"BR" with SHA-1, as the oldest writers made them
+  std::string hmk = Utils::getRandData(32);
+  std::string kpk = Utils::getRandData(32);
+  std::string hmkSalt;
+  std::string kpkSalt;
+  std::string masterIV;
+  std::string groupTag = Utils::getRandData(32);
+  std::vector<OldKey> keys;
+  storefiles::StoreBytes bytes;
+
+  explicit OldStore(ks_version_t v)
+      : version(v),
+        type(v == KS_VERSION_100 ? KSCrypt::AES_256_CBC : KSCrypt::AES_256_CBC_EVP),
+        oldMarkers(v == KS_VERSION_100) {
+    if (version == KS_VERSION_200) {
+      hmkSalt = Utils::getRandData(24);
+      masterIV = Utils::getRandData(16);
+    }
+    keys = {{Utils::getRandData(32), "active", KEY_ACTIVE, Utils::getRandData(32)},
+            {Utils::getRandData(32), "inactive", KEY_INACTIVE, Utils::getRandData(32)},
+            {Utils::getRandData(32), "other", KEY_INACTIVE, Utils::getRandData(16)}};
+    bytes.hmk = list({{"THEKEY", hmk}, {"VERSION", be(version, 4)}});
+    bytes.kpk = list({{"THEKEY", Utils::encryptKeyWithKey(kpk, hmk, type, version)},
+                      {"VERSION", be(version, 4)}});
+    bytes.store = list(metadata()) + body();
+  }
+
+  // An attribute list in the list's sorted order.
+  std::string list(Attrs attrs) const {
+    std::sort(attrs.begin(), attrs.end());
+    return handList(attrs, oldMarkers);
+  }
+
+  static std::string digestOfZ(const std::string& key) {
+    return formattest::digest(EVP_sha1(), "Z" + key);
+  }
+
+  Attrs metadata() const {
+    const std::string algo = KSCrypt::cryptTypeToString(type);
+    Attrs attrs = {{"VERSION", be(version, 4)}, {"HMKID", "old-hmk"},
+                   {"HMKHASH", digestOfZ(hmk)}, {"KPKID", "old-kpk"},
+                   {"KPKHASH", digestOfZ(kpk)}, {"MENCALG", algo},
+                   {"KENCALG", algo},           {"HMKRAND", hmkSalt.empty() ? "true" : "false"},
+                   {"KPKRAND", "true"}};
+    if (version == KS_VERSION_200) {
+      // The oldest stores have no FIPS flags, salts or IV.
+      attrs.insert(attrs.end(), {{"HMKFIPS", "true"},
+                                 {"KPKFIPS", "false"},
+                                 {"HMKSALT", hmkSalt},
+                                 {"KPKSALT", kpkSalt},
+                                 {"MASTERIV", masterIV}});
+    }
+    return attrs;
+  }
+
+  // The key table and the group table, encrypted under the HMK.
+  std::string body() const {
+    const std::string noAttrs = handList({}, oldMarkers);
+    std::string plain = field("BT") + field(be(keys.size(), 4));
+    for (const OldKey& key : keys) {
+      const std::string wrapped = Utils::encryptKeyWithKey(key.plain, kpk, type, version);
+      plain += handRecord(
+          {key.tag, key.name, be(1600000100, 8), be(1600000000, 8), "description of " + key.name,
+           be(7, 4), groupTag, be(key.state, 2), be(KPK_LOCAL, 2), "", wrapped},
+          key.name == "other" ? handList({{"color", "blue"}}, oldMarkers) : noAttrs, oldMarkers);
+    }
+    plain += field("BT") + field(be(1, 4));
+    plain += handRecord({groupTag, "old group", be(1600000100, 8), be(1600000000, 8), "", be(2, 4),
+                         be(CT_AES256_CBC, 2)},
+                        noAttrs, oldMarkers);
+
+    std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, hmk, masterIV));
+    const cryptotest::Result sealed = cryptotest::encryptAll(*crypter, plain);
+    EXPECT_EQ(sealed.status, 0);
+    return sealed.bytes;
+  }
+
+  void place(const KMSFileLocator& locator) const {
+    storefiles::writeBytes(locator.hmkPath(), bytes.hmk);
+    storefiles::writeBytes(locator.kpkPath(), bytes.kpk);
+    storefiles::writeBytes(locator.ksPath(), bytes.store);
+  }
+
+  // The live store serves every key with its old value and record.
+  void expectServedBy(FileKeyStore& store) const {
+    EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{1}));
+    for (const OldKey& key : keys) {
+      const KeyRecord_v1 rec = store.getKey(key.tag);
+      EXPECT_EQ(rec.key(), key.plain) << key.name;
+      EXPECT_EQ(rec.name(), key.name);
+      EXPECT_EQ(rec.state(), key.state);
+      EXPECT_EQ(rec.createTime(), 1600000000u);
+      EXPECT_EQ(rec.rev(), 7u);
+      EXPECT_EQ(rec.attributes().size(), key.name == "other" ? 1u : 0u);
+    }
+    EXPECT_EQ(store.getKeyGroupRecord(groupTag).name(), "old group");
+    EXPECT_EQ(store.getHMKId(), "old-hmk");
+    EXPECT_EQ(store.getKPKId(), "old-kpk");
+    EXPECT_EQ(store.getHMKInfo().random, hmkSalt.empty());
+    EXPECT_EQ(store.getHMKInfo().fips, version == KS_VERSION_200);
+    EXPECT_TRUE(store.getKPKInfo().random);
+    EXPECT_FALSE(store.getKPKInfo().fips);
+  }
+};
+
+// readFromFile is the store's own; this store lets a test call it.
+class ReadingStore : public FileKeyStore {
+ public:
+  explicit ReadingStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
+
+  struct Read {
+    KeyFile hmk{KS_VERSION_300};
+    KeyFile kpk{KS_VERSION_300};
+    KPKMgr kpkMgr;
+    KSMetadata meta{KS_VERSION_300};
+    KeyTable keys{true};
+    GroupTable groups;
+    bool needsRewrite = false;
+  };
+
+  std::unique_ptr<Read> read() {
+    auto out = std::make_unique<Read>();
+    readFromFile(out->hmk, out->kpk, out->kpkMgr, out->meta, out->keys, out->groups, locator(),
+                 out->needsRewrite);
+    return out;
+  }
+};
+
+class StoreUpgrade : public ::testing::TestWithParam<ks_version_t> {};
+
+TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
+  const OldStore old(GetParam());
+  StoreRoot root;
+  old.place(root.locator);
+
+  // Reading upgrades in memory only.
+  {
+    ReadingStore reader(root.locator);
+    const auto read = reader.read();
+    EXPECT_TRUE(read->needsRewrite);
+    EXPECT_EQ(read->hmk.version(), KS_VERSION_300);
+    EXPECT_EQ(read->hmk.key(), old.hmk);
+    EXPECT_EQ(read->kpk.version(), KS_VERSION_300);
+    EXPECT_EQ(
+        Utils::decryptKeyWithKey(read->kpk.key(), old.hmk, KSCrypt::AES_256_GCM, KS_VERSION_300),
+        old.kpk);
+    EXPECT_EQ(read->meta.version(), KS_VERSION_300);
+    EXPECT_EQ(read->meta.masterEncAlgo(), KSCrypt::AES_256_GCM);
+    EXPECT_EQ(read->meta.hmkSalt(), old.hmkSalt);
+    EXPECT_EQ(read->kpkMgr.version(), KS_VERSION_300);
+    EXPECT_EQ(read->kpkMgr.cryptType(), KSCrypt::AES_256_GCM);
+    for (const OldKey& key : old.keys) {
+      EXPECT_EQ(read->kpkMgr.decryptKey(read->keys.getRecord(key.tag).key(), KPK_LOCAL, ""),
+                key.plain);
+    }
+    EXPECT_EQ(storefiles::readBytes(root.locator.ksPath()), old.bytes.store);
+  }
+
+  // init commits the upgrade before it serves.
+  {
+    FileKeyStore store(root.locator);
+    ASSERT_EQ(store.init(), 0);
+    old.expectServedBy(store);
+  }
+  EXPECT_EQ(storefiles::maskOf(root.locator), 0x124u);
+  KSInputBuffer hmkFile(storefiles::readBytes(root.locator.hmkPath()));
+  EXPECT_EQ(FileKeyStore::readKeyFile(hmkFile).version(), KS_VERSION_300);
+  KSInputBuffer kpkFile(storefiles::readBytes(root.locator.kpkPath()));
+  EXPECT_EQ(FileKeyStore::readKeyFile(kpkFile).version(), KS_VERSION_300);
+  const std::vector<std::string> upgraded = storefiles::contentsOf(root.locator);
+  KSInputBuffer storeFile(storefiles::readBytes(root.locator.ksPath()));
+  EXPECT_EQ(FileKeyStore::readKeyStoreMeta(storeFile).version(), KS_VERSION_300);
+
+  // The next start reads the current form and writes nothing.
+  {
+    ReadingStore reader(root.locator);
+    EXPECT_FALSE(reader.read()->needsRewrite);
+  }
+  FileOpRecorder recorder;
+  {
+    ScopedFileFaultHook hook(&recorder);
+    FileKeyStore store(root.locator);
+    ASSERT_EQ(store.init(), 0);
+    old.expectServedBy(store);
+  }
+  for (const FileOperation& op : recorder.operations()) {
+    EXPECT_NE(op.op, FileOp::Fwrite) << op.path;
+    EXPECT_NE(op.op, FileOp::Rename) << op.path;
+  }
+  EXPECT_EQ(storefiles::contentsOf(root.locator), upgraded);
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, StoreUpgrade, ::testing::Values(KS_VERSION_100, KS_VERSION_200),
+                         [](const ::testing::TestParamInfo<ks_version_t>& info) {
+                           return info.param == KS_VERSION_100 ? "v100" : "v200";
+                         });
+
+}  // namespace
