@@ -1,0 +1,828 @@
+// The master keys: creating a store, remaking a lost key file from its
+// passphrase, changing either master key, and what is known of the keys
+// without opening the store.
+//
+// A change of a master key follows the store's transaction discipline: the
+// new key files, metadata (and, for the KPK, key table and KPK manager) are
+// private copies, committed with writeToFile and moved into the members only
+// after the commit returned. Nothing reaches the disk before the commit and
+// nothing in memory changes until after it, so a crash leaves the old or the
+// new keys, whole, across all three files.
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kms/platform/CrvnLis.h"
+#include "kms/platform/Fips.h"
+#include "kms/server/diagnostics/ErrorMapping.h"
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Messages.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/FileUtils.h"
+#include "kms/server/keystore/KSInputBuffer.h"
+#include "kms/server/keystore/KSMetadata.h"
+#include "kms/server/keystore/KeyFile.h"
+#include "kms/server/keystore/KeyGen.h"
+#include "kms/server/keystore/KeyWrap.h"
+#include "kms/server/keystore/SecureBytes.h"
+#include "kms/server/keystore/StoreLockGuards.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace {
+
+// Catalogued messages.
+constexpr int kMsgHmkHeading = 28;
+constexpr int kMsgKpkHeading = 29;
+constexpr int kMsgNoKey = 50;
+constexpr int kMsgDeletingOldStore = 58;
+constexpr int kMsgCreatingStore = 63;
+constexpr int kMsgKeyId = 64;
+constexpr int kMsgKeyRandom = 65;
+constexpr int kMsgChangingKpk = 66;
+constexpr int kMsgPreviousValues = 67;
+constexpr int kMsgNewValues = 68;
+constexpr int kMsgChangingHmk = 69;
+constexpr int kMsgKeyFips = 92;
+constexpr int kMsgYes = 25;
+constexpr int kMsgNo = 26;
+constexpr int kOwnOriginator = 286;
+
+// Status codes used by number.
+constexpr int kAlreadyInitialized = 1201;
+constexpr int kNotInitialized = 1202;
+constexpr int kQuiesced = 1279;
+constexpr int kStoreFileOpenError = 1204;
+constexpr int kInvalidStoreFile = 1207;
+constexpr int kMalformed = 1208;
+constexpr int kHmkFileExists = 1209;
+constexpr int kFileWriteError = 1210;
+constexpr int kEmptyPassphrase = 1212;
+constexpr int kInvalidArgument = 1214;
+constexpr int kWrongHmk = 1221;
+constexpr int kCrypterNotReady = 1223;
+constexpr int kCrypterFailed = 1224;
+constexpr int kIntegrityFailed = 1225;
+constexpr int kDirCreateFailed = 1236;
+constexpr int kFileCreateFailed = 1237;
+constexpr int kFileDeleteFailed = 1239;
+constexpr int kWrongKpk = 1249;
+constexpr int kKpkFileExists = 1251;
+constexpr int kOpenFailed = 1252;
+constexpr int kRandomHmk = 1264;
+constexpr int kRandomKpk = 1265;
+constexpr int kStoreExists = 1268;
+constexpr int kUnwrapFailed = 1270;
+constexpr int kWriteFailedNothingChanged = 1276;
+constexpr int kFipsEnableFailed = 1286;
+
+// --- What each operation lets through, and what it turns the rest into ---
+
+// isGoodKeyFile. A malformed file (1208) is the answer "no" and never reaches
+// this map.
+const ErrorMap kGoodKeyFileMap{{kFileWriteError, EC_KS_internal_error, kOpenFailed}, {}};
+// goodHMKFileExists, goodKPKFileExists.
+const ErrorMap kGoodHmkFileMap{{kFileWriteError, EC_KS_internal_error},
+                               {{{kOpenFailed}, EC_KS_HMKfile_open_error}}};
+const ErrorMap kGoodKpkFileMap{{kFileWriteError, EC_KS_internal_error},
+                               {{{kOpenFailed}, EC_KS_KPKfile_open_error}}};
+// getHMKId and its kin on a closed store.
+const ErrorMap kStoreMetaMap{
+    {kFileWriteError, kStoreFileOpenError, kInvalidStoreFile, EC_KS_internal_error}, {}};
+
+// createEmpty: a failed commit has deleted what it made, so every file error
+// is reported as a store that changed.
+const ErrorMap kCreateEmptyMap{
+    {EC_KS_internal_error, kStoreExists},
+    {{{kDirCreateFailed, kFileCreateFailed, kFileDeleteFailed, kWriteFailedNothingChanged,
+       EC_KS_db_write_fail_changed},
+      EC_KS_db_write_fail_changed},
+     {{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+      EC_KS_internal_error}}};
+
+// createHMKFile, createKPKFile.
+const ErrorMap kCreateHmkFileMap{
+    {kStoreFileOpenError, kInvalidStoreFile, kHmkFileExists, kFileWriteError, kWrongHmk, kRandomHmk,
+     EC_KS_internal_error},
+    {{{kOpenFailed}, EC_KS_HMKfile_open_error}, {{kIntegrityFailed}, EC_KS_internal_error}}};
+const ErrorMap kCreateKpkFileMap{
+    {EC_KS_HMKfile_open_error, kStoreFileOpenError, kInvalidStoreFile, kFileWriteError, kWrongHmk,
+     kWrongKpk, kKpkFileExists, kRandomKpk, EC_KS_internal_error},
+    {{{kOpenFailed}, EC_KS_KPKfile_open_error},
+     {{kMalformed}, EC_KS_invalid_HMKfile},
+     {{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+      EC_KS_internal_error}}};
+
+// Failures of rewriting a key file in place that are reported by whether a
+// file stood there before (1277: the old one is gone) or not (1276).
+const std::vector<int> kHmkRewriteFailures{kDirCreateFailed, kFileCreateFailed,
+                                           EC_KS_HMKfile_open_error, kFileWriteError};
+const std::vector<int> kKpkRewriteFailures{kFileCreateFailed, EC_KS_KPKfile_open_error,
+                                           kFileWriteError};
+
+// updateHMK, updateKPK: the code reported, and the codes after which the store
+// stays live on the old keys (nothing written, or nothing changed on disk).
+// After any other failure memory may disagree with the disk and the store is
+// taken down.
+struct RekeyFailures {
+  ErrorMap map;
+  std::vector<int> keepLive;
+};
+const RekeyFailures kUpdateHmkFailures{
+    {{kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+     {{{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed, kUnwrapFailed},
+       EC_KS_internal_error}}},
+    {kWriteFailedNothingChanged, kInvalidArgument, kCrypterNotReady, kCrypterFailed,
+     kIntegrityFailed, kUnwrapFailed}};
+const RekeyFailures kUpdateKpkFailures{
+    {{kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+     {{{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+       EC_KS_internal_error}}},
+    {kWriteFailedNothingChanged, kInvalidArgument, kCrypterNotReady, kCrypterFailed,
+     kIntegrityFailed}};
+
+bool isOneOf(const std::vector<int>& codes, int code) {
+  return std::find(codes.begin(), codes.end(), code) != codes.end();
+}
+
+// Runs `body`, a re-key, under `failures`: gives 0 or the code to report, and
+// calls `takeDown` when the failure may have left memory and disk apart.
+template <typename Body, typename TakeDown>
+int rekeyStatus(const char* label, const RekeyFailures& failures, Body&& body,
+                TakeDown&& takeDown) {
+  bool keepLive = true;
+  const int status = statusOf(label, failures.map, [&] {
+    try {
+      body();
+    } catch (const KeyStoreError& error) {
+      keepLive = isOneOf(failures.keepLive, error.status());
+      throw;
+    } catch (...) {
+      keepLive = false;
+      throw;
+    }
+    return 0;
+  });
+  if (!keepLive) {
+    KMS_DEBUG(label, 1, "Memory no longer agrees with the files: taking the key store down");
+    takeDown();
+  }
+  return status;
+}
+
+// --- Files ---
+
+// The rest of `file`, which is then closed. Throws 1210.
+std::string readWhole(Utils::FileHolder& file) {
+  std::string bytes;
+  Utils::readFileIntoString(file, bytes);
+  file.close();
+  return bytes;
+}
+
+// The key file at `path`, read whole. Throws `openFailure` when it cannot be
+// opened, 1210 when it cannot be read, 1208 for a malformed file.
+KeyFile readKeyFileAt(const char* label, const std::string& path, int openFailure) {
+  KMS_TRACE("readKeyFileAt");
+  Utils::FileHolder file = Utils::openFile(path.c_str(), "rb");
+  if (file.get() == nullptr) {
+    KMS_DEBUG(label, 1, "Cannot open " << path);
+    KS_THROW(openFailure, label);
+  }
+  KSInputBuffer buffer(readWhole(file));
+  return FileKeyStore::readKeyFile(buffer);
+}
+
+// The metadata block of the store file, which lies in clear: no key is
+// needed. Throws 1204 when the file cannot be opened, 1210 when it cannot be
+// read, 1207 for a malformed block.
+KSMetadata readStoreMetadata(const char* label, const KMSFileLocator& locator) {
+  KMS_TRACE("readStoreMetadata");
+  Utils::FileHolder file = Utils::openFile(locator.ksPath().c_str(), "rb");
+  if (file.get() == nullptr) {
+    KMS_DEBUG(label, 1, "Cannot open " << locator.ksPath());
+    KS_THROW(kStoreFileOpenError, label);
+  }
+  KSInputBuffer buffer(readWhole(file));
+  return FileKeyStore::readKeyStoreMeta(buffer);
+}
+
+// Replaces the key file at `path` in place (no commit: the store file and
+// the other key file are not touched) and gives 0. Where it fails, the file
+// is removed; a failure listed in `lossFailures` gives 1277 if a file stood
+// there before (it is gone now) or 1276 if none did; other failures are
+// rethrown. `openFailure` is thrown when the file cannot be opened for
+// writing.
+int rewriteKeyFile(const char* label, const std::string& path, const KeyFile& keyFile,
+                   bool makeDirectories, const KMSFileLocator& locator, int openFailure,
+                   const std::vector<int>& lossFailures) {
+  KMS_TRACE("rewriteKeyFile");
+  bool existed = false;
+  try {
+    existed = Utils::fileExists(path.c_str(), Utils::LOG_BOTH, label);
+    if (makeDirectories) {
+      locator.createMissingDirectories();
+    }
+    Utils::createFile(label, path.c_str(), __LINE__, false, __FILE__);
+    Utils::FileHolder out = Utils::openFile(path.c_str(), "wb");
+    if (out.get() == nullptr) {
+      KMS_DEBUG(label, 1, "Cannot open " << path << " for writing");
+      KS_THROW(openFailure, label);
+    }
+    FileKeyStore::writeKeyFile(out, keyFile);
+    Utils::flushFileToDisk(label, out, __FILE__, __LINE__);
+    out.close();
+    return 0;
+  } catch (const KeyStoreError& error) {
+    KMS_DEBUG(label, 1, "Exception Caught: " << error.str(true));
+    try {
+      Utils::deleteFile(label, path.c_str(), __LINE__, true, __FILE__);
+    } catch (const KeyStoreError&) {
+      // What cannot be deleted may be half written: count it as lost.
+      existed = true;
+    }
+    if (!isOneOf(lossFailures, error.status())) {
+      KMS_DEBUG(label, 1, "Rethrowing Exception");
+      throw;
+    }
+    const int result = existed ? EC_KS_db_write_fail_changed : kWriteFailedNothingChanged;
+    const char* text = getECmsg(result);
+    KMS_DEBUG(label, 1,
+              "Returning as " << (text != nullptr ? text : "") << " (" << error.status() << ")");
+    return result;
+  }
+}
+
+// --- Keys ---
+
+// The key length of `type`. Throws 1200 for a type without one.
+unsigned long keyLengthOf(const char* label, KSCrypt::CryptType type) {
+  const int length = KSCrypt::cryptTypeToKeyLen(type);
+  if (length <= 0) {
+    KS_THROW(EC_KS_internal_error, label);
+  }
+  return static_cast<unsigned long>(length);
+}
+
+// Throws 1200 after message 50 when no key came out.
+void requireKey(const char* label, const std::string& key) {
+  if (key.empty()) {
+    logAppMessage(label, CRVN_SEV_ERROR, kMsgNoKey);
+    KS_THROW(EC_KS_internal_error, label);
+  }
+}
+
+// A new master key for `type`: random data for an empty passphrase (then
+// `salt` is empty and no passphrase can make the key again), otherwise
+// stretched from the passphrase with a fresh salt, given back in `salt`.
+// Throws 1200 when no salt or no key could be had. The caller wipes the key.
+std::string makeMasterKey(const char* label, const std::string& passphrase, KSCrypt::CryptType type,
+                          std::string& salt) {
+  KMS_TRACE("makeMasterKey");
+  const unsigned long length = keyLengthOf(label, type);
+  salt.clear();
+  std::string key;
+  if (passphrase.empty()) {
+    key = KeyGen::generateRandomKey(length);
+  } else {
+    salt = KeyGen::generateSalt();
+    if (salt.empty()) {
+      KS_THROW(EC_KS_internal_error, label);
+    }
+    key = KeyGen::passphraseToKey(passphrase, salt, length);
+  }
+  requireKey(label, key);
+  return key;
+}
+
+// The master key that `passphrase` made when the store was written: the
+// stretch with the stored salt, or, for a key of the oldest stores, which
+// kept no salt, the unsalted derivation for AES-256. The caller wipes it.
+std::string remakeMasterKey(const char* label, const std::string& passphrase,
+                            const std::string& salt, KSCrypt::CryptType type) {
+  KMS_TRACE("remakeMasterKey");
+  std::string key;
+  if (salt.empty()) {
+    key = KeyGen::passphraseToKey_deprecated(passphrase, CT_AES256_CBC);
+  } else {
+    key = KeyGen::passphraseToKey(passphrase, salt, keyLengthOf(label, type));
+  }
+  requireKey(label, key);
+  return key;
+}
+
+bool fipsModeOn() {
+  return FIPS_mode() != 0;
+}
+
+KeyInfo hmkInfoOf(const KSMetadata& meta) {
+  KeyInfo info;
+  info.id = meta.hmkID();
+  info.algorithm = meta.masterEncAlgo();
+  info.random = meta.hmkRandom();
+  info.fips = meta.hmkFips();
+  return info;
+}
+
+KeyInfo kpkInfoOf(const KSMetadata& meta) {
+  KeyInfo info;
+  info.id = meta.kpkID();
+  info.algorithm = meta.keyEncAlgo();
+  info.random = meta.kpkRandom();
+  info.fips = meta.kpkFips();
+  return info;
+}
+
+// --- Log lines ---
+
+// The catalogue's "Yes" or "No". Throws 1269 when the catalogue fails.
+std::string yesNo(bool value) {
+  return GetCxULMessageEx(kOwnOriginator, value ? kMsgYes : kMsgNo);
+}
+
+// Id and kind (random or passphrase) of one master key.
+void logKeyFacts(const char* label, const std::string& id, bool random) {
+  logAppMessage(label, CRVN_SEV_INFO, kMsgKeyId, id);
+  logAppMessage(label, CRVN_SEV_INFO, kMsgKeyRandom, yesNo(random));
+}
+
+// A master key of a new store: heading, id, kind, FIPS state.
+void logNewStoreKey(const char* label, int heading, const std::string& id, bool random, bool fips) {
+  logAppMessage(label, CRVN_SEV_INFO, heading);
+  logKeyFacts(label, id, random);
+  logAppMessage(label, CRVN_SEV_INFO, kMsgKeyFips, yesNo(fips));
+}
+
+// What a change of a master key replaces: the old facts, then the new ones.
+void logKeyChange(const char* label, int heading, const KeyInfo& before, const KeyInfo& after) {
+  logAppMessage(label, CRVN_SEV_INFO, heading);
+  logAppMessage(label, CRVN_SEV_INFO, kMsgPreviousValues);
+  logKeyFacts(label, before.id, before.random);
+  logAppMessage(label, CRVN_SEV_INFO, kMsgNewValues);
+  logKeyFacts(label, after.id, after.random);
+}
+
+}  // namespace
+
+// ---- Facts of the master keys ----
+
+KeyInfo FileKeyStore::liveHmkInfo() const {
+  return hmkInfoOf(*m_metadata);
+}
+
+KeyInfo FileKeyStore::liveKpkInfo() const {
+  return kpkInfoOf(*m_metadata);
+}
+
+std::string FileKeyStore::getHMKId() {
+  static const char* const kLabel = "FileKeyStore::getHMKId";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return m_metadata->hmkID();
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kStoreMetaMap,
+                         [&] { return readStoreMetadata(kLabel, m_locator).hmkID(); });
+}
+
+KeyInfo FileKeyStore::getHMKInfo() {
+  static const char* const kLabel = "FileKeyStore::getHMKInfo";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return liveHmkInfo();
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kStoreMetaMap,
+                         [&] { return hmkInfoOf(readStoreMetadata(kLabel, m_locator)); });
+}
+
+std::string FileKeyStore::getKPKId() {
+  static const char* const kLabel = "FileKeyStore::getKPKId";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return m_metadata->kpkID();
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kStoreMetaMap,
+                         [&] { return readStoreMetadata(kLabel, m_locator).kpkID(); });
+}
+
+KeyInfo FileKeyStore::getKPKInfo() {
+  static const char* const kLabel = "FileKeyStore::getKPKInfo";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return liveKpkInfo();
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kStoreMetaMap,
+                         [&] { return kpkInfoOf(readStoreMetadata(kLabel, m_locator)); });
+}
+
+bool FileKeyStore::goodHMKFileExists() {
+  static const char* const kLabel = "FileKeyStore::goodHMKFileExists";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return true;
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kGoodHmkFileMap,
+                         [&] { return isGoodKeyFile(m_locator.hmkPath()); });
+}
+
+bool FileKeyStore::goodKPKFileExists() {
+  static const char* const kLabel = "FileKeyStore::goodKPKFileExists";
+  KMS_TRACE_THIS(kLabel);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return true;
+  }
+  if (fipsEnableFailed()) {
+    KS_THROW(kFipsEnableFailed, kLabel);
+  }
+  return translateErrors(kLabel, kGoodKpkFileMap,
+                         [&] { return isGoodKeyFile(m_locator.kpkPath()); });
+}
+
+bool FileKeyStore::isGoodKeyFile(const std::string& path) {
+  static const char* const kLabel = "FileKeyStore::isGoodKeyFile";
+  KMS_TRACE(kLabel);
+  return translateErrors(kLabel, kGoodKeyFileMap, [&] {
+    if (!Utils::fileExists(path.c_str(), Utils::LOG_BOTH, kLabel)) {
+      return false;
+    }
+    // Only the form of the file is tested, not whether its key is right.
+    try {
+      readKeyFileAt(kLabel, path, kOpenFailed);
+    } catch (const KeyStoreError& error) {
+      if (error.status() != kMalformed) {
+        throw;
+      }
+      KMS_DEBUG(kLabel, 1, path << " is not a valid key file: " << error.str(true));
+      return false;
+    }
+    return true;
+  });
+}
+
+// ---- Creating a store ----
+
+int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::string& hmkId,
+                              const std::string& kpkPassphrase, const std::string& kpkId,
+                              bool overwrite) {
+  static const char* const kLabel = "FileKeyStore::createEmpty";
+  KMS_TRACE_THIS(kLabel);
+  StoreWriteGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return kAlreadyInitialized;
+  }
+  if (fipsEnableFailed()) {
+    return kFipsEnableFailed;
+  }
+  if (hmkId.empty() || kpkId.empty()) {
+    return kInvalidArgument;
+  }
+  return statusOf(kLabel, kCreateEmptyMap, [&] {
+    try {
+      // A refusal to overwrite is raised in here too, so it also deletes the
+      // files of the store found: a caller that wants to keep a store asks
+      // dbExists first.
+      if (m_locator.anyFileExists()) {
+        if (!overwrite) {
+          KS_THROW(kStoreExists, kLabel);
+        }
+        logAppMessage(kLabel, CRVN_SEV_INFO, kMsgDeletingOldStore);
+        m_locator.deleteAllFiles();
+      }
+
+      std::string hmkSalt;
+      std::string hmk = makeMasterKey(kLabel, hmkPassphrase, m_masterEncAlgo, hmkSalt);
+      ScopedWipe wipeHmk(hmk);
+      KeyFile hmkFile(kCurrentVersion);
+      hmkFile.setKey(hmk);
+
+      std::string kpkSalt;
+      std::string kpk = makeMasterKey(kLabel, kpkPassphrase, m_keyEncAlgo, kpkSalt);
+      ScopedWipe wipeKpk(kpk);
+      KeyFile kpkFile(kCurrentVersion);
+      kpkFile.setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kCurrentVersion));
+
+      const bool fips = fipsModeOn();
+      KSMetadata meta(kCurrentVersion);
+      meta.setHmkVerifier(generateVerifier("HMKV", hmk, m_masterEncAlgo, kCurrentVersion));
+      meta.setHmkID(hmkId);
+      meta.setKpkVerifier(generateVerifier("KPKV", kpk, m_keyEncAlgo, kCurrentVersion));
+      meta.setKpkID(kpkId);
+      meta.setMasterEncAlgo(m_masterEncAlgo);
+      meta.setKeyEncAlgo(m_keyEncAlgo);
+      meta.setHmkRandom(hmkPassphrase.empty());
+      meta.setKpkRandom(kpkPassphrase.empty());
+      meta.setHmkFips(fips);
+      meta.setKpkFips(fips);
+      meta.setHmkSalt(hmkSalt);
+      meta.setKpkSalt(kpkSalt);
+
+      const KeyTable keys(true);
+      const GroupTable groups;
+
+      // Three empty files under the final names make the commit's start
+      // state clean.
+      m_locator.createMissingDirectories();
+      for (const std::string* path :
+           {&m_locator.hmkPath(), &m_locator.kpkPath(), &m_locator.ksPath()}) {
+        Utils::createFile(kLabel, path->c_str(), __LINE__, false, __FILE__);
+      }
+
+      logAppMessage(kLabel, CRVN_SEV_INFO, kMsgCreatingStore);
+      logNewStoreKey(kLabel, kMsgHmkHeading, hmkId, meta.hmkRandom(), fips);
+      logNewStoreKey(kLabel, kMsgKpkHeading, kpkId, meta.kpkRandom(), fips);
+
+      writeToFile(hmkFile, kpkFile, meta, keys, groups, m_locator);
+    } catch (...) {
+      // Nothing of a store that failed to come into being is left behind.
+      try {
+        m_locator.deleteAllFiles();
+      } catch (...) {
+        KMS_DEBUG(kLabel, 1, "Failed trying to cleanup any created files");
+      }
+      throw;
+    }
+    return 0;
+  });
+}
+
+// ---- Remaking a lost key file ----
+
+int FileKeyStore::createHMKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) {
+  static const char* const kLabel = "FileKeyStore::createHMKFile";
+  KMS_TRACE_THIS(kLabel);
+  StoreWriteGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return kAlreadyInitialized;
+  }
+  if (fipsEnableFailed()) {
+    return kFipsEnableFailed;
+  }
+  if (passphrase.empty()) {
+    return kEmptyPassphrase;
+  }
+  return statusOf(kLabel, kCreateHmkFileMap, [&] {
+    if (!overwrite && isGoodKeyFile(m_locator.hmkPath())) {
+      KS_THROW(kHmkFileExists, kLabel);
+    }
+    const KSMetadata meta = readStoreMetadata(kLabel, m_locator);
+    if (refuseRandom && meta.hmkRandom()) {
+      // A random key cannot come back from a passphrase.
+      KS_THROW(kRandomHmk, kLabel);
+    }
+    std::string hmk = remakeMasterKey(kLabel, passphrase, meta.hmkSalt(), meta.masterEncAlgo());
+    ScopedWipe wipeHmk(hmk);
+    verifyHmk(hmk, meta);
+
+    KeyFile hmkFile(meta.version());
+    hmkFile.setKey(hmk);
+    return rewriteKeyFile(kLabel, m_locator.hmkPath(), hmkFile, true, m_locator,
+                          EC_KS_HMKfile_open_error, kHmkRewriteFailures);
+  });
+}
+
+int FileKeyStore::createKPKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) {
+  static const char* const kLabel = "FileKeyStore::createKPKFile";
+  KMS_TRACE_THIS(kLabel);
+  StoreWriteGuard guard(m_lock, m_writerTurnstile);
+  if (m_initialized) {
+    return kAlreadyInitialized;
+  }
+  if (fipsEnableFailed()) {
+    return kFipsEnableFailed;
+  }
+  if (passphrase.empty()) {
+    return kEmptyPassphrase;
+  }
+  return statusOf(kLabel, kCreateKpkFileMap, [&] {
+    if (!overwrite && isGoodKeyFile(m_locator.kpkPath())) {
+      KS_THROW(kKpkFileExists, kLabel);
+    }
+    const KSMetadata meta = readStoreMetadata(kLabel, m_locator);
+    if (refuseRandom && meta.kpkRandom()) {
+      KS_THROW(kRandomKpk, kLabel);
+    }
+    // The KPK file can only be remade beside a good HMK, which wraps it.
+    const KeyFile hmkFile = readKeyFileAt(kLabel, m_locator.hmkPath(), EC_KS_HMKfile_open_error);
+    verifyHmk(hmkFile.key(), meta);
+
+    std::string kpk = remakeMasterKey(kLabel, passphrase, meta.kpkSalt(), meta.keyEncAlgo());
+    ScopedWipe wipeKpk(kpk);
+    verifyKpk(kpk, meta);
+
+    KeyFile kpkFile(meta.version());
+    kpkFile.setKey(
+        Utils::encryptKeyWithKey(kpk, hmkFile.key(), meta.masterEncAlgo(), meta.version()));
+    // Unlike the HMK file, the KPK file is not given missing directories.
+    return rewriteKeyFile(kLabel, m_locator.kpkPath(), kpkFile, false, m_locator,
+                          EC_KS_KPKfile_open_error, kKpkRewriteFailures);
+  });
+}
+
+// ---- Changing a master key ----
+
+int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hmkId) {
+  static const char* const kLabel = "FileKeyStore::updateHMK";
+  KMS_TRACE_THIS(kLabel);
+  StoreWriteGuard guard(m_lock, m_writerTurnstile);
+  if (!m_initialized) {
+    return kNotInitialized;
+  }
+  if (m_quiesceCount != 0) {
+    return kQuiesced;
+  }
+  if (hmkId.empty()) {
+    return kInvalidArgument;
+  }
+  return rekeyStatus(
+      kLabel, kUpdateHmkFailures,
+      [&] {
+        auto hmkFile = std::make_unique<KeyFile>(*m_hmkFile);
+        auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
+        auto meta = std::make_unique<KSMetadata>(*m_metadata);
+        if (hmkFile->version() != kCurrentVersion || kpkFile->version() != kCurrentVersion ||
+            meta->version() != kCurrentVersion) {
+          KS_THROW(EC_KS_internal_error, kLabel);
+        }
+
+        std::string kpk = Utils::decryptKeyWithKey(kpkFile->key(), hmkFile->key(),
+                                                   meta->masterEncAlgo(), kpkFile->version());
+        ScopedWipe wipeKpk(kpk);
+
+        std::string salt;
+        std::string hmk = makeMasterKey(kLabel, passphrase, m_masterEncAlgo, salt);
+        ScopedWipe wipeHmk(hmk);
+        hmkFile->setKey(hmk);
+        kpkFile->setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kpkFile->version()));
+
+        meta->setHmkVerifier(generateVerifier("HMKV", hmk, m_masterEncAlgo, meta->version()));
+        meta->setHmkID(hmkId);
+        meta->setMasterEncAlgo(m_masterEncAlgo);
+        meta->setHmkRandom(passphrase.empty());
+        meta->setHmkSalt(salt);
+        meta->setHmkFips(fipsModeOn());
+
+        logKeyChange(kLabel, kMsgChangingHmk, hmkInfoOf(*m_metadata), hmkInfoOf(*meta));
+
+        // The records stay as they are: their keys are wrapped under the
+        // KPK, which has not changed. The stream is written anew under the
+        // new HMK.
+        writeToFile(*hmkFile, *kpkFile, *meta, *m_keyTable, *m_groupTable, m_locator);
+
+        m_hmkFile = std::move(hmkFile);
+        m_kpkFile = std::move(kpkFile);
+        m_metadata = std::move(meta);
+      },
+      [&] { deinitialize(); });
+}
+
+int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kpkId) {
+  static const char* const kLabel = "FileKeyStore::updateKPK";
+  KMS_TRACE_THIS(kLabel);
+  StoreWriteGuard guard(m_lock, m_writerTurnstile);
+  if (!m_initialized) {
+    return kNotInitialized;
+  }
+  if (m_quiesceCount != 0) {
+    return kQuiesced;
+  }
+  if (kpkId.empty()) {
+    return kInvalidArgument;
+  }
+  return rekeyStatus(
+      kLabel, kUpdateKpkFailures,
+      [&] {
+        auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
+        auto meta = std::make_unique<KSMetadata>(*m_metadata);
+        if (m_hmkFile->version() != kCurrentVersion || kpkFile->version() != kCurrentVersion ||
+            meta->version() != kCurrentVersion) {
+          KS_THROW(EC_KS_internal_error, kLabel);
+        }
+        const std::string& hmk = m_hmkFile->key();
+
+        // The KPK file must unwrap under the HMK before anything is changed.
+        std::string oldKpk = Utils::decryptKeyWithKey(kpkFile->key(), hmk, meta->masterEncAlgo(),
+                                                      kpkFile->version());
+        ScopedWipe wipeOldKpk(oldKpk);
+
+        std::string salt;
+        std::string kpk = makeMasterKey(kLabel, passphrase, m_keyEncAlgo, salt);
+        ScopedWipe wipeKpk(kpk);
+
+        // Every record key moves from the old KPK to the new one, on a copy.
+        auto kpkMgr = std::make_unique<KPKMgr>(kpk, m_keyEncAlgo, meta->version(), true);
+        auto keyTable = std::make_unique<KeyTable>(*m_keyTable);
+        reencryptKeyRecords(*keyTable, *m_kpkMgr, *kpkMgr);
+
+        kpkFile->setKey(
+            Utils::encryptKeyWithKey(kpk, hmk, meta->masterEncAlgo(), kpkFile->version()));
+        meta->setKpkVerifier(generateVerifier("KPKV", kpk, m_keyEncAlgo, meta->version()));
+        meta->setKpkID(kpkId);
+        meta->setKeyEncAlgo(m_keyEncAlgo);
+        meta->setKpkRandom(passphrase.empty());
+        meta->setKpkSalt(salt);
+        meta->setKpkFips(fipsModeOn());
+
+        logKeyChange(kLabel, kMsgChangingKpk, kpkInfoOf(*m_metadata), kpkInfoOf(*meta));
+
+        writeToFile(*m_hmkFile, *kpkFile, *meta, *keyTable, *m_groupTable, m_locator);
+
+        m_kpkFile = std::move(kpkFile);
+        m_kpkMgr = std::move(kpkMgr);
+        m_metadata = std::move(meta);
+        m_keyTable = std::move(keyTable);
+      },
+      [&] { deinitialize(); });
+}
+
+// ---- Algorithms by version and the rewrapping of record keys ----
+
+namespace {
+
+// Every failure while rewrapping the keys of a table is an internal error.
+const ErrorMap kRewrapMap{{},
+                          {},
+                          EC_KS_internal_error,
+                          "Exception Caught: ",
+                          "Mapping and Rethrowing Exception as: ",
+                          "Mapping and Rethrowing Exception as: "};
+
+}  // namespace
+
+KSCrypt::CryptType FileKeyStore::getDefaultEncAlgos(ks_version_t version) {
+  switch (version) {
+    case KS_VERSION_100:
+      return KSCrypt::AES_256_CBC;
+    case KS_VERSION_200:
+      return KSCrypt::AES_256_CBC_EVP;
+    default:
+      return KSCrypt::AES_256_GCM;
+  }
+}
+
+void FileKeyStore::encryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
+  static const char* const kLabel = "FileKeyStore::encryptKeyRecords";
+  KMS_TRACE(kLabel);
+  translateErrors(kLabel, kRewrapMap, [&] {
+    for (auto it = table.begin(); it != table.end(); ++it) {
+      KeyRecord_v1& rec = it->second;
+      KMS_DEBUG(kLabel, 5, "Encrypting key [" << rec.name() << "]");
+      rec.setKey(kpkMgr.encryptKey(rec.key(), rec.kpkType(), rec.kpkTag()));
+    }
+  });
+}
+
+void FileKeyStore::decryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
+  static const char* const kLabel = "FileKeyStore::decryptKeyRecords";
+  KMS_TRACE(kLabel);
+  translateErrors(kLabel, kRewrapMap, [&] {
+    for (auto it = table.begin(); it != table.end(); ++it) {
+      KeyRecord_v1& rec = it->second;
+      std::string plain = kpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
+      ScopedWipe wipe(plain);
+      rec.setKey(plain);
+    }
+  });
+}
+
+void FileKeyStore::reencryptKeyRecords(KeyTable& table, const KPKMgr& oldKpkMgr,
+                                       const KPKMgr& newKpkMgr) {
+  static const char* const kLabel = "FileKeyStore::reencryptKeyRecords";
+  KMS_TRACE(kLabel);
+  translateErrors(kLabel, kRewrapMap, [&] {
+    for (auto it = table.begin(); it != table.end(); ++it) {
+      KeyRecord_v1& rec = it->second;
+      std::string plain = oldKpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
+      ScopedWipe wipe(plain);
+      rec.setKey(newKpkMgr.encryptKey(plain, rec.kpkType(), rec.kpkTag()));
+    }
+  });
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

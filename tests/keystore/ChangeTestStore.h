@@ -1,0 +1,179 @@
+// A live key store on real files for the tests of key and group changes: an
+// empty state is committed with writeToFile under a private root and brought
+// up by init, so every change runs the real commit.
+//
+//   FipsDecisionOff fips;                 // before init: this process asks no FIPS
+//   LiveStore live;                       // empty, live
+//   KeyGrpRecord_v1 g = live.addGroup("g1");
+//   KeyRecord_v1 k = live.addKey(g.tag(), "k1", KEY_ACTIVE);
+//   Snapshot before = snapshotOf(*live);
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "keystore/StoreTestState.h"
+#include "kms/platform/InstallRoot.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KMSConfig.h"
+#include "kms/server/keystore/KMSFileLocator.h"
+#include "support/TempRoot.h"
+
+namespace changetest {
+
+using namespace Vaultrest::DL::KMS;
+
+// This process was not asked for FIPS mode, for the scope.
+class FipsDecisionOff {
+ public:
+  FipsDecisionOff() : m_saved(FileKeyStore::g_fips_mode_disabled) {
+    FileKeyStore::g_fips_mode_disabled = true;
+  }
+  ~FipsDecisionOff() { FileKeyStore::g_fips_mode_disabled = m_saved; }
+
+ private:
+  bool m_saved;
+};
+
+// Serves the two limits from the service's configuration file while it
+// lives; a store reads them when it is constructed.
+class ConfiguredLimits {
+ public:
+  ConfiguredLimits(int maxKeyGroups, int maxKeysPerGroup)
+      : m_path(InstallRoot::path("kms/vrkms.conf")) {
+    std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
+    std::ofstream(m_path, std::ios::trunc)
+        << "[KMSConfig]\n"
+        << "\"max_key_groups\"=dword:" << hex8(maxKeyGroups) << "\n"
+        << "\"max_keys_per_group\"=dword:" << hex8(maxKeysPerGroup) << "\n";
+    reload();
+  }
+  ~ConfiguredLimits() {
+    std::filesystem::remove(m_path);
+    reload();
+  }
+
+ private:
+  static std::string hex8(int value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
+    return text;
+  }
+  // Only the central back end may fail here; the file has been read.
+  static void reload() {
+    try {
+      KMSConfig::instance()->reload();
+    } catch (const KeyStoreError& error) {
+      EXPECT_EQ(error.status(), 1257);
+    }
+  }
+  std::string m_path;
+};
+
+// A store under a root of its own, made by committing an empty state (random
+// master keys, no groups, no keys) and brought up by init.
+class LiveStore {
+ public:
+  LiveStore() : m_locator(m_root.path()) {
+    m_locator.createMissingDirectories();
+    // A first commit needs the three final names to exist.
+    for (const std::string* path :
+         {&m_locator.hmkPath(), &m_locator.kpkPath(), &m_locator.ksPath()}) {
+      std::ofstream(*path, std::ios::trunc);
+    }
+    const storetest::StoreContent empty;
+    FileKeyStore::writeToFile(*empty.hmkFile(), *empty.kpkFile(), *empty.metadata(), empty.keys(),
+                              empty.groups(), m_locator);
+    m_store = std::make_unique<FileKeyStore>(m_locator);
+    EXPECT_EQ(m_store->init(), 0);
+  }
+
+  FileKeyStore& operator*() { return *m_store; }
+  FileKeyStore* operator->() { return m_store.get(); }
+  const KMSFileLocator& locator() const { return m_locator; }
+
+  KeyGrpRecord_v1 addGroup(const std::string& name, ks_ciphertype_t cipher = CT_AES256_CBC) {
+    KeyGrpRecord_v1 rec;
+    rec.setName(name);
+    rec.setCipherType(cipher);
+    rec.setDescription("group " + name);
+    return m_store->addKeyGroup(rec);
+  }
+
+  KeyRecord_v1 addKey(const std::string& group, const std::string& name, ks_keystate_t state,
+                      const std::string& passphrase = std::string()) {
+    return m_store->addKey(keyRecord(group, name, state), passphrase);
+  }
+
+  // A record as a client sends it to addKey.
+  static KeyRecord_v1 keyRecord(const std::string& group, const std::string& name,
+                                ks_keystate_t state) {
+    KeyRecord_v1 rec;
+    rec.setKeyGroup(group);
+    rec.setName(name);
+    rec.setState(state);
+    rec.setDescription("key " + name);
+    rec.setKpkType(KPK_LOCAL);
+    return rec;
+  }
+
+ private:
+  TempRoot m_root{"vrkms-changes"};
+  KMSFileLocator m_locator;
+  std::unique_ptr<FileKeyStore> m_store;
+};
+
+// Everything a store serves, as its readers see it: the groups with their
+// derived fields, and the keys of each group (without keys).
+struct Snapshot {
+  std::vector<std::pair<KeyGrpRecord_v1, std::pair<uint64_t, bool>>> groups;
+  std::vector<std::list<KeyRecord_v1>> keys;
+  bool operator==(const Snapshot& other) const {
+    return groups == other.groups && keys == other.keys;
+  }
+};
+
+inline Snapshot snapshotOf(FileKeyStore& store) {
+  Snapshot snap;
+  std::list<KeyGrpRecord_v1> groups;
+  store.getAllKeyGroupRecords(groups);
+  for (const KeyGrpRecord_v1& group : groups) {
+    snap.groups.push_back({group, {group.numKeys(), group.hasActiveKey()}});
+    snap.keys.emplace_back();
+    store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
+    // By tag: a reload lists the keys of a group in tag order, behind the
+    // active one, and no longer in the order they came.
+    snap.keys.back().sort(
+        [](const KeyRecord_v1& a, const KeyRecord_v1& b) { return a.tag() < b.tag(); });
+  }
+  return snap;
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The bytes of the nine paths of a store, "" for a missing one and "+" in
+// front of an existing one's bytes.
+inline std::vector<std::string> filesOf(const KMSFileLocator& locator) {
+  std::vector<std::string> out;
+  for (const std::string* path : {&locator.hmkPath(), &locator.hmkNewPath(), &locator.hmkBakPath(),
+                                  &locator.kpkPath(), &locator.kpkNewPath(), &locator.kpkBakPath(),
+                                  &locator.ksPath(), &locator.ksNewPath(), &locator.ksBakPath()}) {
+    struct stat st;
+    out.push_back(::stat(path->c_str(), &st) == 0 ? "+" + readFile(*path) : std::string());
+  }
+  return out;
+}
+
+}  // namespace changetest

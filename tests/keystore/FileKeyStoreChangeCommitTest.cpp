@@ -1,0 +1,261 @@
+// What a change leaves behind outside its tables: the audit entries in the
+// application log (in order, and no key material or passphrase in any log),
+// and the store's fate when its commit fails.
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "keystore/ChangeTestStore.h"
+#include "keystore/StoreTestState.h"
+#include "kms/platform/Fips.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/RecordUtils.h"
+#include "support/LogCapture.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+using changetest::filesOf;
+using changetest::FipsDecisionOff;
+using changetest::LiveStore;
+using changetest::readFile;
+using changetest::Snapshot;
+using changetest::snapshotOf;
+using storetest::codeOf;
+
+// The audit entries of the application log, as (message id, text).
+std::vector<std::pair<int, std::string>> auditEntries(const LogCapture& log) {
+  static const std::set<int> kAuditIds = {67, 68, 70, 71, 72, 73, 74, 75,
+                                          76, 77, 78, 79, 80, 81, 92};
+  static const std::regex kEntry(" 286-([0-9]+) [^ ]+: (.*)$");
+  std::vector<std::pair<int, std::string>> entries;
+  for (const std::string& line : log.appLines()) {
+    std::smatch match;
+    if (std::regex_search(line, match, kEntry)) {
+      const int id = std::stoi(match[1]);
+      if (kAuditIds.count(id) != 0) {
+        entries.emplace_back(id, match[2]);
+      }
+    }
+  }
+  return entries;
+}
+
+std::vector<int> idsOf(const std::vector<std::pair<int, std::string>>& entries) {
+  std::vector<int> ids;
+  for (const auto& entry : entries) {
+    ids.push_back(entry.first);
+  }
+  return ids;
+}
+
+std::string upper(std::string text) {
+  for (char& c : text) {
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  return text;
+}
+
+class FileKeyStoreChangeCommitTest : public ::testing::Test {
+ protected:
+  FipsDecisionOff m_fips;
+};
+
+TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecrets) {
+  LogCapture log(6);
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const std::string passphrase = "Audit-Passphrase-7781";
+
+  const KeyGrpRecord_v1 g = live.addGroup("g");
+  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, passphrase);
+  const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
+  KeyRecord_v1 request = store.getKeyRecord(b.tag());
+  request.setDescription("described");
+  store.updateKeyRecord(request);
+  request = store.getKeyRecord(a.tag());
+  request.setName("a2");
+  store.updateKeyRecord(request);
+  const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
+  store.deleteKeyRecord(p.tag());
+  KeyGrpRecord_v1 group = store.getKeyGroupRecord(g.tag());
+  group.setName("g2");
+  group.setDescription("renamed");
+  store.updateKeyGroupRecord(group);
+  const std::vector<std::string> plainKeys = {store.getKey(a.tag()).key(),
+                                              store.getKey(b.tag()).key()};
+  store.deleteKeyGroupRecord(g.tag(), true);
+
+  const std::vector<int> keyAdded = {81, 71, 72, 77, 78, 74, 92};
+  std::vector<int> expected = {70, 71, 72, 73, 74};                   // group added
+  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // a
+  for (int id : {76, 71, 67, 77, 68, 77}) {                           // a demoted
+    expected.push_back(id);
+  }
+  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // b
+  for (int id : {76, 71, 67, 72, 77, 78, 74, 68, 72, 77, 78, 74}) {   // b described
+    expected.push_back(id);
+  }
+  for (int id : {76, 71, 67, 72, 77, 78, 68, 72, 77, 78}) {  // a renamed
+    expected.push_back(id);
+  }
+  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // p
+  for (int id : {75, 71, 80, 71, 67, 72, 74, 68, 72, 74, 79, 71}) {   // p, g, g
+    expected.push_back(id);
+  }
+  const auto entries = auditEntries(log);
+  ASSERT_EQ(idsOf(entries), expected);
+
+  // The texts of the first key's entries and of its demotion.
+  const std::string fips = FIPS_mode() != 0 ? "Yes" : "No";
+  const std::vector<std::pair<int, std::string>> aAddedAndDemoted = {
+      {81, "Key added:"},
+      {71, "Tag: " + Utils::binToHex(a.tag())},
+      {72, "Name: a(61)"},
+      {77, "State: KEY_ACTIVE"},
+      {78, "Key group tag: " + Utils::binToHex(g.tag())},
+      {74, "Description: key.a(6b65792061)"},
+      {92, "FIPS compliant: " + fips},
+      {76, "Key updated:"},
+      {71, "Tag: " + Utils::binToHex(a.tag())},
+      {67, "Previous values:"},
+      {77, "State: KEY_ACTIVE"},
+      {68, "New values:"},
+      {77, "State: KEY_INACTIVE"},
+  };
+  const std::vector<std::pair<int, std::string>> aSeen(entries.begin() + 5, entries.begin() + 18);
+  EXPECT_EQ(aSeen, aAddedAndDemoted);
+  EXPECT_EQ(entries[5 + 7 + 6 + 2].second, "Name: b(62)");
+  EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
+
+  // No key in any form, nor the passphrase, in either log.
+  const std::string logs =
+      readFile(log.logger().debugLogPath()) + readFile(log.logger().appLogPath());
+  ASSERT_NE(logs.find("Key added:"), std::string::npos);
+  for (const std::string& key : plainKeys) {
+    ASSERT_EQ(key.size(), 32u);
+    EXPECT_EQ(logs.find(key), std::string::npos);
+    EXPECT_EQ(logs.find(Utils::binToHex(key)), std::string::npos);
+    EXPECT_EQ(logs.find(upper(Utils::binToHex(key))), std::string::npos);
+  }
+  EXPECT_EQ(logs.find(passphrase), std::string::npos);
+}
+
+// A commit that fails before the first rename changed nothing on disk: the
+// store goes on serving what it served, and takes the next change.
+TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServing) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g = live.addGroup("g");
+  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
+  const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
+  KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
+  legacy.setTag(std::string(32, 'L'));
+  KeyRecord_v1 described = store.getKeyRecord(a.tag());
+  described.setDescription("described");
+  KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(g.tag());
+  renamed.setName("renamed");
+
+  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
+      {"updateKeyRecord", [&] { store.updateKeyRecord(described); }},
+      {"addKey", [&] { live.addKey(g.tag(), "n", KEY_ACTIVE); }},
+      {"addKeyWithKnownTag", [&] { store.addKeyWithKnownTag(legacy, "words"); }},
+      {"deleteKeyRecord", [&] { store.deleteKeyRecord(p.tag()); }},
+      {"addKeyGroup", [&] { live.addGroup("h"); }},
+      {"updateKeyGroupRecord", [&] { store.updateKeyGroupRecord(renamed); }},
+      {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(g.tag(), true); }},
+  };
+  const Snapshot before = snapshotOf(store);
+  const std::vector<std::string> filesBefore = filesOf(live.locator());
+  for (const auto& change : changes) {
+    LogCapture log;
+    {
+      FailNthFileOp fullDisk(1, ENOSPC, FileOp::Fwrite);
+      const ScopedFileFaultHook installed(&fullDisk);
+      EXPECT_EQ(codeOf(change.second), 1276) << change.first;
+      EXPECT_TRUE(fullDisk.fired()) << change.first;
+    }
+    EXPECT_TRUE(store.isInitialized()) << change.first;
+    EXPECT_TRUE(snapshotOf(store) == before) << change.first;
+    EXPECT_EQ(filesOf(live.locator()), filesBefore) << change.first;
+    // The entries were written before the write.
+    EXPECT_FALSE(auditEntries(log).empty()) << change.first;
+  }
+
+  for (const auto& change : changes) {
+    EXPECT_EQ(codeOf(change.second), 0) << change.first;
+  }
+  const Snapshot after = snapshotOf(store);
+  EXPECT_EQ(after.groups.size(), 1u);  // "h"; "g" went with its keys
+  ASSERT_EQ(store.shutdown(), 0);
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(snapshotOf(store) == after);
+}
+
+// A commit that fails from the first rename on may have left the disk
+// between old and new: the store closes, and the next init finishes the
+// commit (or, if not even the first rename happened, rolls it back).
+TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheStore) {
+  for (size_t failingRename = 1; failingRename <= 6; ++failingRename) {
+    SCOPED_TRACE("failing rename " + std::to_string(failingRename));
+    LiveStore live;
+    FileKeyStore& store = *live;
+    const KeyGrpRecord_v1 g = live.addGroup("g");
+    const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
+    const Snapshot before = snapshotOf(store);
+    {
+      FailNthFileOp crossDevice(failingRename, EXDEV, FileOp::Rename);
+      const ScopedFileFaultHook installed(&crossDevice);
+      EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "new", KEY_ACTIVE); }), 1277);
+    }
+    EXPECT_FALSE(store.isInitialized());
+    EXPECT_EQ(codeOf([&] { store.getKeyRecord(a.tag()); }), 1202);
+    EXPECT_EQ(codeOf([&] { store.getStats(); }), 1202);
+    EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1202);
+    EXPECT_EQ(codeOf([&] { store.deleteKeyGroupRecord(g.tag(), true); }), 1202);
+
+    ASSERT_EQ(store.init(), 0);
+    EXPECT_TRUE(FileKeyStore::isDbClean(live.locator()));
+    if (failingRename == 1) {
+      EXPECT_TRUE(snapshotOf(store) == before);
+    } else {
+      const KeyRecord_v1 added = store.getKeyRecordByName(g.tag(), "new");
+      EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), added.tag());
+      EXPECT_EQ(store.getKeyRecord(a.tag()).state(), KEY_INACTIVE);
+      EXPECT_EQ(store.getKey(added.tag()).key().size(), 32u);
+    }
+  }
+}
+
+// A commit refuses to start over leftovers of an earlier one (1200): the
+// store closes, and init clears the leftovers.
+TEST_F(FileKeyStoreChangeCommitTest, ACommitOverLeftoversClosesTheStore) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g = live.addGroup("g");
+  const Snapshot before = snapshotOf(store);
+  std::ofstream(live.locator().ksBakPath()) << "left over";
+
+  EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1200);
+  EXPECT_FALSE(store.isInitialized());
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(FileKeyStore::isDbClean(live.locator()));
+  EXPECT_TRUE(snapshotOf(store) == before);
+  live.addGroup("h");
+  EXPECT_EQ(store.getStats().second, 2u);
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,630 @@
+// Changes of keys and key groups on a live store over real files: the
+// validity rules, every refusal (which must leave the live tables and the
+// files as they were), the limits from the configuration, the rule of one
+// active key per group, the optimistic lock and where key material comes
+// from.
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "keystore/ChangeTestStore.h"
+#include "keystore/StoreTestState.h"
+#include "kms/platform/Fips.h"
+#include "kms/platform/MangleRandom.h"
+#include "kms/server/keystore/KeyGen.h"
+#include "kms/server/keystore/RandData.h"
+#include "kms/server/keystore/RecordUtils.h"
+#include "support/LogCapture.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+using changetest::ConfiguredLimits;
+using changetest::filesOf;
+using changetest::FipsDecisionOff;
+using changetest::LiveStore;
+using changetest::Snapshot;
+using changetest::snapshotOf;
+using storetest::codeOf;
+
+const char* expectedFipsAttribute() {
+  return FIPS_mode() != 0 ? "true" : "false";
+}
+
+TEST(KeyChangeRulesTest, KeysMoveOneStepAlongTheLineAndNeverBackToPrelive) {
+  const std::set<std::pair<int, int>> steps = {
+      {KEY_PRELIVE, KEY_ACTIVE},        {KEY_ACTIVE, KEY_INACTIVE},
+      {KEY_INACTIVE, KEY_ACTIVE},       {KEY_INACTIVE, KEY_DEPRECATED},
+      {KEY_DEPRECATED, KEY_INACTIVE},   {KEY_DEPRECATED, KEY_TERMINATED},
+      {KEY_TERMINATED, KEY_DEPRECATED},
+  };
+  const int values[] = {-1, 0, 1, 2, 3, 4, 5, 6, 99};
+  for (int from : values) {
+    for (int to : values) {
+      const bool expected = from == to || steps.count({from, to}) != 0;
+      EXPECT_EQ(FileKeyStore::isValidKeyStateChange(static_cast<ks_keystate_t>(from),
+                                                    static_cast<ks_keystate_t>(to)),
+                expected)
+          << from << " -> " << to;
+    }
+  }
+  for (int v : values) {
+    EXPECT_EQ(FileKeyStore::isValidKeyState(static_cast<ks_keystate_t>(v)), v >= 1 && v <= 5) << v;
+    EXPECT_EQ(FileKeyStore::isValidCipherType(static_cast<ks_ciphertype_t>(v)), v >= 1 && v <= 4)
+        << v;
+  }
+}
+
+TEST(KeyChangeRulesTest, NamesBeginAlphanumericAndUseFewMarks) {
+  const std::pair<std::string, bool> cases[] = {
+      {"a b", true},        {" ab", false},
+      {"a/b", false},       {"ab\n", true},
+      {"", false},          {"a.:-_", true},
+      {"9", true},          {"a\tb ", true},
+      {"_a", false},        {".a", false},
+      {"a\xc3\xa9", false}, {"\xc3\xa9t\xc3\xa9", false},
+      {"a,b", false},       {std::string("a\0b", 3), false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(FileKeyStore::IsValidName(c.first), c.second) << '"' << c.first << '"';
+  }
+}
+
+class FileKeyStoreChangesTest : public ::testing::Test {
+ protected:
+  FipsDecisionOff m_fips;
+};
+
+// Every refusal of a change, each reported by its code, none changing what
+// the store serves or what is on disk.
+TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g1 = live.addGroup("g1");
+  const KeyGrpRecord_v1 g2 = live.addGroup("g2", CT_AES128_CBC);
+  const KeyGrpRecord_v1 g3 = live.addGroup("g3");
+  const KeyRecord_v1 k1 = live.addKey(g1.tag(), "k1", KEY_ACTIVE);
+  const KeyRecord_v1 k2 = live.addKey(g1.tag(), "k2", KEY_ACTIVE);  // k1 now inactive
+  const KeyRecord_v1 p1 = live.addKey(g1.tag(), "p1", KEY_PRELIVE);
+  const KeyRecord_v1 p2 = live.addKey(g1.tag(), "p2", KEY_PRELIVE);
+  live.addKey(g2.tag(), "q1", KEY_ACTIVE);
+  const std::string unknown(32, 'u');
+
+  const auto key = [&](const KeyRecord_v1& rec) { return store.getKeyRecord(rec.tag()); };
+  const auto group = [&](const KeyGrpRecord_v1& rec) { return store.getKeyGroupRecord(rec.tag()); };
+  const auto request = [](const std::string& g, const std::string& name, ks_keystate_t state) {
+    return LiveStore::keyRecord(g, name, state);
+  };
+  const auto known = [&](const std::string& tag, const std::string& name, ks_keystate_t state) {
+    KeyRecord_v1 rec = request(g1.tag(), name, state);
+    rec.setTag(tag);
+    return rec;
+  };
+
+  struct Case {
+    const char* what;
+    int expected;
+    std::function<void()> call;
+  };
+  const std::vector<Case> cases = {
+      // addKey and addKeyWithKnownTag, in the order of their checks.
+      {"add: empty name", 1214, [&] { store.addKey(request(g1.tag(), "", KEY_ACTIVE), ""); }},
+      {"add: bad name", 1287, [&] { store.addKey(request(g1.tag(), " x", KEY_ACTIVE), ""); }},
+      {"add: inactive", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_INACTIVE), ""); }},
+      {"add: terminated", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_TERMINATED), ""); }},
+      {"known: no passphrase", 1212,
+       [&] { store.addKeyWithKnownTag(known(unknown, "x", KEY_INACTIVE), ""); }},
+      {"known: active", 1214,
+       [&] { store.addKeyWithKnownTag(known(unknown, "x", KEY_ACTIVE), "pass"); }},
+      {"known: empty tag", 1215,
+       [&] { store.addKeyWithKnownTag(known("", "x", KEY_INACTIVE), "pass"); }},
+      {"add: unknown group", 1229, [&] { store.addKey(request(unknown, "x", KEY_ACTIVE), ""); }},
+      {"add: name taken", 1231, [&] { store.addKey(request(g1.tag(), "k1", KEY_PRELIVE), ""); }},
+      {"known: tag taken", 1233,
+       [&] { store.addKeyWithKnownTag(known(k1.tag(), "x", KEY_INACTIVE), "pass"); }},
+      {"add: no KPK to wrap with", 1200,
+       [&] {
+         KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
+         rec.setKpkType(KPK_INVALID);
+         store.addKey(rec, "");
+       }},
+      // updateKeyRecord.
+      {"update: empty name", 1214,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setName("");
+         store.updateKeyRecord(rec);
+       }},
+      {"update: state 0", 1214,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setState(KEY_INVALID);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: bad name", 1287,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setName("k/1");
+         store.updateKeyRecord(rec);
+       }},
+      {"update: unknown tag", 1260,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setTag(unknown);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: nothing", 1241, [&] { store.updateKeyRecord(key(k1)); }},
+      {"update: only another key value", 1241,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setKey(std::string(32, 'K'));
+         store.updateKeyRecord(rec);
+       }},
+      {"update: old revision", 1228,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setRev(rec.rev() - 1);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: old update time", 1228,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setUpdateTime(rec.updateTime() - 1);
+         rec.setDescription("changed");
+         store.updateKeyRecord(rec);
+       }},
+      {"update: other create time", 1228,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setCreateTime(rec.createTime() + 1);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: KPK tag", 1253,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setKpkTag("other");
+         store.updateKeyRecord(rec);
+       }},
+      {"update: active to deprecated", 1240,
+       [&] {
+         KeyRecord_v1 rec = key(k2);
+         rec.setState(KEY_DEPRECATED);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: inactive to prelive", 1240,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setState(KEY_PRELIVE);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: to unknown group", 1229,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setKeyGroup(unknown);
+         store.updateKeyRecord(rec);
+       }},
+      {"update: to other cipher type", 1230,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setKeyGroup(g2.tag());
+         store.updateKeyRecord(rec);
+       }},
+      {"update: rename onto a sibling", 1231,
+       [&] {
+         KeyRecord_v1 rec = key(k1);
+         rec.setName("k2");
+         store.updateKeyRecord(rec);
+       }},
+      // deleteKeyRecord: only the two ends of the line.
+      {"delete key: unknown", 1260, [&] { store.deleteKeyRecord(unknown); }},
+      {"delete key: active", 1242, [&] { store.deleteKeyRecord(k2.tag()); }},
+      {"delete key: inactive", 1242, [&] { store.deleteKeyRecord(k1.tag()); }},
+      // Groups.
+      {"add group: empty name", 1214,
+       [&] {
+         KeyGrpRecord_v1 rec;
+         rec.setCipherType(CT_AES256_CBC);
+         store.addKeyGroup(rec);
+       }},
+      {"add group: cipher type 0", 1214,
+       [&] {
+         KeyGrpRecord_v1 rec;
+         rec.setName("x");
+         store.addKeyGroup(rec);
+       }},
+      {"add group: bad name", 1287,
+       [&] {
+         KeyGrpRecord_v1 rec;
+         rec.setName("x/y");
+         rec.setCipherType(CT_AES256_CBC);
+         store.addKeyGroup(rec);
+       }},
+      {"add group: name taken", 1232,
+       [&] {
+         KeyGrpRecord_v1 rec;
+         rec.setName("g2");
+         rec.setCipherType(CT_AES256_CBC);
+         store.addKeyGroup(rec);
+       }},
+      {"update group: empty name", 1214,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setName("");
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"update group: bad name", 1287,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setName("-g1");
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"update group: unknown", 1229,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setTag(unknown);
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"update group: nothing", 1241, [&] { store.updateKeyGroupRecord(group(g1)); }},
+      {"update group: old revision", 1228,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setRev(rec.rev() - 1);
+         rec.setDescription("changed");
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"update group: cipher type", 1228,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setCipherType(CT_AES128_CBC);
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"update group: name taken", 1232,
+       [&] {
+         KeyGrpRecord_v1 rec = group(g1);
+         rec.setName("g3");
+         store.updateKeyGroupRecord(rec);
+       }},
+      {"delete group: unknown", 1229, [&] { store.deleteKeyGroupRecord(unknown, true); }},
+      {"delete group: keys, no force", 1222, [&] { store.deleteKeyGroupRecord(g1.tag(), false); }},
+  };
+
+  const Snapshot before = snapshotOf(store);
+  const std::vector<std::string> filesBefore = filesOf(live.locator());
+  ASSERT_EQ(before.groups.size(), 3u);
+  for (const Case& c : cases) {
+    EXPECT_EQ(codeOf(c.call), c.expected) << c.what;
+    EXPECT_TRUE(snapshotOf(store) == before) << c.what;
+    EXPECT_EQ(filesOf(live.locator()), filesBefore) << c.what;
+  }
+
+  // Quiesced, then closed: every change is refused before its arguments are
+  // looked at, with valid arguments too.
+  KeyGrpRecord_v1 renamed = group(g3);
+  renamed.setName("g4");
+  KeyRecord_v1 promoted = key(p1);
+  promoted.setState(KEY_ACTIVE);
+  const std::vector<std::pair<const char*, std::function<void()>>> valid = {
+      {"addKey", [&] { store.addKey(request(g2.tag(), "new", KEY_ACTIVE), ""); }},
+      {"addKeyWithKnownTag",
+       [&] { store.addKeyWithKnownTag(known(unknown, "new", KEY_INACTIVE), "pass"); }},
+      {"updateKeyRecord", [&] { store.updateKeyRecord(promoted); }},
+      {"deleteKeyRecord", [&] { store.deleteKeyRecord(p2.tag()); }},
+      {"addKeyGroup", [&] { live.addGroup("g5"); }},
+      {"updateKeyGroupRecord", [&] { store.updateKeyGroupRecord(renamed); }},
+      {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(g3.tag(), false); }},
+  };
+  store.quiesce();
+  for (const auto& change : valid) {
+    EXPECT_EQ(codeOf(change.second), 1279) << change.first;
+  }
+  store.unquiesce(true);
+  EXPECT_TRUE(snapshotOf(store) == before);
+  ASSERT_EQ(store.shutdown(), 0);
+  for (const auto& change : valid) {
+    EXPECT_EQ(codeOf(change.second), 1202) << change.first;
+  }
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(snapshotOf(store) == before);
+  EXPECT_EQ(filesOf(live.locator()), filesBefore);
+  // And the same arguments go through on the live store.
+  for (const auto& change : valid) {
+    EXPECT_EQ(codeOf(change.second), 0) << change.first;
+  }
+}
+
+TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) {
+  {
+    const ConfiguredLimits limits(2, 2);
+    LiveStore live;
+    const KeyGrpRecord_v1 full = live.addGroup("full");
+    const KeyGrpRecord_v1 other = live.addGroup("other");
+    live.addKey(full.tag(), "a", KEY_ACTIVE);
+    live.addKey(full.tag(), "b", KEY_PRELIVE);
+    const KeyRecord_v1 c = live.addKey(other.tag(), "c", KEY_ACTIVE);
+    const Snapshot before = snapshotOf(*live);
+
+    EXPECT_EQ(codeOf([&] { live.addGroup("third"); }), 1262);
+    EXPECT_EQ(codeOf([&] { live.addKey(full.tag(), "third", KEY_PRELIVE); }), 1263);
+    KeyRecord_v1 move = live->getKeyRecord(c.tag());
+    move.setKeyGroup(full.tag());
+    EXPECT_EQ(codeOf([&] { live->updateKeyRecord(move); }), 1263);
+    EXPECT_TRUE(snapshotOf(*live) == before);
+    // A change inside the full group is no addition to it.
+    KeyRecord_v1 described = live->getKeyRecordByName(full.tag(), "b");
+    described.setDescription("still two");
+    EXPECT_EQ(live->updateKeyRecord(described).description(), "still two");
+  }
+  {
+    const ConfiguredLimits limits(0, 0);
+    LiveStore live;
+    const KeyGrpRecord_v1 g = live.addGroup("g");
+    // One more than the default limit of 30.
+    for (int i = 0; i < 31; ++i) {
+      live.addKey(g.tag(), "k" + std::to_string(i), KEY_PRELIVE);
+    }
+    EXPECT_EQ(live->getStats().first, 31u);
+  }
+}
+
+TEST_F(FileKeyStoreChangesTest, ANewActiveKeyDemotesTheOldOneInsteadOfBeingRefused) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g = live.addGroup("g");
+  const KeyGrpRecord_v1 h = live.addGroup("h");
+
+  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
+  EXPECT_EQ(a.rev(), 1u);
+  EXPECT_EQ(a.createTime(), a.updateTime());
+  EXPECT_TRUE(a.key().empty());
+  const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
+  KeyRecord_v1 aNow = store.getKeyRecord(a.tag());
+  EXPECT_EQ(aNow.state(), KEY_INACTIVE);
+  EXPECT_EQ(aNow.rev(), 2u);
+  EXPECT_EQ(aNow.updateTime(), b.updateTime());
+  EXPECT_EQ(aNow.createTime(), a.createTime());
+  EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
+
+  // A pre-live key demotes nothing.
+  live.addKey(g.tag(), "p", KEY_PRELIVE);
+  EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
+
+  // Re-activating the old key demotes the new one.
+  KeyRecord_v1 request = aNow;
+  request.setState(KEY_ACTIVE);
+  const KeyRecord_v1 aBack = store.updateKeyRecord(request);
+  EXPECT_EQ(aBack.state(), KEY_ACTIVE);
+  EXPECT_EQ(aBack.rev(), 3u);
+  EXPECT_EQ(aBack.createTime(), a.createTime());
+  EXPECT_TRUE(aBack.key().empty());
+  const KeyRecord_v1 bNow = store.getKeyRecord(b.tag());
+  EXPECT_EQ(bNow.state(), KEY_INACTIVE);
+  EXPECT_EQ(bNow.rev(), 2u);
+  EXPECT_EQ(bNow.updateTime(), aBack.updateTime());
+
+  // Moving the active key into a group with an active key demotes that
+  // group's key, though the moving key's state stays.
+  const KeyRecord_v1 c = live.addKey(h.tag(), "c", KEY_ACTIVE);
+  KeyRecord_v1 move = store.getKeyRecord(a.tag());
+  move.setKeyGroup(h.tag());
+  const KeyRecord_v1 moved = store.updateKeyRecord(move);
+  EXPECT_EQ(moved.state(), KEY_ACTIVE);
+  const KeyRecord_v1 cNow = store.getKeyRecord(c.tag());
+  EXPECT_EQ(cNow.state(), KEY_INACTIVE);
+  EXPECT_EQ(cNow.rev(), 2u);
+  EXPECT_EQ(cNow.updateTime(), moved.updateTime());
+  EXPECT_EQ(store.getActiveKeyRecord(h.tag()).tag(), a.tag());
+  EXPECT_EQ(codeOf([&] { store.getActiveKeyRecord(g.tag()); }), 1227);
+
+  // The copy read before the move is stale now.
+  EXPECT_EQ(codeOf([&] { store.updateKeyRecord(request); }), 1228);
+
+  // All of it is on disk.
+  const Snapshot before = snapshotOf(store);
+  ASSERT_EQ(store.shutdown(), 0);
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(snapshotOf(store) == before);
+}
+
+TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g = live.addGroup("g", CT_AES128_CBC);
+
+  // Random: of the group's key length; a salt sent along is dropped.
+  KeyRecord_v1 request = LiveStore::keyRecord(g.tag(), "random", KEY_ACTIVE);
+  request.attributes().addAttribute("KEY_SALT", "5302");
+  request.attributes().addAttribute("owner", "tests");
+  const KeyRecord_v1 random = store.addKey(request, "");
+  EXPECT_EQ(store.getKey(random.tag()).key().size(), 16u);
+  EXPECT_TRUE(random.attributes().find("KEY_SALT") == random.attributes().end());
+  EXPECT_EQ(random.attributes().getAttribute("owner"), "tests");
+  EXPECT_EQ(random.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());
+
+  // From a passphrase with a new salt; then walked to the end of its life,
+  // deleted, and brought back under its tag with the same value.
+  const std::string passphrase = "several words of passphrase";
+  const KeyRecord_v1 salted = live.addKey(g.tag(), "salted", KEY_PRELIVE, passphrase);
+  const std::string saltHex = salted.attributes().getAttribute("KEY_SALT");
+  EXPECT_EQ(saltHex.size(), 48u);
+  EXPECT_EQ(saltHex.substr(0, 4), "5302");
+  EXPECT_EQ(salted.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());
+  KeyRecord_v1 step = store.getKeyRecord(salted.tag());
+  std::string value;
+  for (ks_keystate_t state : {KEY_ACTIVE, KEY_INACTIVE, KEY_DEPRECATED, KEY_TERMINATED}) {
+    step.setState(state);
+    step = store.updateKeyRecord(step);
+    if (state == KEY_ACTIVE) {
+      // The random key was demoted on the way.
+      EXPECT_EQ(store.getKeyRecord(random.tag()).state(), KEY_INACTIVE);
+      value = store.getKey(salted.tag()).key();
+    }
+  }
+  EXPECT_EQ(step.rev(), 5u);
+  EXPECT_EQ(value.size(), 16u);
+  store.deleteKeyRecord(salted.tag());
+  EXPECT_EQ(codeOf([&] { store.getKeyRecord(salted.tag()); }), 1260);
+
+  KeyRecord_v1 back = LiveStore::keyRecord(g.tag(), "salted", KEY_INACTIVE);
+  back.setTag(salted.tag());
+  back.attributes().addAttribute("KEY_SALT", saltHex);
+  const KeyRecord_v1 restored = store.addKeyWithKnownTag(back, passphrase);
+  EXPECT_EQ(restored.tag(), salted.tag());
+  EXPECT_TRUE(restored.key().empty());
+  EXPECT_EQ(restored.attributes().getAttribute("KEY_SALT"), saltHex);
+  EXPECT_EQ(store.getKey(salted.tag()).key(), value);
+
+  // A known tag without salt: the older derivation, never FIPS-acceptable.
+  KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
+  legacy.setTag(Utils::getRandData(32));
+  const KeyRecord_v1 old = store.addKeyWithKnownTag(legacy, "legacy words");
+  EXPECT_EQ(store.getKey(old.tag()).key(),
+            KeyGen::passphraseToKey_deprecated("legacy words", CT_AES128_CBC));
+  EXPECT_EQ(old.attributes().getAttribute("KEY_FIPS"), "false");
+  EXPECT_TRUE(old.attributes().find("KEY_SALT") == old.attributes().end());
+}
+
+// Random sources for the next test: zero bytes (a bad tag or key) for
+// requests of one length, the system generator for all others.
+size_t g_zeroLength = 0;
+int g_zeroTimes = 0;
+
+// The system generator, from inside a source that stands in for it.
+int systemRandom(unsigned char* buf, size_t len) {
+  const MangleRandomSource installed = mangleSetRandomSource(nullptr);
+  const int rc = mangleGetRandom(buf, len);
+  mangleSetRandomSource(installed);
+  return rc;
+}
+
+int zeroesForOneLength(unsigned char* buf, size_t len) {
+  if (len == g_zeroLength && g_zeroTimes != 0) {
+    if (g_zeroTimes > 0) {
+      --g_zeroTimes;
+    }
+    std::memset(buf, 0, len);
+    return 0;
+  }
+  return systemRandom(buf, len);
+}
+
+int failForOneLength(unsigned char* buf, size_t len) {
+  return len == g_zeroLength ? 1 : systemRandom(buf, len);
+}
+
+class RandomSource {
+ public:
+  RandomSource(MangleRandomSource source, size_t length, int times) {
+    g_zeroLength = length;
+    g_zeroTimes = times;
+    mangleSetRandomSource(source);
+  }
+  ~RandomSource() { mangleSetRandomSource(nullptr); }
+};
+
+TEST_F(FileKeyStoreChangesTest, WithoutGoodRandomBytesNothingIsAdded) {
+  LiveStore live;
+  const KeyGrpRecord_v1 g = live.addGroup("g", CT_AES128_CBC);
+  const Snapshot before = snapshotOf(*live);
+  LogCapture log;
+  {
+    const RandomSource badTags(&zeroesForOneLength, 32, -1);
+    EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1200);
+  }
+  {
+    const RandomSource badKeys(&zeroesForOneLength, 16, -1);
+    EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "k", KEY_ACTIVE); }), 1200);
+  }
+  EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-50 ").size(), 1u);
+  {
+    const RandomSource noSalt(&failForOneLength, 22, 0);
+    EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "k", KEY_ACTIVE, "words"); }), 1200);
+  }
+  EXPECT_TRUE(snapshotOf(*live) == before);
+  {
+    // Bad keys are drawn again: 19 bad ones and then a good one will do.
+    const RandomSource nineteenBad(&zeroesForOneLength, 16, 19);
+    const KeyRecord_v1 k = live.addKey(g.tag(), "k", KEY_ACTIVE);
+    EXPECT_EQ(g_zeroTimes, 0);
+    EXPECT_FALSE(FileKeyStore::isBadKey(live->getKey(k.tag()).key()));
+  }
+}
+
+TEST_F(FileKeyStoreChangesTest, ForcedGroupDeletionTakesKeysInAnyState) {
+  LiveStore live;
+  FileKeyStore& store = *live;
+  const KeyGrpRecord_v1 g = live.addGroup("g");
+  const KeyGrpRecord_v1 h = live.addGroup("h");
+  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
+  const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
+  const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
+  const KeyRecord_v1 other = live.addKey(h.tag(), "other", KEY_ACTIVE);
+
+  store.deleteKeyRecord(p.tag());
+  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{2}));
+  store.deleteKeyGroupRecord(g.tag(), true);
+  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
+  for (const KeyRecord_v1* gone : {&a, &b}) {
+    EXPECT_EQ(codeOf([&] { store.getKeyRecord(gone->tag()); }), 1260);
+  }
+  EXPECT_EQ(codeOf([&] { store.getKeyGroupRecord(g.tag()); }), 1229);
+  EXPECT_EQ(store.getKey(other.tag()).tag(), other.tag());
+
+  // An empty group goes without force; the group record reports its keys.
+  const KeyGrpRecord_v1 e = live.addGroup("e");
+  EXPECT_EQ(store.getKeyGroupRecord(h.tag()).numKeys(), 1u);
+  EXPECT_TRUE(store.getKeyGroupRecord(h.tag()).hasActiveKey());
+  KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(e.tag());
+  renamed.setName("empty");
+  renamed.setDescription("nothing in it");
+  const KeyGrpRecord_v1 updated = store.updateKeyGroupRecord(renamed);
+  EXPECT_EQ(updated.rev(), 2u);
+  EXPECT_EQ(updated.name(), "empty");
+  EXPECT_EQ(updated.createTime(), e.createTime());
+  store.deleteKeyGroupRecord(e.tag(), false);
+  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
+
+  const Snapshot before = snapshotOf(store);
+  ASSERT_EQ(store.shutdown(), 0);
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(snapshotOf(store) == before);
+}
+
+TEST(FileKeyStoreChangesDeathTest, AKeyOfAMissingGroupEndsTheProcessWhenItMoves) {
+  // The dying statement runs in a new process of this binary; this variable
+  // makes both write to the same log.
+  const char* kDirVariable = "VRKMS_TEST_CHANGES_ASSERTION_LOG";
+  std::optional<TempRoot> own;
+  if (std::getenv(kDirVariable) == nullptr) {
+    own.emplace("vrkms-changes-assert");
+    setenv(kDirVariable, own->path().c_str(), 1);
+  }
+  LogCapture log(1, std::getenv(kDirVariable));
+  const std::string present(32, 'p');
+  storetest::StoreContent content;
+  content.addGroup(present, "present");
+  content.addKey(std::string(32, 'k'), std::string(32, 'm'), "orphan", KEY_INACTIVE);
+  TempRoot root("vrkms-changes-orphan");
+  storetest::MemoryStore store{KMSFileLocator(root.path())};
+  store.install(content);
+  KeyRecord_v1 move = store.getKeyRecord(std::string(32, 'k'));
+  move.setKeyGroup(present);
+  EXPECT_DEATH(store.updateKeyRecord(move), "");
+  unsetenv(kDirVariable);
+  EXPECT_EQ(LogCapture::containing(log.appLines(), "Assertion failed: (ogiter != m_kgtable->end())")
+                .size(),
+            1u);
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

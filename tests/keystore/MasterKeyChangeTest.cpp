@@ -1,0 +1,346 @@
+// Changing the HMK and the KPK of a live store on real files: what each
+// rewrites and what it leaves alone, the refusals, the failed commits, and a
+// crash at every file operation of the change.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "keystore/MasterKeyTestUtil.h"
+#include "keystore/StoreTestState.h"
+#include "kms/platform/Fips.h"
+#include "kms/server/keystore/FileFaults.h"
+
+namespace masterkeytest {
+namespace {
+
+using storefiles::contentsOf;
+using storefiles::maskOf;
+using storefiles::readBytes;
+using storefiles::writeBytes;
+using storetest::codeOf;
+
+const std::string kHmkPass = "first hmk words";
+const std::string kKpkPass = "first kpk words";
+const std::string kNewPass = "the new words";
+
+enum class Rekey { Hmk, Kpk };
+
+std::string nameOf(const ::testing::TestParamInfo<Rekey>& info) {
+  return info.param == Rekey::Hmk ? "Hmk" : "Kpk";
+}
+
+int rekey(FileKeyStore& store, Rekey which, const std::string& passphrase, const std::string& id) {
+  return which == Rekey::Hmk ? store.updateHMK(passphrase, id) : store.updateKPK(passphrase, id);
+}
+
+// The facts of one master key as one text.
+std::string describe(const KeyInfo& info) {
+  return info.id + "/" + std::to_string(static_cast<int>(info.algorithm)) +
+         (info.random ? "/random" : "/passphrase") + (info.fips ? "/fips" : "/no-fips");
+}
+
+// A live store made from passphrases, holding three keys.
+class MasterKeyChange : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(store().createEmpty(kHmkPass, "hmk-1", kKpkPass, "kpk-1", false), 0);
+    m_plain = seedKeys(locator(), 3);
+    ASSERT_EQ(store().init(), 0);
+  }
+
+  FileKeyStore& store() { return m_root.store(); }
+  const KMSFileLocator& locator() const { return m_root.locator(); }
+
+  // Everything a client can see of the live state.
+  std::vector<std::string> liveView() {
+    std::vector<std::string> view{describe(store().getHMKInfo()), describe(store().getKPKInfo())};
+    view.push_back(std::to_string(store().getStats().first));
+    for (const auto& entry : m_plain) {
+      view.push_back(store().getKey(entry.first).key());
+    }
+    return view;
+  }
+
+  MasterKeyRoot m_root;
+  std::map<std::string, std::string> m_plain;
+};
+
+TEST_F(MasterKeyChange, AfterUpdateHmkEveryKeyReadsAsBeforeAndNoRecordIsRewrapped) {
+  const DiskState before = readDisk(locator());
+  ASSERT_EQ(store().updateHMK(kNewPass, "hmk-2"), 0);
+  EXPECT_EQ(store().getHMKId(), "hmk-2");
+  EXPECT_FALSE(store().getHMKInfo().random);
+  EXPECT_EQ(store().getHMKInfo().fips, FIPS_mode() != 0);
+  EXPECT_EQ(store().getKPKId(), "kpk-1");
+  expectServes(store(), m_plain);
+
+  const DiskState after = readDisk(locator());
+  EXPECT_NE(after.meta->hmkSalt(), before.meta->hmkSalt());
+  EXPECT_EQ(after.hmk->key(), stretched(kNewPass, after.meta->hmkSalt()));
+  EXPECT_NE(after.hmk->key(), before.hmk->key());
+  // The KPK is the same, wrapped anew under the new HMK; its facts stay.
+  EXPECT_EQ(after.plainKpk, before.plainKpk);
+  EXPECT_NE(after.kpk->key(), before.kpk->key());
+  EXPECT_EQ(after.meta->kpkVerifier(), before.meta->kpkVerifier());
+  EXPECT_EQ(after.meta->kpkSalt(), before.meta->kpkSalt());
+  EXPECT_EQ(after.meta->kpkID(), "kpk-1");
+  EXPECT_EQ(after.wrappedKeys(), before.wrappedKeys());
+  EXPECT_TRUE(FileKeyStore::isVerifierValid("HMKV", after.hmk->key(), after.meta->hmkVerifier(),
+                                            KSCrypt::AES_256_GCM, KS_VERSION_300));
+
+  FileKeyStore& restarted = m_root.restart();
+  ASSERT_EQ(restarted.init(), 0);
+  EXPECT_EQ(restarted.getHMKId(), "hmk-2");
+  expectServes(restarted, m_plain);
+
+  // The new HMK comes back from the new passphrase, not the old one.
+  ASSERT_EQ(restarted.shutdown(), 0);
+  ASSERT_EQ(::unlink(locator().hmkPath().c_str()), 0);
+  EXPECT_EQ(restarted.createHMKFile(kHmkPass, false, true), 1221);
+  ASSERT_EQ(restarted.createHMKFile(kNewPass, false, true), 0);
+  ASSERT_EQ(restarted.init(), 0);
+
+  // An empty passphrase gives a random HMK without salt.
+  ASSERT_EQ(restarted.updateHMK("", "hmk-3"), 0);
+  EXPECT_TRUE(restarted.getHMKInfo().random);
+  EXPECT_TRUE(readDisk(locator()).meta->hmkSalt().empty());
+  FileKeyStore& again = m_root.restart();
+  ASSERT_EQ(again.init(), 0);
+  EXPECT_TRUE(again.getHMKInfo().random);
+  expectServes(again, m_plain);
+}
+
+TEST_F(MasterKeyChange, AfterUpdateKpkEveryWrappedKeyDiffersAndEveryKeyReadsAsBefore) {
+  const DiskState before = readDisk(locator());
+  const std::string hmkBytes = readBytes(locator().hmkPath());
+  ASSERT_EQ(store().updateKPK(kNewPass, "kpk-2"), 0);
+  EXPECT_EQ(store().getKPKId(), "kpk-2");
+  EXPECT_FALSE(store().getKPKInfo().random);
+  EXPECT_EQ(store().getHMKId(), "hmk-1");
+  expectServes(store(), m_plain);
+
+  const DiskState after = readDisk(locator());
+  EXPECT_EQ(readBytes(locator().hmkPath()), hmkBytes);
+  EXPECT_EQ(after.meta->hmkVerifier(), before.meta->hmkVerifier());
+  EXPECT_EQ(after.plainKpk, stretched(kNewPass, after.meta->kpkSalt()));
+  EXPECT_NE(after.plainKpk, before.plainKpk);
+  // Every record key is wrapped anew, under the new KPK, to the same value.
+  const KPKMgr newKpk(after.plainKpk, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
+  const std::map<std::string, std::string> oldWrapped = before.wrappedKeys();
+  const std::map<std::string, std::string> newWrapped = after.wrappedKeys();
+  ASSERT_EQ(newWrapped.size(), m_plain.size());
+  for (const auto& entry : newWrapped) {
+    EXPECT_NE(entry.second, oldWrapped.at(entry.first));
+    EXPECT_EQ(newKpk.decryptKey(entry.second, KPK_LOCAL, std::string()), m_plain.at(entry.first));
+  }
+
+  FileKeyStore& restarted = m_root.restart();
+  ASSERT_EQ(restarted.init(), 0);
+  EXPECT_EQ(restarted.getKPKId(), "kpk-2");
+  expectServes(restarted, m_plain);
+
+  ASSERT_EQ(restarted.shutdown(), 0);
+  ASSERT_EQ(::unlink(locator().kpkPath().c_str()), 0);
+  EXPECT_EQ(restarted.createKPKFile(kKpkPass, false, true), 1249);
+  ASSERT_EQ(restarted.createKPKFile(kNewPass, false, true), 0);
+  ASSERT_EQ(restarted.init(), 0);
+  expectServes(restarted, m_plain);
+
+  ASSERT_EQ(restarted.updateKPK("", "kpk-3"), 0);
+  EXPECT_TRUE(restarted.getKPKInfo().random);
+  FileKeyStore& again = m_root.restart();
+  ASSERT_EQ(again.init(), 0);
+  EXPECT_TRUE(again.getKPKInfo().random);
+  EXPECT_TRUE(readDisk(locator()).meta->kpkSalt().empty());
+  expectServes(again, m_plain);
+}
+
+class MasterKeyRekey : public MasterKeyChange, public ::testing::WithParamInterface<Rekey> {
+ protected:
+  int change(const std::string& passphrase, const std::string& id) {
+    return rekey(store(), GetParam(), passphrase, id);
+  }
+  std::string changedId(FileKeyStore& s) {
+    return GetParam() == Rekey::Hmk ? s.getHMKId() : s.getKPKId();
+  }
+};
+
+TEST_P(MasterKeyRekey, RefusalsChangeNothing) {
+  const std::vector<std::string> view = liveView();
+  const std::vector<std::string> files = contentsOf(locator());
+  EXPECT_EQ(change(kNewPass, ""), 1214);
+  store().quiesce();
+  EXPECT_EQ(change(kNewPass, "new-id"), 1279);
+  store().unquiesce(false);
+  EXPECT_EQ(liveView(), view);
+  ASSERT_EQ(store().shutdown(), 0);
+  EXPECT_EQ(change(kNewPass, "new-id"), 1202);
+  EXPECT_EQ(contentsOf(locator()), files);
+}
+
+TEST_P(MasterKeyRekey, AFailedCommitKeepsTheOldKeysLiveOrTakesTheStoreDown) {
+  const std::vector<std::string> view = liveView();
+  const std::vector<std::string> files = contentsOf(locator());
+
+  // Before the renames nothing changed on disk (1276): the store serves on.
+  {
+    FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
+    ScopedFileFaultHook hook(&failFsync);
+    EXPECT_EQ(change(kNewPass, "new-id"), 1276);
+    EXPECT_TRUE(failFsync.fired());
+  }
+  EXPECT_TRUE(store().isInitialized());
+  EXPECT_EQ(liveView(), view);
+  EXPECT_EQ(contentsOf(locator()), files);
+
+  // Leftovers of an unfinished commit refuse the commit (1200), and the
+  // store is taken down until a restart recovers them.
+  writeBytes(locator().kpkNewPath(), "leftover");
+  EXPECT_EQ(change(kNewPass, "new-id"), 1200);
+  EXPECT_FALSE(store().isInitialized());
+  ASSERT_EQ(::unlink(locator().kpkNewPath().c_str()), 0);
+  EXPECT_EQ(contentsOf(locator()), files);
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(liveView(), view);
+
+  // After the first rename the disk stands between old and new (1277): the
+  // store goes down, and the next init completes the change.
+  {
+    FailNthFileOp failRename(2, EIO, FileOp::Rename);
+    ScopedFileFaultHook hook(&failRename);
+    EXPECT_EQ(change(kNewPass, "new-id"), 1277);
+  }
+  EXPECT_FALSE(store().isInitialized());
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(changedId(store()), "new-id");
+  expectServes(store(), m_plain);
+
+  EXPECT_EQ(change("", "third-id"), 0);
+  EXPECT_EQ(changedId(store()), "third-id");
+}
+
+TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
+  const storefiles::StoreBytes old{readBytes(locator().hmkPath()), readBytes(locator().kpkPath()),
+                                   readBytes(locator().ksPath())};
+  const DiskState oldDisk = readDisk(locator());
+  const std::string oldId = changedId(store());
+  ASSERT_EQ(store().shutdown(), 0);
+
+  size_t crashes = 0;
+  size_t oldSeen = 0;
+  size_t newSeen = 0;
+  for (size_t n = 1;; ++n) {
+    ASSERT_LT(n, 1000u) << "the change never completed";
+    storefiles::removeAll(locator());
+    writeBytes(locator().hmkPath(), old.hmk);
+    writeBytes(locator().kpkPath(), old.kpk);
+    writeBytes(locator().ksPath(), old.store);
+
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      FileKeyStore child(locator());
+      if (child.init() != 0) {
+        ::_exit(3);
+      }
+      CrashAtNthFileOp crash(n);
+      FileFaults::install(&crash);
+      const int rc = rekey(child, GetParam(), kNewPass, "new-id");
+      FileFaults::install(nullptr);
+      ::_exit(rc == 0 ? 0 : 4);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int code = WEXITSTATUS(status);
+    ASSERT_TRUE(code == 0 || code == FileFaults::kCrashExitStatus)
+        << "crash at " << n << ": exit " << code;
+    SCOPED_TRACE("crash at file operation " + std::to_string(n));
+
+    FileKeyStore& after = m_root.restart();
+    ASSERT_EQ(after.init(), 0);
+    EXPECT_EQ(maskOf(locator()), 0x124u);
+    expectServes(after, m_plain);
+    const DiskState disk = readDisk(locator());
+    const bool changed = changedId(after) != oldId;
+    if (!changed) {
+      ++oldSeen;
+      EXPECT_EQ(readBytes(locator().hmkPath()), old.hmk);
+      EXPECT_EQ(readBytes(locator().kpkPath()), old.kpk);
+      EXPECT_EQ(readBytes(locator().ksPath()), old.store);
+    } else {
+      ++newSeen;
+      EXPECT_EQ(changedId(after), "new-id");
+      if (GetParam() == Rekey::Hmk) {
+        EXPECT_EQ(disk.hmk->key(), stretched(kNewPass, disk.meta->hmkSalt()));
+        EXPECT_EQ(disk.plainKpk, oldDisk.plainKpk);
+        EXPECT_EQ(disk.wrappedKeys(), oldDisk.wrappedKeys());
+      } else {
+        EXPECT_EQ(readBytes(locator().hmkPath()), old.hmk);
+        EXPECT_EQ(disk.plainKpk, stretched(kNewPass, disk.meta->kpkSalt()));
+        for (const auto& entry : disk.wrappedKeys()) {
+          EXPECT_NE(entry.second, oldDisk.wrappedKeys().at(entry.first));
+        }
+      }
+    }
+    ASSERT_EQ(after.shutdown(), 0);
+    if (code == 0) {
+      EXPECT_TRUE(changed) << "a completed change must leave the new keys";
+      break;
+    }
+    ++crashes;
+  }
+  // The commit runs dozens of file operations; the crash points fall on
+  // both sides of the first rename.
+  EXPECT_GT(crashes, 20u);
+  EXPECT_GT(oldSeen, 0u);
+  EXPECT_GT(newSeen, 0u);
+  RecordProperty("crash_points", static_cast<int>(crashes));
+}
+
+INSTANTIATE_TEST_SUITE_P(BothMasterKeys, MasterKeyRekey, ::testing::Values(Rekey::Hmk, Rekey::Kpk),
+                         nameOf);
+
+TEST(MasterKeyRewrap, RecordKeysMoveBetweenKpksWithTheirValues) {
+  storetest::StoreContent content;
+  const std::string group = Utils::getRandData(32);
+  content.addGroup(group, "group");
+  std::vector<std::string> tags;
+  for (int i = 0; i < 3; ++i) {
+    tags.push_back(Utils::getRandData(32));
+    content.addKey(tags.back(), group, "key-" + std::to_string(i),
+                   i == 0 ? KEY_ACTIVE : KEY_INACTIVE);
+  }
+  const KPKMgr& oldKpk = content.kpkMgr();
+  const KPKMgr newKpk(Utils::getRandData(32), KSCrypt::AES_256_GCM, KS_VERSION_300, true);
+
+  FileKeyStore::KeyTable table(content.keys());
+  FileKeyStore::decryptKeyRecords(table, oldKpk);
+  for (const std::string& tag : tags) {
+    EXPECT_EQ(table.find(tag)->second.key(), content.plainKey(tag));
+  }
+  FileKeyStore::encryptKeyRecords(table, newKpk);
+  for (const std::string& tag : tags) {
+    EXPECT_EQ(newKpk.decryptKey(table.find(tag)->second.key(), KPK_LOCAL, ""),
+              content.plainKey(tag));
+  }
+
+  FileKeyStore::KeyTable rewrapped(content.keys());
+  FileKeyStore::reencryptKeyRecords(rewrapped, oldKpk, newKpk);
+  for (const std::string& tag : tags) {
+    const std::string& wrapped = rewrapped.find(tag)->second.key();
+    EXPECT_NE(wrapped, content.keys().find(tag)->second.key());
+    EXPECT_EQ(newKpk.decryptKey(wrapped, KPK_LOCAL, ""), content.plainKey(tag));
+  }
+  // Keys that do not unwrap under the old KPK fail the whole table as an
+  // internal error.
+  EXPECT_EQ(codeOf([&] { FileKeyStore::reencryptKeyRecords(rewrapped, oldKpk, newKpk); }), 1200);
+}
+
+}  // namespace
+}  // namespace masterkeytest
