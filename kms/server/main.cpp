@@ -1,10 +1,187 @@
-// Entry point of vrkms. The command-line grammar arrives with the entry work;
-// until then the program only sets up its loggers and exits.
-#include "kms/platform/VRLogFactory.h"
+// Entry point of vrkms. With an administrator option the process runs one
+// operation on the store files and exits; with no option (or with one of the
+// framework's "-console" and "-terminate") it becomes the service, once the
+// start gates have let it.
+#include <sys/stat.h>
 
-int main() {
+#include <ace/Arg_Shifter.h>
+
+#include <ace/Service_Config.h>
+
+#include <cstdlib>
+#include <list>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "kms/platform/Fips.h"
+#include "kms/platform/ProcessAccount.h"
+#include "kms/platform/Tracer.h"
+#include "kms/platform/VRLogFactory.h"
+#include "kms/platform/VrConfReader.h"
+#include "kms/platform/framework/StartServiceContainer.h"
+#include "kms/server/CommandLine.h"
+#include "kms/server/KMSMgrService.h"
+#include "kms/server/KMSServiceContainer.h"
+#include "kms/server/KMSSpecialOps.h"
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/FileKeyStore.h"
+
+using namespace Vaultrest::DL::KMS;
+using Ardentis::Vaultrest::TL::Framework::ServiceContainerOptions;
+using Ardentis::Vaultrest::TL::Framework::startServiceContainer;
+
+namespace {
+
+constexpr int kOriginator = 286;
+constexpr int kLibraryOriginator = 137;
+
+constexpr int kMsgNotMasterServer = 30;
+constexpr int kMsgAlreadyRunning = 31;
+constexpr int kMsgInactiveClusterNode = 86;
+constexpr int kMsgNoServiceContainer = 88;
+
+// How long "-terminate" waits for the running service to end.
+constexpr int kStopTimeoutSeconds = 10;
+
+constexpr int kMsgCreatedWithPassphrases = 95;
+constexpr int kMsgHmkReset = 96;
+constexpr int kMsgKpkReset = 97;
+constexpr int kMsgCreatedFromRandomKeys = 98;
+
+// Whole-word, case-ignoring match of the current argument.
+bool isOption(ACE_Arg_Shifter_T<char>& shifter, const char* option) {
+  return shifter.cur_arg_strncasecmp(option) == 0;
+}
+
+// Reports the result of a changing operation, prints `advice` when it
+// succeeded, and ends the process.
+template <typename Advice>
+[[noreturn]] void finishOperation(int result, Advice&& advice) {
+  const int exitStatus = kmsStatus(result);
+  if (exitStatus == 0) {
+    advice();
+  }
+  kmsExit(exitStatus);
+}
+
+// A start gate's refusal: logged, and no failure of the process.
+void logStartRefused(int messageId) {
+  logAppMessage("vrkms_main", CRVN_SEV_ERROR, messageId);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   VRLogFactory* factory = VRLogFactory::Instance();
-  VRLogger::s_default = factory->getLogger(286, true);
-  VRLogger::s_defaultLib = factory->getLogger(137, false);
-  return 0;
+  VRLogger::s_default = factory->getLogger(kOriginator, true);
+  VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
+
+  Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
+
+  {
+    // The shifter rearranges the vector it walks; argv stays untouched for
+    // the real one below.
+    std::vector<char*> scratch(argv, argv + argc);
+    scratch.push_back(nullptr);
+    logCommand(argc, scratch.data());
+  }
+
+  VRLogger::RedirectLegacyLogToVRLogger();
+  VR_read_master_config();
+
+  // The flag follows the configuration; the log line reports the library's
+  // own state. The library's mode is never switched here.
+  FileKeyStore::g_fips_mode_disabled = getFIPSModeForProcess("vrkms") == 0;
+  if (FIPS_mode() != 0) {
+    KMS_DEBUG("vrkms_main", 1, "FIPS mode ENABLED");
+  } else {
+    KMS_DEBUG("vrkms_main", 1, "FIPS mode DISABLED in configuration");
+  }
+
+  umask(077);
+  enable_process_for_service_account();
+
+  ACE_Arg_Shifter_T<char> shifter(argc, argv);
+  shifter.ignore_arg(1);
+
+  // Only the first argument is looked at. Whatever follows it is left to the
+  // operation that reads it, or dropped: the shifter keeps only what it is
+  // told to keep.
+  bool checkRunningService = true;
+  if (shifter.is_anything_left()) {
+    if (shifter.get_current()[0] != '-') {
+      printKmsUsage();
+      std::exit(0);
+    } else if (isOption(shifter, "-terminate")) {
+      shifter.ignore_arg(1);
+      checkRunningService = false;
+    } else if (isOption(shifter, "-console")) {
+      shifter.ignore_arg(1);
+    } else if (isOption(shifter, "-createemptydb")) {
+      shifter.consume_arg(1);
+      // KMSSpecialOps::createEmptyDB(shifter) arrives with the store's master
+      // keys; until then the option reports an internal error.
+      finishOperation(EC_KS_internal_error, [] {
+        kmsPromptCheckMessage();
+        printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
+                                                          : kMsgCreatedWithPassphrases);
+      });
+    } else if (isOption(shifter, "-resethmk")) {
+      shifter.consume_arg(1);
+      // KMSSpecialOps::resetHmk(shifter): not built yet, as above.
+      finishOperation(EC_KS_internal_error, [] { printOperationAdvice(kMsgHmkReset); });
+    } else if (isOption(shifter, "-resetkpk")) {
+      shifter.consume_arg(1);
+      // KMSSpecialOps::resetKpk(shifter): not built yet, as above.
+      finishOperation(EC_KS_internal_error, [] { printOperationAdvice(kMsgKpkReset); });
+    } else if (isOption(shifter, "-info")) {
+      // KMSSpecialOps::info(): not built yet, as above.
+      finishOperation(EC_KS_internal_error, [] {});
+    } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
+      printKmsUsage();
+      std::exit(0);
+    } else {
+      // An unknown option is taken as a request for help.
+      printKmsUsage();
+      std::exit(0);
+    }
+  }
+
+  if (checkRunningService && KMSSpecialOps::serviceAlreadyRunning()) {
+    logStartRefused(kMsgAlreadyRunning);
+    return 0;
+  }
+  if (KMSSpecialOps::onInactiveClusterNode()) {
+    logStartRefused(kMsgInactiveClusterNode);
+    return 0;
+  }
+  if (!KMSSpecialOps::onMasterServer()) {
+    logStartRefused(kMsgNotMasterServer);
+    return 0;
+  }
+
+  // The service. The framework processes the directive once its ORB runs;
+  // the descriptor must be known to the service configurator before that.
+  // (There is no ORB resource factory descriptor to process on this ORB:
+  // omniORB configures itself, so only the service's own descriptor is.)
+  std::list<std::string> directives{"static KMSMgrService"};
+  ACE_Service_Config::current()->process_directive(ace_svc_desc_KMSMgrService, false);
+
+  KMSServiceContainer* container = new (std::nothrow) KMSServiceContainer(
+      false, "vrkms", kOriginator, directives, kStopTimeoutSeconds, ServiceContainerOptions{0}, "");
+  if (container == nullptr) {
+    logAppMessage("vrkms_main", CRVN_SEV_ERROR, kMsgNoServiceContainer);
+    return 1;
+  }
+  // The manager reads the version each peer sends from the per-thread
+  // record of its request.
+  container->getOrb()->m_useTSSResources = true;
+
+  // argc is what the shifter kept: the program name and a framework option.
+  const int result = startServiceContainer(container, argc, argv, kOriginator, false, false, "");
+  KMS_DEBUG("vrkms_main", 1, "startServiceContainer returned " << result);
+  delete container;
+  return result;
 }

@@ -1,0 +1,211 @@
+#include "kms/platform/framework/Orb.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <vector>
+
+#include "kms/platform/framework/FrameworkLog.h"
+#include "kms/platform/framework/RequestGuard.h"
+
+namespace Ardentis {
+namespace Vaultrest {
+namespace TL {
+namespace Framework {
+
+namespace {
+
+// Makes `dir` and its parents (mode 0700 for new ones).
+bool makeDirectories(const std::string& dir) {
+  for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+    const std::string part = dir.substr(0, slash);
+    if (!part.empty() && ::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+      return false;
+    }
+    if (slash == std::string::npos) {
+      return true;
+    }
+  }
+}
+
+}  // namespace
+
+Orb::Orb()
+    : m_orb(CORBA::ORB::_nil()),
+      m_rootPoa(PortableServer::POA::_nil()),
+      m_insPoa(PortableServer::POA::_nil()) {}
+
+Orb::~Orb() {
+  CORBA::release(m_insPoa);
+  CORBA::release(m_rootPoa);
+  CORBA::release(m_orb);
+}
+
+int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir) {
+  FW_TRACE_THIS("Orb::init");
+  const std::string where = endpoint.empty() ? kDefaultEndpoint : endpoint;
+  m_runDir = runDir;
+  if (!runDir.empty() && !makeDirectories(runDir)) {
+    FW_DEBUG("Orb::init", 1, "Cannot create the directory " << runDir);
+    return -1;
+  }
+  // The ORB takes its own options out of the vector it is given.
+  std::vector<char*> args(argv, argv + argc);
+  args.push_back(nullptr);
+  int count = argc;
+  const char* options[][2] = {{"endPoint", where.c_str()}, {nullptr, nullptr}};
+  try {
+    m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options);
+    RequestGuard::install();
+    CORBA::Object_var root = m_orb->resolve_initial_references("RootPOA");
+    m_rootPoa = PortableServer::POA::_narrow(root);
+    CORBA::Object_var ins = m_orb->resolve_initial_references("omniINSPOA");
+    m_insPoa = PortableServer::POA::_narrow(ins);
+    PortableServer::POAManager_var rootManager = m_rootPoa->the_POAManager();
+    rootManager->activate();
+    PortableServer::POAManager_var insManager = m_insPoa->the_POAManager();
+    insManager->activate();
+  } catch (const CORBA::Exception& e) {
+    FW_DEBUG("Orb::init", 1, "The ORB did not start on " << where << ": " << e._name());
+    if (!CORBA::is_nil(m_orb)) {
+      RequestGuard::remove();
+      try {
+        m_orb->destroy();
+      } catch (...) {
+      }
+    }
+    CORBA::release(m_insPoa);
+    CORBA::release(m_rootPoa);
+    CORBA::release(m_orb);
+    m_insPoa = PortableServer::POA::_nil();
+    m_rootPoa = PortableServer::POA::_nil();
+    m_orb = CORBA::ORB::_nil();
+    return -1;
+  }
+  FW_DEBUG("Orb::init", 1, "The ORB listens on " << where);
+  return 0;
+}
+
+CORBA::Object_ptr Orb::activateServant(PortableServer::Servant servant) {
+  FW_TRACE_THIS("Orb::activateServant");
+  PortableServer::ObjectId_var id = m_rootPoa->activate_object(servant);
+  return m_rootPoa->id_to_reference(id.in());
+}
+
+int Orb::advertiseObject(const char* objectId, CORBA::Object_ptr ref) {
+  FW_TRACE_THIS("Orb::advertiseObject");
+  try {
+    PortableServer::Servant servant = m_rootPoa->reference_to_servant(ref);
+    PortableServer::ObjectId_var oid = PortableServer::string_to_ObjectId(objectId);
+    m_insPoa->activate_object_with_id(oid.in(), servant);
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_advertised[objectId] = servant;
+    }
+    CORBA::Object_var advertised = m_insPoa->id_to_reference(oid.in());
+    CORBA::String_var ior = m_orb->object_to_string(advertised.in());
+    const std::string path = iorFilePath(objectId);
+    const std::string temporary = path + ".new";
+    {
+      std::ofstream out(temporary, std::ios::trunc);
+      out << ior.in() << "\n";
+      if (!out.flush()) {
+        FW_DEBUG("Orb::advertiseObject", 1, "Cannot write " << temporary);
+      }
+    }
+    ::rename(temporary.c_str(), path.c_str());
+  } catch (const CORBA::Exception& e) {
+    FW_DEBUG("Orb::advertiseObject", 1, "Cannot advertise " << objectId << ": " << e._name());
+    return -1;
+  }
+  FW_DEBUG("Orb::advertiseObject", 1, "Advertised " << objectId);
+  return 0;
+}
+
+int Orb::destroyObjectRef(CORBA::Object_ptr ref) {
+  FW_TRACE_THIS("Orb::destroyObjectRef");
+  if (CORBA::is_nil(ref) || CORBA::is_nil(m_rootPoa) || m_shutDown) {
+    return -1;
+  }
+  try {
+    PortableServer::Servant servant = m_rootPoa->reference_to_servant(ref);
+    std::string advertisedId;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      for (auto it = m_advertised.begin(); it != m_advertised.end(); ++it) {
+        if (it->second == servant) {
+          advertisedId = it->first;
+          m_advertised.erase(it);
+          break;
+        }
+      }
+    }
+    if (!advertisedId.empty()) {
+      PortableServer::ObjectId_var oid = PortableServer::string_to_ObjectId(advertisedId.c_str());
+      m_insPoa->deactivate_object(oid.in());
+      ::unlink(iorFilePath(advertisedId).c_str());
+    }
+    PortableServer::ObjectId_var id = m_rootPoa->reference_to_id(ref);
+    m_rootPoa->deactivate_object(id.in());
+  } catch (const CORBA::Exception& e) {
+    FW_DEBUG("Orb::destroyObjectRef", 1, "Cannot deactivate an object: " << e._name());
+    return -1;
+  }
+  return 0;
+}
+
+PeerTSSResources* Orb::getTSSResources() const {
+  return m_useTSSResources ? RequestGuard::currentRequest() : nullptr;
+}
+
+void Orb::shutdown(bool wait) {
+  FW_TRACE_THIS("Orb::shutdown");
+  if (CORBA::is_nil(m_orb) || m_shutDown) {
+    return;
+  }
+  m_shutDown = true;
+  std::map<std::string, PortableServer::Servant> advertised;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    advertised.swap(m_advertised);
+  }
+  for (const auto& entry : advertised) {
+    ::unlink(iorFilePath(entry.first).c_str());
+  }
+  try {
+    m_orb->shutdown(wait);
+  } catch (const CORBA::Exception& e) {
+    FW_DEBUG("Orb::shutdown", 1, "ORB shutdown failed: " << e._name());
+  }
+}
+
+void Orb::destroy() {
+  FW_TRACE_THIS("Orb::destroy");
+  if (CORBA::is_nil(m_orb)) {
+    return;
+  }
+  RequestGuard::remove();
+  try {
+    m_orb->destroy();
+  } catch (const CORBA::Exception& e) {
+    FW_DEBUG("Orb::destroy", 1, "ORB destroy failed: " << e._name());
+  }
+  CORBA::release(m_insPoa);
+  CORBA::release(m_rootPoa);
+  CORBA::release(m_orb);
+  m_insPoa = PortableServer::POA::_nil();
+  m_rootPoa = PortableServer::POA::_nil();
+  m_orb = CORBA::ORB::_nil();
+}
+
+std::string Orb::iorFilePath(const std::string& objectId) const {
+  return (m_runDir.empty() ? std::string(".") : m_runDir) + "/" + objectId + ".ior";
+}
+
+}  // namespace Framework
+}  // namespace TL
+}  // namespace Vaultrest
+}  // namespace Ardentis

@@ -1,0 +1,93 @@
+// The service's ORB: initialisation on one endpoint, activation of servants
+// in the root POA, advertisement of an object under a fixed object id, and
+// the per-thread record of the current request's peer.
+//
+// Advertised objects are activated a second time in the omniINSPOA under
+// their id, so a client reaches them as corbaloc::HOST:PORT/<id>; the
+// stringified reference is also written to "<runDir>/<id>.ior".
+//
+// Threads: init, shutdown and destroy belong to the framework's control
+// thread. activateServant, advertiseObject and destroyObjectRef may be
+// called from any thread once init has returned 0; they throw what the POA
+// throws (CORBA exceptions) except where stated.
+#pragma once
+
+#include <omniORB4/CORBA.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "kms/platform/framework/PeerTSSResources.h"
+
+namespace Ardentis {
+namespace Vaultrest {
+namespace TL {
+namespace Framework {
+
+class Orb {
+ public:
+  // Listen only on the loopback interface, on the service's fixed port.
+  static constexpr const char* kDefaultEndpoint = "giop:tcp:127.0.0.1:7790";
+
+  Orb();
+  ~Orb();
+  Orb(const Orb&) = delete;
+  Orb& operator=(const Orb&) = delete;
+
+  // Starts the ORB listening on `endpoint` (an omniORB endpoint URI; empty
+  // means kDefaultEndpoint) and activates the POAs. IOR files go to `runDir`
+  // (created if missing). Returns 0, or -1 (logged) when the ORB cannot
+  // start, for instance because the port is taken.
+  int init(int argc, char** argv, const std::string& endpoint, const std::string& runDir);
+  bool isInitialized() const { return !CORBA::is_nil(m_orb); }
+
+  // The ORB, borrowed; nil before init.
+  CORBA::ORB_ptr orb() const { return m_orb; }
+
+  // Activates `servant` in the root POA. Returns a new reference, which the
+  // caller releases.
+  CORBA::Object_ptr activateServant(PortableServer::Servant servant);
+
+  // Makes the object of `ref` (activated by activateServant) reachable under
+  // `objectId` and writes its IOR file. Returns 0, or -1 (logged) when the
+  // object is not active here or the id is taken.
+  int advertiseObject(const char* objectId, CORBA::Object_ptr ref);
+
+  // Deactivates the object of `ref` in the root POA, and under its
+  // advertised id if it has one (removing the IOR file). The servant is not
+  // deleted: its owner deletes it once the ORB has shut down. Returns 0, or
+  // -1 when the object is not active. Never throws.
+  int destroyObjectRef(CORBA::Object_ptr ref);
+
+  // The record of the request that the calling thread serves, or null when
+  // per-thread records are off or the thread serves no remote request.
+  PeerTSSResources* getTSSResources() const;
+
+  // Per-thread peer records are kept only when this is true (off by
+  // default). Set it before the service starts.
+  bool m_useTSSResources = false;
+
+  // Stops serving; with `wait`, returns once every request in progress has
+  // ended. Objects are etherealised; servants are not deleted.
+  void shutdown(bool wait);
+  // Releases the ORB after shutdown. The Orb may not be used again.
+  void destroy();
+
+  // "<runDir>/<objectId>.ior".
+  std::string iorFilePath(const std::string& objectId) const;
+
+ private:
+  CORBA::ORB_ptr m_orb;
+  PortableServer::POA_ptr m_rootPoa;
+  PortableServer::POA_ptr m_insPoa;
+  std::string m_runDir;
+  bool m_shutDown = false;
+  std::mutex m_mutex;  // guards m_advertised
+  std::map<std::string, PortableServer::Servant> m_advertised;
+};
+
+}  // namespace Framework
+}  // namespace TL
+}  // namespace Vaultrest
+}  // namespace Ardentis

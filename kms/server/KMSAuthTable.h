@@ -1,0 +1,23 @@
+// The rights that each remote operation of the service asks for. Registered
+// with the framework by KMSMgrImpl::init.
+//
+// KMSMgr_getEximFacet and the query facet's getKey, getKeyAndKad and
+// getKeyRecordsByKad have no row on purpose: they are allowed to any peer
+// that holds at least one right. Do not add rows for them.
+#pragma once
+
+#include <cstddef>
+
+#include "kms/platform/framework/AuthorizationTable.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+// 40 rows and the end row.
+extern const ::Ardentis::Vaultrest::TL::Framework::authorization_entry_s KMSAuthTable[];
+extern const size_t KMSAuthTableRows;
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

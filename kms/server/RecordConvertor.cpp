@@ -1,0 +1,183 @@
+#include "kms/server/RecordConvertor.h"
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/RecordUtils.h"
+
+namespace Ardentis {
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace Store = ::Vaultrest::DL::KMS;
+
+namespace {
+
+// Attributes of a store record into the wire sequence, in the list's order.
+void toIdlAttributes(const Store::AttributeList& attrl, KMSFacetsV1::AttrElemSeq& out,
+                     const char* label) {
+  out.length(static_cast<CORBA::ULong>(attrl.size()));
+  Store::AttributeList::const_iterator iter = attrl.begin();
+  for (CORBA::ULong i = 0; i < out.length(); ++i, ++iter) {
+    KS_ASSERT(label, iter != attrl.end());
+    out[i].name = iter->first.c_str();
+    out[i].value = iter->second.c_str();
+  }
+}
+
+void toKsAttributes(const KMSFacetsV1::AttrElemSeq& attributes, Store::AttributeList& out) {
+  for (CORBA::ULong i = 0; i < attributes.length(); ++i) {
+    out.addAttribute(attributes[i].name.in(), attributes[i].value.in());
+  }
+}
+
+std::string toBytes(const TL::Framework::octetSeq& octets) {
+  std::string bytes;
+  bytes.reserve(octets.length());
+  for (CORBA::ULong i = 0; i < octets.length(); ++i) {
+    bytes.push_back(static_cast<char>(octets[i]));
+  }
+  return bytes;
+}
+
+void toOctets(const std::string& bytes, TL::Framework::octetSeq& out) {
+  out.length(static_cast<CORBA::ULong>(bytes.size()));
+  for (CORBA::ULong i = 0; i < out.length(); ++i) {
+    out[i] = static_cast<CORBA::Octet>(bytes[i]);
+  }
+}
+
+}  // namespace
+
+int64_t RecordConvertor::toIdlTime(uint64_t seconds) {
+  return (kGregorianOffsetSeconds + static_cast<int64_t>(seconds)) * kTicksPerSecond;
+}
+
+uint64_t RecordConvertor::toKsTime(int64_t ticks) {
+  return static_cast<uint64_t>(ticks / kTicksPerSecond - kGregorianOffsetSeconds);
+}
+
+std::string RecordConvertor::hexToBin(const std::string& text) {
+  return Store::Utils::hexToBin(text);
+}
+
+std::string RecordConvertor::binToHex(const std::string& bytes) {
+  return Store::Utils::binToHex(bytes);
+}
+
+char RecordConvertor::toAscii(char nibble) {
+  return Store::Utils::toAscii(nibble);
+}
+
+KMSFacetsV1::KeyRecord* RecordConvertor::toIdlKeyRecord(const Store::KeyRecord_v1& rec) {
+  KMSFacetsV1::KeyRecord_var out = new KMSFacetsV1::KeyRecord();
+  toIdlKeyRecord(rec, out.inout());
+  return out._retn();
+}
+
+void RecordConvertor::toIdlKeyRecord(const Store::KeyRecord_v1& rec, KMSFacetsV1::KeyRecord& out) {
+  KMS_TRACE("RecordConvertor::toIdlKeyRecord");
+  out.updateTime = toIdlTime(rec.updateTime());
+  out.createTime = toIdlTime(rec.createTime());
+  out.rev = static_cast<CORBA::Long>(rec.rev());
+  out.state = static_cast<CORBA::Long>(rec.state());
+  out.kpkType = static_cast<CORBA::Long>(rec.kpkType());
+  out.tag = binToHex(rec.tag()).c_str();
+  out.keyGroup = binToHex(rec.keyGroup()).c_str();
+  out.kpkTag = binToHex(rec.kpkTag()).c_str();
+  out.name = rec.name().c_str();
+  out.description = rec.description().c_str();
+  toOctets(rec.key(), out.encKey);
+  toIdlAttributes(rec.attributes(), out.attributeList, "RecordConvertor::toIdlKeyRecord");
+}
+
+KMSFacetsV1::KeyGroupRecord* RecordConvertor::toIdlKeyGroupRecord(
+    const Store::KeyGrpRecord_v1& rec) {
+  KMSFacetsV1::KeyGroupRecord_var out = new KMSFacetsV1::KeyGroupRecord();
+  toIdlKeyGroupRecord(rec, out.inout());
+  return out._retn();
+}
+
+void RecordConvertor::toIdlKeyGroupRecord(const Store::KeyGrpRecord_v1& rec,
+                                          KMSFacetsV1::KeyGroupRecord& out) {
+  KMS_TRACE("RecordConvertor::toIdlKeyGroupRecord");
+  out.updateTime = toIdlTime(rec.updateTime());
+  out.createTime = toIdlTime(rec.createTime());
+  out.rev = static_cast<CORBA::Long>(rec.rev());
+  out.type = static_cast<CORBA::Long>(rec.cipherType());
+  out.stat.hasActiveKey = rec.hasActiveKey();
+  out.stat.numKeys = static_cast<CORBA::Long>(rec.numKeys());
+  out.tag = binToHex(rec.tag()).c_str();
+  out.name = rec.name().c_str();
+  out.description = rec.description().c_str();
+  toIdlAttributes(rec.attributes(), out.attributeList, "RecordConvertor::toIdlKeyGroupRecord");
+}
+
+KMSFacetsV1::KSOpStatus* RecordConvertor::toIdlKSOpStatus(const Store::KSOpStatus& ksrec) {
+  KMS_TRACE("RecordConvertor::toIdlKSOpStatus");
+  KMSFacetsV1::KSOpStatus_var out = new KMSFacetsV1::KSOpStatus();
+  out->error_code = ksrec.errCode();
+  out->messages.length(static_cast<CORBA::ULong>(ksrec.messages().size()));
+  Store::KSOpStatus::MessageList::const_iterator iter = ksrec.messages().begin();
+  for (CORBA::ULong i = 0; i < out->messages.length(); ++i, ++iter) {
+    KS_ASSERT("RecordConvertor::toIdlKSOpStatus", iter != ksrec.messages().end());
+    KMSFacetsV1::KSOpMessage& message = out->messages[i];
+    message.msg_code = static_cast<CORBA::Long>(iter->code());
+    message.args.length(static_cast<CORBA::ULong>(iter->args().size()));
+    Store::KSOpMessage::ArgList::const_iterator aiter = iter->args().begin();
+    for (CORBA::ULong j = 0; j < message.args.length(); ++j, ++aiter) {
+      KS_ASSERT("RecordConvertor::toIdlKSOpStatus", aiter != iter->args().end());
+      message.args[j] = aiter->c_str();
+    }
+    KS_ASSERT("RecordConvertor::toIdlKSOpStatus", aiter == iter->args().end());
+  }
+  KS_ASSERT("RecordConvertor::toIdlKSOpStatus", iter == ksrec.messages().end());
+  return out._retn();
+}
+
+Store::KeyRecord_v1 RecordConvertor::toKsKeyRecord(const KMSFacetsV1::KeyRecord& record) {
+  KMS_TRACE("RecordConvertor::toKsKeyRecord");
+  Store::KeyRecord_v1 rec;
+  rec.attributes().testInvariant();
+  rec.testInvariant();
+  rec.setUpdateTime(toKsTime(record.updateTime));
+  rec.setCreateTime(toKsTime(record.createTime));
+  rec.setRev(static_cast<uint32_t>(record.rev));
+  rec.setTag(hexToBin(record.tag.in()));
+  rec.setKeyGroup(hexToBin(record.keyGroup.in()));
+  // The setters cut a name or description over 4096 bytes, with a log line.
+  rec.setName(record.name.in());
+  rec.testInvariant();
+  rec.setDescription(record.description.in());
+  rec.testInvariant();
+  rec.setState(static_cast<Store::ks_keystate_t>(record.state));
+  rec.setKpkType(static_cast<Store::ks_kpktype_t>(record.kpkType));
+  rec.setKpkTag(hexToBin(record.kpkTag.in()));
+  rec.setKey(toBytes(record.encKey));
+  toKsAttributes(record.attributeList, rec.attributes());
+  return rec;
+}
+
+Store::KeyGrpRecord_v1 RecordConvertor::toKsKeyGroupRecord(
+    const KMSFacetsV1::KeyGroupRecord& record) {
+  KMS_TRACE("RecordConvertor::toKsKeyGroupRecord");
+  Store::KeyGrpRecord_v1 rec;
+  rec.attributes().testInvariant();
+  rec.testInvariant();
+  rec.setUpdateTime(toKsTime(record.updateTime));
+  rec.setCreateTime(toKsTime(record.createTime));
+  rec.setRev(static_cast<uint32_t>(record.rev));
+  rec.setTag(hexToBin(record.tag.in()));
+  rec.setName(record.name.in());
+  rec.testInvariant();
+  rec.setDescription(record.description.in());
+  rec.testInvariant();
+  rec.setCipherType(static_cast<Store::ks_ciphertype_t>(record.type));
+  toKsAttributes(record.attributeList, rec.attributes());
+  return rec;
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
+}  // namespace Ardentis
