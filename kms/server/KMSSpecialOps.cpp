@@ -1,14 +1,30 @@
 #include "kms/server/KMSSpecialOps.h"
 
+#include <openssl/crypto.h>
+#include <strings.h>
+
+#include <clocale>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kms/platform/CrvnLis.h"
 #include "kms/platform/HostCheck.h"
 #include "kms/platform/InstallRoot.h"
+#include "kms/platform/ProcessAccount.h"
 #include "kms/platform/ProcessHandler.h"
+#include "kms/platform/SecureFGets.h"
 #include "kms/platform/VrConfReader.h"
+#include "kms/server/AdminFlags.h"
+#include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Messages.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/KMSFileLocator.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -16,19 +32,468 @@ namespace KMS {
 
 namespace {
 
-constexpr int kMsgNoMasterServer = 32;
+constexpr int kThisProgram = 286;
 
-// Runs `command` through the shell and logs its raw result.
-int runLogged(const std::string& command) {
-  const int rc = std::system(command.c_str());
-  KMS_DEBUG("KMSSpecialOps::onInactiveClusterNode", 1,
-            "COMMAND (" << command << ") returned " << rc);
-  return rc;
+// Refusals of setupEnv.
+constexpr int kNotAdministrator = 1267;
+constexpr int kServiceRunning = 1272;
+constexpr int kInactiveClusterNode = 1281;
+constexpr int kNotMasterServer = 1271;
+
+// Refusals of the operations.
+constexpr int kStoreExists = 1268;
+constexpr int kHmkFileExists = 1209;
+constexpr int kKpkFileExists = 1251;
+constexpr int kRandomHmk = 1264;
+constexpr int kRandomKpk = 1265;
+constexpr int kWrongHmk = 1221;
+
+// Messages of this program.
+constexpr int kMsgPassphraseAgain = 2;
+constexpr int kMsgPassphrasesDiffer = 3;
+constexpr int kMsgPassphrase = 4;
+constexpr int kMsgAboutHmk = 5;
+constexpr int kMsgEmptyHmkId = 6;
+constexpr int kMsgKpkPassphrasePrompt = 7;
+constexpr int kMsgAboutKpk = 8;
+constexpr int kMsgEmptyKpkId = 9;
+constexpr int kMsgRandomKpkQuestion = 10;
+constexpr int kMsgAnswerYesOrNo = 11;
+constexpr int kMsgHmkPassphrasePrompt = 1;
+constexpr int kMsgRandomHmkQuestion = 12;
+constexpr int kMsgOverwriteStore = 13;
+constexpr int kMsgHmkIdPrompt = 14;
+constexpr int kMsgKpkIdPrompt = 15;
+constexpr int kMsgHmkIsRandom = 16;
+constexpr int kMsgOverwriteHmkFile = 17;
+constexpr int kMsgEmptyPassphrase = 18;
+constexpr int kMsgHmkResetPrompt = 19;
+constexpr int kMsgKpkIsRandom = 20;
+constexpr int kMsgOverwriteKpkFile = 21;
+constexpr int kMsgKpkResetPrompt = 22;
+constexpr int kMsgKeyInfoHeading = 23;
+constexpr int kMsgKeyId = 24;
+constexpr int kMsgYes = 25;
+constexpr int kMsgNo = 26;
+constexpr int kMsgAlgorithm = 27;
+constexpr int kMsgHmkHeading = 28;
+constexpr int kMsgKpkHeading = 29;
+constexpr int kMsgNoMasterServer = 32;
+constexpr int kMsgStoreNotCreated = 37;
+constexpr int kMsgKeyRandom = 65;
+constexpr int kMsgNoGoodHmkFile = 85;
+constexpr int kMsgKeyFips = 92;
+
+// Codes each operation passes on unchanged; every other failure is 1200.
+const ErrorMap kSetupErrors{{}, {}};
+const ErrorMap kCreateErrors{{1269}, {}};
+const ErrorMap kResetHmkErrors{{1269, 1204, 1203, 1210, 1207}, {}};
+const ErrorMap kResetKpkErrors{{1269, 1204, 1203, 1210, 1207, 1248}, {}};
+const ErrorMap kInfoErrors{{1269, 1204, 1210, 1207}, {}};
+
+// --- Terminal dialogue. Throws 1269 when the catalogue fails. ---
+
+std::string text(int messageId) {
+  return GetCxULMessageEx(kThisProgram, messageId);
+}
+
+// Message `messageId` with one text argument.
+std::string text(int messageId, const std::string& argument) {
+  crvnLis lis;
+  const crvnLisResult_t result = crvnLisBuild(&lis, messageId, "%s", argument.c_str());
+  return GetCxULMessageBottom(kThisProgram, messageId, result, &lis);
+}
+
+std::string yesNo(bool value) {
+  return text(value ? kMsgYes : kMsgNo);
+}
+
+// A message on a line of its own.
+void say(int messageId) {
+  std::cout << text(messageId) << std::endl;
+}
+
+// A prompt; the answer follows on the same line.
+void prompt(int messageId) {
+  std::cout << text(messageId) << " : " << std::flush;
+}
+
+// Whether the standard input has nothing more to give.
+bool inputEnded() {
+  return std::feof(stdin) != 0 || std::ferror(stdin) != 0;
+}
+
+int inputEndedStatus(const char* label) {
+  KMS_DEBUG(label, 1, "Standard input ended before an answer was given");
+  return EC_KS_internal_error;
+}
+
+// Asks question `questionId` until the answer is "yes" or "no" (any case).
+// 0 with `yes` set, or 1200 when the input ends.
+int askYesNo(int questionId, bool& yes) {
+  for (;;) {
+    prompt(questionId);
+    const std::string answer = KMSSpecialOps::myGetLine();
+    if (strcasecmp(answer.c_str(), "yes") == 0 || strcasecmp(answer.c_str(), "no") == 0) {
+      yes = strcasecmp(answer.c_str(), "yes") == 0;
+      return EC_KS_success;
+    }
+    if (inputEnded()) {
+      return inputEndedStatus("KMSSpecialOps::askYesNo");
+    }
+    say(kMsgAnswerYesOrNo);
+  }
+}
+
+// The answer given in advance by a flag, or else the operator's.
+int decide(const std::optional<bool>& given, int questionId, bool& yes) {
+  if (given) {
+    yes = *given;
+    return EC_KS_success;
+  }
+  return askYesNo(questionId, yes);
+}
+
+// Asks for a master key id until one is given (message `emptyId` after an
+// empty answer). 0, or 1200 when the input ends.
+int askId(int promptId, int emptyId, std::string& id) {
+  for (;;) {
+    prompt(promptId);
+    id = KMSSpecialOps::myGetLine();
+    if (!id.empty()) {
+      return EC_KS_success;
+    }
+    if (inputEnded()) {
+      return inputEndedStatus("KMSSpecialOps::askId");
+    }
+    say(emptyId);
+  }
+}
+
+// Wipes a passphrase when it goes out of scope.
+class Wiped {
+ public:
+  explicit Wiped(std::string& secret) : m_secret(secret) {}
+  ~Wiped() {
+    if (!m_secret.empty()) {
+      OPENSSL_cleanse(&m_secret[0], m_secret.size());
+    }
+  }
+  Wiped(const Wiped&) = delete;
+  Wiped& operator=(const Wiped&) = delete;
+
+ private:
+  std::string& m_secret;
+};
+
+// One entry of a passphrase into `buffer` (KS_MAX_PASS_LEN bytes), without
+// its line end. False when the input ends.
+bool readPassphrase(int promptId, char* buffer) {
+  prompt(promptId);
+  if (SecureFGets(buffer, KMSSpecialOps::KS_MAX_PASS_LEN - 1, stdin) == nullptr) {
+    return false;
+  }
+  std::cout << std::endl;  // the reader does not echo the line end
+  const size_t length = std::strlen(buffer);
+  if (length > 0 && buffer[length - 1] == '\n') {
+    buffer[length - 1] = '\0';
+  }
+  return true;
+}
+
+// Runs `body` on a store made by setupEnv, as the operation `label`.
+template <typename Body>
+int runOperation(const char* label, const ErrorMap& errors, Body&& body) {
+  const int status = KMSSpecialOps::setupEnv();
+  if (status != EC_KS_success) {
+    return status;
+  }
+  return statusOf(label, errors, body);
 }
 
 }  // namespace
 
 bool KMSSpecialOps::isRandomPassphrase = false;
+std::unique_ptr<FileKeyStore> KMSSpecialOps::m_ks;
+
+int KMSSpecialOps::setupEnv() {
+  static const char* const kLabel = "KMSSpecialOps::setupEnv";
+  KMS_TRACE(kLabel);
+  std::setlocale(LC_ALL, "");
+  if (!is_user_admin()) {
+    KMS_DEBUG(kLabel, 1, "The caller is no administrator");
+    return kNotAdministrator;
+  }
+  if (serviceAlreadyRunning()) {
+    KMS_DEBUG(kLabel, 1, "The key management service is running");
+    return kServiceRunning;
+  }
+  if (onInactiveClusterNode()) {
+    KMS_DEBUG(kLabel, 1, "This host is an inactive cluster node");
+    return kInactiveClusterNode;
+  }
+  if (!onMasterServer()) {
+    KMS_DEBUG(kLabel, 1, "This host is not the master server");
+    return kNotMasterServer;
+  }
+  const int status = statusOf(kLabel, kSetupErrors, [] {
+    const KMSFileLocator locator;
+    m_ks.reset(new FileKeyStore(locator));
+    return EC_KS_success;
+  });
+  if (status != EC_KS_success) {
+    logAppMessage(kLabel, CRVN_SEV_ERROR, kMsgStoreNotCreated);
+  }
+  return status;
+}
+
+int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
+  static const char* const kLabel = "KMSSpecialOps::createEmptyDB";
+  KMS_TRACE(kLabel);
+  return runOperation(kLabel, kCreateErrors, [&shifter] {
+    AdminFlags flags;
+    int status = flags.parse(shifter, AdminFlags::kCreateEmptyDB);
+    if (status != EC_KS_success) {
+      return status;
+    }
+    if (flags.randomRequested()) {
+      setIsRandom(true);
+    }
+    KeyStore& store = *m_ks;
+
+    // createEmpty would delete an existing store before refusing it: ask
+    // first.
+    bool exists = false;
+    status = store.dbExists(exists);
+    if (status != EC_KS_success) {
+      return status;
+    }
+    if (exists) {
+      bool overwrite = false;
+      status = decide(flags.overwrite(), kMsgOverwriteStore, overwrite);
+      if (status != EC_KS_success) {
+        return status;
+      }
+      if (!overwrite) {
+        return kStoreExists;
+      }
+    }
+
+    std::string hmkPassphrase = flags.hmkPassphrase().value_or("");
+    std::string kpkPassphrase = flags.kpkPassphrase().value_or("");
+    const Wiped wipeHmk(hmkPassphrase);
+    const Wiped wipeKpk(kpkPassphrase);
+    std::string hmkId = flags.hmkId().value_or("");
+    std::string kpkId = flags.kpkId().value_or("");
+
+    if (!flags.hmkPassphrase() || !flags.hmkId()) {
+      say(kMsgAboutHmk);
+    }
+    if (!flags.hmkPassphrase()) {
+      status = getPassphrase(hmkPassphrase, kMsgHmkPassphrasePrompt, true, kMsgRandomHmkQuestion);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    if (!flags.hmkId()) {
+      status = askId(kMsgHmkIdPrompt, kMsgEmptyHmkId, hmkId);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    if (!flags.kpkPassphrase() || !flags.kpkId()) {
+      say(kMsgAboutKpk);
+    }
+    if (!flags.kpkPassphrase()) {
+      status = getPassphrase(kpkPassphrase, kMsgKpkPassphrasePrompt, true, kMsgRandomKpkQuestion);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    if (!flags.kpkId()) {
+      status = askId(kMsgKpkIdPrompt, kMsgEmptyKpkId, kpkId);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    return store.createEmpty(hmkPassphrase, hmkId, kpkPassphrase, kpkId, true);
+  });
+}
+
+int KMSSpecialOps::resetHmk(ACE_Arg_Shifter_T<char>& shifter) {
+  static const char* const kLabel = "KMSSpecialOps::resetHmk";
+  KMS_TRACE(kLabel);
+  return runOperation(kLabel, kResetHmkErrors, [&shifter] {
+    AdminFlags flags;
+    int status = flags.parse(shifter, AdminFlags::kResetHmk);
+    if (status != EC_KS_success) {
+      return status;
+    }
+    KeyStore& store = *m_ks;
+
+    bool goOn = true;
+    if (store.getHMKInfo().random) {
+      status = decide(flags.ignoreRandom(), kMsgHmkIsRandom, goOn);
+      if (status != EC_KS_success) {
+        return status;
+      }
+      if (!goOn) {
+        return kRandomHmk;
+      }
+    }
+    if (store.goodHMKFileExists()) {
+      status = decide(flags.overwrite(), kMsgOverwriteHmkFile, goOn);
+      if (status != EC_KS_success) {
+        return status;
+      }
+      if (!goOn) {
+        return kHmkFileExists;
+      }
+    }
+
+    std::string passphrase = flags.hmkPassphrase().value_or("");
+    const Wiped wipe(passphrase);
+    if (!flags.hmkPassphrase()) {
+      status = getPassphrase(passphrase, kMsgHmkResetPrompt, false, 0);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    return store.createHMKFile(passphrase, true, false);
+  });
+}
+
+int KMSSpecialOps::resetKpk(ACE_Arg_Shifter_T<char>& shifter) {
+  static const char* const kLabel = "KMSSpecialOps::resetKpk";
+  KMS_TRACE(kLabel);
+  return runOperation(kLabel, kResetKpkErrors, [&shifter] {
+    AdminFlags flags;
+    int status = flags.parse(shifter, AdminFlags::kResetKpk);
+    if (status != EC_KS_success) {
+      return status;
+    }
+    KeyStore& store = *m_ks;
+
+    // The KPK file is remade under the HMK, so that one must be there.
+    if (!store.goodHMKFileExists()) {
+      say(kMsgNoGoodHmkFile);
+      return kWrongHmk;
+    }
+    bool goOn = true;
+    if (store.getKPKInfo().random) {
+      status = decide(flags.ignoreRandom(), kMsgKpkIsRandom, goOn);
+      if (status != EC_KS_success) {
+        return status;
+      }
+      if (!goOn) {
+        return kRandomKpk;
+      }
+    }
+    if (store.goodKPKFileExists()) {
+      status = decide(flags.overwrite(), kMsgOverwriteKpkFile, goOn);
+      if (status != EC_KS_success) {
+        return status;
+      }
+      if (!goOn) {
+        return kKpkFileExists;
+      }
+    }
+
+    std::string passphrase = flags.kpkPassphrase().value_or("");
+    const Wiped wipe(passphrase);
+    if (!flags.kpkPassphrase()) {
+      status = getPassphrase(passphrase, kMsgKpkResetPrompt, false, 0);
+      if (status != EC_KS_success) {
+        return status;
+      }
+    }
+    return store.createKPKFile(passphrase, true, false);
+  });
+}
+
+int KMSSpecialOps::info() {
+  static const char* const kLabel = "KMSSpecialOps::info";
+  KMS_TRACE(kLabel);
+  return runOperation(kLabel, kInfoErrors, [] {
+    KeyStore& store = *m_ks;
+    const KeyInfo hmk = store.getHMKInfo();
+    const KeyInfo kpk = store.getKPKInfo();
+    say(kMsgHmkHeading);
+    displayKeyInfo(hmk);
+    say(kMsgKpkHeading);
+    displayKeyInfo(kpk);
+    return EC_KS_success;
+  });
+}
+
+int KMSSpecialOps::getPassphrase(std::string& out, int promptId, bool allowEmpty,
+                                 int emptyQuestionId) {
+  static const char* const kLabel = "KMSSpecialOps::getPassphrase";
+  KMS_TRACE(kLabel);
+  char first[KS_MAX_PASS_LEN] = {};
+  char second[KS_MAX_PASS_LEN] = {};
+  struct WipeBuffers {
+    char* a;
+    char* b;
+    ~WipeBuffers() {
+      OPENSSL_cleanse(a, KS_MAX_PASS_LEN);
+      OPENSSL_cleanse(b, KS_MAX_PASS_LEN);
+    }
+  } wipe{first, second};
+
+  say(promptId);
+  for (;;) {
+    if (!readPassphrase(kMsgPassphrase, first) || !readPassphrase(kMsgPassphraseAgain, second)) {
+      return inputEndedStatus(kLabel);
+    }
+    const size_t length = std::strlen(first);
+    if (length != std::strlen(second) || std::strncmp(first, second, length) != 0) {
+      say(kMsgPassphrasesDiffer);
+      continue;
+    }
+    if (length > 0) {
+      out.assign(first, length);
+      return EC_KS_success;
+    }
+    if (!allowEmpty) {
+      say(kMsgEmptyPassphrase);
+      continue;
+    }
+    bool useRandom = false;
+    const int status = askYesNo(emptyQuestionId, useRandom);
+    if (status != EC_KS_success) {
+      return status;
+    }
+    // Either answer counts: a "no" followed by a real passphrase still
+    // leaves the keys reported as random.
+    setIsRandom(true);
+    if (useRandom) {
+      out.clear();
+      return EC_KS_success;
+    }
+  }
+}
+
+void KMSSpecialOps::displayKeyInfo(const KeyInfo& info) {
+  KMS_TRACE("KMSSpecialOps::displayKeyInfo");
+  std::cout << "\t" << text(kMsgKeyInfoHeading) << "\n"
+            << "\t" << text(kMsgKeyId) << info.id << "\n"
+            << "\t" << text(kMsgKeyRandom, yesNo(info.random)) << "\n"
+            << "\t" << text(kMsgAlgorithm) << KSCrypt::cryptTypeToString(info.algorithm) << "\n"
+            << "\t" << text(kMsgKeyFips, yesNo(info.fips)) << std::endl;
+}
+
+std::string KMSSpecialOps::myGetLine() {
+  std::string line;
+  for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar()) {
+    line.push_back(static_cast<char>(c));
+  }
+  return line;
+}
+
+int KMSSpecialOps::createMyDACL() {
+  return EC_KS_success;
+}
 
 bool KMSSpecialOps::serviceAlreadyRunning() {
   KMS_TRACE("KMSSpecialOps::serviceAlreadyRunning");
@@ -43,6 +508,12 @@ bool KMSSpecialOps::onInactiveClusterNode() {
   // The raw results are used on purpose: the first command answers "cluster"
   // with a non-zero result, the second answers "inactive" with 0. A missing
   // utility makes both non-zero: a cluster whose node is not inactive.
+  const auto runLogged = [](const std::string& command) {
+    const int rc = std::system(command.c_str());
+    KMS_DEBUG("KMSSpecialOps::onInactiveClusterNode", 1,
+              "COMMAND (" << command << ") returned " << rc);
+    return rc;
+  };
   if (runLogged(utility + " -np -iscluster" + redirect) <= 0) {
     return false;
   }

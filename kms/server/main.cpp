@@ -121,24 +121,20 @@ int main(int argc, char** argv) {
       shifter.ignore_arg(1);
     } else if (isOption(shifter, "-createemptydb")) {
       shifter.consume_arg(1);
-      // KMSSpecialOps::createEmptyDB(shifter) arrives with the store's master
-      // keys; until then the option reports an internal error.
-      finishOperation(EC_KS_internal_error, [] {
+      finishOperation(KMSSpecialOps::createEmptyDB(shifter), [] {
         kmsPromptCheckMessage();
         printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
                                                           : kMsgCreatedWithPassphrases);
       });
     } else if (isOption(shifter, "-resethmk")) {
       shifter.consume_arg(1);
-      // KMSSpecialOps::resetHmk(shifter): not built yet, as above.
-      finishOperation(EC_KS_internal_error, [] { printOperationAdvice(kMsgHmkReset); });
+      finishOperation(KMSSpecialOps::resetHmk(shifter), [] { printOperationAdvice(kMsgHmkReset); });
     } else if (isOption(shifter, "-resetkpk")) {
       shifter.consume_arg(1);
-      // KMSSpecialOps::resetKpk(shifter): not built yet, as above.
-      finishOperation(EC_KS_internal_error, [] { printOperationAdvice(kMsgKpkReset); });
+      finishOperation(KMSSpecialOps::resetKpk(shifter), [] { printOperationAdvice(kMsgKpkReset); });
     } else if (isOption(shifter, "-info")) {
-      // KMSSpecialOps::info(): not built yet, as above.
-      finishOperation(EC_KS_internal_error, [] {});
+      // Words after "-info" are not looked at.
+      finishOperation(KMSSpecialOps::info(), [] {});
     } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
       printKmsUsage();
       std::exit(0);

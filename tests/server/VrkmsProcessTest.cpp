@@ -72,7 +72,7 @@ TEST_F(Vrkms, HelpUnknownOptionsAndBareWordsPrintTheUsageAndExitZero) {
   }
 }
 
-TEST_F(Vrkms, OperationsNotYetAvailableReportAnInternalErrorWith252) {
+TEST_F(Vrkms, OperationsOffTheMasterServerReportTheirCodeWith252) {
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{"-createemptydb", "-randomhmk", "-randomkpk"},
                                              {"-RESETKPK"},
@@ -80,12 +80,12 @@ TEST_F(Vrkms, OperationsNotYetAvailableReportAnInternalErrorWith252) {
     const ProcessResult r = run(args);
     ASSERT_TRUE(r.exited) << args[0];
     EXPECT_EQ(r.exitStatus, 252) << args[0];
-    EXPECT_TRUE(contains(r.err, "\nEXIT STATUS = 1200\n")) << r.err;
+    EXPECT_TRUE(contains(r.err, "\nEXIT STATUS = 1271\n")) << r.err;
     EXPECT_FALSE(contains(r.err, "USAGE")) << r.err;
     EXPECT_EQ(r.out, "");
   }
   const std::string log = debugLog();
-  EXPECT_TRUE(contains(log, "Actual Error Code: 1200 (")) << log;
+  EXPECT_TRUE(contains(log, "Actual Error Code: 1271 (")) << log;
   EXPECT_TRUE(contains(log, "kmsExit: Exiting with Status: 252 (")) << log;
   EXPECT_TRUE(contains(log, "FIPS mode DISABLED in configuration")) << log;
 }

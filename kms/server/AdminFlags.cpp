@@ -1,0 +1,174 @@
+#include "kms/server/AdminFlags.h"
+
+#include <openssl/crypto.h>
+
+#include <array>
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace {
+
+constexpr const char* kLabel = "AdminFlags::parse";
+constexpr int kBadArgument = 1214;
+
+// Flags of one group answer the same question; only one of them may be given.
+enum Group {
+  kOverwriteGroup,
+  kIgnoreRandomGroup,
+  kHmkPassGroup,
+  kHmkIdGroup,
+  kKpkPassGroup,
+  kKpkIdGroup,
+  kGroupCount
+};
+
+enum Flag {
+  kOverwrite,
+  kNoOverwrite,
+  kIgnoreRandom,
+  kNoIgnoreRandom,
+  kHmkPass,
+  kRandomHmk,
+  kHmkIdFlag,
+  kKpkPass,
+  kRandomKpk,
+  kKpkIdFlag
+};
+
+struct FlagRule {
+  Flag flag;
+  const char* name;
+  Group group;
+  bool takesValue;
+  unsigned allowedIn;  // AdminFlags::Operation bits
+};
+
+constexpr unsigned kAllOperations =
+    AdminFlags::kCreateEmptyDB | AdminFlags::kResetHmk | AdminFlags::kResetKpk;
+constexpr unsigned kResets = AdminFlags::kResetHmk | AdminFlags::kResetKpk;
+
+const FlagRule kRules[] = {
+    {kOverwrite, "-overwrite", kOverwriteGroup, false, kAllOperations},
+    {kNoOverwrite, "-nooverwrite", kOverwriteGroup, false, kAllOperations},
+    {kIgnoreRandom, "-ignorerandom", kIgnoreRandomGroup, false, kResets},
+    {kNoIgnoreRandom, "-noignorerandom", kIgnoreRandomGroup, false, kResets},
+    {kHmkPass, "-hmkpass", kHmkPassGroup, true, AdminFlags::kCreateEmptyDB | AdminFlags::kResetHmk},
+    {kRandomHmk, "-randomhmk", kHmkPassGroup, false, AdminFlags::kCreateEmptyDB},
+    {kHmkIdFlag, "-hmkid", kHmkIdGroup, true, AdminFlags::kCreateEmptyDB},
+    {kKpkPass, "-kpkpass", kKpkPassGroup, true, AdminFlags::kCreateEmptyDB | AdminFlags::kResetKpk},
+    {kRandomKpk, "-randomkpk", kKpkPassGroup, false, AdminFlags::kCreateEmptyDB},
+    {kKpkIdFlag, "-kpkid", kKpkIdGroup, true, AdminFlags::kCreateEmptyDB},
+};
+
+const FlagRule* ruleOf(ACE_Arg_Shifter_T<char>& shifter) {
+  for (const FlagRule& rule : kRules) {
+    if (shifter.cur_arg_strncasecmp(rule.name) == 0) {
+      return &rule;
+    }
+  }
+  return nullptr;
+}
+
+void wipe(std::optional<std::string>& secret) {
+  if (secret && !secret->empty()) {
+    OPENSSL_cleanse(&(*secret)[0], secret->size());
+  }
+}
+
+}  // namespace
+
+AdminFlags::~AdminFlags() {
+  wipe(m_hmkPassphrase);
+  wipe(m_kpkPassphrase);
+}
+
+void AdminFlags::swap(AdminFlags& other) {
+  std::swap(m_overwrite, other.m_overwrite);
+  std::swap(m_ignoreRandom, other.m_ignoreRandom);
+  std::swap(m_hmkPassphrase, other.m_hmkPassphrase);
+  std::swap(m_kpkPassphrase, other.m_kpkPassphrase);
+  std::swap(m_hmkId, other.m_hmkId);
+  std::swap(m_kpkId, other.m_kpkId);
+  std::swap(m_randomRequested, other.m_randomRequested);
+}
+
+int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
+  KMS_TRACE(kLabel);
+  // Collected apart, so that a fault leaves this object as it was.
+  AdminFlags parsed;
+  std::array<bool, kGroupCount> seen{};
+  while (shifter.is_anything_left()) {
+    const char* current = shifter.get_current();
+    if (current[0] != '-') {
+      KMS_DEBUG(kLabel, 1, "Argument is no flag: " << current);
+      return kBadArgument;
+    }
+    const FlagRule* rule = ruleOf(shifter);
+    if (rule == nullptr || (rule->allowedIn & operation) == 0) {
+      KMS_DEBUG(kLabel, 1, "Flag not allowed here: " << current);
+      return kBadArgument;
+    }
+    if (seen[rule->group]) {
+      KMS_DEBUG(kLabel, 1, "Flag given twice, or with one that excludes it: " << rule->name);
+      return kBadArgument;
+    }
+    seen[rule->group] = true;
+    shifter.consume_arg(1);
+
+    std::string value;
+    if (rule->takesValue) {
+      // The value is never logged: it may be a passphrase.
+      if (!shifter.is_anything_left() || shifter.get_current()[0] == '\0') {
+        KMS_DEBUG(kLabel, 1, "Flag without its value: " << rule->name);
+        return kBadArgument;
+      }
+      value = shifter.get_current();
+      shifter.consume_arg(1);
+    }
+
+    switch (rule->flag) {
+      case kOverwrite:
+      case kNoOverwrite:
+        parsed.m_overwrite = rule->flag == kOverwrite;
+        break;
+      case kIgnoreRandom:
+      case kNoIgnoreRandom:
+        parsed.m_ignoreRandom = rule->flag == kIgnoreRandom;
+        break;
+      case kHmkPass:
+        parsed.m_hmkPassphrase = value;
+        break;
+      case kKpkPass:
+        parsed.m_kpkPassphrase = value;
+        break;
+      case kRandomHmk:
+        parsed.m_hmkPassphrase = std::string();
+        parsed.m_randomRequested = true;
+        break;
+      case kRandomKpk:
+        parsed.m_kpkPassphrase = std::string();
+        parsed.m_randomRequested = true;
+        break;
+      case kHmkIdFlag:
+        parsed.m_hmkId = value;
+        break;
+      case kKpkIdFlag:
+        parsed.m_kpkId = value;
+        break;
+    }
+    if (!value.empty()) {
+      OPENSSL_cleanse(&value[0], value.size());
+    }
+  }
+  swap(parsed);
+  return EC_KS_success;
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

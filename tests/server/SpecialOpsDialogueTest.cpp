@@ -1,0 +1,88 @@
+// The passphrase dialogue of the administrator options and the refusal of a
+// caller who is no administrator, in this process (the process-level runs are in
+// VrkmsAdminTest.cpp).
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "kms/platform/CrvnLis.h"
+#include "kms/platform/ProcessAccount.h"
+#include "kms/server/KMSSpecialOps.h"
+#include "support/TempRoot.h"
+
+using namespace Vaultrest::DL::KMS;
+
+namespace {
+
+std::string msg(int id) {
+  return crvnCatalogueText(286, id);
+}
+
+// Standard input reads `text` for the scope; standard output is captured.
+class Dialogue {
+ public:
+  explicit Dialogue(const std::string& text) {
+    std::ofstream(m_root.file("stdin"), std::ios::binary) << text;
+    EXPECT_NE(std::freopen(m_root.file("stdin").c_str(), "r", stdin), nullptr);
+    testing::internal::CaptureStdout();
+  }
+  ~Dialogue() { std::freopen("/dev/null", "r", stdin); }
+  std::string output() { return testing::internal::GetCapturedStdout(); }
+
+ private:
+  TempRoot m_root{"vrkms-dialogue"};
+};
+
+}  // namespace
+
+TEST(KMSSpecialOps, NoAdministratorIsRefusedBeforeAnythingElse) {
+  setAdminCheckOverride(AdminCheck::kForceNotAdmin);
+  EXPECT_EQ(KMSSpecialOps::setupEnv(), 1267);
+  EXPECT_EQ(KMSSpecialOps::info(), 1267);
+  setAdminCheckOverride(AdminCheck::kSystem);
+}
+
+TEST(KMSSpecialOps, PassphraseDialogue) {
+  KMSSpecialOps::setIsRandom(false);
+  const std::string longest(KMSSpecialOps::KS_MAX_PASS_LEN - 2, 'p');  // line end makes 1023
+  {
+    Dialogue dialogue("a\nb\n" + longest + "\n" + longest + "\n");
+    std::string out;
+    EXPECT_EQ(KMSSpecialOps::getPassphrase(out, 19, false, 0), 0);
+    EXPECT_EQ(out, longest);
+    EXPECT_EQ(dialogue.output(), msg(19) + "\n" + msg(4) + " : \n" + msg(2) + " : \n" + msg(3) +
+                                     "\n" + msg(4) + " : \n" + msg(2) + " : \n");
+  }
+  EXPECT_FALSE(KMSSpecialOps::getIsRandom());
+  {
+    // An empty passphrase, a wrong answer, "no" and then "yes" in capitals.
+    Dialogue dialogue("\n\nmaybe\nNo\n\n\nYeS\n");
+    std::string out = "old";
+    EXPECT_EQ(KMSSpecialOps::getPassphrase(out, 1, true, 12), 0);
+    EXPECT_EQ(out, "");
+    EXPECT_TRUE(KMSSpecialOps::getIsRandom());
+    const std::string entries = msg(4) + " : \n" + msg(2) + " : \n";
+    const std::string question = msg(12) + " : ";
+    EXPECT_EQ(dialogue.output(),
+              msg(1) + "\n" + entries + question + msg(11) + "\n" + question + entries + question);
+  }
+  {
+    // The input ends before the second entry.
+    Dialogue dialogue("only-once\n");
+    std::string out;
+    EXPECT_EQ(KMSSpecialOps::getPassphrase(out, 22, false, 0), 1200);
+    dialogue.output();
+  }
+  KMSSpecialOps::setIsRandom(false);
+}
+
+TEST(KMSSpecialOps, GetLineReadsAnyLengthWithoutTheLineEnd) {
+  const std::string longLine(5000, 'x');
+  Dialogue dialogue(longLine + "\nlast");
+  EXPECT_EQ(KMSSpecialOps::myGetLine(), longLine);
+  EXPECT_EQ(KMSSpecialOps::myGetLine(), "last");
+  EXPECT_EQ(KMSSpecialOps::myGetLine(), "");
+  dialogue.output();
+}

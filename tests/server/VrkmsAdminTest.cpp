@@ -1,0 +1,346 @@
+// The administrator options of the built vrkms, end to end: a private
+// installation root whose master configuration names this host as master
+// server, answers fed through a pipe, both output streams and the exit status
+// read back, and the store files opened in this process afterwards.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "kms/platform/CrvnLis.h"
+#include "kms/platform/ProcessHandler.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KMSFileLocator.h"
+#include "support/ProcessRunner.h"
+#include "support/TempRoot.h"
+
+using namespace Vaultrest::DL::KMS;
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// The text of message `id` of vrkms.
+std::string msg(int id) {
+  const char* text = crvnCatalogueText(286, id);
+  return text != nullptr ? text : "";
+}
+
+std::string exitLine(int status) {
+  return "\nEXIT STATUS = " + std::to_string(status) + "\n";
+}
+
+class VrkmsAdmin : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeConf("SERVER = localhost\nKMS_DIR = " + kmsDir() + "\n");
+    m_savedFips = FileKeyStore::g_fips_mode_disabled;
+    FileKeyStore::g_fips_mode_disabled = true;  // as vrkms decides without VRKMS_FIPS
+  }
+  void TearDown() override { FileKeyStore::g_fips_mode_disabled = m_savedFips; }
+
+  std::string kmsDir() const { return m_root.file("kms"); }
+  std::string hmkFile() const { return kmsDir() + "/key/KMS_HMKF.dat"; }
+  std::string kpkFile() const { return kmsDir() + "/key/KMS_KPKF.dat"; }
+  std::string storeFile() const { return kmsDir() + "/db/KMS_DATA.dat"; }
+
+  ProcessResult run(std::vector<std::string> args, const std::string& input = "") const {
+    return ProcessRunner(VRKMS_BINARY)
+        .args(std::move(args))
+        .env("VREST_ROOT", m_root.path())
+        .stdinText(input)
+        .timeout(std::chrono::seconds(120))
+        .run();
+  }
+
+  void writeConf(const std::string& text) const {
+    ::mkdir(m_root.file("etc").c_str(), 0700);
+    std::ofstream(m_root.file("etc/vr.conf"), std::ios::trunc) << text;
+  }
+
+  std::string logs() const {
+    std::string all;
+    for (const char* name : {"vrkms_debug.log", "vrkms_app.log"}) {
+      std::ifstream in(m_root.file(std::string("logs/vrkms/") + name));
+      all.append(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    return all;
+  }
+
+  // A store with passphrases "hmk-secret" and "kpk-secret".
+  void createStore() const {
+    const ProcessResult r = run({"-createemptydb", "-hmkpass", "hmk-secret", "-hmkid", "HMK-1",
+                                 "-kpkpass", "kpk-secret", "-kpkid", "KPK-1"});
+    ASSERT_TRUE(r.exited && r.exitStatus == 0) << r.err;
+  }
+
+  // The store on disk opens and reads in this process.
+  void expectStoreReads() const {
+    FileKeyStore store{KMSFileLocator(kmsDir())};
+    ASSERT_EQ(store.init(), 0);
+    EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
+    store.shutdown();
+  }
+
+  // Runs `args`, which must fail with `status`, printing its text.
+  void expectRefused(const std::vector<std::string>& args, int status,
+                     const std::string& input = "") const {
+    const ProcessResult r = run(args, input);
+    ASSERT_TRUE(r.exited) << args[0];
+    EXPECT_EQ(r.exitStatus, 252) << args[0] << " " << status;
+    EXPECT_TRUE(contains(r.err, exitLine(status))) << args[0] << " " << r.err;
+    EXPECT_FALSE(contains(r.err, msg(83)));
+  }
+
+  static bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+  }
+
+  TempRoot m_root{"vrkms-admin"};
+  bool m_savedFips = false;
+};
+
+TEST_F(VrkmsAdmin, CreateWithAllFlagsThenInfoShowsBothKeysAndTheStoreReads) {
+  const ProcessResult r = run({"-CreateEmptyDB", "-hmkpass", "hmk-secret", "-HMKID", "HMK-1",
+                               "-kpkpass", "kpk-secret", "-kpkid", "KPK-1"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  // Nothing asked; the one message on standard output is the registration
+  // advice, the rest goes to standard error.
+  EXPECT_EQ(r.out, "\n" + msg(94) + "\n");
+  EXPECT_EQ(r.err, "\n" + msg(83) + "\n\n" + msg(95) + "\n");
+
+  struct stat st;
+  for (const std::string& path : {hmkFile(), kpkFile(), storeFile()}) {
+    ASSERT_EQ(::stat(path.c_str(), &st), 0) << path;
+    EXPECT_EQ(st.st_mode & 077, 0u) << path;  // private to the owner
+  }
+
+  const ProcessResult info = run({"-info", "ignored", "words"});
+  ASSERT_TRUE(info.exited);
+  EXPECT_EQ(info.exitStatus, 0) << info.err;
+  const std::string key = "\tMaster key information:\n\tKey ID: ";
+  const std::string passphraseKind =
+      "\n\tGenerated from random data: No\n\tEncryption algorithm: AES_256_GCM\n"
+      "\tFIPS compliant: No\n";
+  EXPECT_EQ(info.out, msg(28) + "\n" + key + "HMK-1" + passphraseKind + msg(29) + "\n" + key +
+                          "KPK-1" + passphraseKind);
+  EXPECT_EQ(info.err, "\n" + msg(83) + "\n");
+
+  expectStoreReads();
+  const std::string log = logs();
+  EXPECT_TRUE(contains(log, "-hmkpass ****** -HMKID HMK-1 -kpkpass ****** ")) << log;
+  EXPECT_FALSE(contains(log, "secret")) << log;
+}
+
+TEST_F(VrkmsAdmin, RandomKeysAreReportedAndCannotBeRebuiltFromAPassphrase) {
+  const ProcessResult r =
+      run({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "h", "-kpkid", "k"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_EQ(r.err, "\n" + msg(83) + "\n\n" + msg(98) + "\n");
+  EXPECT_FALSE(contains(r.out, msg(1))) << r.out;  // no passphrase asked
+
+  const ProcessResult info = run({"-info"});
+  ASSERT_EQ(info.exitStatus, 0) << info.err;
+  EXPECT_TRUE(contains(info.out, "\tKey ID: h\n\tGenerated from random data: Yes\n")) << info.out;
+  EXPECT_TRUE(contains(info.out, "\tKey ID: k\n\tGenerated from random data: Yes\n")) << info.out;
+  expectStoreReads();
+
+  expectRefused({"-resethmk", "-noignorerandom", "-hmkpass", "p"}, 1264);
+  expectRefused({"-resetkpk", "-kpkpass", "p", "-NOIGNORERANDOM"}, 1265);
+  // Asked instead of answered in advance: "no" refuses as the flag does.
+  expectRefused({"-resethmk"}, 1264, "No\n");
+  // Going on anyway cannot help: no passphrase makes the random key.
+  expectRefused({"-resethmk", "-ignorerandom", "-overwrite", "-hmkpass", "p"}, 1221);
+  expectStoreReads();
+}
+
+TEST_F(VrkmsAdmin, CreateInteractivelyThroughAPipe) {
+  const std::string input =
+      "alpha-pass\n"
+      "alpha-pasX\n"  // second entry differs: both asked again
+      "alpha-pass\n"
+      "alpha-pass\n"
+      "\n"  // empty id: asked again
+      "HMK-I\n"
+      "\n"
+      "\n"       // empty KPK passphrase ...
+      "maybe\n"  // ... question answered wrongly, then accepted
+      "YES\n"
+      "KPK-I\n";
+  const ProcessResult r = run({"-createemptydb"}, input);
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 0) << r.err << r.out;
+  const std::string expectedDialogue =
+      msg(5) + "\n" + msg(1) + "\n" +                                        //
+      msg(4) + " : \n" + msg(2) + " : \n" + msg(3) + "\n" +                  // mismatch
+      msg(4) + " : \n" + msg(2) + " : \n" +                                  //
+      msg(14) + " : " + msg(6) + "\n" + msg(14) + " : " +                    // empty id
+      msg(8) + "\n" + msg(7) + "\n" + msg(4) + " : \n" + msg(2) + " : \n" +  //
+      msg(10) + " : " + msg(11) + "\n" + msg(10) + " : " +                   // yes/no
+      msg(15) + " : " + "\n" + msg(94) + "\n";
+  EXPECT_EQ(r.out, expectedDialogue);
+  EXPECT_TRUE(contains(r.err, msg(98))) << r.err;
+
+  ProcessResult info = run({"-info"});
+  EXPECT_TRUE(contains(info.out, "\tKey ID: HMK-I\n\tGenerated from random data: No\n"))
+      << info.out;
+  EXPECT_TRUE(contains(info.out, "\tKey ID: KPK-I\n\tGenerated from random data: Yes\n"))
+      << info.out;
+  expectStoreReads();
+
+  // Over the existing store: refusing the overwrite keeps it.
+  expectRefused({"-createemptydb"}, 1268, "nO\n");
+  expectRefused({"-createemptydb", "-nooverwrite", "-randomhmk", "-randomkpk"}, 1268);
+  info = run({"-info"});
+  EXPECT_TRUE(contains(info.out, "\tKey ID: HMK-I\n")) << info.out;
+
+  // Accepted; the empty HMK passphrase is declined for a real one, which
+  // still counts as random for the advice after the operation.
+  const ProcessResult again =
+      run({"-createemptydb", "-hmkid", "H2", "-kpkpass", "k", "-kpkid", "K2"},
+          "yes\n\n\nno\nbeta\nbeta\n");
+  ASSERT_TRUE(again.exited);
+  EXPECT_EQ(again.exitStatus, 0) << again.err << again.out;
+  EXPECT_TRUE(contains(again.out, msg(13) + " : " + msg(5))) << again.out;
+  EXPECT_TRUE(contains(again.err, msg(98))) << again.err;
+  info = run({"-info"});
+  EXPECT_TRUE(contains(info.out, "\tKey ID: H2\n\tGenerated from random data: No\n")) << info.out;
+  expectStoreReads();
+
+  EXPECT_FALSE(contains(logs(), "alpha-pass")) << logs();
+  EXPECT_FALSE(contains(logs(), "beta")) << logs();
+}
+
+TEST_F(VrkmsAdmin, ResetRebuildsDeletedKeyFilesFromTheirPassphrases) {
+  ASSERT_NO_FATAL_FAILURE(createStore());
+
+  // With the file in place the operator is asked first; "no" keeps it.
+  expectRefused({"-resethmk", "-hmkpass", "hmk-secret"}, 1209, "no\n");
+  expectRefused({"-resetkpk", "-kpkpass", "kpk-secret", "-nooverwrite"}, 1251);
+  // Wrong passphrases change nothing.
+  expectRefused({"-resethmk", "-overwrite", "-hmkpass", "wrong"}, 1221);
+  expectRefused({"-resetkpk", "-overwrite", "-kpkpass", "wrong"}, 1249);
+  expectStoreReads();
+
+  // No HMK file: the KPK file cannot be made beside it.
+  ASSERT_EQ(::unlink(hmkFile().c_str()), 0);
+  ProcessResult r = run({"-resetkpk", "-kpkpass", "kpk-secret"});
+  EXPECT_EQ(r.exitStatus, 252);
+  EXPECT_TRUE(contains(r.out, msg(85))) << r.out;
+  EXPECT_TRUE(contains(r.err, exitLine(1221))) << r.err;
+
+  r = run({"-resethmk", "-hmkpass", "hmk-secret"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_EQ(r.err, "\n" + msg(83) + "\n\n" + msg(96) + "\n");
+  expectStoreReads();
+
+  // The KPK, asked for on the pipe: an empty entry is refused here.
+  ASSERT_EQ(::unlink(kpkFile().c_str()), 0);
+  r = run({"-resetkpk"}, "\n\nkpk-secret\nkpk-secret\n");
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 0) << r.err << r.out;
+  EXPECT_EQ(r.out, msg(22) + "\n" + msg(4) + " : \n" + msg(2) + " : \n" + msg(18) + "\n" + msg(4) +
+                       " : \n" + msg(2) + " : \n");
+  EXPECT_EQ(r.err, "\n" + msg(83) + "\n\n" + msg(97) + "\n");
+  expectStoreReads();
+
+  // Overwriting a good file with the right passphrase is allowed too.
+  r = run({"-resethmk", "-overwrite"}, "hmk-secret\nhmk-secret\n");
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  expectStoreReads();
+  EXPECT_FALSE(contains(logs(), "secret")) << logs();
+}
+
+TEST_F(VrkmsAdmin, EveryGrammarFaultIs1214AndChangesNothing) {
+  const std::vector<std::vector<std::string>> faults{
+      {"-createemptydb", "-overwrite", "-nooverwrite"},
+      {"-createemptydb", "-hmkpass", "p", "-randomhmk"},
+      {"-createemptydb", "-RANDOMKPK", "-kpkpass", "p"},
+      {"-createemptydb", "-hmkid", "a", "-hmkid", "b"},
+      {"-createemptydb", "-hmkpass"},
+      {"-createemptydb", "-kpkid", ""},
+      {"-createemptydb", "-randomhmk", "word"},
+      {"-createemptydb", "-ignorerandom"},
+      {"-createemptydb", "-hmkpassword", "p"},
+      {"-resethmk", "-kpkpass", "p"},
+      {"-resethmk", "-randomhmk"},
+      {"-resethmk", "-ignorerandom", "-noignorerandom"},
+      {"-resetkpk", "-hmkpass", "p"},
+      {"-resetkpk", "-kpkid", "k"},
+  };
+  for (const std::vector<std::string>& args : faults) {
+    expectRefused(args, 1214);
+  }
+  EXPECT_FALSE(exists(kmsDir()));
+}
+
+TEST_F(VrkmsAdmin, EveryOperationRefusesWhileAServiceRuns) {
+  ASSERT_NO_FATAL_FAILURE(createStore());
+  RunningProcess service = ProcessRunner("/bin/sleep").argv0("vrkms").args({"60"}).spawn();
+  for (int i = 0; i < 500 && ProcessHandler("vrkms").getProcessIDs().empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  for (const char* option : {"-createemptydb", "-resethmk", "-resetkpk", "-info"}) {
+    expectRefused({option}, 1272);
+  }
+  service.stop();
+  EXPECT_EQ(run({"-info"}).exitStatus, 0);
+}
+
+TEST_F(VrkmsAdmin, RefusedOffTheMasterServerAndWithoutAStoreDirectory) {
+  writeConf("SERVER = 192.0.2.1\nSERVER = localhost\nKMS_DIR = " + kmsDir() + "\n");
+  expectRefused({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "h", "-kpkid", "k"}, 1271);
+  expectRefused({"-info"}, 1271);
+
+  // The store cannot be located: the internal error, with its text, the real
+  // code on standard error and 252 as exit status.
+  writeConf("SERVER = localhost\n");
+  const ProcessResult r = run({"-info"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.exitStatus, 252);
+  EXPECT_EQ(r.err,
+            "\n" + std::string(crvnCatalogueText(271, 1200)) + "\n" + exitLine(1200).substr(1));
+  EXPECT_TRUE(contains(logs(), "Actual Error Code: 1200 (")) << logs();
+  EXPECT_TRUE(contains(logs(), "286-37 ")) << logs();
+
+  // Input that ends before the dialogue does is the same internal error.
+  writeConf("SERVER = localhost\nKMS_DIR = " + kmsDir() + "\n");
+  expectRefused({"-createemptydb"}, 1200, "pass\npass\n");
+  expectRefused({"-createemptydb", "-randomhmk", "-randomkpk"}, 1200, "h\n");
+  EXPECT_FALSE(exists(storeFile()));
+}
+
+TEST_F(VrkmsAdmin, RefusedToAnotherUser) {
+  if (::geteuid() != 0) {
+    // Not root: this process already is "another user".
+    expectRefused({"-info"}, 1267);
+    return;
+  }
+  if (::access("/usr/bin/setpriv", X_OK) != 0) {
+    GTEST_SKIP() << "setpriv is needed to run vrkms as another user";
+  }
+  // Run as nobody. The root is the test's own, closed to that user; the
+  // administrator test comes before anything is read from it.
+  const ProcessResult r =
+      ProcessRunner("/usr/bin/setpriv")
+          .args({"--reuid=nobody", "--regid=nogroup", "--clear-groups", VRKMS_BINARY,
+                 "-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "h", "-kpkid", "k"})
+          .env("VREST_ROOT", m_root.path())
+          .run();
+  ASSERT_TRUE(r.exited) << r.err;
+  EXPECT_EQ(r.exitStatus, 252) << r.err;
+  EXPECT_TRUE(contains(r.err, exitLine(1267))) << r.err;
+  EXPECT_FALSE(exists(kmsDir()));
+}
+
+}  // namespace
