@@ -5,7 +5,7 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test bench format clean
+.PHONY: all deps configure build test bench run format clean
 
 all: build
 
@@ -24,8 +24,12 @@ test: build
 bench: build
 	@scripts/run-benchmarks $(BUILD_DIR)
 
+run: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target vrkms vrkmsctl vrkms-sandbox-store
+	@scripts/run-sandbox $(BUILD_DIR)
+
 format:
-	@find kms tests bench fuzz \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format -i
+	@find kms tests bench fuzz tools \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format -i
 
 clean:
 	@rm -rf $(BUILD_DIR)

@@ -5,6 +5,9 @@
 #include "kms/platform/framework/OrbService.h"
 #include "kms/platform/framework/ServiceContainer.h"
 #include "kms/server/KMSAuthTable.h"
+#include "kms/server/KMSControlFacetImpl.h"
+#include "kms/server/KMSModifiableFacetImpl.h"
+#include "kms/server/KMSQueryableFacetImpl.h"
 #include "kms/server/KMSServiceExceptionHelper.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Log.h"
@@ -29,6 +32,24 @@ constexpr int kMsgStoreNotOpened = 38;
 
 constexpr int kInternalError = 1200;
 
+template <typename Servant>
+void releaseServant(Servant*& servant) {
+  if (servant != nullptr) {
+    servant->_remove_ref();
+    servant = nullptr;
+  }
+}
+
+// Makes a servant over the store, activates it and keeps both. A servant
+// left from an earlier activation is let go first.
+template <typename Servant>
+void activateFacet(TL::Framework::Orb& orb, Store::FileKeyStore* store, Servant*& servant,
+                   CORBA::Object_var& ref) {
+  releaseServant(servant);
+  servant = new Servant(store);
+  ref = orb.activateServant(servant);
+}
+
 }  // namespace
 
 const char* KMSMgrImpl::Name() {
@@ -44,11 +65,11 @@ KMSMgrImpl::KMSMgrImpl()
 
 KMSMgrImpl::~KMSMgrImpl() {
   KMS_TRACE_THIS("KMSMgrImpl::~KMSMgrImpl");
-  // The facet servants are deleted here first, control, modifying and
-  // query; until their servants are built, resume makes none.
-  (void)m_controlFacet;
-  (void)m_modifyFacet;
-  (void)m_queryFacet;
+  // Servants are reference counted: this lets go of the one the manager
+  // holds, which deletes a servant that the ORB no longer holds.
+  releaseServant(m_controlFacet);
+  releaseServant(m_modifyFacet);
+  releaseServant(m_queryFacet);
   if (m_keyStore != nullptr) {
     const int status = m_keyStore->shutdown();
     if (status != 0) {
@@ -107,9 +128,10 @@ int KMSMgrImpl::resume() {
     logAppMessage("KMSMgrImpl::resume", CRVN_SEV_ERROR, kMsgServiceNotStarted);
     return -1;
   }
-  // The query, modifying and control facets are made over the store and
-  // activated here, in that order and before the manager, keeping each
-  // reference in m_queryRef, m_modifyRef and m_controlRef.
+  // The facets before the manager, which hands out their references.
+  activateFacet(*orb, m_keyStore, m_queryFacet, m_queryRef);
+  activateFacet(*orb, m_keyStore, m_modifyFacet, m_modifyRef);
+  activateFacet(*orb, m_keyStore, m_controlFacet, m_controlRef);
   m_mgrRef = orb->activateServant(this);
   orb->advertiseObject(Name(), m_mgrRef.in());
   m_active = true;

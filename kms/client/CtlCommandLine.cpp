@@ -1,0 +1,229 @@
+#include "kms/client/CtlCommandLine.h"
+
+#include <algorithm>
+#include <initializer_list>
+
+namespace Vaultrest {
+namespace DL {
+namespace KMSCtl {
+
+namespace {
+
+struct OptionForm {
+  const char* name;
+  bool takesValue;
+  bool required;
+};
+
+struct CommandForm {
+  const char* words;     // "group create"
+  size_t operandCount;   // exactly this many operands
+  const char* operands;  // their names, for messages
+  std::vector<OptionForm> options;
+};
+
+const std::vector<CommandForm>& commands() {
+  static const std::vector<CommandForm> table = {
+      {"status", 0, "", {}},
+      {"group create", 1, "NAME", {{"--cipher", true, true}, {"--description", true, false}}},
+      {"group list", 0, "", {}},
+      {"group show", 1, "NAME", {}},
+      {"group delete", 1, "NAME", {{"--force", false, false}}},
+      {"group update", 1, "NAME", {{"--new-name", true, false}, {"--description", true, false}}},
+      {"key create",
+       2,
+       "GROUP NAME",
+       {{"--state", true, false},
+        {"--description", true, false},
+        {"--passphrase-file", true, false}}},
+      {"key list", 1, "GROUP", {}},
+      {"key show", 2, "GROUP NAME", {}},
+      {"key active", 1, "GROUP", {}},
+      {"key delete", 2, "GROUP NAME", {}},
+      {"key update",
+       2,
+       "GROUP NAME",
+       {{"--state", true, false},
+        {"--new-name", true, false},
+        {"--description", true, false},
+        {"--move-to", true, false}}},
+      {"key get", 1, "TAG", {}},
+      {"key recover",
+       2,
+       "GROUP NAME",
+       {{"--tag", true, true}, {"--passphrase-file", true, false}, {"--salt", true, false}}},
+      {"kad get", 2, "TAG LENGTH", {}},
+      {"kad find", 1, "KADHEX", {}},
+      {"quiesce", 0, "", {}},
+      {"unquiesce", 0, "", {{"--force", false, false}}},
+      {"rotate-hmk", 0, "", {{"--id", true, true}, {"--passphrase-file", true, false}}},
+      {"rotate-kpk", 0, "", {{"--id", true, true}, {"--passphrase-file", true, false}}},
+  };
+  return table;
+}
+
+// The command whose words begin `args` at `at`; null when none does.
+// Sets *wordCount to the number of words it took.
+const CommandForm* findCommand(const std::vector<std::string>& args, size_t at, size_t* wordCount) {
+  for (const CommandForm& form : commands()) {
+    const std::string words = form.words;
+    const size_t blank = words.find(' ');
+    if (blank == std::string::npos) {
+      if (args[at] == words) {
+        *wordCount = 1;
+        return &form;
+      }
+    } else if (args[at] == words.substr(0, blank) && at + 1 < args.size() &&
+               args[at + 1] == words.substr(blank + 1)) {
+      *wordCount = 2;
+      return &form;
+    }
+  }
+  return nullptr;
+}
+
+bool isCommandGroup(const std::string& word) {
+  return word == "group" || word == "key" || word == "kad";
+}
+
+const OptionForm* findOption(const CommandForm& form, const std::string& name) {
+  for (const OptionForm& option : form.options) {
+    if (name == option.name) {
+      return &option;
+    }
+  }
+  return nullptr;
+}
+
+bool startsWith(const std::string& text, const char* prefix) {
+  return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
+}
+
+}  // namespace
+
+const char* CtlCommandLine::usage() {
+  return "usage: vrkmsctl [--endpoint CORBALOC] [--json] COMMAND\n"
+         "  status                      quiesce count, numbers of keys and groups, HMK and KPK "
+         "ids\n"
+         "  group create NAME --cipher AES128|AES192|AES256|BLOWFISH [--description TEXT]\n"
+         "  group list | group show NAME | group delete NAME [--force]\n"
+         "  group update NAME [--new-name NAME] [--description TEXT]\n"
+         "  key create GROUP NAME [--state active|prelive] [--description TEXT] "
+         "[--passphrase-file FILE]\n"
+         "  key list GROUP | key show GROUP NAME | key active GROUP | key delete GROUP NAME\n"
+         "  key update GROUP NAME [--state STATE] [--new-name NAME] [--description TEXT] "
+         "[--move-to GROUP]\n"
+         "  key get TAG                 the key in the clear\n"
+         "  key recover GROUP NAME --tag HEX --passphrase-file FILE [--salt HEX]\n"
+         "  kad get TAG LENGTH | kad find KADHEX\n"
+         "  quiesce | unquiesce [--force]\n"
+         "  rotate-hmk --id ID [--passphrase-file FILE] | rotate-kpk --id ID "
+         "[--passphrase-file FILE]\n"
+         "\n"
+         "The endpoint defaults to the VRKMS_ENDPOINT of the master configuration\n"
+         "($VREST_ROOT/etc/vr.conf). Passphrases come from a file or, on a terminal,\n"
+         "from a prompt; an empty one makes a random key. Exit status: 0 success,\n"
+         "1 the service refused (\"error CODE: TEXT\"), 2 usage, 3 service not reached.\n";
+}
+
+CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
+  CtlCommandLine line;
+  size_t at = 0;
+  // Options of the program itself, before the command.
+  for (; at < args.size() && startsWith(args[at], "--"); ++at) {
+    const std::string& arg = args[at];
+    if (arg == "--json") {
+      line.m_json = true;
+    } else if (arg == "--help") {
+      line.m_help = true;
+    } else if (arg == "--endpoint") {
+      if (at + 1 >= args.size() || args[at + 1].empty()) {
+        throw UsageError("--endpoint needs a value");
+      }
+      line.m_endpoint = args[++at];
+    } else if (startsWith(arg, "--endpoint=")) {
+      line.m_endpoint = arg.substr(std::char_traits<char>::length("--endpoint="));
+      if (line.m_endpoint.empty()) {
+        throw UsageError("--endpoint needs a value");
+      }
+    } else {
+      throw UsageError("unknown option " + arg);
+    }
+  }
+  if (at >= args.size()) {
+    if (line.m_help) {
+      return line;
+    }
+    throw UsageError("no command given");
+  }
+  size_t wordCount = 0;
+  const CommandForm* form = findCommand(args, at, &wordCount);
+  if (form == nullptr) {
+    if (isCommandGroup(args[at])) {
+      throw UsageError("unknown command " + args[at] +
+                       (at + 1 < args.size() ? " " + args[at + 1] : std::string()));
+    }
+    throw UsageError("unknown command " + args[at]);
+  }
+  line.m_command = form->words;
+  for (at += wordCount; at < args.size(); ++at) {
+    const std::string& arg = args[at];
+    if (!startsWith(arg, "--")) {
+      line.m_operands.push_back(arg);
+      continue;
+    }
+    if (arg == "--help") {
+      line.m_help = true;
+      continue;
+    }
+    const size_t equals = arg.find('=');
+    const std::string name = arg.substr(0, equals);
+    const OptionForm* option = findOption(*form, name);
+    if (option == nullptr) {
+      throw UsageError("unknown option " + name + " for " + line.m_command);
+    }
+    if (line.m_options.count(name) != 0) {
+      throw UsageError(name + " given twice");
+    }
+    std::string value;
+    if (!option->takesValue) {
+      if (equals != std::string::npos) {
+        throw UsageError(name + " takes no value");
+      }
+    } else if (equals != std::string::npos) {
+      value = arg.substr(equals + 1);
+    } else if (at + 1 < args.size()) {
+      value = args[++at];
+    } else {
+      throw UsageError(name + " needs a value");
+    }
+    line.m_options[name] = value;
+  }
+  if (line.m_help) {
+    return line;
+  }
+  if (line.m_operands.size() != form->operandCount) {
+    throw UsageError(line.m_command + (form->operandCount == 0
+                                           ? std::string(" takes no operands")
+                                           : std::string(" takes ") + form->operands));
+  }
+  for (const OptionForm& option : form->options) {
+    if (option.required && line.m_options.count(option.name) == 0) {
+      throw UsageError(line.m_command + " needs " + option.name);
+    }
+  }
+  return line;
+}
+
+bool CtlCommandLine::has(const std::string& option) const {
+  return m_options.count(option) != 0;
+}
+
+std::string CtlCommandLine::value(const std::string& option, const std::string& fallback) const {
+  const auto it = m_options.find(option);
+  return it == m_options.end() ? fallback : it->second;
+}
+
+}  // namespace KMSCtl
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,84 @@
+#include "kms/client/CtlEndpoint.h"
+
+#include <cctype>
+#include <memory>
+
+#include "kms/client/CtlCommandLine.h"
+#include "kms/platform/VrConfReader.h"
+#include "kms/platform/framework/Orb.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMSCtl {
+
+namespace {
+
+bool startsWithNoCase(const std::string& text, const std::string& prefix) {
+  if (text.size() < prefix.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < prefix.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(text[i])) !=
+        std::tolower(static_cast<unsigned char>(prefix[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool allDigits(const std::string& text) {
+  if (text.empty()) {
+    return false;
+  }
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string CtlEndpoint::toReference(const std::string& given) {
+  if (startsWithNoCase(given, "corbaloc:") || startsWithNoCase(given, "corbaname:") ||
+      startsWithNoCase(given, "IOR:")) {
+    return given;
+  }
+  std::string address = given;
+  if (startsWithNoCase(address, "giop:tcp:")) {
+    address = address.substr(9);
+  } else if (startsWithNoCase(address, "giop:")) {
+    throw UsageError("cannot reach an endpoint of this transport: " + given);
+  }
+  const size_t colon = address.rfind(':');
+  if (colon == std::string::npos || !allDigits(address.substr(colon + 1))) {
+    throw UsageError("no port in the endpoint " + given);
+  }
+  std::string host = address.substr(0, colon);
+  const std::string port = address.substr(colon + 1);
+  if (host.empty() || host == "0.0.0.0") {
+    host = "127.0.0.1";
+  } else if (host == "[::]" || host == "::") {
+    host = "[::1]";
+  } else if (host.find(':') != std::string::npos && host.front() != '[') {
+    host = "[" + host + "]";
+  }
+  return "corbaloc::" + host + ":" + port + "/" + kObjectId;
+}
+
+std::string CtlEndpoint::configuredReference() {
+  std::string endpoint;
+  if (VR_read_master_config() == 0) {
+    const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
+    if (config) {
+      endpoint = config->vrkmsEndpoint;
+    }
+  }
+  return toReference(endpoint.empty() ? ::Ardentis::Vaultrest::TL::Framework::Orb::kDefaultEndpoint
+                                      : endpoint);
+}
+
+}  // namespace KMSCtl
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,110 @@
+#include "kms/server/KMSControlFacetImpl.h"
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "kms/server/FacetCall.h"
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/SecureBytes.h"
+
+namespace Ardentis {
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace {
+
+// The count as the wire's long; a count beyond it still reads as quiesced.
+CORBA::Long toWireCount(uint64_t count) {
+  constexpr uint64_t kMax = static_cast<uint64_t>(std::numeric_limits<CORBA::Long>::max());
+  return static_cast<CORBA::Long>(count > kMax ? kMax : count);
+}
+
+}  // namespace
+
+KMSControlFacetImpl::KMSControlFacetImpl(::Vaultrest::DL::KMS::FileKeyStore* store)
+    : m_keyStore(store) {}
+
+char* KMSControlFacetImpl::getHMKId() {
+  static const char* const kLabel = "KMSControlFacetImpl::getHMKId";
+  KMS_TRACE_THIS(kLabel);
+  return facetCall(kLabel, *m_keyStore, [&] {
+    const std::string id = m_keyStore->getHMKId();
+    KMS_DEBUG(kLabel, 4, "KeyStore->getHMKId() successful");
+    return CORBA::string_dup(id.c_str());
+  });
+}
+
+char* KMSControlFacetImpl::getKPKId() {
+  static const char* const kLabel = "KMSControlFacetImpl::getKPKId";
+  KMS_TRACE_THIS(kLabel);
+  return facetCall(kLabel, *m_keyStore, [&] {
+    const std::string id = m_keyStore->getKPKId();
+    KMS_DEBUG(kLabel, 4, "KeyStore->getKPKId() successful");
+    return CORBA::string_dup(id.c_str());
+  });
+}
+
+void KMSControlFacetImpl::updateHMK(const char* passphrase, const char* id) {
+  static const char* const kLabel = "KMSControlFacetImpl::updateHMK";
+  KMS_TRACE_THIS(kLabel);
+  facetCall(kLabel, *m_keyStore, [&] {
+    std::string secret(passphrase);
+    const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    const int status = m_keyStore->updateHMK(secret, id);
+    if (status != 0) {
+      KS_THROW(status, kLabel);
+    }
+  });
+}
+
+void KMSControlFacetImpl::updateKPK(const char* passphrase, const char* id) {
+  static const char* const kLabel = "KMSControlFacetImpl::updateKPK";
+  KMS_TRACE_THIS(kLabel);
+  facetCall(kLabel, *m_keyStore, [&] {
+    std::string secret(passphrase);
+    const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    const int status = m_keyStore->updateKPK(secret, id);
+    if (status != 0) {
+      KS_THROW(status, kLabel);
+    }
+  });
+}
+
+CORBA::Long KMSControlFacetImpl::quiesce() {
+  static const char* const kLabel = "KMSControlFacetImpl::quiesce";
+  KMS_TRACE_THIS(kLabel);
+  return facetCall(kLabel, *m_keyStore, [&] {
+    const uint64_t count = m_keyStore->quiesce();
+    KMS_DEBUG(kLabel, 4, "KeyStore->quiesce() successful");
+    return toWireCount(count);
+  });
+}
+
+CORBA::Long KMSControlFacetImpl::unquiesce(CORBA::Boolean force) {
+  static const char* const kLabel = "KMSControlFacetImpl::unquiesce";
+  KMS_TRACE_THIS(kLabel);
+  return facetCall(kLabel, *m_keyStore, [&] {
+    const uint64_t count = m_keyStore->unquiesce(force);
+    KMS_DEBUG(kLabel, 4, "KeyStore->unquiesce() successful");
+    return toWireCount(count);
+  });
+}
+
+CORBA::Long KMSControlFacetImpl::isQuiesced() {
+  static const char* const kLabel = "KMSControlFacetImpl::isQuiesced";
+  KMS_TRACE_THIS(kLabel);
+  return facetCall(kLabel, *m_keyStore, [&] {
+    const uint64_t count = m_keyStore->isQuiesced();
+    KMS_DEBUG(kLabel, 4, "KeyStore->isQuiesced() successful");
+    return toWireCount(count);
+  });
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
+}  // namespace Ardentis

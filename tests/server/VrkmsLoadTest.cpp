@@ -1,0 +1,429 @@
+// One vrkms under load: 32 client threads, for 30 seconds (VRKMS_LOAD_SECONDS
+// to change that), mix reads and changes. Each thread owns a key group and
+// keeps a model of what the service acknowledged there; all threads fight
+// over one shared key with read-modify-write updates, where the only
+// expected refusal is the stale record (1228). Afterwards, and again after a
+// restart, the store holds exactly the acknowledged changes.
+//
+// Runs a process named vrkms (RESOURCE_LOCK vrkms_process).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <KMS.h>
+
+#include "server/OrbTestSupport.h"
+#include "server/ServiceSandbox.h"
+
+namespace Fw = Ardentis::Vaultrest::TL::Framework;
+namespace Remote = Ardentis::Vaultrest::DL::KMS;
+namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
+
+namespace {
+
+constexpr int kThreads = 32;
+constexpr long kActive = 1;
+constexpr long kInactive = 2;
+constexpr long kPrelive = 4;
+
+struct Facet {
+  Facets::KMSQueryableFacet_var query;
+  Facets::KMSModifiableFacet_var modify;
+
+  explicit Facet(const std::string& reference) {
+    CORBA::Object_var object = testOrb()->string_to_object(reference.c_str());
+    Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(object.in());
+    Remote::QueryableFacet_var q = mgr->getQueryableFacet();
+    Remote::ModifiableFacet_var m = mgr->getModifiableFacet();
+    query = Facets::KMSQueryableFacet::_narrow(q.in());
+    modify = Facets::KMSModifiableFacet::_narrow(m.in());
+  }
+};
+
+// What one thread knows of its own group: name to (state, description).
+struct KeyModel {
+  long state;
+  std::string description;
+};
+typedef std::map<std::string, KeyModel> GroupModel;
+
+int codeOf(const Fw::ServiceException& e) {
+  const Fw::ErrorCodeExceptionDetails* details =
+      Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
+  return details != nullptr ? details->errorCode() : -1;
+}
+
+class Failures {
+ public:
+  void add(const std::string& what) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_texts.size() < 10) {
+      m_texts.push_back(what);
+    }
+    ++m_count;
+  }
+  int count() const { return m_count; }
+  std::string text() const {
+    std::string all;
+    for (const std::string& t : m_texts) {
+      all += t + "\n";
+    }
+    return all;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_texts;
+  std::atomic<int> m_count{0};
+};
+
+// Operations (of one to three calls each) that ended without an error, and
+// of those the acknowledged changes.
+struct Tally {
+  std::atomic<long> operations{0};
+  std::atomic<long> changes{0};
+};
+Tally g_tally;
+
+struct SharedKeyResult {
+  std::mutex mutex;
+  long successes = 0;
+  long topRev = 0;
+  std::string topDescription;
+};
+
+class LoadThread {
+ public:
+  LoadThread(int index, const std::string& reference, const std::string& sharedTag,
+             Failures& failures, SharedKeyResult& shared)
+      : m_index(index),
+        m_facet(reference),
+        m_sharedTag(sharedTag),
+        m_failures(failures),
+        m_shared(shared),
+        m_random(static_cast<unsigned>(index) * 7919u + 1u) {}
+
+  void run(std::chrono::steady_clock::time_point until) {
+    m_group = "t" + std::to_string(m_index);
+    if (!attempt("group create", [&] {
+          Facets::KeyGroupRecord_var record = m_facet.modify->getNewKeyGroup();
+          record->name = m_group.c_str();
+          record->type = 1 + m_index % 4;
+          Facets::KeyGroupRecord_var made = m_facet.modify->createKeyGroup(record.in());
+          m_groupTag = made->tag.in();
+        })) {
+      return;
+    }
+    while (std::chrono::steady_clock::now() < until) {
+      const int choice = static_cast<int>(m_random() % 100);
+      if (choice < 30) {
+        read();
+      } else if (choice < 45) {
+        create();
+      } else if (choice < 60) {
+        describe();
+      } else if (choice < 70) {
+        remove();
+      } else if (choice < 75) {
+        activate();
+      } else {
+        updateShared();
+      }
+    }
+  }
+
+  const std::string& group() const { return m_group; }
+  const std::string& groupTag() const { return m_groupTag; }
+  const GroupModel& model() const { return m_model; }
+
+ private:
+  template <typename Call>
+  bool attempt(const char* what, Call&& call) {
+    try {
+      call();
+      ++g_tally.operations;
+      return true;
+    } catch (const Fw::ServiceException& e) {
+      m_failures.add(std::string(what) + ": " + std::to_string(codeOf(e)));
+    } catch (const CORBA::Exception& e) {
+      m_failures.add(std::string(what) + ": " + e._name());
+    }
+    return false;
+  }
+
+  std::string pick(bool deletableOnly) {
+    std::vector<std::string> names;
+    for (const auto& entry : m_model) {
+      if (!deletableOnly || entry.second.state == kPrelive) {
+        names.push_back(entry.first);
+      }
+    }
+    return names.empty() ? std::string() : names[m_random() % names.size()];
+  }
+
+  int count(long state) const {
+    int n = 0;
+    for (const auto& entry : m_model) {
+      n += entry.second.state == state ? 1 : 0;
+    }
+    return n;
+  }
+
+  void read() {
+    const std::string name = pick(false);
+    if (name.empty()) {
+      return;
+    }
+    attempt("read", [&] {
+      Facets::KeyRecord_var record =
+          m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
+      const KeyModel& known = m_model.at(name);
+      if (record->state != known.state || known.description != record->description.in()) {
+        m_failures.add("read: " + name + " differs from what was acknowledged");
+      }
+      if (record->state == kActive || record->state == kInactive) {
+        Facets::KeyRecord_var key = m_facet.query->getKey(record->tag.in());
+        if (key->encKey.length() == 0) {
+          m_failures.add("getKey: no key");
+        }
+      }
+    });
+  }
+
+  void create() {
+    if (m_model.size() >= 24) {
+      return;
+    }
+    const std::string name = "k" + std::to_string(m_next++);
+    attempt("create", [&] {
+      Facets::KeyRecord_var record = m_facet.modify->getNewKey();
+      record->name = name.c_str();
+      record->keyGroup = m_groupTag.c_str();
+      record->state = kPrelive;
+      record->kpkType = 1;
+      record->description = "new";
+      Facets::KeyRecord_var made = m_facet.modify->createKey("", record.in());
+      m_model[name] = {kPrelive, "new"};
+      ++g_tally.changes;
+    });
+  }
+
+  // Read-modify-write of one of this thread's keys.
+  void describe() {
+    const std::string name = pick(false);
+    if (name.empty()) {
+      return;
+    }
+    const std::string text = "d" + std::to_string(m_next++);
+    attempt("describe", [&] {
+      Facets::KeyRecord_var record =
+          m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
+      record->description = text.c_str();
+      Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
+      m_model[name].description = text;
+      ++g_tally.changes;
+    });
+  }
+
+  void remove() {
+    const std::string name = pick(true);
+    if (name.empty()) {
+      return;
+    }
+    attempt("delete", [&] {
+      Facets::KeyRecord_var record =
+          m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
+      m_facet.modify->deleteKey(record->tag.in());
+      m_model.erase(name);
+      ++g_tally.changes;
+    });
+  }
+
+  // A prelive key becomes the active one; the group's active key before it
+  // is demoted by the service.
+  void activate() {
+    const std::string name = pick(true);
+    if (name.empty() || count(kInactive) >= 8) {
+      return;
+    }
+    attempt("activate", [&] {
+      Facets::KeyRecord_var record =
+          m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
+      record->state = kActive;
+      Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
+      for (auto& entry : m_model) {
+        if (entry.second.state == kActive) {
+          entry.second.state = kInactive;
+        }
+      }
+      m_model[name].state = kActive;
+      ++g_tally.changes;
+    });
+  }
+
+  // All threads at once: a stale read is refused, and that is all.
+  void updateShared() {
+    const std::string text = "t" + std::to_string(m_index) + "-" + std::to_string(m_next++);
+    try {
+      Facets::KeyRecord_var record = m_facet.query->getKeyRecord(m_sharedTag.c_str());
+      record->description = text.c_str();
+      Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
+      ++g_tally.operations;
+      ++g_tally.changes;
+      std::lock_guard<std::mutex> lock(m_shared.mutex);
+      ++m_shared.successes;
+      if (updated->rev > m_shared.topRev) {
+        m_shared.topRev = updated->rev;
+        m_shared.topDescription = text;
+      }
+    } catch (const Fw::ServiceException& e) {
+      if (codeOf(e) != 1228) {
+        m_failures.add("shared: " + std::to_string(codeOf(e)));
+      }
+    } catch (const CORBA::Exception& e) {
+      m_failures.add(std::string("shared: ") + e._name());
+    }
+  }
+
+  const int m_index;
+  Facet m_facet;
+  const std::string m_sharedTag;
+  Failures& m_failures;
+  SharedKeyResult& m_shared;
+  std::mt19937 m_random;
+  std::string m_group;
+  std::string m_groupTag;
+  GroupModel m_model;
+  int m_next = 0;
+};
+
+// The result of a read; retried while it meets one of the connections that
+// this process's ORB still holds to a service that has gone (each is
+// dropped once it fails).
+template <typename Call>
+auto retried(Call&& call) -> decltype(call()) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return call();
+    } catch (const CORBA::COMM_FAILURE&) {
+      if (attempt > 2 * kThreads + 2) {
+        throw;
+      }
+    } catch (const CORBA::TRANSIENT&) {
+      if (attempt > 2 * kThreads + 2) {
+        throw;
+      }
+    }
+  }
+}
+
+// Compares every thread's group and the shared key with the service.
+void expectStoreAsAcknowledged(const std::string& reference,
+                               const std::vector<std::unique_ptr<LoadThread>>& threads,
+                               const std::string& sharedTag, const SharedKeyResult& shared) {
+  Facet facet = retried([&] { return Facet(reference); });
+  size_t keys = 1;  // the shared key
+  for (const auto& thread : threads) {
+    Facets::KeyRecordSeq_var records =
+        retried([&] { return facet.query->getAllKeyRecordsInGroup(thread->groupTag().c_str()); });
+    GroupModel stored;
+    for (CORBA::ULong i = 0; i < records->length(); ++i) {
+      stored[records[i].name.in()] = {records[i].state, records[i].description.in()};
+    }
+    ASSERT_EQ(stored.size(), thread->model().size()) << thread->group();
+    for (const auto& entry : thread->model()) {
+      const auto it = stored.find(entry.first);
+      ASSERT_NE(it, stored.end()) << thread->group() << "/" << entry.first;
+      EXPECT_EQ(it->second.state, entry.second.state) << thread->group() << "/" << entry.first;
+      EXPECT_EQ(it->second.description, entry.second.description)
+          << thread->group() << "/" << entry.first;
+    }
+    keys += stored.size();
+  }
+  const Facets::KeyStoreStats stats = retried([&] { return facet.query->getKeyStoreStats(); });
+  EXPECT_EQ(stats.numKeys, static_cast<CORBA::LongLong>(keys));
+  EXPECT_EQ(stats.numKeyGroups, static_cast<CORBA::LongLong>(threads.size() + 1));
+  Facets::KeyRecord_var hot = retried([&] { return facet.query->getKeyRecord(sharedTag.c_str()); });
+  EXPECT_EQ(hot->rev, 1 + shared.successes);
+  EXPECT_EQ(hot->description.in(), shared.topDescription);
+}
+
+void runLoad(ServiceSandbox& service);
+
+TEST(VrkmsLoad, ThirtyTwoClientsMixReadsAndChangesAndTheStoreHoldsWhatWasAcknowledged) {
+  ServiceSandbox service;
+  // A CORBA exception is no std::exception: name it.
+  try {
+    runLoad(service);
+  } catch (const Fw::ServiceException& e) {
+    FAIL() << "ServiceException " << codeOf(e);
+  } catch (const CORBA::Exception& e) {
+    const std::string log = service.debugLog();
+    FAIL() << e._name() << "\n"
+           << service.readFile("stderr.txt")
+           << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
+  }
+}
+
+void runLoad(ServiceSandbox& service) {
+  ASSERT_TRUE(service.makeStore());
+  ASSERT_TRUE(service.start()) << service.readFile("stderr.txt");
+  const char* configured = std::getenv("VRKMS_LOAD_SECONDS");
+  const int seconds = configured != nullptr ? std::atoi(configured) : 30;
+
+  std::string sharedTag;
+  {
+    Facet facet(service.reference());
+    Facets::KeyGroupRecord_var group = facet.modify->getNewKeyGroup();
+    group->name = "shared";
+    group->type = 3;
+    group = facet.modify->createKeyGroup(group.in());
+    Facets::KeyRecord_var key = facet.modify->getNewKey();
+    key->name = "hot";
+    key->keyGroup = group->tag;
+    key->state = kPrelive;
+    key->kpkType = 1;
+    key = facet.modify->createKey("", key.in());
+    sharedTag = key->tag.in();
+  }
+
+  Failures failures;
+  SharedKeyResult shared;
+  std::vector<std::unique_ptr<LoadThread>> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.push_back(
+        std::make_unique<LoadThread>(i, service.reference(), sharedTag, failures, shared));
+  }
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  std::vector<std::thread> running;
+  for (auto& thread : threads) {
+    running.emplace_back([&thread, until] { thread->run(until); });
+  }
+  for (std::thread& t : running) {
+    t.join();
+  }
+  EXPECT_EQ(failures.count(), 0) << failures.text();
+  EXPECT_GT(shared.successes, 0);
+  std::cout << "[ load     ] " << g_tally.operations << " operations, " << g_tally.changes
+            << " acknowledged changes (" << shared.successes << " of the shared key), in "
+            << seconds << " s" << std::endl;
+
+  expectStoreAsAcknowledged(service.reference(), threads, sharedTag, shared);
+  // What was acknowledged is on disk.
+  const std::pair<int, int> stopped = service.terminate();
+  EXPECT_EQ(stopped.second, 0);
+  ASSERT_TRUE(service.start()) << service.readFile("stderr.txt");
+  expectStoreAsAcknowledged(service.reference(), threads, sharedTag, shared);
+}
+
+}  // namespace
