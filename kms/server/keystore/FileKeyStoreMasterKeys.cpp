@@ -367,6 +367,23 @@ void logKeyChange(const char* label, int heading, const KeyInfo& before, const K
   logKeyFacts(label, after.id, after.random);
 }
 
+// One fact of the store's metadata: from memory on a live store (`live` not
+// null), otherwise from the store file, whose metadata lies in clear, so no
+// key is needed. A closed store in a process that asked for FIPS mode and
+// lacks it refuses with 1286.
+template <typename Fact>
+auto metadataFact(const char* label, const KSMetadata* live, bool fipsFailed,
+                  const KMSFileLocator& locator, Fact fact) -> decltype(fact(*live)) {
+  if (live != nullptr) {
+    return fact(*live);
+  }
+  if (fipsFailed) {
+    KS_THROW(kFipsEnableFailed, label);
+  }
+  return translateErrors(label, kStoreMetaMap,
+                         [&] { return fact(readStoreMetadata(label, locator)); });
+}
+
 }  // namespace
 
 // ---- Facts of the master keys ----
@@ -383,56 +400,36 @@ std::string FileKeyStore::getHMKId() {
   static const char* const kLabel = "FileKeyStore::getHMKId";
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return m_metadata->hmkID();
-  }
-  if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
-  }
-  return translateErrors(kLabel, kStoreMetaMap,
-                         [&] { return readStoreMetadata(kLabel, m_locator).hmkID(); });
+  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
+                      !m_initialized && fipsEnableFailed(), m_locator,
+                      [](const KSMetadata& meta) { return meta.hmkID(); });
 }
 
 KeyInfo FileKeyStore::getHMKInfo() {
   static const char* const kLabel = "FileKeyStore::getHMKInfo";
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return liveHmkInfo();
-  }
-  if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
-  }
-  return translateErrors(kLabel, kStoreMetaMap,
-                         [&] { return hmkInfoOf(readStoreMetadata(kLabel, m_locator)); });
+  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
+                      !m_initialized && fipsEnableFailed(), m_locator,
+                      [](const KSMetadata& meta) { return hmkInfoOf(meta); });
 }
 
 std::string FileKeyStore::getKPKId() {
   static const char* const kLabel = "FileKeyStore::getKPKId";
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return m_metadata->kpkID();
-  }
-  if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
-  }
-  return translateErrors(kLabel, kStoreMetaMap,
-                         [&] { return readStoreMetadata(kLabel, m_locator).kpkID(); });
+  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
+                      !m_initialized && fipsEnableFailed(), m_locator,
+                      [](const KSMetadata& meta) { return meta.kpkID(); });
 }
 
 KeyInfo FileKeyStore::getKPKInfo() {
   static const char* const kLabel = "FileKeyStore::getKPKInfo";
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return liveKpkInfo();
-  }
-  if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
-  }
-  return translateErrors(kLabel, kStoreMetaMap,
-                         [&] { return kpkInfoOf(readStoreMetadata(kLabel, m_locator)); });
+  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
+                      !m_initialized && fipsEnableFailed(), m_locator,
+                      [](const KSMetadata& meta) { return kpkInfoOf(meta); });
 }
 
 bool FileKeyStore::goodHMKFileExists() {
