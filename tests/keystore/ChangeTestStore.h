@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "keystore/StoreFilesTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/InstallRoot.h"
 #include "kms/server/keystore/FileKeyStore.h"
@@ -32,43 +33,27 @@ namespace changetest {
 
 using namespace Vaultrest::DL::KMS;
 
-// This process was not asked for FIPS mode, for the scope.
-class FipsDecisionOff {
- public:
-  FipsDecisionOff() : m_saved(FileKeyStore::g_fips_mode_disabled) {
-    FileKeyStore::g_fips_mode_disabled = true;
-  }
-  ~FipsDecisionOff() { FileKeyStore::g_fips_mode_disabled = m_saved; }
+using FipsDecisionOff = storetest::FipsDecision;
 
- private:
-  bool m_saved;
-};
-
-// Serves the two limits from the service's configuration file while it
-// lives; a store reads them when it is constructed.
-class ConfiguredLimits {
+// Serves `text` as the service's configuration file while it lives; a store
+// reads its limits when it is constructed.
+class ServiceConfFile {
  public:
-  ConfiguredLimits(int maxKeyGroups, int maxKeysPerGroup)
-      : m_path(InstallRoot::path("kms/vrkms.conf")) {
+  explicit ServiceConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
     std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
-    std::ofstream(m_path, std::ios::trunc)
-        << "[KMSConfig]\n"
-        << "\"max_key_groups\"=dword:" << hex8(maxKeyGroups) << "\n"
-        << "\"max_keys_per_group\"=dword:" << hex8(maxKeysPerGroup) << "\n";
+    std::ofstream(m_path, std::ios::trunc) << text;
     reload();
   }
-  ~ConfiguredLimits() {
+  ~ServiceConfFile() {
     std::filesystem::remove(m_path);
     reload();
   }
+  ServiceConfFile(const ServiceConfFile&) = delete;
+  ServiceConfFile& operator=(const ServiceConfFile&) = delete;
 
  private:
-  static std::string hex8(int value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
-    return text;
-  }
-  // Only the central back end may fail here; the file has been read.
+  // Only the central back end may fail here (when another test of this
+  // process left a master configuration behind); the file has been read.
   static void reload() {
     try {
       KMSConfig::instance()->reload();
@@ -79,6 +64,21 @@ class ConfiguredLimits {
   std::string m_path;
 };
 
+// The two limits, as a configuration file.
+class ConfiguredLimits : public ServiceConfFile {
+ public:
+  ConfiguredLimits(int maxKeyGroups, int maxKeysPerGroup)
+      : ServiceConfFile("[KMSConfig]\n\"max_key_groups\"=dword:" + hex8(maxKeyGroups) +
+                        "\n\"max_keys_per_group\"=dword:" + hex8(maxKeysPerGroup) + "\n") {}
+
+ private:
+  static std::string hex8(int value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
+    return text;
+  }
+};
+
 // A store under a root of its own, made by committing an empty state (random
 // master keys, no groups, no keys) and brought up by init.
 class LiveStore {
@@ -86,13 +86,8 @@ class LiveStore {
   LiveStore() : m_locator(m_root.path()) {
     m_locator.createMissingDirectories();
     // A first commit needs the three final names to exist.
-    for (const std::string* path :
-         {&m_locator.hmkPath(), &m_locator.kpkPath(), &m_locator.ksPath()}) {
-      std::ofstream(*path, std::ios::trunc);
-    }
-    const storetest::StoreContent empty;
-    FileKeyStore::writeToFile(*empty.hmkFile(), *empty.kpkFile(), *empty.metadata(), empty.keys(),
-                              empty.groups(), m_locator);
+    storefiles::StoreSnapshot::placeEmptyDat(m_locator);
+    storefiles::CommitInput(storetest::StoreContent()).commit(m_locator);
     m_store = std::make_unique<FileKeyStore>(m_locator);
     EXPECT_EQ(m_store->init(), 0);
   }
@@ -159,21 +154,13 @@ inline Snapshot snapshotOf(FileKeyStore& store) {
 }
 
 inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return storefiles::readBytes(path);
 }
 
 // The bytes of the nine paths of a store, "" for a missing one and "+" in
 // front of an existing one's bytes.
 inline std::vector<std::string> filesOf(const KMSFileLocator& locator) {
-  std::vector<std::string> out;
-  for (const std::string* path : {&locator.hmkPath(), &locator.hmkNewPath(), &locator.hmkBakPath(),
-                                  &locator.kpkPath(), &locator.kpkNewPath(), &locator.kpkBakPath(),
-                                  &locator.ksPath(), &locator.ksNewPath(), &locator.ksBakPath()}) {
-    struct stat st;
-    out.push_back(::stat(path->c_str(), &st) == 0 ? "+" + readFile(*path) : std::string());
-  }
-  return out;
+  return storefiles::contentsOf(locator);
 }
 
 }  // namespace changetest

@@ -134,13 +134,8 @@ TEST(ConfigMgrTest, LooksUpRowsByExactNameAndChecksType) {
   EXPECT_EQ(statusThrownBy([&] { mgr.getIntegerValue("nothing"); }), 1258);
   EXPECT_EQ(statusThrownBy([&] { mgr.getStringValue("nothing"); }), 1258);
   EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("nothing", 1); }), 1258);
-}
 
-TEST(ConfigMgrTest, MemoryRowsAreReadOnlyDefaults) {
-  TempRoot dir;
-  ConfigMgr mgr(table(), dir.file("vrkms.conf"));
-  EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
-  EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
+  // Memory rows are read-only defaults.
   EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("memint", 21); }), 1257);
   EXPECT_EQ(statusThrownBy([&] { mgr.setStringValue("memstr", "x"); }), 1257);
   EXPECT_EQ(mgr.getIntegerValue("memint"), 20);

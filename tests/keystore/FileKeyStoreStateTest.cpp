@@ -14,10 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
-#include "kms/platform/InstallRoot.h"
-#include "kms/server/keystore/KMSConfig.h"
 #include "support/LogCapture.h"
 #include "support/TempRoot.h"
 
@@ -40,17 +39,7 @@ StoreContent smallContent() {
   return content;
 }
 
-// Sets the process's FIPS decision for one test and restores it.
-class FipsDecision {
- public:
-  explicit FipsDecision(bool disabled) : m_saved(FileKeyStore::g_fips_mode_disabled) {
-    FileKeyStore::g_fips_mode_disabled = disabled;
-  }
-  ~FipsDecision() { FileKeyStore::g_fips_mode_disabled = m_saved; }
-
- private:
-  bool m_saved;
-};
+using FipsDecision = storetest::FipsDecision;
 
 // Puts the crypto library's default properties into FIPS mode for the scope
 // (no FIPS provider is needed to set the property; no crypto may run inside).
@@ -333,29 +322,7 @@ TEST_F(FileKeyStoreStateTest, DbExistsAndIsDbCleanLookAtTheNineFiles) {
   EXPECT_FALSE(FileKeyStore::isDbClean(m_locator));
 }
 
-// Writes the service's configuration file for one test and removes it after.
-class ConfFile {
- public:
-  explicit ConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
-    std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
-    std::ofstream(m_path, std::ios::trunc) << text;
-    reload();
-  }
-  ~ConfFile() {
-    std::filesystem::remove(m_path);
-    reload();
-  }
-
- private:
-  static void reload() {
-    try {
-      KMSConfig::instance()->reload();
-    } catch (const KeyStoreError&) {
-      // Only the master configuration's agent can fail here; the file was read.
-    }
-  }
-  std::string m_path;
-};
+using ConfFile = changetest::ServiceConfFile;
 
 TEST(FileKeyStoreLimitsTest, TheLimitsComeFromTheConfigurationAndZeroIsUnlimited) {
   TempRoot root("vrkms-limits");

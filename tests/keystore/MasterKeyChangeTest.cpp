@@ -97,22 +97,6 @@ TEST_F(MasterKeyChange, AfterUpdateHmkEveryKeyReadsAsBeforeAndNoRecordIsRewrappe
   ASSERT_EQ(restarted.init(), 0);
   EXPECT_EQ(restarted.getHMKId(), "hmk-2");
   expectServes(restarted, m_plain);
-
-  // The new HMK comes back from the new passphrase, not the old one.
-  ASSERT_EQ(restarted.shutdown(), 0);
-  ASSERT_EQ(::unlink(locator().hmkPath().c_str()), 0);
-  EXPECT_EQ(restarted.createHMKFile(kHmkPass, false, true), 1221);
-  ASSERT_EQ(restarted.createHMKFile(kNewPass, false, true), 0);
-  ASSERT_EQ(restarted.init(), 0);
-
-  // An empty passphrase gives a random HMK without salt.
-  ASSERT_EQ(restarted.updateHMK("", "hmk-3"), 0);
-  EXPECT_TRUE(restarted.getHMKInfo().random);
-  EXPECT_TRUE(readDisk(locator()).meta->hmkSalt().empty());
-  FileKeyStore& again = m_root.restart();
-  ASSERT_EQ(again.init(), 0);
-  EXPECT_TRUE(again.getHMKInfo().random);
-  expectServes(again, m_plain);
 }
 
 TEST_F(MasterKeyChange, AfterUpdateKpkEveryWrappedKeyDiffersAndEveryKeyReadsAsBefore) {
@@ -143,21 +127,6 @@ TEST_F(MasterKeyChange, AfterUpdateKpkEveryWrappedKeyDiffersAndEveryKeyReadsAsBe
   ASSERT_EQ(restarted.init(), 0);
   EXPECT_EQ(restarted.getKPKId(), "kpk-2");
   expectServes(restarted, m_plain);
-
-  ASSERT_EQ(restarted.shutdown(), 0);
-  ASSERT_EQ(::unlink(locator().kpkPath().c_str()), 0);
-  EXPECT_EQ(restarted.createKPKFile(kKpkPass, false, true), 1249);
-  ASSERT_EQ(restarted.createKPKFile(kNewPass, false, true), 0);
-  ASSERT_EQ(restarted.init(), 0);
-  expectServes(restarted, m_plain);
-
-  ASSERT_EQ(restarted.updateKPK("", "kpk-3"), 0);
-  EXPECT_TRUE(restarted.getKPKInfo().random);
-  FileKeyStore& again = m_root.restart();
-  ASSERT_EQ(again.init(), 0);
-  EXPECT_TRUE(again.getKPKInfo().random);
-  EXPECT_TRUE(readDisk(locator()).meta->kpkSalt().empty());
-  expectServes(again, m_plain);
 }
 
 class MasterKeyRekey : public MasterKeyChange, public ::testing::WithParamInterface<Rekey> {
@@ -181,6 +150,34 @@ TEST_P(MasterKeyRekey, RefusalsChangeNothing) {
   ASSERT_EQ(store().shutdown(), 0);
   EXPECT_EQ(change(kNewPass, "new-id"), 1202);
   EXPECT_EQ(contentsOf(locator()), files);
+}
+
+TEST_P(MasterKeyRekey, TheNewKeyComesBackFromTheNewPassphraseAndNoneGivesARandomKey) {
+  const bool hmk = GetParam() == Rekey::Hmk;
+  const std::string& path = hmk ? locator().hmkPath() : locator().kpkPath();
+  const auto remake = [&](const std::string& passphrase) {
+    return hmk ? store().createHMKFile(passphrase, false, true)
+               : store().createKPKFile(passphrase, false, true);
+  };
+  ASSERT_EQ(change(kNewPass, "new-id"), 0);
+  ASSERT_EQ(store().shutdown(), 0);
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  EXPECT_EQ(remake(hmk ? kHmkPass : kKpkPass), hmk ? 1221 : 1249);
+  ASSERT_EQ(remake(kNewPass), 0);
+  ASSERT_EQ(store().init(), 0);
+  expectServes(store(), m_plain);
+
+  ASSERT_EQ(change("", "random-id"), 0);
+  const auto random = [&](FileKeyStore& s) {
+    return (hmk ? s.getHMKInfo() : s.getKPKInfo()).random;
+  };
+  EXPECT_TRUE(random(store()));
+  const DiskState disk = readDisk(locator());
+  EXPECT_TRUE((hmk ? disk.meta->hmkSalt() : disk.meta->kpkSalt()).empty());
+  FileKeyStore& again = m_root.restart();
+  ASSERT_EQ(again.init(), 0);
+  EXPECT_TRUE(random(again));
+  expectServes(again, m_plain);
 }
 
 TEST_P(MasterKeyRekey, AFailedCommitKeepsTheOldKeysLiveOrTakesTheStoreDown) {

@@ -33,18 +33,7 @@ namespace masterkeytest {
 using namespace Vaultrest::DL::KMS;
 
 // This process was not asked for FIPS mode, for the scope.
-class NoFipsRequest {
- public:
-  NoFipsRequest() : m_saved(FileKeyStore::g_fips_mode_disabled) {
-    FileKeyStore::g_fips_mode_disabled = true;
-  }
-  ~NoFipsRequest() { FileKeyStore::g_fips_mode_disabled = m_saved; }
-  NoFipsRequest(const NoFipsRequest&) = delete;
-  NoFipsRequest& operator=(const NoFipsRequest&) = delete;
-
- private:
-  bool m_saved;
-};
+using NoFipsRequest = storetest::FipsDecision;
 
 // What the three files of a store hold, read with the store's own readers:
 // both key files, the metadata, the plain KPK and the tables with every key

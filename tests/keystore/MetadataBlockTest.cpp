@@ -174,27 +174,6 @@ TEST(KSMetadata, AccessorsBelongToTheirVersions) {
   EXPECT_EQ(v1.hmkSalt(), "");
 }
 
-TEST(KSMetadata, NewBlockAndClear) {
-  const KSMetadata fresh(KS_VERSION_300);
-  const AttributeList& list = fresh.attributes();
-  EXPECT_EQ(list.size(), 13u);
-  EXPECT_EQ(list.getAttribute("VERSION"), kV300);
-  EXPECT_EQ(list.getAttribute("MENCALG"), "CRYPT_INVALID");
-  EXPECT_EQ(list.getAttribute("HMKFIPS"), "false");
-  EXPECT_EQ(list.getAttribute("HMKVERIF"), "");
-
-  KSMetadata meta(metadataList(KS_VERSION_200));
-  meta.clear();
-  EXPECT_EQ(meta.version(), KS_VERSION_200);
-  EXPECT_EQ(meta.masterEncAlgo(), KSCrypt::CRYPT_INVALID);
-  EXPECT_FALSE(meta.hmkRandom());
-  EXPECT_FALSE(meta.kpkFips());
-  EXPECT_EQ(meta.masterIV(), "");
-  EXPECT_EQ(meta.attributes().size(), 14u);
-  EXPECT_EQ(meta.attributes().getAttribute("HMKID"), "");
-  EXPECT_EQ(meta.attributes().getAttribute("HMKRAND"), "false");
-}
-
 TEST(KSMetadata, UnknownCipherNamePassesUntilACrypterIsMade) {
   const KSMetadata meta(with(metadataList(KS_VERSION_300), "MENCALG", "AES_512_XYZ"));
   EXPECT_EQ(meta.masterEncAlgo(), KSCrypt::CRYPT_INVALID);

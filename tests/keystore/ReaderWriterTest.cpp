@@ -145,63 +145,17 @@ TEST(ReaderWriterDeathTest, FieldOf4097BytesAborts) {
       "_size <= 4096");
 }
 
-TEST(ReaderWriter, EmptyAttributeListIsMarkerCountAndTheDigestOfZ) {
-  const std::string expected = unhex(
-      "0002"
-      "4242"
-      "0004"
-      "00000000"
-      "0020"
-      "bbeebd879e1dff6918546dc0c179fdde505f2a21591c9a9c96e36b054ec5af83");
-  EXPECT_EQ(
-      written([](KSOutStream& out) { ReaderWriter::writeAttributeList(out, AttributeList()); }),
-      expected);
-  KSInputBuffer in(expected);
-  AttributeList list;
-  ReaderWriter::readAttributeList(in, list);
-  EXPECT_EQ(list.size(), 0u);
-  EXPECT_EQ(in.remaining(), 0u);
-}
-
 TEST(ReaderWriter, HmkFileLayoutByteForByte) {
-  TempRoot dir("vrkms-hmk");
-  const std::string path = dir.file("hmk");
   KeyFile hmk(KS_VERSION_300);
   hmk.setKey(unhex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"));
-  FILE* file = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  {
-    FileOutDest dest(file);
-    KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
-    ReaderWriter::writeAttributeList(out, hmk.attributes());
-    out.flush(true);
-  }
-  std::fclose(file);
-
-  const std::string expected = unhex(
-      "0002"
-      "4242"
-      "0004"
-      "00000002"
-      "0006"
-      "5448454b4559"  // THEKEY
-      "0020"
-      "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"
-      "0007"
-      "56455253494f4e"  // VERSION
-      "0004"
-      "00000300"
-      "0020"
-      "464b0ca27b1a27c127636354d2616271eb3c247f05d5b2796fdd97e01ff2007b");
-  std::string onDisk;
-  file = std::fopen(path.c_str(), "rb");
-  for (int c; (c = std::fgetc(file)) != EOF;) {
-    onDisk.push_back(static_cast<char>(c));
-  }
-  std::fclose(file);
-  EXPECT_EQ(cryptotest::hex(onDisk), cryptotest::hex(expected));
-
-  KSInputBuffer in(onDisk);
+  const std::string bytes =
+      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, hmk.attributes()); });
+  EXPECT_EQ(cryptotest::hex(bytes),
+            "0002424200040000000200065448454b45590020"  // marker, count 2, THEKEY
+            "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"
+            "000756455253494f4e000400000300"  // VERSION 0x300
+            "0020464b0ca27b1a27c127636354d2616271eb3c247f05d5b2796fdd97e01ff2007b");
+  KSInputBuffer in(bytes);
   AttributeList list;
   ReaderWriter::readAttributeList(in, list);
   const KeyFile back(list);
@@ -218,19 +172,9 @@ TEST(ReaderWriter, KpkFileLayoutUnder0x300) {
       written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, file.attributes()); });
 
   ASSERT_EQ(bytes.size(), 161u);
-  EXPECT_EQ(bytes.substr(0, 18), unhex("0002"
-                                       "4242"
-                                       "0004"
-                                       "00000002"
-                                       "0006"
-                                       "5448454b4559"));
-  EXPECT_EQ(bytes.substr(18, 2), unhex("005c"));  // 92 bytes of wrapped key
-  const std::string wrapped = bytes.substr(20, 92);
-  EXPECT_EQ(bytes.substr(112, 9), unhex("0007"
-                                        "56455253494f4e"));
-  EXPECT_EQ(bytes.substr(121, 6), unhex("0004"
-                                        "00000300"));
-  EXPECT_EQ(bytes.substr(127, 2), unhex("0020"));
+  EXPECT_EQ(cryptotest::hex(bytes.substr(0, 20)), "0002424200040000000200065448454b4559005c");
+  const std::string wrapped = bytes.substr(20, 92);  // 92 bytes of wrapped key
+  EXPECT_EQ(cryptotest::hex(bytes.substr(112, 17)), "000756455253494f4e0004000003000020");
   const std::string covered = "ZTHEKEY" + wrapped + "VERSION" + unhex("00000300");
   EXPECT_EQ(bytes.substr(129), digest(EVP_sha256(), covered));
   EXPECT_EQ(Utils::decryptKeyWithKey(wrapped, hmk, KSCrypt::AES_256_GCM, KS_VERSION_300), kpk);
@@ -317,16 +261,19 @@ TEST(ReaderWriter, OldMarkersReadWithSha1AndAreWrittenBackNew) {
 
   // Each marker picks its own digest: a new record may carry an old list.
   EXPECT_EQ(readBack<KeyRecord_v1>(handRecord(contents, handList({}, true))).name(), "old");
-  // A digest of the other kind is refused.
-  const std::string sha1Digest = field(digest(EVP_sha1(), "Z"));
-  EXPECT_EQ(readListStatus(field("BB") + field(be(0, 4)) + sha1Digest), 1208);
-  EXPECT_EQ(readListStatus(field("BA") + field(be(0, 4)) + sha1Digest), 0);
   const unsigned char bt[2] = {'B', 'T'};
   EXPECT_EQ(ksStatus([&] { ReaderWriter::verifyRecordMarkerAndGetHashAlgo(bt); }), 1208);
   EXPECT_EQ(ksStatus([&] { ReaderWriter::verifyAttrMarkerAndGetHashAlgo(bt); }), 1208);
 }
 
-TEST(ReaderWriter, AttributeListCountsDuplicatesAndMarkers) {
+TEST(ReaderWriter, AttributeListMarkersCountsAndDuplicates) {
+  // The empty list: marker, count and the digest of "Z".
+  const std::string empty =
+      written([](KSOutStream& out) { ReaderWriter::writeAttributeList(out, AttributeList()); });
+  EXPECT_EQ(cryptotest::hex(empty),
+            "0002424200040000000000"
+            "20bbeebd879e1dff6918546dc0c179fdde505f2a21591c9a9c96e36b054ec5af83");
+  EXPECT_EQ(readListStatus(empty), 0);
   // A count above 100000 is refused before any name is read.
   const std::string tooMany = field("BB") + field(be(100001, 4)) + handList({{"a", "b"}});
   KSInputBuffer in(tooMany);
@@ -334,18 +281,23 @@ TEST(ReaderWriter, AttributeListCountsDuplicatesAndMarkers) {
   EXPECT_EQ(ksStatus([&] { ReaderWriter::readAttributeList(in, list); }), 1208);
   EXPECT_EQ(in.remaining(), tooMany.size() - 10);
   EXPECT_EQ(list.size(), 0u);
-  // 100000 is allowed, and fails at the first field that overruns.
-  EXPECT_EQ(readListStatus(field("BB") + field(be(100000, 4)) + field("a") + field("b") +
-                           std::string("\x00\x05xy", 4)),
-            1208);
-  // A duplicate name with a right digest.
-  EXPECT_EQ(readListStatus(handList({{"a", "1"}, {"a", "2"}})), 1208);
-  // Marker and count fields of the wrong length.
-  EXPECT_EQ(readListStatus(field("BBB") + field(be(0, 4)) + field(digest(EVP_sha256(), "Z"))),
-            1208);
-  EXPECT_EQ(readListStatus(field("BB") + field(be(0, 3)) + field(digest(EVP_sha256(), "Z"))), 1208);
-  // Unsorted names are fine: the digest follows the order on disk.
-  EXPECT_EQ(readListStatus(handList({{"b", "1"}, {"a", "2"}})), 0);
+  const std::string z = field(digest(EVP_sha256(), "Z"));
+  const std::string sha1Z = field(digest(EVP_sha1(), "Z"));
+  const std::pair<std::string, int> cases[] = {
+      // 100000 is allowed, and fails at the first field that overruns.
+      {field("BB") + field(be(100000, 4)) + field("a") + field("b") + std::string("\x00\x05xy", 4),
+       1208},
+      {handList({{"a", "1"}, {"a", "2"}}), 1208},  // a duplicate name under a right digest
+      {field("BBB") + field(be(0, 4)) + z, 1208},
+      {field("BB") + field(be(0, 3)) + z, 1208},
+      {handList({{"b", "1"}, {"a", "2"}}), 0},  // the digest follows the order on disk
+      // Each marker has its own digest.
+      {field("BB") + field(be(0, 4)) + sha1Z, 1208},
+      {field("BA") + field(be(0, 4)) + sha1Z, 0},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(readListStatus(c.first), c.second) << cryptotest::hex(c.first);
+  }
 }
 
 TEST(ReaderWriter, RecordFieldsOfTheWrongLengthOrValue) {
@@ -357,13 +309,13 @@ TEST(ReaderWriter, RecordFieldsOfTheWrongLengthOrValue) {
     return handRecord(contents, handList({}));
   };
   EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(0, tag)), 0);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(2, be(1, 7))), 1208);  // time of 7 bytes
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(3, be(1, 9))), 1208);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(5, be(1, 2))), 1208);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(7, be(1, 4))), 1208);
-  // Values the setters refuse (1214) are malformed input.
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(7, be(6, 2))), 1208);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(8, be(0xffff, 2))), 1208);
+  // Times of 7 and 9 bytes, a short revision and state, then values the
+  // setters refuse (1214), which are malformed input too.
+  const std::pair<size_t, std::string> bad[] = {{2, be(1, 7)}, {3, be(1, 9)}, {5, be(1, 2)},
+                                                {7, be(1, 4)}, {7, be(6, 2)}, {8, be(0xffff, 2)}};
+  for (const auto& b : bad) {
+    EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(b.first, b.second)), 1208) << b.first;
+  }
   const std::vector<std::string> group = {tag, "g", be(1, 8), be(1, 8), "", be(1, 4), be(5, 2)};
   EXPECT_EQ(readStatus<KeyGrpRecord_v1>(handRecord(group, handList({}))), 1208);
   // A group record where a key record belongs runs out of fields.
@@ -426,10 +378,9 @@ TEST(ReaderWriter, TablesRoundTripThroughARealCrypterWithTheirDigests) {
 TEST(ReaderWriter, TableMarkerCountAndRefusedRecords) {
   const std::string empty =
       written([](KSOutStream& out) { ReaderWriter::writeRecordTable(out, GroupTable()); });
-  EXPECT_EQ(empty, unhex("0002"
-                         "4254"
-                         "0004"
-                         "00000000"));
+  EXPECT_EQ(cryptotest::hex(empty),
+            "000242540004"
+            "00000000");
   {
     KSInputBuffer in(empty);
     KeyTable keys(true);
@@ -450,15 +401,19 @@ TEST(ReaderWriter, TableMarkerCountAndRefusedRecords) {
   const std::string b = written([](KSOutStream& out) {
     ReaderWriter::writeRecord(out, recordtest::keyRecord(recordtest::tagOf(2), "g", KEY_ACTIVE));
   });
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(1, 4)) + a), 0);
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a + a), 1208);  // same tag twice
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a + b), 1208);  // two active keys
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(2, 4)) + a), 1208);      // runs out
-  EXPECT_EQ(keyTableStatus(field("BS") + field(be(1, 4)) + a), 1208);
-  EXPECT_EQ(keyTableStatus(field("BTT") + field(be(1, 4)) + a), 1208);
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(1, 2)) + a), 1208);
-  // A huge count is bounded only by the bytes there.
-  EXPECT_EQ(keyTableStatus(field("BT") + field(be(0xffffffff, 4)) + a), 1208);
+  const std::pair<std::string, int> cases[] = {
+      {field("BT") + field(be(1, 4)) + a, 0},
+      {field("BT") + field(be(2, 4)) + a + a, 1208},  // same tag twice
+      {field("BT") + field(be(2, 4)) + a + b, 1208},  // two active keys
+      {field("BT") + field(be(2, 4)) + a, 1208},      // runs out
+      {field("BS") + field(be(1, 4)) + a, 1208},
+      {field("BTT") + field(be(1, 4)) + a, 1208},
+      {field("BT") + field(be(1, 2)) + a, 1208},
+      {field("BT") + field(be(0xffffffff, 4)) + a, 1208},  // bounded only by the bytes there
+  };
+  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    EXPECT_EQ(keyTableStatus(cases[i].first), cases[i].second) << i;
+  }
 }
 
 TEST(ReaderWriter, WriteFailuresAreMappedOnTheWayOut) {

@@ -14,7 +14,6 @@
 #include "kms/server/keystore/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
-using storefiles::StoreRoot;
 using storefiles::StoreSnapshot;
 
 namespace {
@@ -35,29 +34,15 @@ size_t countOf(const std::vector<FileOperation>& ops, FileOp kind) {
   return n;
 }
 
-class StoreCommitCrash : public ::testing::Test {
+class StoreCommitCrash : public storefiles::TwoStatesTest {
  protected:
-  static void SetUpTestSuite() {
-    s_old = new StoreSnapshot(2);
-    s_new = new StoreSnapshot(3);
-  }
-  static void TearDownTestSuite() {
-    delete s_old;
-    delete s_new;
-  }
-
-  void resetToOld() {
-    storefiles::removeAll(m_root.locator);
-    s_old->placeAsDat(m_root.locator);
-  }
-
   // The file operations of one commit from the old state to the new one.
   std::vector<FileOperation> commitOperations() {
     resetToOld();
     FileOpRecorder recorder;
     {
       ScopedFileFaultHook hook(&recorder);
-      s_new->input().commit(m_root.locator);
+      commitNew();
     }
     return recorder.operations();
   }
@@ -69,25 +54,13 @@ class StoreCommitCrash : public ::testing::Test {
     if (pid == 0) {
       CrashAtNthFileOp crash(n);
       FileFaults::install(&crash);
-      try {
-        s_new->input().commit(m_root.locator);
-      } catch (...) {
-        ::_exit(1);
-      }
-      ::_exit(0);
+      ::_exit(commitNew() == 0 ? 0 : 1);
     }
     int status = -1;
     ::waitpid(pid, &status, 0);
     return status;
   }
-
-  static StoreSnapshot* s_old;
-  static StoreSnapshot* s_new;
-  StoreRoot m_root;
 };
-
-StoreSnapshot* StoreCommitCrash::s_old = nullptr;
-StoreSnapshot* StoreCommitCrash::s_new = nullptr;
 
 TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
   const std::vector<FileOperation> ops = commitOperations();
@@ -154,7 +127,7 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
       int code = 0;
       {
         ScopedFileFaultHook hook(&failure);
-        code = storetest::codeOf([&] { s_new->input().commit(m_root.locator); });
+        code = commitNew();
       }
       ASSERT_TRUE(failure.fired());
 

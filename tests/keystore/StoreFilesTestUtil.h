@@ -95,13 +95,9 @@ inline void removeAll(const KMSFileLocator& locator) {
 struct StoreRoot {
   TempRoot root{"vrkms-persist"};
   KMSFileLocator locator{root.path()};
-  bool savedFipsDecision = FileKeyStore::g_fips_mode_disabled;
+  storetest::FipsDecision fipsDecision;
 
-  StoreRoot() {
-    locator.createMissingDirectories();
-    FileKeyStore::g_fips_mode_disabled = true;
-  }
-  ~StoreRoot() { FileKeyStore::g_fips_mode_disabled = savedFipsDecision; }
+  StoreRoot() { locator.createMissingDirectories(); }
   StoreRoot(const StoreRoot&) = delete;
   StoreRoot& operator=(const StoreRoot&) = delete;
 };
@@ -239,6 +235,44 @@ class StoreSnapshot {
   std::unique_ptr<CommitInput> m_input;
   StoreBytes m_bytes;
   size_t m_metadataLength = 0;
+};
+
+// Fixture of the persistence, recovery and crash tests: a root of its own
+// and two states made once per suite, the old one (before a commit, two
+// keys) and the new one (after it, three keys). Their master keys differ, so
+// any mixture of the two fails to read.
+class TwoStatesTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    s_old = new StoreSnapshot(2);
+    s_new = new StoreSnapshot(3);
+  }
+  static void TearDownTestSuite() {
+    delete s_old;
+    delete s_new;
+    s_old = s_new = nullptr;
+  }
+
+  // The old state's files under their final names, and nothing else.
+  void resetToOld() {
+    removeAll(m_root.locator);
+    s_old->placeAsDat(m_root.locator);
+  }
+  // The commit of the new state over whatever is on disk, by its code.
+  int commitNew() {
+    return storetest::codeOf([&] { s_new->input().commit(m_root.locator); });
+  }
+  // What init of a new store object over the root reports.
+  int initCode() {
+    FileKeyStore store(m_root.locator);
+    const int code = store.init();
+    EXPECT_EQ(store.isInitialized(), code == 0);
+    return code;
+  }
+
+  static inline StoreSnapshot* s_old = nullptr;
+  static inline StoreSnapshot* s_new = nullptr;
+  StoreRoot m_root;
 };
 
 }  // namespace storefiles

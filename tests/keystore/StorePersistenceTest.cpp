@@ -12,7 +12,6 @@
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;
-using storefiles::StoreRoot;
 using storefiles::StoreSnapshot;
 
 namespace {
@@ -21,31 +20,7 @@ size_t linesWith(const std::vector<std::string>& lines, const std::string& part)
   return LogCapture::containing(lines, part).size();
 }
 
-class StorePersistence : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    s_old = new StoreSnapshot(2);
-    s_new = new StoreSnapshot(3);
-  }
-  static void TearDownTestSuite() {
-    delete s_old;
-    delete s_new;
-  }
-
-  int initCode() {
-    FileKeyStore store(m_root.locator);
-    const int code = store.init();
-    EXPECT_EQ(store.isInitialized(), code == 0);
-    return code;
-  }
-
-  static StoreSnapshot* s_old;
-  static StoreSnapshot* s_new;
-  StoreRoot m_root;
-};
-
-StoreSnapshot* StorePersistence::s_old = nullptr;
-StoreSnapshot* StorePersistence::s_new = nullptr;
+class StorePersistence : public storefiles::TwoStatesTest {};
 
 TEST_F(StorePersistence, OnlyAKpkFileNamesTheTwoMissingFilesThenFailsWith1205) {
   storefiles::writeBytes(m_root.locator.kpkPath(), s_old->bytes().kpk);
@@ -97,7 +72,7 @@ TEST_F(StorePersistence, AFullDiskWhileWritingTheRecordStreamChangesNothing) {
   LogCapture log(1);
   {
     ScopedFileFaultHook hook(&full);
-    EXPECT_EQ(storetest::codeOf([&] { s_new->input().commit(m_root.locator); }), 1276);
+    EXPECT_EQ(commitNew(), 1276);
   }
   ASSERT_TRUE(full.fired());
   std::vector<std::string> written;
@@ -125,13 +100,13 @@ TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
   storefiles::writeBytes(m_root.locator.kpkNewPath(), s_new->bytes().kpk);
   const std::vector<std::string> before = storefiles::contentsOf(m_root.locator);
   LogCapture log(0);
-  EXPECT_EQ(storetest::codeOf([&] { s_new->input().commit(m_root.locator); }), 1200);
+  EXPECT_EQ(commitNew(), 1200);
   EXPECT_EQ(linesWith(log.appLines(), " 286-45 "), 1u);
   EXPECT_EQ(storefiles::contentsOf(m_root.locator), before);
 
   // A commit on a root without its files is refused the same way.
   storefiles::removeAll(m_root.locator);
-  EXPECT_EQ(storetest::codeOf([&] { s_new->input().commit(m_root.locator); }), 1200);
+  EXPECT_EQ(commitNew(), 1200);
   EXPECT_EQ(storefiles::maskOf(m_root.locator), 0u);
 }
 
@@ -141,7 +116,7 @@ TEST_F(StorePersistence, ANewFileThatCannotBeOpenedIs1276WithNothingLeft) {
   LogCapture log(0);
   {
     ScopedFileFaultHook hook(&noOpen);
-    EXPECT_EQ(storetest::codeOf([&] { s_new->input().commit(m_root.locator); }), 1276);
+    EXPECT_EQ(commitNew(), 1276);
   }
   EXPECT_EQ(linesWith(log.appLines(), " 286-46 "), 1u);
   EXPECT_EQ(linesWith(log.appLines(), " 286-57 "), 0u);
@@ -153,7 +128,7 @@ TEST_F(StorePersistence, TheCommitSyncsBothDirectoriesAfterTheRenamesAndBeforeTh
   FileOpRecorder recorder;
   {
     ScopedFileFaultHook hook(&recorder);
-    s_new->input().commit(m_root.locator);
+    commitNew();
   }
   std::vector<FileOp> tail;
   for (const FileOperation& op : recorder.operations()) {

@@ -16,7 +16,6 @@
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;
-using storefiles::StoreRoot;
 using storefiles::StoreSnapshot;
 
 namespace {
@@ -75,19 +74,8 @@ std::string hex(unsigned mask) {
   return text;
 }
 
-class StoreRecovery : public ::testing::Test {
+class StoreRecovery : public storefiles::TwoStatesTest {
  protected:
-  // The old state (before a commit) and the new one (after it), with
-  // different master keys, so that any mixture of the two fails to read.
-  static void SetUpTestSuite() {
-    s_old = new StoreSnapshot(2);
-    s_new = new StoreSnapshot(3);
-  }
-  static void TearDownTestSuite() {
-    delete s_old;
-    delete s_new;
-  }
-
   // Lays out `mask` as a commit would have left it: "new" files hold the
   // new state, "bak" files the old one, and "dat" files the old state until
   // the second renames have begun and the new one after.
@@ -97,14 +85,7 @@ class StoreRecovery : public ::testing::Test {
     s_old->placeMasked(m_root.locator, mask, kBakBits);
     (datIsNew ? s_new : s_old)->placeMasked(m_root.locator, mask, kDatBits);
   }
-
-  static StoreSnapshot* s_old;
-  static StoreSnapshot* s_new;
-  StoreRoot m_root;
 };
-
-StoreSnapshot* StoreRecovery::s_old = nullptr;
-StoreSnapshot* StoreRecovery::s_new = nullptr;
 
 TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
   const KMSFileLocator& locator = m_root.locator;

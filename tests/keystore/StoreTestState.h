@@ -52,6 +52,21 @@ int codeOf(F&& call) {
   }
 }
 
+// The process's FIPS decision for the scope. By default this process did
+// not ask for FIPS mode, so that init does not refuse with 1286.
+class FipsDecision {
+ public:
+  explicit FipsDecision(bool disabled = true) : m_saved(FileKeyStore::g_fips_mode_disabled) {
+    FileKeyStore::g_fips_mode_disabled = disabled;
+  }
+  ~FipsDecision() { FileKeyStore::g_fips_mode_disabled = m_saved; }
+  FipsDecision(const FipsDecision&) = delete;
+  FipsDecision& operator=(const FipsDecision&) = delete;
+
+ private:
+  bool m_saved;
+};
+
 // Tables and master keys of a store in the making. Keys are wrapped under
 // the content's KPK as the store keeps them; plainKey(tag) tells what each
 // must unwrap to.

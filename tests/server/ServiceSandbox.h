@@ -30,7 +30,10 @@
 
 class ServiceSandbox {
  public:
-  ServiceSandbox() : m_port(freePort()) { writeConf(""); }
+  // `debugLevel` is the service's VRKMS_DEBUG_LEVEL.
+  explicit ServiceSandbox(int debugLevel = 4) : m_port(freePort()), m_debugLevel(debugLevel) {
+    writeConf("");
+  }
   // Kills a service still running.
   ~ServiceSandbox() { kill(); }
   ServiceSandbox(const ServiceSandbox&) = delete;
@@ -43,7 +46,7 @@ class ServiceSandbox {
         << "SERVER = localhost\n"
         << "KMS_DIR = " << m_root.file("kms") << "\n"
         << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_port << "\n"
-        << "VRKMS_DEBUG_LEVEL = 4\n"
+        << "VRKMS_DEBUG_LEVEL = " << m_debugLevel << "\n"
         << extra;
   }
 
@@ -57,16 +60,32 @@ class ServiceSandbox {
   // Starts "vrkms -console" and waits until the manager is advertised;
   // false when vrkms ends first or takes too long.
   bool start() {
+    launch({"-console"});
+    return waitForAdvertisement();
+  }
+
+  // Starts vrkms with `args`, standard error to "stderr.txt" of the root,
+  // without waiting for anything.
+  void launch(const std::vector<std::string>& args) {
     ::unlink(iorPath().c_str());
     m_pid = ::fork();
     if (m_pid == 0) {
       ::setenv("VREST_ROOT", m_root.path().c_str(), 1);
       const int err = ::open(m_root.file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       ::dup2(err, 2);
-      char* argv[] = {const_cast<char*>(VRKMS_BINARY), const_cast<char*>("-console"), nullptr};
-      ::execv(VRKMS_BINARY, argv);
+      std::vector<char*> argv{const_cast<char*>(VRKMS_BINARY)};
+      for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+      }
+      argv.push_back(nullptr);
+      ::execv(VRKMS_BINARY, argv.data());
       ::_exit(127);
     }
+  }
+
+  // Waits until the manager is advertised; false if vrkms ends first or
+  // takes a minute.
+  bool waitForAdvertisement() {
     for (int i = 0; i < 3000 && m_pid > 0; ++i) {
       struct stat info;
       if (::stat(iorPath().c_str(), &info) == 0) {
@@ -81,24 +100,35 @@ class ServiceSandbox {
     return false;
   }
 
-  // Runs "vrkms -terminate" and gives its exit status and that of the
-  // service (-1 if it did not end).
-  std::pair<int, int> terminate() {
-    const ProcessResult stopper = ProcessRunner(VRKMS_BINARY)
-                                      .args({"-terminate"})
-                                      .env("VREST_ROOT", m_root.path())
-                                      .timeout(std::chrono::seconds(60))
-                                      .run();
-    int service = -1;
-    for (int i = 0; i < 1500 && m_pid > 0; ++i) {
+  // The exit status of the launched vrkms once it ends (128 + signal for a
+  // killed one), or -1 after `limit`.
+  int waitForExit(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (m_pid > 0 && std::chrono::steady_clock::now() < deadline) {
       int status = 0;
       if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
         m_pid = -1;
-        service = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        break;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    return -1;
+  }
+
+  // Runs vrkms with `args` under the sandbox's root and waits for it.
+  ProcessResult run(std::vector<std::string> args) const {
+    return ProcessRunner(VRKMS_BINARY)
+        .args(std::move(args))
+        .env("VREST_ROOT", m_root.path())
+        .timeout(std::chrono::seconds(60))
+        .run();
+  }
+
+  // Runs "vrkms -terminate" and gives its exit status and that of the
+  // service (-1 if it did not end).
+  std::pair<int, int> terminate() {
+    const ProcessResult stopper = run({"-terminate"});
+    const int service = waitForExit(std::chrono::seconds(30));
     return {stopper.exited ? stopper.exitStatus : -1, service};
   }
 
@@ -133,6 +163,9 @@ class ServiceSandbox {
   }
 
   std::string debugLog() const { return readFile("logs/vrkms/vrkms_debug.log"); }
+  std::string appLog() const { return readFile("logs/vrkms/vrkms_app.log"); }
+  std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
+  std::string pidPath() const { return m_root.file("var/vrkms/vrkms.pid"); }
   std::string reference() const {
     return "corbaloc::127.0.0.1:" + std::to_string(m_port) + "/KMS.KMSMgr";
   }
@@ -154,9 +187,8 @@ class ServiceSandbox {
   }
 
  private:
-  std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
-
   TempRoot m_root{"vrkms-ctl"};
   int m_port;
+  int m_debugLevel;
   pid_t m_pid = -1;
 };

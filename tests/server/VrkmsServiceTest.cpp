@@ -29,6 +29,7 @@
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
 #include "server/OrbTestSupport.h"
+#include "server/ServiceSandbox.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
@@ -38,19 +39,6 @@ namespace Store = Vaultrest::DL::KMS;
 using namespace std::chrono_literals;
 
 namespace {
-
-// A loopback port that nothing listens on at the moment.
-int freePort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
 bool canConnect(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -68,29 +56,13 @@ bool exists(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0;
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 class VrkmsService : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_port = freePort();
-    writeConf("");
-    Store::FileKeyStore::g_fips_mode_disabled = true;
-    Store::FileKeyStore store(Store::KMSFileLocator(m_root.file("kms")));
-    m_storeMade =
-        store.createEmpty("hmk passphrase", "hmk-1", "kpk passphrase", "kpk-1", false) == 0;
-  }
+  VrkmsService() : m_box(6), m_storeMade(m_box.makeStore()) {}
 
   void TearDown() override {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      ::waitpid(m_pid, nullptr, 0);
-    }
     // A daemon left behind by a failed test.
-    std::ifstream in(pidPath());
+    std::ifstream in(m_box.pidPath());
     long daemon = 0;
     if (in >> daemon && daemon > 0) {
       const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
@@ -100,86 +72,13 @@ class VrkmsService : public ::testing::Test {
     }
   }
 
-  void writeConf(const std::string& extra) const {
-    ::mkdir(m_root.file("etc").c_str(), 0700);
-    std::ofstream(m_root.file("etc/vr.conf"), std::ios::trunc)
-        << "SERVER = localhost\n"
-        << "KMS_DIR = " << m_root.file("kms") << "\n"
-        << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_port << "\n"
-        << "VRKMS_DEBUG_LEVEL = 6\n"
-        << extra;
-  }
-
-  // Starts vrkms with `args`, standard error to a file of the root.
-  void start(const std::vector<std::string>& args) {
-    m_pid = ::fork();
-    ASSERT_GE(m_pid, 0);
-    if (m_pid == 0) {
-      ::setenv("VREST_ROOT", m_root.path().c_str(), 1);
-      const int err = ::open(m_root.file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      ::dup2(err, 2);
-      std::vector<char*> argv{const_cast<char*>(VRKMS_BINARY)};
-      for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-      }
-      argv.push_back(nullptr);
-      ::execv(VRKMS_BINARY, argv.data());
-      ::_exit(127);
-    }
-  }
-
-  // The exit status of the started vrkms once it ends, or -1 after `limit`.
-  int waitForExit(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(20ms);
-    }
-    return -1;
-  }
-
-  // Waits until the manager is advertised; false if vrkms ends first.
-  bool waitForAdvertisement() {
-    for (int i = 0; i < 1500; ++i) {
-      if (exists(iorPath())) {
-        return true;
-      }
-      int status = 0;
-      if (m_pid > 0 && ::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return false;
-      }
-      std::this_thread::sleep_for(20ms);
-    }
-    return false;
-  }
-
-  ProcessResult run(std::vector<std::string> args) const {
-    return ProcessRunner(VRKMS_BINARY)
-        .args(std::move(args))
-        .env("VREST_ROOT", m_root.path())
-        .timeout(60s)
-        .run();
-  }
-
   CORBA::Object_ptr manager() const {
-    const std::string where = "corbaloc::127.0.0.1:" + std::to_string(m_port) + "/KMS.KMSMgr";
-    return testOrb()->string_to_object(where.c_str());
+    return testOrb()->string_to_object(m_box.reference().c_str());
   }
+  std::string file(const std::string& name) const { return m_box.readFile(name); }
 
-  std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
-  std::string pidPath() const { return m_root.file("var/vrkms/vrkms.pid"); }
-  std::string debugLog() const { return readFile(m_root.file("logs/vrkms/vrkms_debug.log")); }
-  std::string appLog() const { return readFile(m_root.file("logs/vrkms/vrkms_app.log")); }
-
-  TempRoot m_root{"vrkms-svc"};
-  int m_port = 0;
-  bool m_storeMade = false;
-  pid_t m_pid = -1;
+  ServiceSandbox m_box;
+  bool m_storeMade;
 };
 
 bool contains(const std::string& text, const std::string& part) {
@@ -205,15 +104,15 @@ std::string outcome(Call&& call) {
 }  // namespace
 
 TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigterm) {
-  start({"-console"});
+  m_box.launch({"-console"});
   if (!m_storeMade) {
     // Without a store the service refuses to go live; see the next test.
-    EXPECT_EQ(waitForExit(60s), 1);
+    EXPECT_EQ(m_box.waitForExit(60s), 1);
     GTEST_SKIP() << "no store could be made here";
   }
-  ASSERT_TRUE(waitForAdvertisement()) << readFile(m_root.file("stderr.txt")) << debugLog();
-  EXPECT_EQ(readFile(pidPath()), std::to_string(m_pid) + "\n");
-  EXPECT_EQ(readFile(iorPath()).substr(0, 4), "IOR:");
+  ASSERT_TRUE(m_box.waitForAdvertisement()) << file("stderr.txt") << m_box.debugLog();
+  EXPECT_EQ(file("var/vrkms/vrkms.pid"), std::to_string(m_box.pid()) + "\n");
+  EXPECT_EQ(file("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
 
   testOrb();  // interceptors belong to an initialised ORB
   Fw::ClientVersionInterceptor::install(9, 1, 2);
@@ -226,44 +125,44 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigt
   EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }),
             "ServiceException 1200");
   EXPECT_TRUE(
-      contains(debugLog(), "Found Peer Version Information in TSS,  Major 9 Minor 1 Patch 2"))
-      << debugLog();
+      contains(m_box.debugLog(), "Found Peer Version Information in TSS,  Major 9 Minor 1 Patch 2"))
+      << m_box.debugLog();
   Fw::ClientVersionInterceptor::remove();
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
-  EXPECT_TRUE(contains(debugLog(), "Did not find Peer Version Information in TSS"));
+  EXPECT_TRUE(contains(m_box.debugLog(), "Did not find Peer Version Information in TSS"));
 
   // Rights come from the master configuration, read anew for each request.
-  writeConf("VRKMS_GRANT = * 5\n");
+  m_box.writeConf("VRKMS_GRANT = * 5\n");
   EXPECT_EQ(outcome([&] { Remote::QueryableFacet_var f = mgr->getQueryableFacet(); }),
             "NO_PERMISSION");
   EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }),
             "ServiceException 1200");  // no row: one right is enough
-  writeConf("VRKMS_GRANT = 192.0.2.1 1,2,3,28,40\n");
+  m_box.writeConf("VRKMS_GRANT = 192.0.2.1 1,2,3,28,40\n");
   EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }), "NO_PERMISSION");
   EXPECT_EQ(outcome([&] { mgr->_non_existent(); }), "");  // built-in: no right needed
-  EXPECT_TRUE(contains(debugLog(),
+  EXPECT_TRUE(contains(m_box.debugLog(),
                        "Refused Ardentis/Vaultrest/DL/KMS/KMSMgr_getQueryableFacet to peer "
                        "giop:tcp:127.0.0.1:"))
-      << debugLog();
+      << m_box.debugLog();
 
   // A blocked media server gets nothing; this host is no master once the
   // first SERVER is another.
-  std::ofstream(m_root.file("etc/vr.conf"), std::ios::trunc)
+  std::ofstream(m_box.root().file("etc/vr.conf"), std::ios::trunc)
       << "SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n";
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "NO_PERMISSION");
-  writeConf("");
+  m_box.writeConf("");
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
 
   // SIGTERM stops the service in order; the store is shut down, nothing is
   // written, and the run files go.
-  const std::string storeBefore = readFile(m_root.file("kms/db/KMS_DATA.dat"));
-  ASSERT_EQ(::kill(m_pid, SIGTERM), 0);
-  EXPECT_EQ(waitForExit(30s), 0) << debugLog();
-  EXPECT_FALSE(exists(pidPath()));
-  EXPECT_FALSE(exists(iorPath()));
-  EXPECT_FALSE(canConnect(m_port));
-  EXPECT_EQ(readFile(m_root.file("kms/db/KMS_DATA.dat")), storeBefore);
-  const std::string log = debugLog();
+  const std::string storeBefore = file("kms/db/KMS_DATA.dat");
+  ASSERT_EQ(::kill(m_box.pid(), SIGTERM), 0);
+  EXPECT_EQ(m_box.waitForExit(30s), 0) << m_box.debugLog();
+  EXPECT_FALSE(exists(m_box.pidPath()));
+  EXPECT_FALSE(exists(m_box.iorPath()));
+  EXPECT_FALSE(canConnect(m_box.port()));
+  EXPECT_EQ(file("kms/db/KMS_DATA.dat"), storeBefore);
+  const std::string log = m_box.debugLog();
   EXPECT_TRUE(contains(log, "The vrkms service has stopped")) << log;
   EXPECT_FALSE(contains(log, "KeyStore->shutdown() returned")) << log;
   EXPECT_TRUE(contains(log, "vrkms_main: startServiceContainer returned 0")) << log;
@@ -273,10 +172,10 @@ TEST_F(VrkmsService, DaemonStartsDetachedAndTerminateStopsIt) {
   if (!m_storeMade) {
     GTEST_SKIP() << "no store could be made here";
   }
-  const ProcessResult started = run({});
+  const ProcessResult started = m_box.run({});
   ASSERT_TRUE(started.exited) << started.err;
-  ASSERT_EQ(started.exitStatus, 0) << started.err << debugLog();
-  const pid_t daemon = static_cast<pid_t>(std::stol(readFile(pidPath())));
+  ASSERT_EQ(started.exitStatus, 0) << started.err << m_box.debugLog();
+  const pid_t daemon = static_cast<pid_t>(std::stol(file("var/vrkms/vrkms.pid")));
   EXPECT_NE(daemon, 0);
   const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
   ASSERT_NE(std::find(running.begin(), running.end(), daemon), running.end());
@@ -284,36 +183,36 @@ TEST_F(VrkmsService, DaemonStartsDetachedAndTerminateStopsIt) {
   EXPECT_FALSE(object->_non_existent());
 
   // While it runs, a second start is refused at the gate, quietly.
-  const ProcessResult second = run({"-console"});
+  const ProcessResult second = m_box.run({"-console"});
   EXPECT_EQ(second.exitStatus, 0);
-  EXPECT_TRUE(contains(appLog(), "286-31 vrkms_main: ")) << appLog();
+  EXPECT_TRUE(contains(m_box.appLog(), "286-31 vrkms_main: ")) << m_box.appLog();
 
-  const ProcessResult terminated = run({"-terminate"});
+  const ProcessResult terminated = m_box.run({"-terminate"});
   ASSERT_TRUE(terminated.exited);
-  EXPECT_EQ(terminated.exitStatus, 0) << debugLog();
+  EXPECT_EQ(terminated.exitStatus, 0) << m_box.debugLog();
   const std::vector<pid_t> after = ProcessHandler("vrkms").getProcessIDs();
   EXPECT_EQ(std::find(after.begin(), after.end(), daemon), after.end());
-  EXPECT_FALSE(exists(pidPath()));
-  EXPECT_FALSE(canConnect(m_port));
+  EXPECT_FALSE(exists(m_box.pidPath()));
+  EXPECT_FALSE(canConnect(m_box.port()));
 
   // Nothing left to stop.
-  const ProcessResult again = run({"-terminate"});
+  const ProcessResult again = m_box.run({"-terminate"});
   EXPECT_EQ(again.exitStatus, 1);
-  EXPECT_TRUE(contains(debugLog(), "No vrkms service is running"));
+  EXPECT_TRUE(contains(m_box.debugLog(), "No vrkms service is running"));
 }
 
 TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
   // The store directory is one where nothing was ever made.
-  std::ofstream(m_root.file("etc/vr.conf"), std::ios::trunc)
-      << "SERVER = localhost\nKMS_DIR = " << m_root.file("empty") << "\n"
-      << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_port << "\n";
-  start({"-console"});
-  EXPECT_EQ(waitForExit(60s), 1);
-  EXPECT_FALSE(exists(iorPath()));
-  EXPECT_FALSE(exists(pidPath()));
-  EXPECT_FALSE(canConnect(m_port));
-  EXPECT_TRUE(contains(appLog(), "286-38 ")) << appLog();
-  EXPECT_TRUE(contains(appLog(), "286-34 ")) << appLog();
-  EXPECT_TRUE(contains(debugLog(), "The directive \"static KMSMgrService\" failed"));
-  EXPECT_TRUE(contains(debugLog(), "vrkms_main: startServiceContainer returned 1"));
+  std::ofstream(m_box.root().file("etc/vr.conf"), std::ios::trunc)
+      << "SERVER = localhost\nKMS_DIR = " << m_box.root().file("empty") << "\n"
+      << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_box.port() << "\n";
+  m_box.launch({"-console"});
+  EXPECT_EQ(m_box.waitForExit(60s), 1);
+  EXPECT_FALSE(exists(m_box.iorPath()));
+  EXPECT_FALSE(exists(m_box.pidPath()));
+  EXPECT_FALSE(canConnect(m_box.port()));
+  EXPECT_TRUE(contains(m_box.appLog(), "286-38 ")) << m_box.appLog();
+  EXPECT_TRUE(contains(m_box.appLog(), "286-34 ")) << m_box.appLog();
+  EXPECT_TRUE(contains(m_box.debugLog(), "The directive \"static KMSMgrService\" failed"));
+  EXPECT_TRUE(contains(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"));
 }

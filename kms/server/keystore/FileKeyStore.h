@@ -24,7 +24,8 @@
 //   FileKeyStoreMasterKeys.cpp   creating a store, key files, master key changes
 //   FileKeyStoreChanges.cpp      changes of keys and groups
 //   FileKeyStoreExport.cpp       export
-//   FileKeyStoreImport.cpp       import
+//   FileKeyStoreImport.cpp       import: reading, validation, commit
+//   FileKeyStoreImportClashes.cpp  import: duplicates, names and tags
 #pragma once
 
 #include <ace/RW_Thread_Mutex.h>
@@ -33,6 +34,8 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -247,6 +250,11 @@ class FileKeyStore : public KeyStore {
                     std::unique_ptr<KPKMgr> kpkMgr, std::unique_ptr<KSMetadata> metadata,
                     std::unique_ptr<KeyTable> keyTable, std::unique_ptr<GroupTable> groupTable);
 
+  // Test seam: the clock that getUniqueKGNameSuffix reads (seconds since
+  // the Epoch). Empty, the default, is the real time. Set it before the
+  // store serves imports; it is read under the write lock. Takes no lock.
+  void setImportClock(std::function<time_t()> clock);
+
   int64_t maxKeyGroups() const { return m_maxKeyGroups; }
   int64_t maxKeysPerGroup() const { return m_maxKeysPerGroup; }
   const KMSFileLocator& locator() const { return m_locator; }
@@ -261,11 +269,33 @@ class FileKeyStore : public KeyStore {
   KeyInfo liveHmkInfo() const;
   KeyInfo liveKpkInfo() const;
 
+  // Master key files (FileKeyStoreMasterKeys.cpp): what differs between the
+  // HMK's and the KPK's, and the one body of goodHMKFileExists /
+  // goodKPKFileExists and of createHMKFile / createKPKFile. Both take the
+  // lock themselves.
+  struct MasterKeyKind;
+  static const MasterKeyKind kHmkKind;
+  static const MasterKeyKind kKpkKind;
+  bool goodKeyFileExists(const MasterKeyKind& kind);
+  int createKeyFile(const MasterKeyKind& kind, const std::string& passphrase, bool overwrite,
+                    bool refuseRandom);
+
   // Changes (FileKeyStoreChanges.cpp); write lock held.
   KeyRecord_v1 addKeyWithOrWithout(const KeyRecord_v1& rec, const std::string& passphrase,
                                    bool withTag);
   std::string getNewTag() const;
   std::string getNewTag(const KeyTable& kr, const GroupTable& kg) const;
+
+  // One lookup (FileKeyStoreLookup.cpp): takes the read lock, then gives the
+  // record at the iterator that `find` picks from the live table, passed
+  // through its filter. A closed store throws 1202, end() throws 1260 (key)
+  // or 1229 (group). With `unwrap` the key goes out unwrapped and a key that
+  // is neither KEY_ACTIVE nor KEY_INACTIVE throws 1242; without, it goes out
+  // empty.
+  template <typename Find>
+  KeyRecord_v1 lookUpKey(const char* label, bool unwrap, Find&& find) const;
+  template <typename Find>
+  KeyGrpRecord_v1 lookUpGroup(const char* label, Find&& find) const;
 
   // Filters through which every record leaves the store (read or write
   // lock held). keyRecordFilter empties the key (`strip`) or unwraps it;
@@ -275,17 +305,45 @@ class FileKeyStore : public KeyStore {
   void keyGroupRecordFilter(KeyGrpRecord_v1& rec) const;
   void filterKeyGroupRecords(GroupTable& table) const;
 
-  // Import (FileKeyStoreImport.cpp).
+  // Import (FileKeyStoreImport.cpp, FileKeyStoreImportClashes.cpp). `kr`
+  // and `kg` are the import's own tables, read from the buffer; their keys
+  // are plain until importFromBuffer wraps them just before the commit.
+  // Everything but readEximMeta runs under the write lock and reads the
+  // live tables; only importKeysAndKeyGroups changes them. Decisions and
+  // findings go to `status` as messages; a finding that fails the import
+  // sets 1283 there and the walk goes on, so one run lists them all.
+  //
+  // The export metadata at the cursor: 1207 for a damaged or unknown one,
+  // 1200 for anything else.
   static KSEximMetadata readEximMeta(KSInputBuffer& buffer);
+  // Settles every clash of `kr` and `kg` with the store, changing names,
+  // tags and group references in the two tables. Throws 1262 for too many
+  // groups, 1208 for tables that are not sane, 1200 when no unique suffix
+  // can be had.
   void validateImport(KeyTable& kr, GroupTable& kg, bool preserveNames, KSOpStatus& status) const;
+  // Drops every key whose tag the store holds (messages 9 and 10; 1283 when
+  // the values differ). Throws what the unwrapping of a store key throws.
   void removeDuplicateKeyRecords(KeyTable& kr, GroupTable& kg, KSOpStatus& status) const;
+  // "_IMPORTED_" and the local time (14 digits), with "_1", "_2"... on the
+  // later of `retries` tries, such that no group of `kg` with it behind its
+  // name clashes with a store group. Throws 1200 when every try clashes.
   std::string getUniqueKGNameSuffix(GroupTable& kg, int retries) const;
-  void addKGNameSuffix(GroupTable& kg, const std::string& suffix, KSOpStatus& status);
+  // Puts `suffix` behind every group's name (message 4).
+  void addKGNameSuffix(GroupTable& kg, const std::string& suffix, KSOpStatus& status) const;
+  // Gives every group whose tag the store holds a new tag (message 5) and
+  // returns the old-to-new map. Throws 1200 when no tag can be had.
   std::map<std::string, std::string> regenerateKeyGroupTags(GroupTable& kg, KeyTable& kr,
                                                             KSOpStatus& status) const;
+  // Moves the keys of renumbered groups to their new tags (message 11) and
+  // reports the others as they are (message 12). Throws 1200 for a key
+  // whose group is not in `kg`.
   void updateTags(KeyTable& kr, GroupTable& kg, const std::map<std::string, std::string>& tagMap,
-                  KSOpStatus& status);
-  void updateDescription(KeyTable& kr, GroupTable& kg, const std::string& description);
+                  KSOpStatus& status) const;
+  void updateDescription(KeyTable& kr, GroupTable& kg, const std::string& description) const;
+  // Adds the tables (keys wrapped by now) to copies of the live ones,
+  // audits, commits and swaps. Throws 1200 for tables that are not sane;
+  // a failed commit as the changes of keys and groups do: 1276 keeps the
+  // old state, anything else closes the store.
   void importKeysAndKeyGroups(GroupTable& kg, KeyTable& kr);
 
   // The one lock of the store (see StoreLockGuards.h).
@@ -305,6 +363,8 @@ class FileKeyStore : public KeyStore {
   const KSCrypt::CryptType m_masterEncAlgo;
   const KSCrypt::CryptType m_keyEncAlgo;
   const KMSFileLocator m_locator;
+  // See setImportClock.
+  std::function<time_t()> m_importClock;
   // Orders writers before readers that come after them (StoreLockGuards.h).
   // Not a lock of the state: nothing is guarded by it.
   mutable ACE_Thread_Mutex m_writerTurnstile;

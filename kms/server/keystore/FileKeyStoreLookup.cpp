@@ -72,22 +72,45 @@ void FileKeyStore::filterKeyGroupRecords(GroupTable& table) const {
 
 // ---- Lookups ----
 
+template <typename Find>
+KeyRecord_v1 FileKeyStore::lookUpKey(const char* label, bool unwrap, Find&& find) const {
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (!m_initialized) {
+    KS_THROW(1202, label);
+  }
+  const KeyTable& keys = *m_keyTable;
+  const auto iter = find(keys);
+  if (iter == keys.end()) {
+    KS_THROW(1260, label);
+  }
+  if (unwrap && !isUsable(iter->second.state())) {
+    KS_THROW(1242, label);
+  }
+  KeyRecord_v1 rec = iter->second;
+  keyRecordFilter(rec, !unwrap);
+  return rec;
+}
+
+template <typename Find>
+KeyGrpRecord_v1 FileKeyStore::lookUpGroup(const char* label, Find&& find) const {
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  if (!m_initialized) {
+    KS_THROW(1202, label);
+  }
+  const GroupTable& groups = *m_groupTable;
+  const auto iter = find(groups);
+  if (iter == groups.end()) {
+    KS_THROW(1229, label);
+  }
+  KeyGrpRecord_v1 rec = iter->second;
+  keyGroupRecordFilter(rec);
+  return rec;
+}
+
 KeyRecord_v1 FileKeyStore::getKey(const std::string& _tag) const {
   static const char* const kLabel = "FileKeyStore::getKey";
   KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    KS_THROW(1202, kLabel);
-  }
-  const auto iter = m_keyTable->find(_tag);
-  if (iter == m_keyTable->end()) {
-    KS_THROW(1260, kLabel);
-  }
-  if (!isUsable(iter->second.state())) {
-    KS_THROW(1242, kLabel);
-  }
-  KeyRecord_v1 rec = iter->second;
-  keyRecordFilter(rec, false);
+  KeyRecord_v1 rec = lookUpKey(kLabel, true, [&](const KeyTable& keys) { return keys.find(_tag); });
   KS_ASSERT(kLabel, rec.tag() == _tag);
   return rec;
 }
@@ -95,16 +118,8 @@ KeyRecord_v1 FileKeyStore::getKey(const std::string& _tag) const {
 KeyRecord_v1 FileKeyStore::getKeyRecord(const std::string& _tag) const {
   static const char* const kLabel = "FileKeyStore::getKeyRecord";
   KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    KS_THROW(1202, kLabel);
-  }
-  const auto iter = m_keyTable->find(_tag);
-  if (iter == m_keyTable->end()) {
-    KS_THROW(1260, kLabel);
-  }
-  KeyRecord_v1 rec = iter->second;
-  keyRecordFilter(rec, true);
+  KeyRecord_v1 rec =
+      lookUpKey(kLabel, false, [&](const KeyTable& keys) { return keys.find(_tag); });
   KS_ASSERT(kLabel, rec.tag() == _tag);
   return rec;
 }
@@ -112,16 +127,8 @@ KeyRecord_v1 FileKeyStore::getKeyRecord(const std::string& _tag) const {
 KeyGrpRecord_v1 FileKeyStore::getKeyGroupRecord(const std::string& _tag) const {
   static const char* const kLabel = "FileKeyStore::getKeyGroupRecord";
   KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    KS_THROW(1202, kLabel);
-  }
-  const auto iter = m_groupTable->find(_tag);
-  if (iter == m_groupTable->end()) {
-    KS_THROW(1229, kLabel);
-  }
-  KeyGrpRecord_v1 rec = iter->second;
-  keyGroupRecordFilter(rec);
+  KeyGrpRecord_v1 rec =
+      lookUpGroup(kLabel, [&](const GroupTable& groups) { return groups.find(_tag); });
   KS_ASSERT(kLabel, rec.tag() == _tag);
   return rec;
 }
@@ -129,16 +136,8 @@ KeyGrpRecord_v1 FileKeyStore::getKeyGroupRecord(const std::string& _tag) const {
 KeyGrpRecord_v1 FileKeyStore::getKeyGroupRecordByName(const std::string& _name) const {
   static const char* const kLabel = "FileKeyStore::getKeyGroupRecordByName";
   KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    KS_THROW(1202, kLabel);
-  }
-  const auto iter = findKeyGroupByName(*m_groupTable, _name);
-  if (iter == m_groupTable->end()) {
-    KS_THROW(1229, kLabel);
-  }
-  KeyGrpRecord_v1 rec = iter->second;
-  keyGroupRecordFilter(rec);
+  KeyGrpRecord_v1 rec = lookUpGroup(
+      kLabel, [&](const GroupTable& groups) { return findKeyGroupByName(groups, _name); });
   KS_ASSERT(kLabel, rec.name() == _name);
   return rec;
 }
@@ -147,19 +146,13 @@ KeyRecord_v1 FileKeyStore::getKeyRecordByName(const std::string& _kgroup,
                                               const std::string& _name) const {
   static const char* const kLabel = "FileKeyStore::getKeyRecordByName";
   KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    KS_THROW(1202, kLabel);
-  }
-  if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
-    KS_THROW(1229, kLabel);
-  }
-  const auto iter = findKeyByName(*m_keyTable, _kgroup, _name);
-  if (iter == m_keyTable->end()) {
-    KS_THROW(1260, kLabel);
-  }
-  KeyRecord_v1 rec = iter->second;
-  keyRecordFilter(rec, true);
+  KeyRecord_v1 rec = lookUpKey(kLabel, false, [&](const KeyTable& keys) {
+    // An unknown group is told apart from an unknown name.
+    if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
+      KS_THROW(1229, kLabel);
+    }
+    return findKeyByName(keys, _kgroup, _name);
+  });
   KS_ASSERT(kLabel, rec.name() == _name);
   KS_ASSERT(kLabel, rec.keyGroup() == _kgroup);
   return rec;

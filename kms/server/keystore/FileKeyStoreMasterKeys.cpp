@@ -150,6 +150,18 @@ bool isOneOf(const std::vector<int>& codes, int code) {
   return std::find(codes.begin(), codes.end(), code) != codes.end();
 }
 
+// What refuses a change of a master key before it starts: a closed store,
+// a quiesced one, an empty id. 0 when nothing does.
+int rekeyRefusal(bool initialized, uint64_t quiesceCount, const std::string& id) {
+  if (!initialized) {
+    return kNotInitialized;
+  }
+  if (quiesceCount != 0) {
+    return kQuiesced;
+  }
+  return id.empty() ? kInvalidArgument : 0;
+}
+
 // Runs `body`, a re-key, under `failures`: gives 0 or the code to report, and
 // calls `takeDown` when the failure may have left memory and disk apart.
 template <typename Body, typename TakeDown>
@@ -386,6 +398,83 @@ auto metadataFact(const char* label, const KSMetadata* live, bool fipsFailed,
 
 }  // namespace
 
+// ---- What differs between the two master keys' files ----
+
+namespace {
+
+// The HMK file holds the key that `passphrase` makes, once it is proven
+// against the metadata.
+KeyFile remakeHmkFile(const char* label, const std::string& passphrase, const KSMetadata& meta,
+                      const KMSFileLocator&) {
+  std::string hmk = remakeMasterKey(label, passphrase, meta.hmkSalt(), meta.masterEncAlgo());
+  ScopedWipe wipeHmk(hmk);
+  FileKeyStore::verifyHmk(hmk, meta);
+  KeyFile hmkFile(meta.version());
+  hmkFile.setKey(hmk);
+  return hmkFile;
+}
+
+// The KPK file can only be remade beside a good HMK, which wraps it.
+KeyFile remakeKpkFile(const char* label, const std::string& passphrase, const KSMetadata& meta,
+                      const KMSFileLocator& locator) {
+  const KeyFile hmkFile = readKeyFileAt(label, locator.hmkPath(), EC_KS_HMKfile_open_error);
+  FileKeyStore::verifyHmk(hmkFile.key(), meta);
+
+  std::string kpk = remakeMasterKey(label, passphrase, meta.kpkSalt(), meta.keyEncAlgo());
+  ScopedWipe wipeKpk(kpk);
+  FileKeyStore::verifyKpk(kpk, meta);
+
+  KeyFile kpkFile(meta.version());
+  kpkFile.setKey(
+      Utils::encryptKeyWithKey(kpk, hmkFile.key(), meta.masterEncAlgo(), meta.version()));
+  return kpkFile;
+}
+
+}  // namespace
+
+struct FileKeyStore::MasterKeyKind {
+  const char* goodLabel;
+  const char* createLabel;
+  const std::string& (KMSFileLocator::*path)() const;
+  bool (KSMetadata::*random)() const;
+  const ErrorMap& goodMap;
+  const ErrorMap& createMap;
+  int fileExists;  // a good file stands there and overwriting was not asked
+  int randomKey;   // the key was random and the caller refuses that
+  int openFailure;
+  // Unlike the HMK file, the KPK file is not given missing directories.
+  bool makeDirectories;
+  const std::vector<int>& rewriteFailures;
+  KeyFile (*remake)(const char* label, const std::string& passphrase, const KSMetadata& meta,
+                    const KMSFileLocator& locator);
+};
+
+const FileKeyStore::MasterKeyKind FileKeyStore::kHmkKind = {"FileKeyStore::goodHMKFileExists",
+                                                            "FileKeyStore::createHMKFile",
+                                                            &KMSFileLocator::hmkPath,
+                                                            &KSMetadata::hmkRandom,
+                                                            kGoodHmkFileMap,
+                                                            kCreateHmkFileMap,
+                                                            kHmkFileExists,
+                                                            kRandomHmk,
+                                                            EC_KS_HMKfile_open_error,
+                                                            true,
+                                                            kHmkRewriteFailures,
+                                                            &remakeHmkFile};
+
+const FileKeyStore::MasterKeyKind FileKeyStore::kKpkKind = {"FileKeyStore::goodKPKFileExists",
+                                                            "FileKeyStore::createKPKFile",
+                                                            &KMSFileLocator::kpkPath,
+                                                            &KSMetadata::kpkRandom,
+                                                            kGoodKpkFileMap,
+                                                            kCreateKpkFileMap,
+                                                            kKpkFileExists,
+                                                            kRandomKpk,
+                                                            EC_KS_KPKfile_open_error,
+                                                            false,
+                                                            kKpkRewriteFailures,
+                                                            &remakeKpkFile};
+
 // ---- Facts of the master keys ----
 
 KeyInfo FileKeyStore::liveHmkInfo() const {
@@ -433,31 +522,24 @@ KeyInfo FileKeyStore::getKPKInfo() {
 }
 
 bool FileKeyStore::goodHMKFileExists() {
-  static const char* const kLabel = "FileKeyStore::goodHMKFileExists";
-  KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return true;
-  }
-  if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
-  }
-  return translateErrors(kLabel, kGoodHmkFileMap,
-                         [&] { return isGoodKeyFile(m_locator.hmkPath()); });
+  return goodKeyFileExists(kHmkKind);
 }
 
 bool FileKeyStore::goodKPKFileExists() {
-  static const char* const kLabel = "FileKeyStore::goodKPKFileExists";
-  KMS_TRACE_THIS(kLabel);
+  return goodKeyFileExists(kKpkKind);
+}
+
+bool FileKeyStore::goodKeyFileExists(const MasterKeyKind& kind) {
+  KMS_TRACE_THIS(kind.goodLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
     return true;
   }
   if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kLabel);
+    KS_THROW(kFipsEnableFailed, kind.goodLabel);
   }
-  return translateErrors(kLabel, kGoodKpkFileMap,
-                         [&] { return isGoodKeyFile(m_locator.kpkPath()); });
+  return translateErrors(kind.goodLabel, kind.goodMap,
+                         [&] { return isGoodKeyFile((m_locator.*kind.path)()); });
 }
 
 bool FileKeyStore::isGoodKeyFile(const std::string& path) {
@@ -570,41 +652,17 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
 // ---- Remaking a lost key file ----
 
 int FileKeyStore::createHMKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) {
-  static const char* const kLabel = "FileKeyStore::createHMKFile";
-  KMS_TRACE_THIS(kLabel);
-  StoreWriteGuard guard(m_lock, m_writerTurnstile);
-  if (m_initialized) {
-    return kAlreadyInitialized;
-  }
-  if (fipsEnableFailed()) {
-    return kFipsEnableFailed;
-  }
-  if (passphrase.empty()) {
-    return kEmptyPassphrase;
-  }
-  return statusOf(kLabel, kCreateHmkFileMap, [&] {
-    if (!overwrite && isGoodKeyFile(m_locator.hmkPath())) {
-      KS_THROW(kHmkFileExists, kLabel);
-    }
-    const KSMetadata meta = readStoreMetadata(kLabel, m_locator);
-    if (refuseRandom && meta.hmkRandom()) {
-      // A random key cannot come back from a passphrase.
-      KS_THROW(kRandomHmk, kLabel);
-    }
-    std::string hmk = remakeMasterKey(kLabel, passphrase, meta.hmkSalt(), meta.masterEncAlgo());
-    ScopedWipe wipeHmk(hmk);
-    verifyHmk(hmk, meta);
-
-    KeyFile hmkFile(meta.version());
-    hmkFile.setKey(hmk);
-    return rewriteKeyFile(kLabel, m_locator.hmkPath(), hmkFile, true, m_locator,
-                          EC_KS_HMKfile_open_error, kHmkRewriteFailures);
-  });
+  return createKeyFile(kHmkKind, passphrase, overwrite, refuseRandom);
 }
 
 int FileKeyStore::createKPKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) {
-  static const char* const kLabel = "FileKeyStore::createKPKFile";
-  KMS_TRACE_THIS(kLabel);
+  return createKeyFile(kKpkKind, passphrase, overwrite, refuseRandom);
+}
+
+int FileKeyStore::createKeyFile(const MasterKeyKind& kind, const std::string& passphrase,
+                                bool overwrite, bool refuseRandom) {
+  const char* const label = kind.createLabel;
+  KMS_TRACE_THIS(label);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
     return kAlreadyInitialized;
@@ -615,28 +673,19 @@ int FileKeyStore::createKPKFile(const std::string& passphrase, bool overwrite, b
   if (passphrase.empty()) {
     return kEmptyPassphrase;
   }
-  return statusOf(kLabel, kCreateKpkFileMap, [&] {
-    if (!overwrite && isGoodKeyFile(m_locator.kpkPath())) {
-      KS_THROW(kKpkFileExists, kLabel);
+  const std::string& path = (m_locator.*kind.path)();
+  return statusOf(label, kind.createMap, [&] {
+    if (!overwrite && isGoodKeyFile(path)) {
+      KS_THROW(kind.fileExists, label);
     }
-    const KSMetadata meta = readStoreMetadata(kLabel, m_locator);
-    if (refuseRandom && meta.kpkRandom()) {
-      KS_THROW(kRandomKpk, kLabel);
+    const KSMetadata meta = readStoreMetadata(label, m_locator);
+    if (refuseRandom && (meta.*kind.random)()) {
+      // A random key cannot come back from a passphrase.
+      KS_THROW(kind.randomKey, label);
     }
-    // The KPK file can only be remade beside a good HMK, which wraps it.
-    const KeyFile hmkFile = readKeyFileAt(kLabel, m_locator.hmkPath(), EC_KS_HMKfile_open_error);
-    verifyHmk(hmkFile.key(), meta);
-
-    std::string kpk = remakeMasterKey(kLabel, passphrase, meta.kpkSalt(), meta.keyEncAlgo());
-    ScopedWipe wipeKpk(kpk);
-    verifyKpk(kpk, meta);
-
-    KeyFile kpkFile(meta.version());
-    kpkFile.setKey(
-        Utils::encryptKeyWithKey(kpk, hmkFile.key(), meta.masterEncAlgo(), meta.version()));
-    // Unlike the HMK file, the KPK file is not given missing directories.
-    return rewriteKeyFile(kLabel, m_locator.kpkPath(), kpkFile, false, m_locator,
-                          EC_KS_KPKfile_open_error, kKpkRewriteFailures);
+    const KeyFile keyFile = kind.remake(label, passphrase, meta, m_locator);
+    return rewriteKeyFile(label, path, keyFile, kind.makeDirectories, m_locator, kind.openFailure,
+                          kind.rewriteFailures);
   });
 }
 
@@ -646,14 +695,8 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
   static const char* const kLabel = "FileKeyStore::updateHMK";
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    return kNotInitialized;
-  }
-  if (m_quiesceCount != 0) {
-    return kQuiesced;
-  }
-  if (hmkId.empty()) {
-    return kInvalidArgument;
+  if (const int refused = rekeyRefusal(m_initialized, m_quiesceCount, hmkId)) {
+    return refused;
   }
   return rekeyStatus(
       kLabel, kUpdateHmkFailures,
@@ -701,14 +744,8 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
   static const char* const kLabel = "FileKeyStore::updateKPK";
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
-  if (!m_initialized) {
-    return kNotInitialized;
-  }
-  if (m_quiesceCount != 0) {
-    return kQuiesced;
-  }
-  if (kpkId.empty()) {
-    return kInvalidArgument;
+  if (const int refused = rekeyRefusal(m_initialized, m_quiesceCount, kpkId)) {
+    return refused;
   }
   return rekeyStatus(
       kLabel, kUpdateKpkFailures,

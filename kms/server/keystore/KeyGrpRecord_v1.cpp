@@ -12,44 +12,8 @@ namespace DL {
 namespace KMS {
 
 KeyGrpRecord_v1::KeyGrpRecord_v1()
-    : m_updatetime(0),
-      m_createtime(0),
-      m_rev(0),
-      m_ciphertype(CT_INVALID_CBC),
-      m_hasactivekey(false),
-      m_numkeys(0) {
+    : m_ciphertype(CT_INVALID_CBC), m_hasactivekey(false), m_numkeys(0) {
   m_attrs.testInvariant();
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setTag(const std::string& tag) {
-  assignBoundedField("KeyGrpRecord_v1::setTag", "Encountered TAG of size: ", m_tag, tag);
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setName(const std::string& name) {
-  assignTruncatedField("KeyGrpRecord_v1::setName", "Name", m_name, name);
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setUpdateTime(uint64_t seconds) {
-  m_updatetime = seconds;
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setCreateTime(uint64_t seconds) {
-  m_createtime = seconds;
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setDescription(const std::string& description) {
-  assignTruncatedField("KeyGrpRecord_v1::setDescription", "Description", m_description,
-                       description);
-  testInvariant();
-}
-
-void KeyGrpRecord_v1::setRev(uint32_t rev) {
-  m_rev = rev;
   testInvariant();
 }
 
@@ -88,9 +52,7 @@ void KeyGrpRecord_v1::setFields(const std::string& tag, const std::string& name,
 
 bool KeyGrpRecord_v1::operator==(const KeyGrpRecord_v1& other) const {
   // m_hasactivekey and m_numkeys are derived and left out.
-  return m_tag == other.m_tag && m_name == other.m_name && m_createtime == other.m_createtime &&
-         m_updatetime == other.m_updatetime && m_description == other.m_description &&
-         m_rev == other.m_rev && m_ciphertype == other.m_ciphertype && m_attrs == other.m_attrs;
+  return sharedFieldsEqual(other) && m_ciphertype == other.m_ciphertype;
 }
 
 void KeyGrpRecord_v1::testInvariant() const {
@@ -111,14 +73,7 @@ void KeyGrpRecord_v1::display(int number) const {
   std::printf("Tag : ");
   Utils::displayBuffer(m_tag, true, "", true);
   std::printf("CipherType : %s\n", Utils::cipherTypeToString(m_ciphertype).c_str());
-  std::printf("Creation Time : ");
-  Utils::displayTimestamp(m_createtime);
-  std::printf("Last Update Time : ");
-  Utils::displayTimestamp(m_updatetime);
-  std::printf("Description : ");
-  Utils::displayBuffer(m_description, false, "", false);
-  std::printf("Object Revision : ");
-  Utils::displayObjRev(m_rev);
+  displaySharedFields();
   std::printf("HasActiveKey : %s\n", m_hasactivekey ? "true" : "false");
   std::printf("NumKeys : %lu\n", static_cast<unsigned long>(m_numkeys));
   std::printf("Extended Attributes : ");

@@ -16,13 +16,18 @@
 
 #include "kms/server/keystore/AttributeList.h"
 #include "kms/server/keystore/KeyStoreTypes.h"
+#include "kms/server/keystore/SharedRecordFields.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-class KeyGrpRecord_v1 {
+class KeyGrpRecord_v1 : public SharedRecordFields<KeyGrpRecord_v1> {
  public:
+  // Tag, name, times, description, revision and attributes, with their
+  // accessors, come from SharedRecordFields.
+  static constexpr const char* kClassName = "KeyGrpRecord_v1";
+
   // Empty strings, zero times, revision 0, CT_INVALID_CBC, false, 0.
   KeyGrpRecord_v1();
   KeyGrpRecord_v1(const KeyGrpRecord_v1&) = default;
@@ -30,25 +35,10 @@ class KeyGrpRecord_v1 {
   KeyGrpRecord_v1& operator=(const KeyGrpRecord_v1&) = default;
   KeyGrpRecord_v1& operator=(KeyGrpRecord_v1&&) = default;
 
-  const std::string& tag() const { return m_tag; }
-  const std::string& name() const { return m_name; }
-  uint64_t updateTime() const { return m_updatetime; }
-  uint64_t createTime() const { return m_createtime; }
-  const std::string& description() const { return m_description; }
-  uint32_t rev() const { return m_rev; }
   ks_ciphertype_t cipherType() const { return m_ciphertype; }
   bool hasActiveKey() const { return m_hasactivekey; }
   uint64_t numKeys() const { return m_numkeys; }
-  const AttributeList& attributes() const { return m_attrs; }
-  // The list keeps its own limits, so it may be changed in place.
-  AttributeList& attributes() { return m_attrs; }
 
-  void setTag(const std::string& tag);  // throws 1214
-  void setName(const std::string& name);
-  void setUpdateTime(uint64_t seconds);
-  void setCreateTime(uint64_t seconds);
-  void setDescription(const std::string& description);
-  void setRev(uint32_t rev);
   void setCipherType(ks_ciphertype_t type);  // throws 1214
   void setHasActiveKey(bool hasActiveKey);
   void setNumKeys(uint64_t numKeys);
@@ -70,16 +60,9 @@ class KeyGrpRecord_v1 {
   void display(int number) const;
 
  private:
-  std::string m_tag;
-  std::string m_name;
-  uint64_t m_updatetime;
-  uint64_t m_createtime;
-  std::string m_description;
-  uint32_t m_rev;
   ks_ciphertype_t m_ciphertype;
   bool m_hasactivekey;
   uint64_t m_numkeys;
-  AttributeList m_attrs;
 };
 
 }  // namespace KMS

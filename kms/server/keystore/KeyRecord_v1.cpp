@@ -11,39 +11,8 @@ namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-KeyRecord_v1::KeyRecord_v1()
-    : m_updatetime(0), m_createtime(0), m_rev(0), m_state(KEY_INVALID), m_kpktype(KPK_INVALID) {
+KeyRecord_v1::KeyRecord_v1() : m_state(KEY_INVALID), m_kpktype(KPK_INVALID) {
   m_attrs.testInvariant();
-  testInvariant();
-}
-
-void KeyRecord_v1::setTag(const std::string& tag) {
-  assignBoundedField("KeyRecord_v1::setTag", "Encountered TAG of size: ", m_tag, tag);
-  testInvariant();
-}
-
-void KeyRecord_v1::setName(const std::string& name) {
-  assignTruncatedField("KeyRecord_v1::setName", "Name", m_name, name);
-  testInvariant();
-}
-
-void KeyRecord_v1::setUpdateTime(uint64_t seconds) {
-  m_updatetime = seconds;
-  testInvariant();
-}
-
-void KeyRecord_v1::setCreateTime(uint64_t seconds) {
-  m_createtime = seconds;
-  testInvariant();
-}
-
-void KeyRecord_v1::setDescription(const std::string& description) {
-  assignTruncatedField("KeyRecord_v1::setDescription", "Description", m_description, description);
-  testInvariant();
-}
-
-void KeyRecord_v1::setRev(uint32_t rev) {
-  m_rev = rev;
   testInvariant();
 }
 
@@ -121,11 +90,8 @@ void KeyRecord_v1::addOrUpdateKRAttribute(std::string name, std::string value) {
 }
 
 bool KeyRecord_v1::operator==(const KeyRecord_v1& other) const {
-  return m_tag == other.m_tag && m_name == other.m_name && m_createtime == other.m_createtime &&
-         m_updatetime == other.m_updatetime && m_description == other.m_description &&
-         m_rev == other.m_rev && m_kgroup == other.m_kgroup && m_state == other.m_state &&
-         m_kpktype == other.m_kpktype && m_kpktag == other.m_kpktag && m_key == other.m_key &&
-         m_attrs == other.m_attrs;
+  return sharedFieldsEqual(other) && m_kgroup == other.m_kgroup && m_state == other.m_state &&
+         m_kpktype == other.m_kpktype && m_kpktag == other.m_kpktag && m_key == other.m_key;
 }
 
 void KeyRecord_v1::testInvariant() const {
@@ -152,14 +118,7 @@ void KeyRecord_v1::display(int number) const {
   std::printf("Key Group : ");
   Utils::displayBuffer(m_kgroup, true, "", true);
   std::printf("Status : %s\n\n", Utils::keystateToString(m_state).c_str());
-  std::printf("Creation Time : ");
-  Utils::displayTimestamp(m_createtime);
-  std::printf("Last Update Time : ");
-  Utils::displayTimestamp(m_updatetime);
-  std::printf("Description : ");
-  Utils::displayBuffer(m_description, false, "", false);
-  std::printf("Object Revision : ");
-  Utils::displayObjRev(m_rev);
+  displaySharedFields();
   std::printf("KPK Type : %s\n", Utils::kpkTypeToString(m_kpktype).c_str());
   std::printf("KPK Tag : ");
   Utils::displayBuffer(m_kpktag, true, "", true);

@@ -19,13 +19,18 @@
 
 #include "kms/server/keystore/AttributeList.h"
 #include "kms/server/keystore/KeyStoreTypes.h"
+#include "kms/server/keystore/SharedRecordFields.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-class KeyRecord_v1 {
+class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
  public:
+  // Tag, name, times, description, revision and attributes, with their
+  // accessors, come from SharedRecordFields.
+  static constexpr const char* kClassName = "KeyRecord_v1";
+
   // Empty strings, zero times, revision 0, KEY_INVALID, KPK_INVALID.
   KeyRecord_v1();
   KeyRecord_v1(const KeyRecord_v1&) = default;
@@ -33,27 +38,12 @@ class KeyRecord_v1 {
   KeyRecord_v1& operator=(const KeyRecord_v1&) = default;
   KeyRecord_v1& operator=(KeyRecord_v1&&) = default;
 
-  const std::string& tag() const { return m_tag; }
-  const std::string& name() const { return m_name; }
-  uint64_t updateTime() const { return m_updatetime; }
-  uint64_t createTime() const { return m_createtime; }
-  const std::string& description() const { return m_description; }
-  uint32_t rev() const { return m_rev; }
   const std::string& keyGroup() const { return m_kgroup; }
   ks_keystate_t state() const { return m_state; }
   ks_kpktype_t kpkType() const { return m_kpktype; }
   const std::string& kpkTag() const { return m_kpktag; }
   const std::string& key() const { return m_key.bytes(); }
-  const AttributeList& attributes() const { return m_attrs; }
-  // The list keeps its own limits, so it may be changed in place.
-  AttributeList& attributes() { return m_attrs; }
 
-  void setTag(const std::string& tag);  // throws 1214
-  void setName(const std::string& name);
-  void setUpdateTime(uint64_t seconds);
-  void setCreateTime(uint64_t seconds);
-  void setDescription(const std::string& description);
-  void setRev(uint32_t rev);
   void setKeyGroup(const std::string& groupTag);  // throws 1214
   void setState(ks_keystate_t state);             // throws 1214
   void setKpkType(ks_kpktype_t type);             // throws 1214
@@ -125,18 +115,11 @@ class KeyRecord_v1 {
     std::string m_bytes;
   };
 
-  std::string m_tag;
-  std::string m_name;
-  uint64_t m_updatetime;
-  uint64_t m_createtime;
-  std::string m_description;
-  uint32_t m_rev;
   std::string m_kgroup;
   ks_keystate_t m_state;
   ks_kpktype_t m_kpktype;
   std::string m_kpktag;
   KeyBytes m_key;
-  AttributeList m_attrs;
 };
 
 }  // namespace KMS

@@ -290,11 +290,17 @@ void ReaderWriter::readAttributeList(KSInputBuffer& in, AttributeList& list) {
   });
 }
 
-void ReaderWriter::writeRecord(KSOutStream& out, const KeyRecord_v1& rec) {
-  RW_TRACE("ReaderWriter::writeRecord");
+namespace {
+
+// A record on the stream: its marker, the fields that key and group records
+// share (tag, name, times, description, revision), then those that
+// `ownFields` writes or reads, the digest over all of them, and the
+// attribute list.
+template <typename Record, typename OwnFields>
+void writeRecordWith(KSOutStream& out, const Record& rec, OwnFields&& ownFields) {
   static const char* const kLabel = "ReaderWriter::writeRecord";
   translateErrors(kLabel, kWriteMap, [&] {
-    writeMarker(out, s_recordmark);
+    writeMarker(out, ReaderWriter::s_recordmark);
     DigestingWriter fields(out, kLabel);
     fields.string(rec.tag());
     fields.string(rec.name());
@@ -302,46 +308,53 @@ void ReaderWriter::writeRecord(KSOutStream& out, const KeyRecord_v1& rec) {
     fields.integer(rec.createTime(), 8);
     fields.string(rec.description());
     fields.integer(rec.rev(), 4);
-    fields.string(rec.keyGroup());
-    fields.integer(static_cast<uint16_t>(rec.state()), 2);
-    fields.integer(static_cast<uint16_t>(rec.kpkType()), 2);
-    fields.string(rec.kpkTag());
-    fields.string(rec.key());
+    ownFields(fields);
     fields.finish();
-    writeAttributeList(out, rec.attributes());
+    ReaderWriter::writeAttributeList(out, rec.attributes());
   });
 }
 
-void ReaderWriter::writeRecord(KSOutStream& out, const KeyGrpRecord_v1& rec) {
-  RW_TRACE("ReaderWriter::writeRecord");
-  static const char* const kLabel = "ReaderWriter::writeRecord";
-  translateErrors(kLabel, kWriteMap, [&] {
-    writeMarker(out, s_recordmark);
-    DigestingWriter fields(out, kLabel);
-    fields.string(rec.tag());
-    fields.string(rec.name());
-    fields.integer(rec.updateTime(), 8);
-    fields.integer(rec.createTime(), 8);
-    fields.string(rec.description());
-    fields.integer(rec.rev(), 4);
-    fields.integer(static_cast<uint16_t>(rec.cipherType()), 2);
-    fields.finish();
-    writeAttributeList(out, rec.attributes());
-  });
-}
-
-void ReaderWriter::readRecord(KSInputBuffer& in, KeyRecord_v1& rec) {
-  RW_TRACE("ReaderWriter::readRecord");
+template <typename Record, typename OwnFields>
+void readRecordWith(KSInputBuffer& in, Record& rec, OwnFields&& ownFields) {
   static const char* const kLabel = "ReaderWriter::readRecord";
   translateErrors(kLabel, kReadRecordMap, [&] {
     DigestingReader fields(in, kLabel);
-    fields.marker(verifyRecordMarkerAndGetHashAlgo);
+    fields.marker(ReaderWriter::verifyRecordMarkerAndGetHashAlgo);
     rec.setTag(fields.string());
     rec.setName(fields.string());
     rec.setUpdateTime(fields.integer(8));
     rec.setCreateTime(fields.integer(8));
     rec.setDescription(fields.string());
     rec.setRev(static_cast<uint32_t>(fields.integer(4)));
+    ownFields(fields);
+    fields.checkDigest();
+    ReaderWriter::readAttributeList(in, rec.attributes());
+  });
+}
+
+}  // namespace
+
+void ReaderWriter::writeRecord(KSOutStream& out, const KeyRecord_v1& rec) {
+  RW_TRACE("ReaderWriter::writeRecord");
+  writeRecordWith(out, rec, [&](DigestingWriter& fields) {
+    fields.string(rec.keyGroup());
+    fields.integer(static_cast<uint16_t>(rec.state()), 2);
+    fields.integer(static_cast<uint16_t>(rec.kpkType()), 2);
+    fields.string(rec.kpkTag());
+    fields.string(rec.key());
+  });
+}
+
+void ReaderWriter::writeRecord(KSOutStream& out, const KeyGrpRecord_v1& rec) {
+  RW_TRACE("ReaderWriter::writeRecord");
+  writeRecordWith(out, rec, [&](DigestingWriter& fields) {
+    fields.integer(static_cast<uint16_t>(rec.cipherType()), 2);
+  });
+}
+
+void ReaderWriter::readRecord(KSInputBuffer& in, KeyRecord_v1& rec) {
+  RW_TRACE("ReaderWriter::readRecord");
+  readRecordWith(in, rec, [&](DigestingReader& fields) {
     rec.setKeyGroup(fields.string());
     rec.setState(enumOf<ks_keystate_t>(fields.integer(2)));
     rec.setKpkType(enumOf<ks_kpktype_t>(fields.integer(2)));
@@ -349,26 +362,13 @@ void ReaderWriter::readRecord(KSInputBuffer& in, KeyRecord_v1& rec) {
     std::string key = fields.string();
     ScopedWipe wipeKey(key);
     rec.setKey(key);
-    fields.checkDigest();
-    readAttributeList(in, rec.attributes());
   });
 }
 
 void ReaderWriter::readRecord(KSInputBuffer& in, KeyGrpRecord_v1& rec) {
   RW_TRACE("ReaderWriter::readRecord");
-  static const char* const kLabel = "ReaderWriter::readRecord";
-  translateErrors(kLabel, kReadRecordMap, [&] {
-    DigestingReader fields(in, kLabel);
-    fields.marker(verifyRecordMarkerAndGetHashAlgo);
-    rec.setTag(fields.string());
-    rec.setName(fields.string());
-    rec.setUpdateTime(fields.integer(8));
-    rec.setCreateTime(fields.integer(8));
-    rec.setDescription(fields.string());
-    rec.setRev(static_cast<uint32_t>(fields.integer(4)));
+  readRecordWith(in, rec, [&](DigestingReader& fields) {
     rec.setCipherType(enumOf<ks_ciphertype_t>(fields.integer(2)));
-    fields.checkDigest();
-    readAttributeList(in, rec.attributes());
   });
 }
 
