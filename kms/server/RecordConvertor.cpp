@@ -1,5 +1,7 @@
 #include "kms/server/RecordConvertor.h"
 
+#include <cstring>
+
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/RecordUtils.h"
@@ -42,9 +44,24 @@ std::string toBytes(const TL::Framework::octetSeq& octets) {
 
 void toOctets(const std::string& bytes, TL::Framework::octetSeq& out) {
   out.length(static_cast<CORBA::ULong>(bytes.size()));
-  for (CORBA::ULong i = 0; i < out.length(); ++i) {
-    out[i] = static_cast<CORBA::Octet>(bytes[i]);
+  if (!bytes.empty()) {
+    std::memcpy(out.get_buffer(), bytes.data(), bytes.size());
   }
+}
+
+// A tag in lower-case hexadecimal, written straight into a new wire string
+// that the caller owns (a String_member adopts it).
+char* toIdlHex(const std::string& bytes) {
+  static const char kDigits[] = "0123456789abcdef";  // Utils::toAscii's digits
+  char* text = CORBA::string_alloc(static_cast<CORBA::ULong>(bytes.size() * 2));
+  char* at = text;
+  for (char c : bytes) {
+    const unsigned char b = static_cast<unsigned char>(c);
+    *at++ = kDigits[b >> 4];
+    *at++ = kDigits[b & 0x0f];
+  }
+  *at = '\0';
+  return text;
 }
 
 }  // namespace
@@ -82,9 +99,9 @@ void RecordConvertor::toIdlKeyRecord(const Store::KeyRecord_v1& rec, KMSFacetsV1
   out.rev = static_cast<CORBA::Long>(rec.rev());
   out.state = static_cast<CORBA::Long>(rec.state());
   out.kpkType = static_cast<CORBA::Long>(rec.kpkType());
-  out.tag = binToHex(rec.tag()).c_str();
-  out.keyGroup = binToHex(rec.keyGroup()).c_str();
-  out.kpkTag = binToHex(rec.kpkTag()).c_str();
+  out.tag = toIdlHex(rec.tag());
+  out.keyGroup = toIdlHex(rec.keyGroup());
+  out.kpkTag = toIdlHex(rec.kpkTag());
   out.name = rec.name().c_str();
   out.description = rec.description().c_str();
   toOctets(rec.key(), out.encKey);
@@ -107,7 +124,7 @@ void RecordConvertor::toIdlKeyGroupRecord(const Store::KeyGrpRecord_v1& rec,
   out.type = static_cast<CORBA::Long>(rec.cipherType());
   out.stat.hasActiveKey = rec.hasActiveKey();
   out.stat.numKeys = static_cast<CORBA::Long>(rec.numKeys());
-  out.tag = binToHex(rec.tag()).c_str();
+  out.tag = toIdlHex(rec.tag());
   out.name = rec.name().c_str();
   out.description = rec.description().c_str();
   toIdlAttributes(rec.attributes(), out.attributeList, "RecordConvertor::toIdlKeyGroupRecord");

@@ -225,3 +225,80 @@ TEST(GCMCrypter, LongStreamsCrossTheWorkChunk) {
   ASSERT_EQ(fetchDecrypted(c, back), 0);
   EXPECT_TRUE(back == plain);
 }
+
+TEST(GCMCrypter, AReusedCrypterAgreesWithFreshOnesAcrossStreamsAndFailures) {
+  // One crypter of each side serves many streams; fresh crypters check every
+  // result. Failures of every kind come between the good streams.
+  const std::string key(32, 'r');
+  GCMCrypter sealer(key);
+  GCMCrypter opener(key);
+  for (int round = 0; round < 60; ++round) {
+    const std::string plain(static_cast<size_t>(round * 37 % 3000), static_cast<char>(round));
+    const std::string aad = round % 3 == 0 ? "header " + std::to_string(round) : "";
+    if (round > 0) {
+      ASSERT_EQ(sealer.encryptReset(), 0);
+      ASSERT_EQ(opener.decryptReset(), 0);
+    }
+    if (!aad.empty()) {
+      ASSERT_EQ(sealer.add_authenticated_data_encrypt(u8(aad), aad.size()), 0);
+      ASSERT_EQ(opener.add_authenticated_data_decrypt(u8(aad), aad.size()), 0);
+    }
+    const std::string stream = encryptAll(sealer, plain).bytes;
+    ASSERT_EQ(stream.size(), plain.size() + 28) << round;
+    GCMCrypter fresh(key);
+    if (!aad.empty()) {
+      ASSERT_EQ(fresh.add_authenticated_data_decrypt(u8(aad), aad.size()), 0);
+    }
+    ASSERT_TRUE(decryptAll(fresh, stream).bytes == plain) << round;
+    const auto opened = decryptAll(opener, stream);
+    ASSERT_EQ(opened.status, 0) << round;
+    ASSERT_TRUE(opened.bytes == plain) << round;
+
+    // Then a failure, so that the next round starts on a side that failed.
+    switch (round % 5) {
+      case 0: {  // a failed tag check
+        std::string bad = stream;
+        bad[bad.size() / 2] ^= 0x10;
+        ASSERT_EQ(opener.decryptReset(), 0);
+        ASSERT_EQ(opener.decrypt(u8(bad), bad.size(), true), 1270);
+        break;
+      }
+      case 1:  // a stream too short for its tag
+        ASSERT_EQ(opener.decryptReset(), 0);
+        ASSERT_EQ(opener.decrypt(u8(stream), 27, true), 1224);
+        break;
+      case 2:  // a stream left halfway, without a final call
+        ASSERT_EQ(opener.decryptReset(), 0);
+        ASSERT_EQ(opener.decrypt(u8(stream), stream.size() / 2, false), 0);
+        break;
+      case 3:  // AAD after the data on both sides
+        ASSERT_EQ(sealer.encryptReset(), 0);
+        ASSERT_EQ(sealer.encrypt(u8(plain), plain.size(), false), 0);
+        ASSERT_EQ(sealer.add_authenticated_data_encrypt(u8(key), 4), 1224);
+        ASSERT_EQ(opener.decryptReset(), 0);
+        ASSERT_EQ(opener.decrypt(u8(stream), 20, false), 0);
+        ASSERT_EQ(opener.add_authenticated_data_decrypt(u8(key), 4), 1224);
+        break;
+      default:  // a stream under another key
+        GCMCrypter other(std::string(32, 'o'));
+        const std::string foreign = encryptAll(other, plain).bytes;
+        ASSERT_EQ(opener.decryptReset(), 0);
+        ASSERT_EQ(opener.decrypt(u8(foreign), foreign.size(), true), 1270);
+        break;
+    }
+  }
+
+  // After all that, the reused crypter still gives the known answers.
+  ScriptedRandom fixedIv(0, kIv);
+  GCMCrypter c(kKey);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(c.encryptReset(), 0);
+    EXPECT_EQ(hex(encryptAll(c, kPlain15).bytes), hex(kStream15)) << i;
+    ASSERT_EQ(c.decryptReset(), 0);
+    EXPECT_EQ(hex(decryptAll(c, kStream15).bytes), hex(kPlain15)) << i;
+    std::string bad = kStream15;
+    bad.back() ^= 1;
+    ASSERT_EQ(c.decryptReset(), 0);
+    EXPECT_EQ(c.decrypt(u8(bad), bad.size(), true), 1270);
+  }
+}

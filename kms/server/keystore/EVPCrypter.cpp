@@ -3,6 +3,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/FetchedCipher.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -16,7 +17,7 @@ EVPCrypter::EVPCrypter(EVPCryptType type, const std::string& key, const std::str
   static const char* const kLabel = "EVPCrypter::EVPCrypter";
   KMS_TRACE_THIS(kLabel);
   if (type == EVP_AES_256_CBC) {
-    m_cipher = EVP_aes_256_cbc();
+    m_cipher = FetchedCipher::aes256Cbc();
   }
   if (m_cipher == nullptr) {
     KMS_DEBUG(kLabel, 1, "EVPCryptType specified was incorrect " << static_cast<int>(type));
@@ -50,8 +51,8 @@ int EVPCrypter::sideReset(Side& side, int enc, const char* function) {
     return side.status;
   }
   EVP_CIPHER_CTX_reset(side.ctx.get());
-  if (EVP_CipherInit_ex(side.ctx.get(), m_cipher, nullptr, m_key.data(),
-                        reinterpret_cast<const unsigned char*>(m_iv.data()), enc) == 1) {
+  if (EVP_CipherInit_ex2(side.ctx.get(), m_cipher, m_key.data(),
+                         reinterpret_cast<const unsigned char*>(m_iv.data()), enc, nullptr) == 1) {
     side.status = 0;
   } else {
     KMS_DEBUG(function, 1, "EVP_CipherInit_ex returned FAILURE ");

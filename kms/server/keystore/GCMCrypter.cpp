@@ -6,6 +6,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/FetchedCipher.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -24,7 +25,7 @@ const unsigned char* bytes(const std::string& s) {
 GCMCrypter::GCMCrypter(const std::string& key) {
   static const char* const kLabel = "GCMCrypter::GCMCrypter";
   KMS_TRACE_THIS(kLabel);
-  m_cipher = EVP_aes_256_gcm();
+  m_cipher = FetchedCipher::aes256Gcm();
   if (m_cipher == nullptr) {
     KMS_DEBUG(kLabel, 1, "Failed to obtain cipher function EVP_aes_256_gcm");
     KS_THROW(1223, kLabel);
@@ -58,30 +59,44 @@ int GCMCrypter::encryptReset() {
   m_encStatus = 0;
   m_encState = NOT_READY;
   EVP_CIPHER_CTX* ctx = m_encCtx.get();
-  EVP_CIPHER_CTX_reset(ctx);
-  if (EVP_EncryptInit_ex(ctx, m_cipher, nullptr, nullptr, nullptr) != 1) {
-    KMS_DEBUG(kLabel, 1, "EVP_EncryptInit_ex returned FAILURE");
-    logOpenSSLErrors(kLabel);
-    m_encStatus = 1223;
-    return m_encStatus;
+  if (!m_encKeyed) {
+    EVP_CIPHER_CTX_reset(ctx);
+    if (EVP_EncryptInit_ex2(ctx, m_cipher, nullptr, nullptr, nullptr) != 1) {
+      KMS_DEBUG(kLabel, 1, "EVP_EncryptInit_ex returned FAILURE");
+      logOpenSSLErrors(kLabel);
+      return encryptFailed(1223);
+    }
+    if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, GCM_IV_LEN, nullptr) != 1) {
+      KMS_DEBUG(kLabel, 1, "EVP_CIPHER_CTX_ctrl returned FAILURE");
+      return encryptFailed(1223);
+    }
   }
-  if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, GCM_IV_LEN, nullptr) != 1) {
-    KMS_DEBUG(kLabel, 1, "EVP_CIPHER_CTX_ctrl returned FAILURE");
-    m_encStatus = 1223;
-    return m_encStatus;
-  }
+  // A keyed context takes the new IV alone; the IV restarts the counter and
+  // the authentication state.
   unsigned char iv[GCM_IV_LEN];
   if (mangleGetRandom(iv, sizeof iv) != 0 ||
-      EVP_EncryptInit_ex(ctx, nullptr, nullptr, m_key.data(), iv) != 1) {
+      EVP_EncryptInit_ex2(ctx, nullptr, m_encKeyed ? nullptr : m_key.data(), iv, nullptr) != 1) {
     KMS_DEBUG(kLabel, 1, "mangleGetRandom returned FAILURE");
     logOpenSSLErrors(kLabel);
-    m_encStatus = 1223;
-    return m_encStatus;
+    return encryptFailed(1223);
   }
+  m_encKeyed = true;
   // The IV heads the stream and leaves with the first get.
   m_encOutput.append(iv, sizeof iv);
   m_encState = RESET_DONE;
   return m_encStatus;
+}
+
+int GCMCrypter::encryptFailed(int status) {
+  m_encStatus = status;
+  m_encKeyed = false;
+  return status;
+}
+
+int GCMCrypter::decryptFailed(int status) {
+  m_decStatus = status;
+  m_decKeyed = false;
+  return status;
 }
 
 int GCMCrypter::add_authenticated_data_encrypt(const unsigned char* data, unsigned long len) {
@@ -92,14 +107,13 @@ int GCMCrypter::add_authenticated_data_encrypt(const unsigned char* data, unsign
   }
   if (m_encState != RESET_DONE) {
     KMS_DEBUG(kLabel, 1, "Attempted to add AAD when it is not allowed");
-    m_encStatus = 1224;
-    return m_encStatus;
+    return encryptFailed(1224);
   }
   int produced = 0;
   if (EVP_EncryptUpdate(m_encCtx.get(), nullptr, &produced, data, static_cast<int>(len)) != 1) {
     KMS_DEBUG(kLabel, 1, "EVP_EncryptUpdate returned FAILURE");
     logOpenSSLErrors(kLabel);
-    m_encStatus = 1224;
+    return encryptFailed(1224);
   }
   return m_encStatus;
 }
@@ -114,8 +128,7 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
   if (m_encState == RESET_DONE) {
     m_encState = ENCRYPTING;
   } else if (m_encState != ENCRYPTING) {
-    m_encStatus = 1224;
-    return 1224;
+    return encryptFailed(1224);
   }
   EVP_CIPHER_CTX* ctx = m_encCtx.get();
   while (len > 0) {
@@ -124,8 +137,7 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
     if (EVP_EncryptUpdate(ctx, m_work.data(), &produced, data, static_cast<int>(chunk)) != 1) {
       KMS_DEBUG(kLabel, 1, "EVP_EncryptUpdate returned FAILURE");
       logOpenSSLErrors(kLabel);
-      m_encStatus = 1224;
-      return 1224;
+      return encryptFailed(1224);
     }
     m_encOutput.append(m_work.data(), static_cast<unsigned long>(produced));
     data += chunk;
@@ -143,8 +155,7 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
     if (!ok) {
       KMS_DEBUG(kLabel, 1, "EVP_EncryptFinal_ex returned FAILURE");
       logOpenSSLErrors(kLabel);
-      m_encStatus = 1224;
-      return 1224;
+      return encryptFailed(1224);
     }
     m_encOutput.append(tag, GCM_TAG_LEN);
   }
@@ -166,19 +177,20 @@ int GCMCrypter::decryptReset() {
   m_pending.clear();
   m_decStatus = 0;
   m_decState = NOT_READY;
+  // A keyed context is left as it is: the next stream's IV restarts it.
   EVP_CIPHER_CTX* ctx = m_decCtx.get();
-  EVP_CIPHER_CTX_reset(ctx);
-  if (EVP_DecryptInit_ex(ctx, m_cipher, nullptr, nullptr, nullptr) == 0) {
-    KMS_DEBUG(kLabel, 1, "EVP_DecryptInit_ex returned FAILURE");
-    logOpenSSLErrors(kLabel);
-    m_decStatus = 1223;
-    return m_decStatus;
-  }
-  if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, GCM_IV_LEN, nullptr) != 1) {
-    KMS_DEBUG(kLabel, 1, "EVP_CIPHER_CTX_ctrl returned FAILURE");
-    logOpenSSLErrors(kLabel);
-    m_decStatus = 1223;
-    return m_decStatus;
+  if (!m_decKeyed) {
+    EVP_CIPHER_CTX_reset(ctx);
+    if (EVP_DecryptInit_ex2(ctx, m_cipher, nullptr, nullptr, nullptr) == 0) {
+      KMS_DEBUG(kLabel, 1, "EVP_DecryptInit_ex returned FAILURE");
+      logOpenSSLErrors(kLabel);
+      return decryptFailed(1223);
+    }
+    if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, GCM_IV_LEN, nullptr) != 1) {
+      KMS_DEBUG(kLabel, 1, "EVP_CIPHER_CTX_ctrl returned FAILURE");
+      logOpenSSLErrors(kLabel);
+      return decryptFailed(1223);
+    }
   }
   m_decState = RESET_DONE;
   return m_decStatus;
@@ -192,8 +204,7 @@ int GCMCrypter::add_authenticated_data_decrypt(const unsigned char* data, unsign
   }
   if (m_decState != RESET_DONE) {
     KMS_DEBUG(kLabel, 1, "Attempted to add AAD when it is not allowed");
-    m_decStatus = 1224;
-    return m_decStatus;
+    return decryptFailed(1224);
   }
   m_aad.append(reinterpret_cast<const char*>(data), len);
   return 0;
@@ -236,8 +247,7 @@ int GCMCrypter::decrypt(const unsigned char* data, unsigned long len, bool final
   if (m_decState == RESET_DONE) {
     m_decState = READING_IV;
   } else if (m_decState != READING_IV && m_decState != IV_COMPLETE) {
-    m_decStatus = 1224;
-    return 1224;
+    return decryptFailed(1224);
   }
   if (m_decState == READING_IV) {
     const unsigned long want = static_cast<unsigned long>(GCM_IV_LEN) - m_iv.size();
@@ -246,12 +256,13 @@ int GCMCrypter::decrypt(const unsigned char* data, unsigned long len, bool final
     data += take;
     len -= take;
     if (m_iv.size() == static_cast<size_t>(GCM_IV_LEN)) {
-      if (EVP_DecryptInit_ex(m_decCtx.get(), nullptr, nullptr, m_key.data(), bytes(m_iv)) != 1) {
+      if (EVP_DecryptInit_ex2(m_decCtx.get(), nullptr, m_decKeyed ? nullptr : m_key.data(),
+                              bytes(m_iv), nullptr) != 1) {
         KMS_DEBUG(kLabel, 1, "EVP_DecryptInit_ex returned FAILURE");
         logOpenSSLErrors(kLabel);
-        m_decStatus = 1224;
-        return 1224;
+        return decryptFailed(1224);
       }
+      m_decKeyed = true;
       m_iv.clear();
       m_decState = IV_COMPLETE;
     }
@@ -271,15 +282,13 @@ int GCMCrypter::finishDecrypt() {
   // Also covers a stream that ended inside its IV.
   if (m_cached_tag.size() != static_cast<size_t>(GCM_TAG_LEN)) {
     KMS_DEBUG(kLabel, 1, "sufficient tag size was not accumulated");
-    m_decStatus = 1224;
-    return 1224;
+    return decryptFailed(1224);
   }
   m_decState = FINAL_DONE;
   EVP_CIPHER_CTX* ctx = m_decCtx.get();
   if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, GCM_TAG_LEN, &m_cached_tag[0]) <= 0) {
     KMS_DEBUG(kLabel, 1, "EVP_CIPHER_CTX_ctrl returned FAILURE");
-    m_decStatus = 1224;
-    return 1224;
+    return decryptFailed(1224);
   }
   m_cached_tag.clear();
   int produced = 0;
@@ -290,8 +299,7 @@ int GCMCrypter::finishDecrypt() {
     if (ok != 1) {
       KMS_DEBUG(kLabel, 1, "EVP_DecryptUpdate returned FAILURE");
       logOpenSSLErrors(kLabel);
-      m_decStatus = 1224;
-      return 1224;
+      return decryptFailed(1224);
     }
   } else {
     KMS_DEBUG(kLabel, 5, "No AAD was provided");
@@ -302,8 +310,7 @@ int GCMCrypter::finishDecrypt() {
                           static_cast<int>(chunk)) != 1) {
       KMS_DEBUG(kLabel, 1, "EVP_DecryptUpdate returned FAILURE");
       logOpenSSLErrors(kLabel);
-      m_decStatus = 1224;
-      return 1224;
+      return decryptFailed(1224);
     }
     m_decOutput.append(m_work.data(), static_cast<unsigned long>(produced));
   }
@@ -312,8 +319,7 @@ int GCMCrypter::finishDecrypt() {
     // The authentication failure: wrong key, changed byte or different AAD.
     KMS_DEBUG(kLabel, 1, "EVP_DecryptFinal_ex returned FAILURE");
     logOpenSSLErrors(kLabel);
-    m_decStatus = 1270;
-    return 1270;
+    return decryptFailed(1270);
   }
   m_decOutput.append(m_work.data(), static_cast<unsigned long>(produced));
   m_decOutput.endCall();

@@ -10,6 +10,12 @@
 // after the tag has been checked. So it holds the whole ciphertext in memory,
 // and a failed check (1270) leaves no plaintext reachable: the get then
 // returns 1223.
+//
+// A crypter may be reused for any number of streams under its key: each
+// side's cipher context keeps its key schedule from one reset to the next,
+// so a reset after a successful stream only sets a new IV. After any failure
+// on a side, its next reset builds the context afresh. The contexts (key
+// schedules included) are wiped when the crypter is destroyed.
 #pragma once
 
 #include <openssl/evp.h>
@@ -70,6 +76,10 @@ class GCMCrypter : public KSCrypt {
   // candidate tag, keeping the last 16 bytes seen in the tag.
   void collect(const unsigned char* data, unsigned long len);
   int finishDecrypt();
+  // Record a failure of the side: `status` becomes its status, its context
+  // is rebuilt at the next reset. Return `status`.
+  int encryptFailed(int status);
+  int decryptFailed(int status);
 
   const EVP_CIPHER* m_cipher = nullptr;
   SecureBytes m_key;
@@ -86,6 +96,10 @@ class GCMCrypter : public KSCrypt {
   SecureBytes m_work;     // block size + 2048 bytes
   State m_encState = NOT_READY;
   State m_decState = NOT_READY;
+  // The side's context holds the cipher, the IV length and the key from a
+  // successful earlier stream or reset: a reset only has to set a new IV.
+  bool m_encKeyed = false;
+  bool m_decKeyed = false;
 };
 
 }  // namespace KMS

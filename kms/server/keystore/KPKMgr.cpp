@@ -32,13 +32,14 @@ const ErrorMap kDecryptMap = kpkErrorMap({});
 KPKMgr::KPKMgr() : m_type(KSCrypt::CRYPT_INVALID), m_version(0), m_setUp(false) {}
 
 KPKMgr::KPKMgr(const std::string& kpk, KSCrypt::CryptType type, ks_version_t version, bool setUp)
-    : m_kpk(kpk), m_type(type), m_version(version), m_setUp(setUp) {}
+    : m_kpk(kpk), m_type(type), m_version(version), m_setUp(setUp) {
+  fillPool();
+}
 
 KPKMgr::KPKMgr(const KPKMgr& other)
-    : m_kpk(other.m_kpk),
-      m_type(other.m_type),
-      m_version(other.m_version),
-      m_setUp(other.m_setUp) {}
+    : m_kpk(other.m_kpk), m_type(other.m_type), m_version(other.m_version), m_setUp(other.m_setUp) {
+  fillPool();
+}
 
 KPKMgr& KPKMgr::operator=(const KPKMgr& other) {
   if (this != &other) {
@@ -58,6 +59,17 @@ void KPKMgr::set(const std::string& kpk, KSCrypt::CryptType type, ks_version_t v
   m_type = type;
   m_version = version;
   m_setUp = setUp;
+  fillPool();
+}
+
+void KPKMgr::fillPool() {
+  const KSCrypt::CryptType pooledType = Utils::keyOnlyCryptType(m_version);
+  m_pooled = m_setUp && pooledType != KSCrypt::CRYPT_INVALID;
+  if (m_pooled) {
+    m_crypters.setKey(pooledType, m_kpk);
+  } else {
+    m_crypters.clear();
+  }
 }
 
 void KPKMgr::checkUsable(ks_kpktype_t kpktype, const char* function) const {
@@ -75,8 +87,13 @@ std::string KPKMgr::encryptKey(const std::string& key, ks_kpktype_t kpktype,
   static const char* const kLabel = "KPKMgr::encryptKey";
   KMS_TRACE_THIS(kLabel);
   checkUsable(kpktype, kLabel);
-  std::string enckey = translateErrors(
-      kLabel, kEncryptMap, [&] { return Utils::encryptKeyWithKey(key, m_kpk, m_type, m_version); });
+  std::string enckey = translateErrors(kLabel, kEncryptMap, [&] {
+    if (!m_pooled) {
+      return Utils::encryptKeyWithKey(key, m_kpk, m_type, m_version);
+    }
+    const CrypterPool::Lease crypter = m_crypters.lease(CrypterPool::ENCRYPT);
+    return Utils::encryptKeyWithCrypter(key, *crypter);
+  });
   KS_ASSERT(kLabel, !enckey.empty());
   return enckey;
 }
@@ -87,7 +104,11 @@ std::string KPKMgr::decryptKey(const std::string& enckey, ks_kpktype_t kpktype,
   KMS_TRACE_THIS(kLabel);
   checkUsable(kpktype, kLabel);
   std::string key = translateErrors(kLabel, kDecryptMap, [&] {
-    return Utils::decryptKeyWithKey(enckey, m_kpk, m_type, m_version);
+    if (!m_pooled) {
+      return Utils::decryptKeyWithKey(enckey, m_kpk, m_type, m_version);
+    }
+    const CrypterPool::Lease crypter = m_crypters.lease(CrypterPool::DECRYPT);
+    return Utils::decryptKeyWithCrypter(enckey, *crypter);
   });
   KS_ASSERT(kLabel, !key.empty());
   return key;

@@ -1,11 +1,18 @@
 // Holds the plain KPK, the crypt type and the file version to wrap for, and
-// wraps and unwraps the keys of key records under it. Read-only once filled;
-// it takes no lock and is used under whatever lock the store holds. The
+// wraps and unwraps the keys of key records under it. Read-only once filled:
+// any number of threads may wrap and unwrap at once (under whatever lock the
+// store holds), but set and assignment need the manager to themselves. The
 // plain KPK is wiped when the manager is destroyed or refilled.
+//
+// Under the forms whose crypter takes the KPK alone (every version but
+// 0x200) the manager keeps the crypters it has used in a CrypterPool and
+// reuses them, so that an unwrap costs one decryption and not the building
+// of a crypter. A copy starts with an empty pool of its own.
 #pragma once
 
 #include <string>
 
+#include "kms/server/keystore/CrypterPool.h"
 #include "kms/server/keystore/KSCrypt.h"
 #include "kms/server/keystore/KeyStoreTypes.h"
 
@@ -42,11 +49,16 @@ class KPKMgr {
 
  private:
   void checkUsable(ks_kpktype_t kpktype, const char* function) const;
+  // Points the pool at the held KPK and version, or empties it.
+  void fillPool();
 
   std::string m_kpk;
   KSCrypt::CryptType m_type;
   ks_version_t m_version;
   bool m_setUp;
+  // Leasing changes only the pool, which locks for itself.
+  mutable CrypterPool m_crypters;
+  bool m_pooled = false;
 };
 
 }  // namespace KMS

@@ -1,8 +1,9 @@
 // The crypter interface: every bulk encryption and decryption of the store
 // goes through a KSCrypt. A crypter has two independent sides (encrypt and
 // decrypt), each with its own cipher state, status, output buffer and reset.
-// It is built for one use (a file, a block, a key wrap) and belongs to one
-// thread at a time; nothing here locks.
+// It is built for one use (a file, a block, a key wrap), or kept for reuse
+// under its key (CrypterPool), and belongs to one thread at a time; nothing
+// here locks.
 //
 // Calling order on one side:
 //   1. the constructor has already reset both sides; a reused crypter is

@@ -31,30 +31,33 @@ std::string randomHalfAndKey(const std::string& keytoenc, const char* function) 
   return datatoenc;
 }
 
-std::string encryptWith(const std::string& datatoenc, const std::string& key,
-                        KSCrypt::CryptType type, const std::string& iv, const char* function) {
-  std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, key, iv));
-  if (crypter->encrypt(bytes(datatoenc), datatoenc.size(), true) != 0) {
+std::string encryptWith(const std::string& datatoenc, KSCrypt& crypter, const char* function) {
+  if (crypter.encrypt(bytes(datatoenc), datatoenc.size(), true) != 0) {
     KS_THROW(1224, function);
   }
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;
-  if (crypter->getEncryptedData(&out, &outLen) != 0) {
+  if (crypter.getEncryptedData(&out, &outLen) != 0) {
     KS_THROW(1224, function);
   }
   return std::string(reinterpret_cast<const char*>(out), outLen);
 }
 
-std::string decryptWith(const unsigned char* data, unsigned long len, const std::string& key,
+std::string encryptWith(const std::string& datatoenc, const std::string& key,
                         KSCrypt::CryptType type, const std::string& iv, const char* function) {
   std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, key, iv));
-  const int rc = crypter->decrypt(data, len, true);
+  return encryptWith(datatoenc, *crypter, function);
+}
+
+std::string decryptWith(const unsigned char* data, unsigned long len, KSCrypt& crypter,
+                        const char* function) {
+  const int rc = crypter.decrypt(data, len, true);
   if (rc != 0) {
     KS_THROW(rc == 1270 ? 1270 : 1224, function);
   }
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;
-  if (crypter->getDecryptedData(&out, &outLen) != 0) {
+  if (crypter.getDecryptedData(&out, &outLen) != 0) {
     KS_THROW(1224, function);
   }
   if (outLen % 2 != 0) {
@@ -63,6 +66,12 @@ std::string decryptWith(const unsigned char* data, unsigned long len, const std:
   }
   // The first half is the random filler; the key is the second.
   return std::string(reinterpret_cast<const char*>(out) + outLen / 2, outLen / 2);
+}
+
+std::string decryptWith(const unsigned char* data, unsigned long len, const std::string& key,
+                        KSCrypt::CryptType type, const std::string& iv, const char* function) {
+  std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, key, iv));
+  return decryptWith(data, len, *crypter, function);
 }
 
 }  // namespace
@@ -106,29 +115,47 @@ std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std
                      keytodec.substr(0, ivLen), kLabel);
 }
 
+std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter) {
+  static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
+  KMS_TRACE(kLabel);
+  std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
+  ScopedWipe wipe(datatoenc);
+  return encryptWith(datatoenc, crypter, kLabel);
+}
+
+std::string decryptKeyWithCrypter(const std::string& keytodec, KSCrypt& crypter) {
+  static const char* const kLabel = "Utils::decryptKeyWithKey_VERSION_1_0";
+  KMS_TRACE(kLabel);
+  return decryptWith(bytes(keytodec), keytodec.size(), crypter, kLabel);
+}
+
+KSCrypt::CryptType keyOnlyCryptType(ks_version_t version) {
+  if (version == KS_VERSION_100) {
+    return KSCrypt::AES_256_CBC;
+  }
+  if (version == KS_VERSION_200) {
+    return KSCrypt::CRYPT_INVALID;
+  }
+  // The newest form goes by the oldest function: GCM carries its own IV.
+  return KSCrypt::AES_256_GCM;
+}
+
 std::string encryptKeyWithKey(const std::string& keytoenc, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version) {
   KMS_TRACE("Utils::encryptKeyWithKey");
-  if (version == KS_VERSION_100) {
-    return encryptKeyWithKey_VERSION_1_0(keytoenc, key, KSCrypt::AES_256_CBC);
-  }
   if (version == KS_VERSION_200) {
     return encryptKeyWithKey_VERSION_2_0(keytoenc, key, type);
   }
-  // The newest form goes by the oldest function: GCM carries its own IV.
-  return encryptKeyWithKey_VERSION_1_0(keytoenc, key, KSCrypt::AES_256_GCM);
+  return encryptKeyWithKey_VERSION_1_0(keytoenc, key, keyOnlyCryptType(version));
 }
 
 std::string decryptKeyWithKey(const std::string& keytodec, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version) {
   KMS_TRACE("Utils::decryptKeyWithKey");
-  if (version == KS_VERSION_100) {
-    return decryptKeyWithKey_VERSION_1_0(keytodec, key, KSCrypt::AES_256_CBC);
-  }
   if (version == KS_VERSION_200) {
     return decryptKeyWithKey_VERSION_2_0(keytodec, key, type);
   }
-  return decryptKeyWithKey_VERSION_1_0(keytodec, key, KSCrypt::AES_256_GCM);
+  return decryptKeyWithKey_VERSION_1_0(keytodec, key, keyOnlyCryptType(version));
 }
 
 }  // namespace Utils

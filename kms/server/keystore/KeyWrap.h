@@ -46,6 +46,19 @@ std::string decryptKeyWithKey_VERSION_1_0(const std::string& keytodec, const std
 std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std::string& key,
                                           KSCrypt::CryptType type);
 
+// The type of the crypter that the form of `version` builds from the
+// wrapping key alone: AES_256_CBC for 0x100, AES_256_GCM for any version but
+// 0x200. CRYPT_INVALID for 0x200, whose crypter takes each wrap's own IV.
+KSCrypt::CryptType keyOnlyCryptType(ks_version_t version);
+
+// The VERSION_1_0 form with a crypter the caller supplies: one of
+// keyOnlyCryptType's type, under the wrapping key, with the side used ready
+// (new or just reset). The side is left used; the caller resets it before
+// reusing the crypter, and so wipes the plaintext left in its output. Same
+// errors as above, less the crypter's constructor.
+std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter);
+std::string decryptKeyWithCrypter(const std::string& keytodec, KSCrypt& crypter);
+
 }  // namespace Utils
 }  // namespace KMS
 }  // namespace DL
