@@ -1,0 +1,441 @@
+// Import: round trips between stores on two roots, every decision of the
+// clash resolution with its messages and code, the limits, the suffix of a
+// second import, and buffers that are wrong, damaged or fail to commit.
+// Every import that may be previewed runs through importChecked, which
+// holds the preview to the store's files and to the import's report.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <ctime>
+#include <functional>
+#include <list>
+#include <regex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "keystore/ChangeTestStore.h"
+#include "keystore/EximTestUtil.h"
+#include "keystore/FormatTestUtil.h"
+#include "keystore/MasterKeyTestUtil.h"
+#include "keystore/StoreTestState.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/KPKMgr.h"
+#include "kms/server/keystore/RecordUtils.h"
+#include "support/LogCapture.h"
+#include "support/TempRoot.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+namespace {
+
+using changetest::ConfiguredLimits;
+using eximtest::exportOf;
+using eximtest::ExportRoot;
+using eximtest::importChecked;
+using eximtest::kPassphrase;
+using eximtest::text;
+using storetest::codeOf;
+using storetest::StoreContent;
+
+// The import clock of the tests that need to know the suffix.
+const time_t kNow = 1700000000;
+
+std::string tag(char kind, int n) {
+  return std::string(30, kind) + static_cast<char>('0' + n) + '\x01';
+}
+
+// `pattern` with every "$" replaced by the suffix of an import at kNow.
+std::string withSuffix(const std::string& pattern) {
+  const std::string suffix = "_IMPORTED_" + Utils::getTimestampSuffix(kNow);
+  std::string out;
+  for (const char c : pattern) {
+    out += c == '$' ? suffix : std::string(1, c);
+  }
+  return out;
+}
+
+class FileKeyStoreImportTest : public ::testing::Test {
+ protected:
+  changetest::FipsDecisionOff m_fips;
+  formattest::WeakKdf m_weakKdf;
+};
+
+// Group "alpha" with keys "a1" (active) and "a2", group "beta" with "b1".
+StoreContent twoGroups() {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "alpha");
+  content.addGroup(tag('G', 2), "beta");
+  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
+  content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
+  content.addKey(tag('K', 3), tag('G', 2), "b1", KEY_ACTIVE);
+  return content;
+}
+
+// Adds to `dest` a key of tag K1 in a group "x" of its own, with the value
+// `plain`, wrapped under the destination's KPK.
+void addKeyOfTagK1(StoreContent& dest, const std::string& plain) {
+  dest.addGroup(tag('D', 1), "x");
+  dest.addRawKey(tag('K', 1), tag('D', 1), "k", KEY_INACTIVE,
+                 dest.kpkMgr().encryptKey(plain, KPK_LOCAL, std::string()));
+}
+
+TEST_F(FileKeyStoreImportTest, EveryDecisionAndLimitReportsItself) {
+  const StoreContent source = twoGroups();
+  const std::string plainK1 = source.plainKey(tag('K', 1));
+  const std::string buffer = [&] {
+    ExportRoot root(source);
+    return exportOf(root.store());
+  }();
+
+  const struct {
+    const char* name;
+    std::function<void(StoreContent&)> arrange;
+    bool preserveNames;
+    int maxGroups;
+    int maxKeysPerGroup;
+    std::string status;
+    int importedKeys;
+  } rows[] = {
+      {"empty store", [](StoreContent&) {}, false, 0, 0,
+       "0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$) 12(b1,beta$)", 3},
+      {"duplicate key", [&](StoreContent& d) { addKeyOfTagK1(d, plainK1); }, false, 0, 0,
+       "0 9(a1,alpha,k,x) 4(alpha,alpha$) 4(beta,beta$) 12(a2,alpha$) 12(b1,beta$)", 2},
+      {"same tag, other value", [&](StoreContent& d) { addKeyOfTagK1(d, std::string(32, 'v')); },
+       false, 0, 0,
+       "1283 10(a1,alpha,k,x) 4(alpha,alpha$) 4(beta,beta$) 12(a2,alpha$) 12(b1,beta$)", 0},
+      {"group tag taken", [](StoreContent& d) { d.addGroup(tag('G', 1), "x"); }, false, 0, 0,
+       "0 4(alpha,alpha$) 4(beta,beta$) 5(alpha$) 11(a1,alpha$) 11(a2,alpha$) 12(b1,beta$)", 3},
+      {"group name taken", [](StoreContent& d) { d.addGroup(tag('D', 1), "alpha"); }, false, 0, 0,
+       "0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$) 12(b1,beta$)", 3},
+      {"every suffix taken",
+       [](StoreContent& d) {
+         d.addGroup(tag('D', 0), withSuffix("beta$"));
+         for (int i = 1; i < 10; ++i) {
+           d.addGroup(tag('D', i), withSuffix("beta$_") + std::to_string(i));
+         }
+       },
+       false, 0, 0, "1200", 0},
+      {"preserved, name taken", [](StoreContent& d) { d.addGroup(tag('D', 1), "alpha"); }, true, 0,
+       0, "1283 2(alpha) 6(beta) 12(a1,alpha) 12(a2,alpha) 12(b1,beta)", 0},
+      {"preserved, tag taken", [](StoreContent& d) { d.addGroup(tag('G', 1), "x"); }, true, 0, 0,
+       "1283 3(alpha,x) 6(beta) 12(a1,alpha) 12(a2,alpha) 12(b1,beta)", 0},
+      {"preserved, both taken", [](StoreContent& d) { d.addGroup(tag('G', 1), "alpha"); }, true, 0,
+       0, "1283 2(alpha) 3(alpha,alpha) 6(beta) 12(a1,alpha) 12(a2,alpha) 12(b1,beta)", 0},
+      {"preserved, neither taken", [](StoreContent& d) { d.addGroup(tag('D', 1), "other"); }, true,
+       0, 0, "0 6(alpha) 6(beta) 12(a1,alpha) 12(a2,alpha) 12(b1,beta)", 3},
+      {"groups at their limit", [](StoreContent& d) { d.addGroup(tag('D', 1), "d"); }, false, 3, 0,
+       "0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$) 12(b1,beta$)", 3},
+      {"groups over their limit", [](StoreContent& d) { d.addGroup(tag('D', 1), "d"); }, false, 2,
+       0, "1262", 0},
+      {"keys at their limit", [](StoreContent&) {}, false, 0, 2,
+       "0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$) 12(b1,beta$)", 3},
+      {"keys over their limit", [](StoreContent&) {}, true, 0, 1,
+       "1283 6(alpha) 6(beta) 12(a1,alpha) 12(a2,alpha) 12(b1,beta) 7(alpha)", 0},
+      {"keys at their limit once duplicates go",
+       [&](StoreContent& d) { addKeyOfTagK1(d, plainK1); }, false, 0, 1,
+       "0 9(a1,alpha,k,x) 4(alpha,alpha$) 4(beta,beta$) 12(a2,alpha$) 12(b1,beta$)", 2},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const ConfiguredLimits limits(row.maxGroups, row.maxKeysPerGroup);
+    StoreContent content;
+    row.arrange(content);
+    ExportRoot dest(content);
+    dest.store().setImportClock([] { return kNow; });
+    const std::pair<uint64_t, uint64_t> before = dest.store().getStats();
+
+    const KSOpStatus status = importChecked(dest, buffer, row.preserveNames);
+    EXPECT_EQ(text(status), withSuffix(row.status));
+    const std::pair<uint64_t, uint64_t> after = dest.store().getStats();
+    EXPECT_EQ(after.first, before.first + row.importedKeys);
+    EXPECT_EQ(after.second, before.second + (status.hasErrors() ? 0 : 2));
+  }
+}
+
+// A renumbered group takes its keys along; the store's group of the old
+// tag is not touched.
+TEST_F(FileKeyStoreImportTest, ARenumberedGroupTakesItsKeysAlong) {
+  ExportRoot source(twoGroups());
+  StoreContent content;
+  content.addGroup(tag('G', 1), "x");
+  ExportRoot dest(content);
+  dest.store().setImportClock([] { return kNow; });
+  const KeyGrpRecord_v1 own = dest.store().getKeyGroupRecord(tag('G', 1));
+
+  EXPECT_EQ(importChecked(dest, exportOf(source.store())).errCode(), 0);
+  const KeyGrpRecord_v1 alpha = dest.store().getKeyGroupRecordByName(withSuffix("alpha$"));
+  EXPECT_NE(alpha.tag(), tag('G', 1));
+  EXPECT_EQ(alpha.numKeys(), 2u);
+  EXPECT_EQ(dest.store().getActiveKeyRecord(alpha.tag()).tag(), tag('K', 1));
+  EXPECT_EQ(dest.store().getKeyRecord(tag('K', 2)).keyGroup(), alpha.tag());
+  const KeyGrpRecord_v1 ownAfter = dest.store().getKeyGroupRecord(tag('G', 1));
+  EXPECT_TRUE(ownAfter == own);
+  EXPECT_EQ(ownAfter.numKeys(), 0u);
+}
+
+// Everything of a record survives a round trip but the group's name (and,
+// when asked, the descriptions). The import ignores the quiesce count.
+TEST_F(FileKeyStoreImportTest, ARoundTripKeepsEveryRecord) {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "alpha");
+  content.addGroup(tag('G', 2), "beta");
+  content.addGroup(tag('G', 3), "empty");
+  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
+  content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
+  content.addKey(tag('K', 3), tag('G', 2), "b1", KEY_DEPRECATED);
+  content.addKey(tag('K', 4), tag('G', 1), "t", KEY_TERMINATED);
+  content.addKey(tag('K', 5), tag('G', 1), "p", KEY_PRELIVE);
+  ExportRoot source(content);
+  FileKeyStore& src = source.store();
+  // Revisions, update times and attributes of their own.
+  KeyRecord_v1 changed = src.getKeyRecord(tag('K', 2));
+  changed.setDescription("changed");
+  changed.attributes().addAttribute("COLOR", "blue");
+  src.updateKeyRecord(changed);
+  KeyGrpRecord_v1 group = src.getKeyGroupRecord(tag('G', 2));
+  group.attributes().addAttribute("OWNER", "ops");
+  src.updateKeyGroupRecord(group);
+  const std::string buffer = exportOf(src);
+
+  std::list<KeyGrpRecord_v1> groups;
+  src.getAllKeyGroupRecords(groups);
+  std::list<KeyRecord_v1> keys;
+  for (const KeyGrpRecord_v1& g : groups) {
+    std::list<KeyRecord_v1> inGroup;
+    src.getAllKeyRecordsInGroup(g.tag(), inGroup);
+    keys.splice(keys.end(), inGroup);
+  }
+  ASSERT_EQ(keys.size(), 5u);
+
+  // The normal way, by the real clock, into a quiesced store.
+  ExportRoot dest;
+  dest.store().quiesce();
+  const time_t start = ::time(nullptr);
+  KSOpStatus status;
+  dest.store().importFromBuffer(buffer, kPassphrase, false, "", status, false);
+  const time_t end = ::time(nullptr);
+  ASSERT_EQ(status.errCode(), 0);
+  ASSERT_FALSE(status.messages().empty());
+  const std::string suffix = status.messages()[0].args()[1].substr(5);
+  EXPECT_TRUE(std::regex_match(suffix, std::regex("_IMPORTED_[0-9]{14}")));
+  EXPECT_TRUE(suffix == "_IMPORTED_" + Utils::getTimestampSuffix(start) ||
+              suffix == "_IMPORTED_" + Utils::getTimestampSuffix(end));
+  std::string expected = "0";
+  for (const char* name : {"alpha", "beta", "empty"}) {
+    expected += std::string(" 4(") + name + "," + name + suffix + ")";
+  }
+  for (const char* key : {"a1", "a2", "b1", "t", "p"}) {
+    expected += std::string(" 12(") + key + "," + (key[0] == 'b' ? "beta" : "alpha") + suffix + ")";
+  }
+  EXPECT_EQ(text(status), expected);
+
+  for (const KeyGrpRecord_v1& g : groups) {
+    KeyGrpRecord_v1 imported = dest.store().getKeyGroupRecord(g.tag());
+    EXPECT_EQ(imported.name(), g.name() + suffix);
+    EXPECT_EQ(imported.numKeys(), g.numKeys());
+    imported.setName(g.name());
+    EXPECT_TRUE(imported == g) << g.name();
+  }
+  for (const KeyRecord_v1& k : keys) {
+    EXPECT_TRUE(dest.store().getKeyRecord(k.tag()) == k) << k.name();
+  }
+  EXPECT_EQ(dest.store().getActiveKeyRecord(tag('G', 1)).tag(), tag('K', 1));
+  EXPECT_EQ(dest.store().isQuiesced(), 1u);
+  // On disk, each key wrapped under the destination's own KPK.
+  const masterkeytest::DiskState disk = masterkeytest::readDisk(dest.locator());
+  const KPKMgr kpk(disk.plainKpk, disk.meta->keyEncAlgo(), disk.meta->version(), true);
+  ASSERT_EQ(disk.keys.size(), 5u);
+  for (auto it = disk.keys.begin(); it != disk.keys.end(); ++it) {
+    EXPECT_EQ(kpk.decryptKey(it->second.key(), KPK_LOCAL, std::string()),
+              content.plainKey(it->first));
+  }
+
+  // Names preserved, with a description for all that comes in, into a store
+  // with a group of its own.
+  StoreContent other;
+  other.addGroup(tag('D', 1), "own");
+  ExportRoot second(other);
+  EXPECT_EQ(text(importChecked(second, buffer, true, "moved")),
+            "0 6(alpha) 6(beta) 6(empty) 12(a1,alpha) 12(a2,alpha) 12(b1,beta) 12(t,alpha) "
+            "12(p,alpha)");
+  for (const KeyGrpRecord_v1& g : groups) {
+    KeyGrpRecord_v1 imported = second.store().getKeyGroupRecord(g.tag());
+    EXPECT_EQ(imported.description(), "moved");
+    imported.setDescription(g.description());
+    EXPECT_TRUE(imported == g) << g.name();
+  }
+  for (const KeyRecord_v1& k : keys) {
+    KeyRecord_v1 imported = second.store().getKeyRecord(k.tag());
+    EXPECT_EQ(imported.description(), "moved");
+    imported.setDescription(k.description());
+    EXPECT_TRUE(imported == k) << k.name();
+  }
+  EXPECT_EQ(second.store().getKeyGroupRecord(tag('D', 1)).description(), "group own");
+}
+
+// The same buffer again in the same second: every key is a duplicate, and
+// the groups come once more, empty, under the next suffix and new tags.
+TEST_F(FileKeyStoreImportTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "alpha");
+  content.addGroup(tag('G', 2), "beta");
+  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
+  content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
+  ExportRoot source(content);
+  const std::string buffer = exportOf(source.store());
+  ExportRoot dest;
+  dest.store().setImportClock([] { return kNow; });
+
+  EXPECT_EQ(text(importChecked(dest, buffer)),
+            withSuffix("0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$)"));
+  EXPECT_EQ(text(importChecked(dest, buffer)),
+            withSuffix("0 9(a1,alpha,a1,alpha$) 9(a2,alpha,a2,alpha$) 4(alpha,alpha$_1) "
+                       "4(beta,beta$_1) 5(alpha$_1) 5(beta$_1)"));
+  EXPECT_EQ(text(importChecked(dest, buffer)),
+            withSuffix("0 9(a1,alpha,a1,alpha$) 9(a2,alpha,a2,alpha$) 4(alpha,alpha$_2) "
+                       "4(beta,beta$_2) 5(alpha$_2) 5(beta$_2)"));
+
+  EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{2}, uint64_t{6}));
+  for (const char* name : {"alpha$_1", "beta$_2"}) {
+    const KeyGrpRecord_v1 again = dest.store().getKeyGroupRecordByName(withSuffix(name));
+    EXPECT_EQ(again.numKeys(), 0u);
+    EXPECT_NE(again.tag(), tag('G', 1));
+    EXPECT_NE(again.tag(), tag('G', 2));
+  }
+}
+
+// A wrong passphrase, any changed byte and any damaged content refuse the
+// import and leave the store exactly as it was.
+TEST_F(FileKeyStoreImportTest, WrongAndDamagedBuffersChangeNothing) {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "alpha");
+  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
+  ExportRoot source(content);
+  const std::string buffer = exportOf(source.store());
+  ExportRoot dest;
+  const std::vector<std::string> files = dest.files();
+
+  auto importStatus = [&](const std::string& bytes, const std::string& passphrase) {
+    KSOpStatus status;
+    dest.store().importFromBuffer(bytes, passphrase, false, "", status, false);
+    EXPECT_TRUE(status.messages().empty());
+    return status.errCode();
+  };
+  EXPECT_EQ(importStatus(buffer, "other words"), 1284);
+  EXPECT_EQ(importStatus(buffer, ""), 1284);
+  EXPECT_EQ(importStatus(buffer.substr(0, buffer.size() - 1), kPassphrase), 1208);
+  EXPECT_EQ(importStatus("", kPassphrase), 1208);
+  std::set<int> seen;
+  for (size_t i = 0; i < buffer.size(); ++i) {
+    std::string flipped = buffer;
+    flipped[i] = static_cast<char>(flipped[i] ^ 0x01);
+    const int code = importStatus(flipped, kPassphrase);
+    EXPECT_TRUE(code == 1284 || code == 1208) << "byte " << i << ": " << code;
+    seen.insert(code);
+  }
+  EXPECT_EQ(seen, (std::set<int>{1208, 1284}));
+
+  // Sealed properly around content that is not right.
+  FileKeyStore::KeyTable keys(true);
+  FileKeyStore::GroupTable groups;
+  const std::string meta = eximtest::eximMetaBytes();
+  EXPECT_EQ(importStatus(eximtest::sealByHand(meta, keys, groups), kPassphrase), 1214);
+  const std::string version300 = formattest::handList({{"VERSION", formattest::be(0x300, 4)}});
+  const std::string extra =
+      formattest::handList({{"EXTRA", "x"}, {"VERSION", formattest::be(0x200, 4)}});
+  const std::string noVersion = formattest::handList({});
+  for (const std::string& badMeta : {version300, extra, noVersion, std::string("junk")}) {
+    EXPECT_EQ(importStatus(eximtest::sealByHand(badMeta, keys, groups), kPassphrase), 1207);
+  }
+  KeyGrpRecord_v1 insane;
+  insane.setFields(tag('G', 1), "insane", CT_INVALID_CBC, 1, 1, "", 1);
+  groups.addRecord(insane);
+  EXPECT_EQ(importStatus(eximtest::sealByHand(meta, keys, groups), kPassphrase), 1208);
+
+  EXPECT_EQ(dest.files(), files);
+  EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
+
+  // A closed store throws.
+  TempRoot root("vrkms-exim-closed");
+  FileKeyStore closed{KMSFileLocator(root.path())};
+  KSOpStatus status;
+  EXPECT_EQ(codeOf([&] { closed.importFromBuffer(buffer, kPassphrase, false, "", status, false); }),
+            1202);
+}
+
+// The commit of an import fails as a change's does: a write that changed
+// nothing keeps the store serving, one that may have changed the disk
+// closes it, and the next init finishes the commit.
+TEST_F(FileKeyStoreImportTest, AFailedCommitIsHandledAsAChangesIs) {
+  ExportRoot source(twoGroups());
+  const std::string buffer = exportOf(source.store());
+  ExportRoot dest;
+  const std::vector<std::string> files = dest.files();
+
+  KSOpStatus status;
+  {
+    FailNthFileOp fullDisk(1, ENOSPC, FileOp::Fwrite);
+    const ScopedFileFaultHook installed(&fullDisk);
+    dest.store().importFromBuffer(buffer, kPassphrase, false, "", status, false);
+    EXPECT_TRUE(fullDisk.fired());
+  }
+  EXPECT_EQ(status.errCode(), 1276);
+  EXPECT_TRUE(dest.store().isInitialized());
+  EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
+  EXPECT_EQ(dest.files(), files);
+
+  {
+    FailNthFileOp crossDevice(2, EXDEV, FileOp::Rename);
+    const ScopedFileFaultHook installed(&crossDevice);
+    status = KSOpStatus();
+    dest.store().importFromBuffer(buffer, kPassphrase, false, "", status, false);
+  }
+  EXPECT_EQ(status.errCode(), 1277);
+  EXPECT_FALSE(dest.store().isInitialized());
+  ASSERT_EQ(dest.store().init(), 0);
+  EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{3}, uint64_t{2}));
+}
+
+// Each imported group and key is audited as an added one; the FIPS entry of
+// a key says only whether the key came with a FIPS decision of any value.
+TEST_F(FileKeyStoreImportTest, ImportedRecordsAreAuditedAsAdded) {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "alpha");
+  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
+  content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
+  ExportRoot source(content);
+  KeyRecord_v1 decided = source.store().getKeyRecord(tag('K', 1));
+  decided.attributes().addAttribute("KEY_FIPS", "false");
+  source.store().updateKeyRecord(decided);
+  const std::string buffer = exportOf(source.store());
+  ExportRoot dest;
+
+  LogCapture log(1);
+  KSOpStatus status;
+  dest.store().importFromBuffer(buffer, kPassphrase, true, "", status, false);
+  ASSERT_EQ(status.errCode(), 0);
+  // (id, text) of the audit entries; the other entries of a commit are left out.
+  std::vector<int> ids;
+  std::vector<std::string> fips;
+  const std::regex entry(" 286-(70|71|72|73|74|77|78|81|92) [^ ]+: (.*)$");
+  for (const std::string& line : log.appLines()) {
+    std::smatch match;
+    if (std::regex_search(line, match, entry)) {
+      ids.push_back(std::stoi(match[1]));
+      if (ids.back() == 92) {
+        fips.push_back(match[2]);
+      }
+    }
+  }
+  EXPECT_EQ(ids, (std::vector<int>{70, 71, 72, 73, 74, 81, 71, 72, 77, 78, 74, 92, 81, 71, 72, 77,
+                                   78, 74, 92}));
+  EXPECT_EQ(fips, (std::vector<std::string>{"FIPS compliant: Yes", "FIPS compliant: No"}));
+}
+
+}  // namespace
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
