@@ -13,6 +13,7 @@ struct OptionForm {
   const char* name;
   bool takesValue;
   bool required;
+  bool repeatable = false;  // each use adds a value
 };
 
 struct CommandForm {
@@ -58,6 +59,14 @@ const std::vector<CommandForm>& commands() {
       {"unquiesce", 0, "", {{"--force", false, false}}},
       {"rotate-hmk", 0, "", {{"--id", true, true}, {"--passphrase-file", true, false}}},
       {"rotate-kpk", 0, "", {{"--id", true, true}, {"--passphrase-file", true, false}}},
+      {"export", 1, "FILE", {{"--passphrase-file", true, false}, {"--select", true, false, true}}},
+      {"import",
+       1,
+       "FILE",
+       {{"--passphrase-file", true, false},
+        {"--preserve-names", false, false},
+        {"--preview", false, false},
+        {"--description", true, false}}},
   };
   return table;
 }
@@ -119,11 +128,16 @@ const char* CtlCommandLine::usage() {
          "  quiesce | unquiesce [--force]\n"
          "  rotate-hmk --id ID [--passphrase-file FILE] | rotate-kpk --id ID "
          "[--passphrase-file FILE]\n"
+         "  export FILE --passphrase-file FILE [--select GROUP | --select GROUP/KEY |\n"
+         "              --select GROUP/*]...   no --select: the whole store\n"
+         "  import FILE --passphrase-file FILE [--preserve-names] [--preview] "
+         "[--description TEXT]\n"
          "\n"
          "The endpoint defaults to the VRKMS_ENDPOINT of the master configuration\n"
          "($VREST_ROOT/etc/vr.conf). Passphrases come from a file or, on a terminal,\n"
          "from a prompt; an empty one makes a random key. Exit status: 0 success,\n"
-         "1 the service refused (\"error CODE: TEXT\"), 2 usage, 3 service not reached.\n";
+         "1 the service refused (\"error CODE: TEXT\"; export and import print\n"
+         "\"status CODE: TEXT\" after their messages), 2 usage, 3 service not reached.\n";
 }
 
 CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
@@ -182,7 +196,7 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
     if (option == nullptr) {
       throw UsageError("unknown option " + name + " for " + line.m_command);
     }
-    if (line.m_options.count(name) != 0) {
+    if (line.m_options.count(name) != 0 && !option->repeatable) {
       throw UsageError(name + " given twice");
     }
     std::string value;
@@ -197,7 +211,7 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
     } else {
       throw UsageError(name + " needs a value");
     }
-    line.m_options[name] = value;
+    line.m_options[name].push_back(value);
   }
   if (line.m_help) {
     return line;
@@ -221,7 +235,12 @@ bool CtlCommandLine::has(const std::string& option) const {
 
 std::string CtlCommandLine::value(const std::string& option, const std::string& fallback) const {
   const auto it = m_options.find(option);
-  return it == m_options.end() ? fallback : it->second;
+  return it == m_options.end() ? fallback : it->second.back();
+}
+
+std::vector<std::string> CtlCommandLine::values(const std::string& option) const {
+  const auto it = m_options.find(option);
+  return it == m_options.end() ? std::vector<std::string>() : it->second;
 }
 
 }  // namespace KMSCtl

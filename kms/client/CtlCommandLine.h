@@ -6,7 +6,8 @@
 // A command is one or two words ("status", "group create"); its operands
 // and options may come in any order after it. An option's value is the next
 // argument, whatever it looks like, or follows "=" ("--state=active").
-// Every fault (unknown command, a missing or extra operand, an unknown,
+// Only a repeatable option ("--select" of export) may be given more than
+// once. Every fault (unknown command, a missing or extra operand, an unknown,
 // repeated or value-less option, a missing required option) throws
 // UsageError; the program then exits with status 2.
 #pragma once
@@ -44,8 +45,11 @@ class CtlCommandLine {
   const std::vector<std::string>& operands() const { return m_operands; }
   // Whether the option ("--force") was given.
   bool has(const std::string& option) const;
-  // The option's value, or `fallback` when it was not given.
+  // The option's value (the last one of a repeatable option), or `fallback`
+  // when it was not given.
   std::string value(const std::string& option, const std::string& fallback = "") const;
+  // Every value of the option, in the order given; empty when not given.
+  std::vector<std::string> values(const std::string& option) const;
 
  private:
   bool m_help = false;
@@ -53,7 +57,7 @@ class CtlCommandLine {
   std::string m_endpoint;
   std::string m_command;
   std::vector<std::string> m_operands;
-  std::map<std::string, std::string> m_options;
+  std::map<std::string, std::vector<std::string>> m_options;
 };
 
 }  // namespace KMSCtl

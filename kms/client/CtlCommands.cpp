@@ -1,9 +1,15 @@
 #include "kms/client/CtlCommands.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
+#include <fstream>
+#include <iterator>
+
+#include "kms/client/CtlExportFile.h"
 #include "kms/client/PassphraseReader.h"
 
 namespace Vaultrest {
@@ -101,12 +107,28 @@ std::string CtlCommands::parseHex(const std::string& text, const char* what) {
   return bytes;
 }
 
+std::pair<std::string, std::string> CtlCommands::parseSelection(const std::string& text) {
+  const size_t slash = text.find('/');
+  const std::string group = text.substr(0, slash);
+  if (group.empty()) {
+    throw UsageError("--select names no group: " + text);
+  }
+  if (slash == std::string::npos) {
+    return {group, ""};
+  }
+  const std::string key = text.substr(slash + 1);
+  if (key.empty()) {
+    throw UsageError("--select names no key: " + text + " (GROUP alone is the group without keys)");
+  }
+  return {group, key};
+}
+
 std::string CtlCommands::groupTag(const std::string& name) {
   Facets::KeyGroupRecord_var group = m_client.query()->getKeyGroupRecordByName(name.c_str());
   return group->tag.in();
 }
 
-void CtlCommands::run(const CtlCommandLine& line) {
+bool CtlCommands::run(const CtlCommandLine& line) {
   const std::string& command = line.command();
   const std::vector<std::string>& operands = line.operands();
   if (command == "status") {
@@ -160,9 +182,14 @@ void CtlCommands::run(const CtlCommandLine& line) {
     rotate(line, true);
   } else if (command == "rotate-kpk") {
     rotate(line, false);
+  } else if (command == "export") {
+    return exportStore(line);
+  } else if (command == "import") {
+    return importStore(line);
   } else {
     throw UsageError("unknown command " + command);
   }
+  return true;
 }
 
 void CtlCommands::status() {
@@ -328,6 +355,57 @@ void CtlCommands::rotate(const CtlCommandLine& line, bool hmk) {
     m_client.control()->updateKPK(passphrase.c_str(), id.c_str());
     m_printer.done("KPK changed; its id is " + id);
   }
+}
+
+bool CtlCommands::exportStore(const CtlCommandLine& line) {
+  Facets::ExportKeyListSeq selection;
+  for (const std::string& text : line.values("--select")) {
+    const std::pair<std::string, std::string> pair = parseSelection(text);
+    const CORBA::ULong at = selection.length();
+    selection.length(at + 1);
+    selection[at].kgname = pair.first.c_str();
+    selection[at].keyname = pair.second.c_str();
+  }
+  const Secret passphrase =
+      PassphraseReader::read(line.value("--passphrase-file"), PassphraseReader::kRequired,
+                             "Passphrase of the export: ", true);
+  if (passphrase.str().empty()) {
+    throw UsageError("the passphrase of an export must not be empty");
+  }
+  // Made before the service is asked, so that a directory that cannot take
+  // the file costs no export.
+  CtlExportFile file(line.operands()[0]);
+  Fw::octetSeq_var data;
+  Facets::KSOpStatus_var status =
+      m_client.query()->exportKS(selection, passphrase.c_str(), data.out());
+  if (status->error_code == 0) {
+    file.commit(data->get_buffer(), data->length());
+  }
+  m_printer.opStatus(status.in());
+  return status->error_code == 0;
+}
+
+bool CtlCommands::importStore(const CtlCommandLine& line) {
+  const std::string& path = line.operands()[0];
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    throw UsageError("cannot read the export file " + path + ": " + std::strerror(errno));
+  }
+  const std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) {
+    throw UsageError("cannot read the export file " + path);
+  }
+  const Secret passphrase =
+      PassphraseReader::read(line.value("--passphrase-file"), PassphraseReader::kRequired,
+                             "Passphrase of the export: ", false);
+  Fw::octetSeq data;
+  data.length(static_cast<CORBA::ULong>(content.size()));
+  std::copy(content.begin(), content.end(), data.get_buffer());
+  Facets::KSOpStatus_var status =
+      m_client.modify()->importKS(data, passphrase.c_str(), line.has("--preserve-names"),
+                                  line.has("--preview"), line.value("--description").c_str());
+  m_printer.opStatus(status.in());
+  return status->error_code == 0;
 }
 
 }  // namespace KMSCtl

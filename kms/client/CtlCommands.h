@@ -4,9 +4,14 @@
 // does not know is the store's own error (1229, 1260).
 //
 // Operands the client can check itself (a state or cipher name, a number,
-// hex) and passphrases are settled before anything is sent; a fault there
-// throws UsageError. What the service throws is passed on.
+// hex, a selection, the files of export and import) and passphrases are
+// settled before anything is sent; a fault there throws UsageError. What the
+// service throws is passed on; an export file that cannot be written after
+// the service answered throws FileError (CtlExportFile.h).
 #pragma once
+
+#include <string>
+#include <utility>
 
 #include "kms/client/CtlCommandLine.h"
 #include "kms/client/CtlPrinter.h"
@@ -20,8 +25,10 @@ class CtlCommands {
  public:
   CtlCommands(KmsClient& client, CtlPrinter& printer) : m_client(client), m_printer(printer) {}
 
-  // Runs line.command().
-  void run(const CtlCommandLine& line);
+  // Runs line.command(). False when the service answered an export or
+  // import with a non-zero status (already printed); every other refusal is
+  // thrown.
+  bool run(const CtlCommandLine& line);
 
   // "active", "KEY_ACTIVE" (any case) and so on to the state's number.
   static long parseState(const std::string& text);
@@ -30,6 +37,11 @@ class CtlCommands {
   static long parseCipher(const std::string& text);
   // Hex of either case to bytes; throws UsageError naming `what`.
   static std::string parseHex(const std::string& text, const char* what);
+  // A --select of export: "GROUP" is the group alone (GROUP, ""),
+  // "GROUP/KEY" one key of it, "GROUP/*" the group with all its keys. The
+  // group name ends at the first '/'. An empty group or key name is a
+  // UsageError.
+  static std::pair<std::string, std::string> parseSelection(const std::string& text);
 
  private:
   void status();
@@ -43,6 +55,8 @@ class CtlCommands {
   void kadGet(const CtlCommandLine& line);
   void kadFind(const CtlCommandLine& line);
   void rotate(const CtlCommandLine& line, bool hmk);
+  bool exportStore(const CtlCommandLine& line);
+  bool importStore(const CtlCommandLine& line);
 
   // The tag (hex) of the group of that name.
   std::string groupTag(const std::string& name);

@@ -1,11 +1,13 @@
 #include "kms/client/CtlPrinter.h"
 
+#include <algorithm>
 #include <ctime>
 #include <iomanip>
-#include <sstream>
 #include <vector>
 
+#include "kms/client/CtlOpMessages.h"
 #include "kms/client/JsonWriter.h"
+#include "kms/platform/CrvnLis.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -30,15 +32,152 @@ std::string isoTime(long long seconds) {
   return text;
 }
 
-void jsonAttributes(JsonWriter& json, const Facets::AttrElemSeq& attributes) {
-  json.key("attributes");
+// One field of something printed: its JSON member and its text label (null
+// for a field that only JSON shows). Times are seconds since the Epoch.
+struct Field {
+  enum Kind { kText, kNumber, kFlag, kTime };
+  const char* member;
+  const char* label;
+  Kind kind;
+  std::string text;
+  long long number;
+};
+
+Field textField(const char* member, const char* label, const std::string& text) {
+  return Field{member, label, Field::kText, text, 0};
+}
+
+Field numberField(const char* member, const char* label, long long number,
+                  Field::Kind kind = Field::kNumber) {
+  return Field{member, label, kind, std::string(), number};
+}
+
+// A record, a status or a result: its fields in order and the record's
+// attributes, if it has any.
+struct View {
+  std::vector<Field> fields;
+  const Facets::AttrElemSeq* attributes = nullptr;
+};
+
+// Every record goes through these two, so a key or a group looks the same
+// wherever it is printed.
+View keyView(const Facets::KeyRecord& record) {
+  View view;
+  view.fields = {
+      textField("name", "name:", record.name.in()),
+      textField("tag", "tag:", record.tag.in()),
+      textField("keyGroup", "group:", record.keyGroup.in()),
+      textField("state", "state:", CtlPrinter::stateName(record.state)),
+      textField("description", "description:", record.description.in()),
+      numberField("rev", "revision:", record.rev),
+      numberField("createTime", "created:", CtlPrinter::toSeconds(record.createTime), Field::kTime),
+      numberField("updateTime", "updated:", CtlPrinter::toSeconds(record.updateTime), Field::kTime),
+      textField("kpkType", "kpk type:", CtlPrinter::kpkTypeName(record.kpkType)),
+      textField("kpkTag", nullptr, record.kpkTag.in()),
+  };
+  if (record.encKey.length() > 0) {
+    view.fields.push_back(textField("key", "key:", CtlPrinter::hex(record.encKey)));
+  }
+  view.attributes = &record.attributeList;
+  return view;
+}
+
+View groupView(const Facets::KeyGroupRecord& record) {
+  View view;
+  view.fields = {
+      textField("name", "name:", record.name.in()),
+      textField("tag", "tag:", record.tag.in()),
+      textField("cipherType", "cipher:", CtlPrinter::cipherName(record.type)),
+      textField("description", "description:", record.description.in()),
+      numberField("rev", "revision:", record.rev),
+      numberField("createTime", "created:", CtlPrinter::toSeconds(record.createTime), Field::kTime),
+      numberField("updateTime", "updated:", CtlPrinter::toSeconds(record.updateTime), Field::kTime),
+      numberField("numKeys", "keys:", record.stat.numKeys),
+      numberField("hasActiveKey", "active key:", record.stat.hasActiveKey ? 1 : 0, Field::kFlag),
+  };
+  view.attributes = &record.attributeList;
+  return view;
+}
+
+// The field's value as text shows it.
+std::string cell(const Field& field) {
+  switch (field.kind) {
+    case Field::kText:
+      return field.text;
+    case Field::kFlag:
+      return field.number != 0 ? "yes" : "no";
+    case Field::kTime:
+      return isoTime(field.number);
+    case Field::kNumber:
+      break;
+  }
+  return std::to_string(field.number);
+}
+
+void jsonView(JsonWriter& json, const View& view) {
   json.beginObject();
-  for (CORBA::ULong i = 0; i < attributes.length(); ++i) {
-    json.key(attributes[i].name.in());
-    json.value(attributes[i].value.in());
+  for (const Field& field : view.fields) {
+    json.key(field.member);
+    switch (field.kind) {
+      case Field::kText:
+        json.value(field.text);
+        break;
+      case Field::kFlag:
+        json.value(field.number != 0);
+        break;
+      case Field::kNumber:
+      case Field::kTime:
+        json.value(field.number);
+        break;
+    }
+  }
+  if (view.attributes != nullptr) {
+    json.key("attributes");
+    json.beginObject();
+    for (CORBA::ULong i = 0; i < view.attributes->length(); ++i) {
+      json.key((*view.attributes)[i].name.in());
+      json.value((*view.attributes)[i].value.in());
+    }
+    json.endObject();
   }
   json.endObject();
 }
+
+void textLine(std::ostream& out, const char* label, const std::string& value) {
+  out << std::left << std::setw(13) << label << value << "\n";
+}
+
+void textView(std::ostream& out, const View& view) {
+  for (const Field& field : view.fields) {
+    if (field.label != nullptr) {
+      textLine(out, field.label, cell(field));
+    }
+  }
+  if (view.attributes != nullptr) {
+    for (CORBA::ULong i = 0; i < view.attributes->length(); ++i) {
+      textLine(
+          out, "attribute:",
+          std::string((*view.attributes)[i].name.in()) + " = " + (*view.attributes)[i].value.in());
+    }
+  }
+}
+
+// One record or result on its own: a JSON document, or text lines.
+void printView(std::ostream& out, bool json, const View& view) {
+  if (json) {
+    JsonWriter writer(out);
+    jsonView(writer, view);
+    out << "\n";
+    return;
+  }
+  textView(out, view);
+}
+
+// A column of a listing: its heading and the member it shows.
+struct Column {
+  const char* heading;
+  const char* member;
+};
 
 // Rows of text in columns as wide as their widest cell; the last column is
 // not padded.
@@ -61,11 +200,55 @@ void printTable(std::ostream& out, const std::vector<std::vector<std::string>>& 
   }
 }
 
-void textLine(std::ostream& out, const char* label, const std::string& value) {
-  out << std::left << std::setw(13) << label << value << "\n";
+// A list of records: a JSON array, or a table of the chosen columns.
+void printList(std::ostream& out, bool json, const std::vector<View>& views,
+               const std::vector<Column>& columns) {
+  if (json) {
+    JsonWriter writer(out);
+    writer.beginArray();
+    for (const View& view : views) {
+      jsonView(writer, view);
+    }
+    writer.endArray();
+    out << "\n";
+    return;
+  }
+  std::vector<std::vector<std::string>> rows(1);
+  for (const Column& column : columns) {
+    rows[0].push_back(column.heading);
+  }
+  for (const View& view : views) {
+    std::vector<std::string> row;
+    for (const Column& column : columns) {
+      const auto field = std::find_if(view.fields.begin(), view.fields.end(), [&](const Field& f) {
+        return std::string(f.member) == column.member;
+      });
+      row.push_back(field != view.fields.end() ? cell(*field) : std::string());
+    }
+    rows.push_back(row);
+  }
+  printTable(out, rows);
+}
+
+template <typename Seq, typename ToView>
+std::vector<View> viewsOf(const Seq& records, ToView toView) {
+  std::vector<View> views;
+  views.reserve(records.length());
+  for (CORBA::ULong i = 0; i < records.length(); ++i) {
+    views.push_back(toView(records[i]));
+  }
+  return views;
 }
 
 }  // namespace
+
+std::string CtlPrinter::statusText(int code) {
+  const char* text = crvnCatalogueText(271, code);
+  if (text == nullptr) {
+    text = getECmsg(code);
+  }
+  return text != nullptr ? text : "unknown status";
+}
 
 std::string CtlPrinter::stateName(long state) {
   static const char* const kNames[] = {"KEY_INVALID",    "KEY_ACTIVE",  "KEY_INACTIVE",
@@ -98,188 +281,44 @@ std::string CtlPrinter::hex(const Fw::octetSeq& octets) {
   return out;
 }
 
-void CtlPrinter::jsonKey(JsonWriter& json, const Facets::KeyRecord& record) {
-  json.beginObject();
-  json.key("tag");
-  json.value(record.tag.in());
-  json.key("name");
-  json.value(record.name.in());
-  json.key("keyGroup");
-  json.value(record.keyGroup.in());
-  json.key("state");
-  json.value(stateName(record.state));
-  json.key("description");
-  json.value(record.description.in());
-  json.key("rev");
-  json.value(static_cast<long long>(record.rev));
-  json.key("createTime");
-  json.value(toSeconds(record.createTime));
-  json.key("updateTime");
-  json.value(toSeconds(record.updateTime));
-  json.key("kpkType");
-  json.value(kpkTypeName(record.kpkType));
-  json.key("kpkTag");
-  json.value(record.kpkTag.in());
-  if (record.encKey.length() > 0) {
-    json.key("key");
-    json.value(hex(record.encKey));
-  }
-  jsonAttributes(json, record.attributeList);
-  json.endObject();
-}
-
-void CtlPrinter::jsonGroup(JsonWriter& json, const Facets::KeyGroupRecord& record) {
-  json.beginObject();
-  json.key("tag");
-  json.value(record.tag.in());
-  json.key("name");
-  json.value(record.name.in());
-  json.key("cipherType");
-  json.value(cipherName(record.type));
-  json.key("description");
-  json.value(record.description.in());
-  json.key("rev");
-  json.value(static_cast<long long>(record.rev));
-  json.key("createTime");
-  json.value(toSeconds(record.createTime));
-  json.key("updateTime");
-  json.value(toSeconds(record.updateTime));
-  json.key("hasActiveKey");
-  json.value(static_cast<bool>(record.stat.hasActiveKey));
-  json.key("numKeys");
-  json.value(static_cast<long long>(record.stat.numKeys));
-  jsonAttributes(json, record.attributeList);
-  json.endObject();
-}
-
-void CtlPrinter::textKey(const Facets::KeyRecord& record) {
-  textLine(m_out, "name:", record.name.in());
-  textLine(m_out, "tag:", record.tag.in());
-  textLine(m_out, "group:", record.keyGroup.in());
-  textLine(m_out, "state:", stateName(record.state));
-  textLine(m_out, "description:", record.description.in());
-  textLine(m_out, "revision:", std::to_string(record.rev));
-  textLine(m_out, "created:", isoTime(toSeconds(record.createTime)));
-  textLine(m_out, "updated:", isoTime(toSeconds(record.updateTime)));
-  textLine(m_out, "kpk type:", kpkTypeName(record.kpkType));
-  if (record.encKey.length() > 0) {
-    textLine(m_out, "key:", hex(record.encKey));
-  }
-  for (CORBA::ULong i = 0; i < record.attributeList.length(); ++i) {
-    textLine(m_out, "attribute:",
-             std::string(record.attributeList[i].name.in()) + " = " +
-                 record.attributeList[i].value.in());
-  }
-}
-
 void CtlPrinter::key(const Facets::KeyRecord& record) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    jsonKey(json, record);
-    m_out << "\n";
-    return;
-  }
-  textKey(record);
+  printView(m_out, m_json, keyView(record));
 }
 
 void CtlPrinter::keys(const Facets::KeyRecordSeq& records) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    json.beginArray();
-    for (CORBA::ULong i = 0; i < records.length(); ++i) {
-      jsonKey(json, records[i]);
-    }
-    json.endArray();
-    m_out << "\n";
-    return;
-  }
-  std::vector<std::vector<std::string>> rows{{"NAME", "STATE", "REV", "TAG"}};
-  for (CORBA::ULong i = 0; i < records.length(); ++i) {
-    rows.push_back({records[i].name.in(), stateName(records[i].state),
-                    std::to_string(records[i].rev), records[i].tag.in()});
-  }
-  printTable(m_out, rows);
+  printList(m_out, m_json, viewsOf(records, keyView),
+            {{"NAME", "name"}, {"STATE", "state"}, {"REV", "rev"}, {"TAG", "tag"}});
 }
 
 void CtlPrinter::group(const Facets::KeyGroupRecord& record) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    jsonGroup(json, record);
-    m_out << "\n";
-    return;
-  }
-  textLine(m_out, "name:", record.name.in());
-  textLine(m_out, "tag:", record.tag.in());
-  textLine(m_out, "cipher:", cipherName(record.type));
-  textLine(m_out, "description:", record.description.in());
-  textLine(m_out, "revision:", std::to_string(record.rev));
-  textLine(m_out, "created:", isoTime(toSeconds(record.createTime)));
-  textLine(m_out, "updated:", isoTime(toSeconds(record.updateTime)));
-  textLine(m_out, "keys:", std::to_string(record.stat.numKeys));
-  textLine(m_out, "active key:", record.stat.hasActiveKey ? "yes" : "no");
-  for (CORBA::ULong i = 0; i < record.attributeList.length(); ++i) {
-    textLine(m_out, "attribute:",
-             std::string(record.attributeList[i].name.in()) + " = " +
-                 record.attributeList[i].value.in());
-  }
+  printView(m_out, m_json, groupView(record));
 }
 
 void CtlPrinter::groups(const Facets::KeyGroupRecordSeq& records) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    json.beginArray();
-    for (CORBA::ULong i = 0; i < records.length(); ++i) {
-      jsonGroup(json, records[i]);
-    }
-    json.endArray();
-    m_out << "\n";
-    return;
-  }
-  std::vector<std::vector<std::string>> rows{{"NAME", "CIPHER", "KEYS", "ACTIVE", "TAG"}};
-  for (CORBA::ULong i = 0; i < records.length(); ++i) {
-    rows.push_back({records[i].name.in(), cipherName(records[i].type),
-                    std::to_string(records[i].stat.numKeys),
-                    records[i].stat.hasActiveKey ? "yes" : "no", records[i].tag.in()});
-  }
-  printTable(m_out, rows);
+  printList(m_out, m_json, viewsOf(records, groupView),
+            {{"NAME", "name"},
+             {"CIPHER", "cipherType"},
+             {"KEYS", "numKeys"},
+             {"ACTIVE", "hasActiveKey"},
+             {"TAG", "tag"}});
 }
 
 void CtlPrinter::status(const CtlStatus& status) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    json.beginObject();
-    json.key("quiesceCount");
-    json.value(status.quiesceCount);
-    json.key("numKeyGroups");
-    json.value(status.numKeyGroups);
-    json.key("numKeys");
-    json.value(status.numKeys);
-    json.key("hmkId");
-    json.value(status.hmkId);
-    json.key("kpkId");
-    json.value(status.kpkId);
-    json.endObject();
-    m_out << "\n";
-    return;
-  }
-  textLine(m_out, "quiesced:", std::to_string(status.quiesceCount));
-  textLine(m_out, "key groups:", std::to_string(status.numKeyGroups));
-  textLine(m_out, "keys:", std::to_string(status.numKeys));
-  textLine(m_out, "HMK id:", status.hmkId);
-  textLine(m_out, "KPK id:", status.kpkId);
+  View view;
+  view.fields = {
+      numberField("quiesceCount", "quiesced:", status.quiesceCount),
+      numberField("numKeyGroups", "key groups:", status.numKeyGroups),
+      numberField("numKeys", "keys:", status.numKeys),
+      textField("hmkId", "HMK id:", status.hmkId),
+      textField("kpkId", "KPK id:", status.kpkId),
+  };
+  printView(m_out, m_json, view);
 }
 
 void CtlPrinter::quiesceCount(long long count) {
-  if (m_json) {
-    JsonWriter json(m_out);
-    json.beginObject();
-    json.key("quiesceCount");
-    json.value(count);
-    json.endObject();
-    m_out << "\n";
-    return;
-  }
-  textLine(m_out, "quiesced:", std::to_string(count));
+  View view;
+  view.fields = {numberField("quiesceCount", "quiesced:", count)};
+  printView(m_out, m_json, view);
 }
 
 void CtlPrinter::done(const std::string& text) {
@@ -301,13 +340,13 @@ void CtlPrinter::kad(long result, const Fw::octetSeq& kad, const Facets::KeyReco
     json.key("kad");
     json.value(hex(kad));
     json.key("record");
-    jsonKey(json, record);
+    jsonView(json, keyView(record));
     json.endObject();
     m_out << "\n";
     return;
   }
   textLine(m_out, "kad:", hex(kad) + (result == 1 ? " (unique)" : " (shared with other keys)"));
-  textKey(record);
+  textView(m_out, keyView(record));
 }
 
 void CtlPrinter::kadMatches(long result, const Facets::KeyRecordSeq& records) {
@@ -321,7 +360,7 @@ void CtlPrinter::kadMatches(long result, const Facets::KeyRecordSeq& records) {
     json.key("records");
     json.beginArray();
     for (CORBA::ULong i = 0; i < records.length(); ++i) {
-      jsonKey(json, records[i]);
+      jsonView(json, keyView(records[i]));
     }
     json.endArray();
     json.endObject();
@@ -332,8 +371,45 @@ void CtlPrinter::kadMatches(long result, const Facets::KeyRecordSeq& records) {
         << (result == 3 ? "" : " (keys that cannot be used were left out)") << "\n";
   for (CORBA::ULong i = 0; i < records.length(); ++i) {
     m_out << "\n";
-    textKey(records[i]);
+    textView(m_out, keyView(records[i]));
   }
+}
+
+void CtlPrinter::opStatus(const Facets::KSOpStatus& status) {
+  if (m_json) {
+    JsonWriter json(m_out);
+    json.beginObject();
+    json.key("error_code");
+    json.value(static_cast<long long>(status.error_code));
+    json.key("messages");
+    json.beginArray();
+    for (CORBA::ULong i = 0; i < status.messages.length(); ++i) {
+      const Facets::KSOpMessage& message = status.messages[i];
+      json.beginObject();
+      json.key("code");
+      json.value(static_cast<long long>(message.msg_code));
+      json.key("args");
+      json.beginArray();
+      for (CORBA::ULong j = 0; j < message.args.length(); ++j) {
+        json.value(message.args[j].in());
+      }
+      json.endArray();
+      json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+    m_out << "\n";
+    return;
+  }
+  for (CORBA::ULong i = 0; i < status.messages.length(); ++i) {
+    const Facets::KSOpMessage& message = status.messages[i];
+    std::vector<std::string> args;
+    for (CORBA::ULong j = 0; j < message.args.length(); ++j) {
+      args.emplace_back(message.args[j].in());
+    }
+    m_out << CtlOpMessages::text(message.msg_code, args) << "\n";
+  }
+  m_out << "status " << status.error_code << ": " << statusText(status.error_code) << "\n";
 }
 
 void CtlPrinter::error(std::ostream& out, bool json, const std::string& code, bool numeric,

@@ -1,16 +1,16 @@
 // What vrkmsctl prints on its standard output: records, lists and results,
 // as text for people or, with --json, as one JSON document per command.
 //
-// JSON shapes. A key: {tag, name, keyGroup, state, description, rev,
+// JSON shapes. A key: {name, tag, keyGroup, state, description, rev,
 // createTime, updateTime, kpkType, kpkTag, key, attributes}, where key (hex)
-// is there only when the service sent one; a group: {tag, name, cipherType,
-// description, rev, createTime, updateTime, hasActiveKey, numKeys,
-// attributes}. Tags and keys are lower-case hex, times seconds since the
+// is there only when the service sent one; a group: {name, tag, cipherType,
+// description, rev, createTime, updateTime, numKeys, hasActiveKey,
+// attributes}. The text form shows the same fields (but the KPK tag), one
+// "label: value" line each. Tags and keys are lower-case hex, times seconds since the
 // Epoch, states, cipher and KPK types their names ("KEY_ACTIVE",
 // "CT_AES256_CBC", "KPK_LOCAL"), attributes an object of name to value.
 #pragma once
 
-#include <cstdint>
 #include <ostream>
 #include <string>
 
@@ -19,8 +19,6 @@
 namespace Vaultrest {
 namespace DL {
 namespace KMSCtl {
-
-class JsonWriter;
 
 struct CtlStatus {
   long long quiesceCount = 0;
@@ -48,6 +46,10 @@ class CtlPrinter {
            const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KeyRecord& record);
   // getKeyRecordsByKad: result 3 (all matches) or 4 (some left out).
   void kadMatches(long result, const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KeyRecordSeq& records);
+  // The result of an export or import: each message as a line of text
+  // (CtlOpMessages), then "status CODE: TEXT"; or {"error_code": CODE,
+  // "messages": [{"code": N, "args": [...]}]}.
+  void opStatus(const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KSOpStatus& status);
 
   // A failure, on the stream given (standard output for JSON, standard
   // error for text): "error CODE: TEXT" or {"error": CODE, "message": TEXT}.
@@ -55,6 +57,9 @@ class CtlPrinter {
   static void error(std::ostream& out, bool json, const std::string& code, bool numeric,
                     const std::string& text);
 
+  // The catalogue's sentence for a status code, or its short text
+  // ("Success" for 0), or "unknown status".
+  static std::string statusText(int code);
   // Names as the store shows them ("KEY_ACTIVE"; "* UNKNOWN STATE *").
   static std::string stateName(long state);
   static std::string cipherName(long type);
@@ -65,11 +70,6 @@ class CtlPrinter {
   static std::string hex(const ::Ardentis::Vaultrest::TL::Framework::octetSeq& octets);
 
  private:
-  void jsonKey(JsonWriter& json, const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KeyRecord& record);
-  void jsonGroup(JsonWriter& json,
-                 const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KeyGroupRecord& record);
-  void textKey(const ::Ardentis::Vaultrest::DL::KMSFacetsV1::KeyRecord& record);
-
   std::ostream& m_out;
   const bool m_json;
 };

@@ -5,9 +5,9 @@
 #include "kms/client/CtlCommandLine.h"
 #include "kms/client/CtlCommands.h"
 #include "kms/client/CtlEndpoint.h"
+#include "kms/client/CtlExportFile.h"
 #include "kms/client/CtlPrinter.h"
 #include "kms/client/KmsClient.h"
-#include "kms/platform/CrvnLis.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -16,15 +16,6 @@ namespace KMSCtl {
 namespace Fw = ::Ardentis::Vaultrest::TL::Framework;
 
 namespace {
-
-// The catalogue's sentence for a status code, or its short text.
-std::string statusText(int code) {
-  const char* text = crvnCatalogueText(271, code);
-  if (text == nullptr) {
-    text = getECmsg(code);
-  }
-  return text != nullptr ? text : "unknown status";
-}
 
 // Whether a system exception means that the service was not reached at all
 // (nothing listens, the connection broke, the object is not served there).
@@ -58,9 +49,9 @@ int VrkmsCtl::run(const std::vector<std::string>& args) {
                                         : CtlEndpoint::toReference(line.endpoint());
     KmsClient client(reference);
     CtlPrinter printer(m_out, json);
-    CtlCommands(client, printer).run(line);
+    const bool succeeded = CtlCommands(client, printer).run(line);
     m_out.flush();
-    return kSuccess;
+    return succeeded ? kSuccess : kServiceError;
   } catch (const UsageError& e) {
     m_err << "vrkmsctl: " << e.what() << "\n" << CtlCommandLine::usage();
     return kUsageError;
@@ -68,7 +59,8 @@ int VrkmsCtl::run(const std::vector<std::string>& args) {
     const Fw::ErrorCodeExceptionDetails* details =
         Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
     const int code = details != nullptr ? details->errorCode() : 0;
-    CtlPrinter::error(json ? m_out : m_err, json, std::to_string(code), true, statusText(code));
+    CtlPrinter::error(json ? m_out : m_err, json, std::to_string(code), true,
+                      CtlPrinter::statusText(code));
     return kServiceError;
   } catch (const CORBA::SystemException& e) {
     if (isUnreachable(e)) {
@@ -77,6 +69,9 @@ int VrkmsCtl::run(const std::vector<std::string>& args) {
       return kUnreachable;
     }
     CtlPrinter::error(json ? m_out : m_err, json, e._name(), false, systemExceptionText(e));
+    return kServiceError;
+  } catch (const FileError& e) {
+    CtlPrinter::error(json ? m_out : m_err, json, "FILE", false, e.what());
     return kServiceError;
   } catch (const CORBA::Exception& e) {
     CtlPrinter::error(json ? m_out : m_err, json, e._name(), false, "unexpected exception");

@@ -4,7 +4,9 @@
 //      {"error": CODE, "message": TEXT} on standard output with --json.
 //      CODE is the store's status, or the name of the ORB's exception when
 //      the refusal came from the ORB (NO_PERMISSION for a peer without the
-//      right)
+//      right), or FILE when the export file could not be written. An export
+//      or import that the service answers with a non-zero code prints its
+//      status as any other result and ends with 1 too.
 //   2  a usage error (message and usage on standard error)
 //   3  the service cannot be reached
 #pragma once

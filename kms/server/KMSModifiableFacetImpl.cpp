@@ -2,11 +2,12 @@
 
 #include <string>
 
-#include "kms/server/FacetCall.h"
+#include "kms/server/FacetRecordOut.h"
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KSOpStatus.h"
 #include "kms/server/keystore/SecureBytes.h"
 
 namespace Ardentis {
@@ -16,17 +17,27 @@ namespace KMS {
 
 namespace Store = ::Vaultrest::DL::KMS;
 
+namespace {
+
+// A default record, checked, in its wire form: the form a client fills in.
+template <typename Record>
+auto blankForm() {
+  const Record blank;
+  blank.attributes().testInvariant();
+  blank.testInvariant();
+  return toIdlRecord(blank);
+}
+
+}  // namespace
+
 KMSModifiableFacetImpl::KMSModifiableFacetImpl(Store::FileKeyStore* store) : m_keyStore(store) {}
 
 KMSFacetsV1::KeyGroupRecord* KMSModifiableFacetImpl::createKeyGroup(
     const KMSFacetsV1::KeyGroupRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::createKeyGroup";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore, [&] {
-    const Store::KeyGrpRecord_v1 added =
-        m_keyStore->addKeyGroup(RecordConvertor::toKsKeyGroupRecord(record));
-    KMS_DEBUG(kLabel, 4, "KeyStore->addKeyGroup() successful");
-    return RecordConvertor::toIdlKeyGroupRecord(added);
+  return recordOut(kLabel, *m_keyStore, "KeyStore->addKeyGroup() successful", [&] {
+    return m_keyStore->addKeyGroup(RecordConvertor::toKsKeyGroupRecord(record));
   });
 }
 
@@ -34,11 +45,8 @@ KMSFacetsV1::KeyGroupRecord* KMSModifiableFacetImpl::updateKeyGroup(
     const KMSFacetsV1::KeyGroupRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::updateKeyGroup";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore, [&] {
-    const Store::KeyGrpRecord_v1 updated =
-        m_keyStore->updateKeyGroupRecord(RecordConvertor::toKsKeyGroupRecord(record));
-    KMS_DEBUG(kLabel, 4, "KeyStore->updateKeyGroupRecord() successful");
-    return RecordConvertor::toIdlKeyGroupRecord(updated);
+  return recordOut(kLabel, *m_keyStore, "KeyStore->updateKeyGroupRecord() successful", [&] {
+    return m_keyStore->updateKeyGroupRecord(RecordConvertor::toKsKeyGroupRecord(record));
   });
 }
 
@@ -55,24 +63,18 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::createKey(const char* passphrase
                                                           const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::createKey";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore, [&] {
-    std::string secret(passphrase);
-    const Store::ScopedWipe wipe(secret);
-    const Store::KeyRecord_v1 added =
-        m_keyStore->addKey(RecordConvertor::toKsKeyRecord(record), secret);
-    KMS_DEBUG(kLabel, 4, "KeyStore->addKey() successful");
-    return RecordConvertor::toIdlKeyRecord(added);
+  std::string secret(passphrase);
+  const Store::ScopedWipe wipe(secret);
+  return recordOut(kLabel, *m_keyStore, "KeyStore->addKey() successful", [&] {
+    return m_keyStore->addKey(RecordConvertor::toKsKeyRecord(record), secret);
   });
 }
 
 KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::updateKey(const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::updateKey";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore, [&] {
-    const Store::KeyRecord_v1 updated =
-        m_keyStore->updateKeyRecord(RecordConvertor::toKsKeyRecord(record));
-    KMS_DEBUG(kLabel, 4, "KeyStore->updateKeyRecord() successful");
-    return RecordConvertor::toIdlKeyRecord(updated);
+  return recordOut(kLabel, *m_keyStore, "KeyStore->updateKeyRecord() successful", [&] {
+    return m_keyStore->updateKeyRecord(RecordConvertor::toKsKeyRecord(record));
   });
 }
 
@@ -89,43 +91,44 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::recoverKey(const char* passphras
                                                            const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::recoverKey";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore, [&] {
+  std::string secret(passphrase);
+  const Store::ScopedWipe wipe(secret);
+  return recordOut(kLabel, *m_keyStore, "KeyStore->addKeyWithKnownTag() successful", [&] {
     const Store::KeyRecord_v1 rec = RecordConvertor::toKsKeyRecord(record);
     // Also what a tag that is not strict hexadecimal has become.
     if (rec.tag().empty()) {
       KS_THROW(1215, kLabel);
     }
-    std::string secret(passphrase);
-    const Store::ScopedWipe wipe(secret);
-    const Store::KeyRecord_v1 added = m_keyStore->addKeyWithKnownTag(rec, secret);
-    KMS_DEBUG(kLabel, 4, "KeyStore->addKeyWithKnownTag() successful");
-    return RecordConvertor::toIdlKeyRecord(added);
+    return m_keyStore->addKeyWithKnownTag(rec, secret);
   });
 }
 
 KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::getNewKey() {
   KMS_TRACE_THIS("KMSModifiableFacetImpl::getNewKey");
-  const Store::KeyRecord_v1 blank;
-  blank.attributes().testInvariant();
-  blank.testInvariant();
-  return RecordConvertor::toIdlKeyRecord(blank);
+  return blankForm<Store::KeyRecord_v1>();
 }
 
 KMSFacetsV1::KeyGroupRecord* KMSModifiableFacetImpl::getNewKeyGroup() {
   KMS_TRACE_THIS("KMSModifiableFacetImpl::getNewKeyGroup");
-  const Store::KeyGrpRecord_v1 blank;
-  blank.attributes().testInvariant();
-  blank.testInvariant();
-  return RecordConvertor::toIdlKeyGroupRecord(blank);
+  return blankForm<Store::KeyGrpRecord_v1>();
 }
 
-KMSFacetsV1::KSOpStatus* KMSModifiableFacetImpl::importKS(const TL::Framework::octetSeq&,
-                                                          const char*, CORBA::Boolean,
-                                                          CORBA::Boolean, const char*) {
-  static const char* const kLabel = "KMSModifiableFacetImpl::importKS";
-  KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore,
-                   [&]() -> KMSFacetsV1::KSOpStatus* { KS_THROW(1200, kLabel); });
+KMSFacetsV1::KSOpStatus* KMSModifiableFacetImpl::importKS(const TL::Framework::octetSeq& data,
+                                                          const char* passphrase,
+                                                          CORBA::Boolean preserveNames,
+                                                          CORBA::Boolean previewOnly,
+                                                          const char* description) noexcept {
+  KMS_TRACE_THIS("KMSModifiableFacetImpl::importKS");
+  std::string buffer;
+  buffer.reserve(data.length());
+  for (CORBA::ULong i = 0; i < data.length(); ++i) {
+    buffer.push_back(static_cast<char>(data[i]));
+  }
+  std::string secret(passphrase);
+  const Store::ScopedWipe wipe(secret);
+  Store::KSOpStatus status;
+  m_keyStore->importFromBuffer(buffer, secret, preserveNames, description, status, previewOnly);
+  return RecordConvertor::toIdlKSOpStatus(status);
 }
 
 }  // namespace KMS

@@ -51,11 +51,18 @@ class KMSModifiableFacetImpl
   KMSFacetsV1::KeyRecord* getNewKey() override;
   KMSFacetsV1::KeyGroupRecord* getNewKeyGroup() override;
 
-  // Import through the remote interface is not offered yet: ServiceException
-  // 1200.
+  // Merges the groups and keys of an export buffer into the store, or with
+  // `previewOnly` only reports what that would do. Every outcome, a refusal
+  // included, is the returned status: its code and the messages of each
+  // decision. Parses without a lock, then takes the write lock; not refused
+  // while quiesced.
+  //
+  // Nothing is caught here: the one error the store raises instead of
+  // reporting, 1202 for a store that is not initialized, ends the process
+  // (std::terminate) rather than reaching the client.
   KMSFacetsV1::KSOpStatus* importKS(const TL::Framework::octetSeq& data, const char* passphrase,
                                     CORBA::Boolean preserveNames, CORBA::Boolean previewOnly,
-                                    const char* description) override;
+                                    const char* description) noexcept override;
 
  private:
   ::Vaultrest::DL::KMS::FileKeyStore* m_keyStore;  // borrowed

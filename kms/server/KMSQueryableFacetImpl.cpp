@@ -1,6 +1,7 @@
 #include "kms/server/KMSQueryableFacetImpl.h"
 
 #include <cstdint>
+#include <cstring>
 #include <list>
 #include <string>
 
@@ -9,6 +10,8 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KSOpStatus.h"
+#include "kms/server/keystore/SecureBytes.h"
 
 namespace Ardentis {
 namespace Vaultrest {
@@ -211,12 +214,31 @@ CORBA::Long KMSQueryableFacetImpl::getKeyRecordsByKad(const TL::Framework::octet
   });
 }
 
-KMSFacetsV1::KSOpStatus* KMSQueryableFacetImpl::exportKS(const KMSFacetsV1::ExportKeyListSeq&,
-                                                         const char*, TL::Framework::octetSeq_out) {
+KMSFacetsV1::KSOpStatus* KMSQueryableFacetImpl::exportKS(
+    const KMSFacetsV1::ExportKeyListSeq& keyList, const char* passphrase,
+    TL::Framework::octetSeq_out data) {
   static const char* const kLabel = "KMSQueryableFacetImpl::exportKS";
   KMS_TRACE_THIS(kLabel);
-  return facetCall(kLabel, *m_keyStore,
-                   [&]() -> KMSFacetsV1::KSOpStatus* { KS_THROW(1200, kLabel); });
+  return facetCall(kLabel, *m_keyStore, [&] {
+    std::list<std::pair<std::string, std::string>> selection;
+    for (CORBA::ULong i = 0; i < keyList.length(); ++i) {
+      selection.emplace_back(keyList[i].kgname.in(), keyList[i].keyname.in());
+    }
+    std::string secret(passphrase);
+    const Store::ScopedWipe wipe(secret);
+    Store::KSOpStatus status;
+    const std::string buffer = m_keyStore->exportToBuffer(selection, secret, status);
+    KMS_DEBUG(kLabel, 4, "Encrypted buffer size: [" << buffer.size());
+    TL::Framework::octetSeq_var out = new TL::Framework::octetSeq();
+    out->length(static_cast<CORBA::ULong>(buffer.size()));
+    if (!buffer.empty()) {
+      std::memmove(out->get_buffer(), buffer.data(), buffer.size());
+    }
+    KMSFacetsV1::KSOpStatus_var result = RecordConvertor::toIdlKSOpStatus(status);
+    data = out._retn();
+    KMS_DEBUG(kLabel, 4, "exportKS completed successfully");
+    return result._retn();
+  });
 }
 
 }  // namespace KMS

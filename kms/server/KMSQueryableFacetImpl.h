@@ -58,8 +58,13 @@ class KMSQueryableFacetImpl
   CORBA::Long getKeyRecordsByKad(const TL::Framework::octetSeq& kad,
                                  KMSFacetsV1::KeyRecordSeq_out records) override;
 
-  // Export through the remote interface is not offered yet: ServiceException
-  // 1200.
+  // The groups and keys of `keyList` (pairs of group name and key name: "*"
+  // for all the group's keys, "" for the group alone; an empty list for the
+  // whole store) sealed under `passphrase` into `data`. A refusal is a normal
+  // result: its code and messages are in the returned status and `data` is
+  // empty. Only a store that is not initialized (1202) raises
+  // ServiceException, and stops the service. Takes the store's read lock,
+  // also while quiesced.
   KMSFacetsV1::KSOpStatus* exportKS(const KMSFacetsV1::ExportKeyListSeq& keyList,
                                     const char* passphrase,
                                     TL::Framework::octetSeq_out data) override;

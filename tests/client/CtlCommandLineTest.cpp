@@ -1,14 +1,20 @@
 // The client's side of a command: the command line, the endpoint, the JSON
-// text, and the program's exit statuses where no service answers.
+// text, the wording of export and import results, the export file, and the
+// program's exit statuses where no service answers.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "kms/client/CtlCommandLine.h"
 #include "kms/client/CtlCommands.h"
 #include "kms/client/CtlEndpoint.h"
+#include "kms/client/CtlExportFile.h"
+#include "kms/client/CtlOpMessages.h"
 #include "kms/client/CtlPrinter.h"
 #include "kms/client/JsonWriter.h"
 #include "support/PlatformTestRoot.h"
@@ -174,4 +180,168 @@ TEST(CtlProgram, UsageErrorsAndAnUnreachableServiceHaveTheirOwnStatuses) {
   EXPECT_EQ(downJson.out,
             "{\"error\":\"TRANSIENT\",\"message\":\"cannot reach the service at "
             "corbaloc::127.0.0.1:1/KMS.KMSMgr\"}\n");
+}
+
+TEST(CtlCommandLine, ExportAndImportArguments) {
+  const CtlCommandLine exported = parse({"export", "--select", "g/*", "out.vrx", "--select=h",
+                                         "--passphrase-file", "p", "--select", "g/a"});
+  EXPECT_EQ(exported.command(), "export");
+  EXPECT_EQ(exported.operands(), (std::vector<std::string>{"out.vrx"}));
+  EXPECT_EQ(exported.values("--select"), (std::vector<std::string>{"g/*", "h", "g/a"}));
+  EXPECT_EQ(exported.value("--passphrase-file"), "p");
+  EXPECT_TRUE(parse({"export", "f"}).values("--select").empty());  // the whole store
+
+  EXPECT_EQ(CtlCommands::parseSelection("g"), std::make_pair(std::string("g"), std::string()));
+  EXPECT_EQ(CtlCommands::parseSelection("g/k"), std::make_pair(std::string("g"), std::string("k")));
+  EXPECT_EQ(CtlCommands::parseSelection("g/*"), std::make_pair(std::string("g"), std::string("*")));
+  // The group ends at the first '/'; the store judges the key name.
+  EXPECT_EQ(CtlCommands::parseSelection("g/a/b"),
+            std::make_pair(std::string("g"), std::string("a/b")));
+  EXPECT_THROW(CtlCommands::parseSelection(""), UsageError);
+  EXPECT_THROW(CtlCommands::parseSelection("/k"), UsageError);
+  EXPECT_THROW(CtlCommands::parseSelection("g/"), UsageError);
+
+  const CtlCommandLine imported =
+      parse({"import", "in.vrx", "--preview", "--preserve-names", "--description", "moved"});
+  EXPECT_EQ(imported.operands(), (std::vector<std::string>{"in.vrx"}));
+  EXPECT_TRUE(imported.has("--preview"));
+  EXPECT_TRUE(imported.has("--preserve-names"));
+  EXPECT_EQ(imported.value("--description"), "moved");
+  EXPECT_FALSE(parse({"import", "in.vrx"}).has("--preview"));
+
+  EXPECT_EQ(usageErrorOf({"export"}), "export takes FILE");
+  EXPECT_EQ(usageErrorOf({"import", "a", "b"}), "import takes FILE");
+  // Only --select repeats.
+  EXPECT_EQ(usageErrorOf({"export", "f", "--passphrase-file", "p", "--passphrase-file", "q"}),
+            "--passphrase-file given twice");
+  EXPECT_EQ(usageErrorOf({"import", "f", "--preview", "--preview"}), "--preview given twice");
+  EXPECT_EQ(usageErrorOf({"export", "f", "--select"}), "--select needs a value");
+  EXPECT_EQ(usageErrorOf({"import", "f", "--select", "g"}), "unknown option --select for import");
+  EXPECT_EQ(usageErrorOf({"import", "f", "--preserve-names=yes"}),
+            "--preserve-names takes no value");
+  EXPECT_EQ(usageErrorOf({"export", "f", "--passphrase", "secret"}),
+            "unknown option --passphrase for export");
+}
+
+TEST(CtlOpMessages, ArgumentsFillTheFormInOrderOrTheMessageShowsAsItCame) {
+  // The forms with most arguments, and the one with two blanks in it.
+  EXPECT_EQ(CtlOpMessages::text(9, {"k", "g", "sk", "sg"}),
+            "Ignoring key [k] from group [g] which is a duplicate of existing key [sk] from group "
+            "[sg]");
+  EXPECT_EQ(CtlOpMessages::text(10, {"k", "g", "sk", "sg"}),
+            "Key [k] from group [g] has the same tag as that of existing key [sk] from group [sg], "
+            "but different value.");
+  EXPECT_EQ(CtlOpMessages::text(3, {"g", "s"}),
+            "Tag for key group [g]  conflicts with the existing key group [s]");
+  EXPECT_EQ(CtlOpMessages::text(8, {"k", "g"}), "ERR: Key k does not exist in Key Group g");
+  for (long code = 1; code <= 12; ++code) {
+    EXPECT_NE(CtlOpMessages::form(code), nullptr) << code;
+  }
+  // Arguments are put in as they are, in one pass.
+  EXPECT_EQ(CtlOpMessages::text(4, {"a%2", "b%1"}), "Changing key group [a%2] to [b%1]");
+  // What the table cannot word is shown as it came.
+  EXPECT_EQ(CtlOpMessages::text(4, {"g"}), "message 4: g");
+  EXPECT_EQ(CtlOpMessages::text(1, {"g", "extra"}), "message 1: g, extra");
+  EXPECT_EQ(CtlOpMessages::text(99, {}), "message 99");
+}
+
+TEST(CtlPrinter, AnOperationStatusAsTextAndAsJson) {
+  namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
+  Facets::KSOpStatus status;
+  status.error_code = 1283;
+  status.messages.length(2);
+  status.messages[0].msg_code = 2;
+  status.messages[0].args.length(1);
+  status.messages[0].args[0] = "g \"1\"";
+  status.messages[1].msg_code = 42;
+  std::ostringstream text;
+  CtlPrinter(text, false).opStatus(status);
+  EXPECT_EQ(text.str(),
+            "Key group [g \"1\"] already exists in the database\n"
+            "message 42\n"
+            "status 1283: The import was refused. See the messages of the import for the "
+            "reasons.\n");
+  std::ostringstream json;
+  CtlPrinter(json, true).opStatus(status);
+  EXPECT_EQ(json.str(),
+            "{\"error_code\":1283,\"messages\":[{\"code\":2,\"args\":[\"g \\\"1\\\"\"]},"
+            "{\"code\":42,\"args\":[]}]}\n");
+}
+
+TEST(CtlExportFile, AppearsWholeWithMode0600OrNotAtAll) {
+  TempRoot dir("vrkms-export-file");
+  const std::string target = dir.file("out.vrx");
+  const auto entries = [&] {
+    std::vector<std::string> names;
+    DIR* d = ::opendir(dir.path().c_str());
+    while (dirent* entry = ::readdir(d)) {
+      if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..") {
+        names.push_back(entry->d_name);
+      }
+    }
+    ::closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  const auto content = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  };
+  {
+    CtlExportFile file(target);
+    // Hidden beside the target until it is whole.
+    const std::string tempName = file.tempPath().substr(dir.path().size() + 1);
+    EXPECT_EQ(tempName.rfind(".out.vrx.", 0), 0u) << tempName;
+    EXPECT_EQ(entries(), (std::vector<std::string>{tempName}));
+    file.commit("\x00\x01sealed", 8);
+  }
+  EXPECT_EQ(entries(), (std::vector<std::string>{"out.vrx"}));
+  EXPECT_EQ(content(target), std::string("\x00\x01sealed", 8));
+  struct stat info;
+  ASSERT_EQ(::stat(target.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+
+  // Not committed (a refused export, a failure): the old file stays as it
+  // was and the new one is gone.
+  { CtlExportFile abandoned(target); }
+  EXPECT_EQ(entries(), (std::vector<std::string>{"out.vrx"}));
+  EXPECT_EQ(content(target), std::string("\x00\x01sealed", 8));
+  // A later export replaces it whole.
+  CtlExportFile(target).commit("new", 3);
+  EXPECT_EQ(content(target), "new");
+
+  EXPECT_THROW(CtlExportFile(dir.file("missing/out.vrx")), UsageError);
+  EXPECT_THROW(CtlExportFile(dir.path() + "/"), UsageError);
+}
+
+TEST(CtlProgram, ExportAndImportRefuseBadInputBeforeTheService) {
+  TempRoot root("vrkms-ctl");
+  // Nothing listens here: a command that got as far as the service would
+  // end with 3.
+  ::mkdir(root.file("etc").c_str(), 0700);
+  std::ofstream(root.file("etc/vr.conf")) << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:1\n";
+  std::ofstream(root.file("empty.pass")) << "\n";
+  std::ofstream(root.file("good.pass")) << "p\n";
+  const auto run = [&](std::vector<std::string> args) {
+    return ProcessRunner(VRKMSCTL_BINARY)
+        .args(std::move(args))
+        .env("VREST_ROOT", root.path())
+        .run();
+  };
+  const ProcessResult empty =
+      run({"export", root.file("out"), "--passphrase-file", root.file("empty.pass")});
+  EXPECT_EQ(empty.exitStatus, 2);
+  EXPECT_EQ(empty.err.rfind("vrkmsctl: the passphrase of an export must not be empty\n", 0), 0u)
+      << empty.err;
+  const ProcessResult missing =
+      run({"import", root.file("none.vrx"), "--passphrase-file", root.file("good.pass")});
+  EXPECT_EQ(missing.exitStatus, 2);
+  EXPECT_EQ(missing.err.rfind("vrkmsctl: cannot read the export file " + root.file("none.vrx"), 0),
+            0u)
+      << missing.err;
+  // Input that passes goes on to the service.
+  EXPECT_EQ(
+      run({"export", root.file("out"), "--passphrase-file", root.file("good.pass")}).exitStatus, 3);
+  struct stat info;
+  EXPECT_NE(::stat(root.file("out").c_str(), &info), 0);
 }

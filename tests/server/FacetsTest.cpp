@@ -148,14 +148,6 @@ TEST_F(Facet, QueryArgumentsThatCannotReachTheStore) {
   ASSERT_EQ(m_query->getKeyRecordsByKad(kad.in(), found.out()), 3);
   ASSERT_EQ(found->length(), 1u);
   EXPECT_EQ(found[0].encKey.length(), 16u);
-
-  // Export is not offered through this interface yet.
-  Fw::octetSeq_var data;
-  EXPECT_EQ(serviceError([&] {
-              Facets::KSOpStatus_var s =
-                  m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
-            }),
-            1200);
 }
 
 TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
@@ -202,12 +194,6 @@ TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
   m_modify->deleteKeyGroup(group->tag, true);
   Facets::KeyGroupRecordSeq_var groups = m_query->getAllKeyGroupRecords();
   EXPECT_EQ(groups->length(), 0u);
-
-  EXPECT_EQ(serviceError([&] {
-              Facets::KSOpStatus_var s =
-                  m_modify->importKS(Fw::octetSeq(), "pass", true, true, "description");
-            }),
-            1200);
 }
 
 }  // namespace
