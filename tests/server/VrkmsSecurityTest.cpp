@@ -1,0 +1,409 @@
+// What the built vrkms and vrkmsctl leave behind and whom they serve: after
+// a run through every administrator option and every vrkmsctl command, each
+// file under the installation root is private to its owner and none but the
+// store's own files and the export holds a passphrase or a key; and a peer
+// that holds none of the rights an operation asks for is refused it.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <KMS.h>
+
+#include "server/GatedVrkms.h"
+#include "server/OrbTestSupport.h"
+
+namespace Fw = Ardentis::Vaultrest::TL::Framework;
+namespace Remote = Ardentis::Vaultrest::DL::KMS;
+namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
+
+namespace {
+
+// The value of the first member `name` of a JSON text, strings and numbers
+// alike; "<absent>" when there is none.
+std::string field(const std::string& json, const std::string& name) {
+  const std::string key = "\"" + name + "\":";
+  size_t at = json.find(key);
+  if (at == std::string::npos) {
+    return "<absent>";
+  }
+  at += key.size();
+  if (json[at] == '"') {
+    return json.substr(at + 1, json.find('"', at + 1) - at - 1);
+  }
+  return json.substr(at, json.find_first_of(",}]", at) - at);
+}
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::string bytesOfHex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+std::string upper(std::string text) {
+  for (char& c : text) {
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  return text;
+}
+
+std::string base64(const std::string& bytes) {
+  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
+                                reinterpret_cast<const unsigned char*>(bytes.data()),
+                                static_cast<int>(bytes.size()));
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+// A secret and the forms it could be written in.
+struct Secret {
+  std::string name;
+  std::vector<std::string> forms;
+};
+
+Secret passphrase(const std::string& text) {
+  return {"passphrase " + text, {text}};
+}
+
+// A key read back as hexadecimal: its bytes, hexadecimal in either case and
+// base64.
+Secret key(const std::string& name, const std::string& hex) {
+  const std::string bytes = bytesOfHex(hex);
+  return {"key " + name, {bytes, hex, upper(hex), base64(bytes)}};
+}
+
+// Checks that every file under `root` is private to its owner and every
+// directory closed to others; gives the paths.
+std::vector<std::string> expectPrivate(const std::string& root) {
+  const std::vector<std::string> found = GatedVrkms::walk(root);
+  for (const std::string& file : found) {
+    struct stat info;
+    if (::lstat(file.c_str(), &info) != 0) {
+      continue;  // gone meanwhile
+    }
+    if (S_ISDIR(info.st_mode)) {
+      EXPECT_EQ(info.st_mode & 077, 0u) << file << std::oct << " mode " << info.st_mode;
+    } else {
+      EXPECT_TRUE(S_ISREG(info.st_mode)) << file;
+      EXPECT_EQ(info.st_mode & 0177, 0u) << file << std::oct << " mode " << info.st_mode;
+    }
+  }
+  return found;
+}
+
+// "Vrkms" suite: a real service on a free loopback port, driven as an
+// administrator would.
+class VrkmsSecurity : public ::testing::Test {
+ protected:
+  void SetUp() override { m_vrkms.writeConf(m_vrkms.root().file("kms")); }
+
+  std::string path(const std::string& name) const { return m_vrkms.root().file(name); }
+
+  // Runs an administrator option that must succeed.
+  void admin(const std::vector<std::string>& args, const std::string& input = "") {
+    const ProcessResult r = m_vrkms.admin(args, input);
+    EXPECT_EQ(r.exitStatus, 0) << args[0] << ": " << r.out << r.err;
+  }
+  // Runs a vrkmsctl command that must succeed; its JSON output.
+  std::string json(std::vector<std::string> args) {
+    args.insert(args.begin(), "--json");
+    const ProcessResult r = m_vrkms.ctl(args);
+    EXPECT_EQ(r.exitStatus, 0) << args[1] << " " << (args.size() > 2 ? args[2] : "") << ": "
+                               << r.out << r.err;
+    return r.out;
+  }
+  // Runs a vrkmsctl command that must succeed; its text output.
+  std::string text(const std::vector<std::string>& args) {
+    const ProcessResult r = m_vrkms.ctl(args);
+    EXPECT_EQ(r.exitStatus, 0) << args[0] << " " << (args.size() > 1 ? args[1] : "") << ": "
+                               << r.out << r.err;
+    return r.out;
+  }
+
+  GatedVrkms m_vrkms;
+};
+
+TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) {
+  const std::string hmk1 = "Hmk1-Qz7xW1vT", kpk1 = "Kpk1-Rt8yV2mS", hmk2 = "Hmk2-Ux5kJ9pL",
+                    kpk2 = "Kpk2-Wc4nH8qA", keyPass = "Key-Mn3bC4zR", exportPass = "Exp-Lp6dF0sE";
+  std::vector<Secret> secrets;
+  for (const std::string& p : {hmk1, kpk1, hmk2, kpk2, keyPass, exportPass}) {
+    secrets.push_back(passphrase(p));
+  }
+  const std::set<std::string> passphraseFiles = {
+      m_vrkms.writePrivate("hmk2.txt", hmk2 + "\n"),
+      m_vrkms.writePrivate("kpk2.txt", kpk2 + "\n"),
+      m_vrkms.writePrivate("key.txt", keyPass + "\n"),
+      m_vrkms.writePrivate("export.txt", exportPass + "\n"),
+  };
+  const std::string exportFile = path("keys.export");
+
+  // The administrator options, passphrases on the command line and asked.
+  admin(
+      {"-createemptydb", "-hmkpass", hmk1, "-hmkid", "hmk-1", "-kpkpass", kpk1, "-kpkid", "kpk-1"});
+  admin({"-info"});
+  admin({"-resethmk", "-overwrite"}, hmk1 + "\n" + hmk1 + "\n");
+  admin({"-resetkpk", "-overwrite", "-kpkpass", kpk1});
+
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  text({"status"});
+  json({"group", "create", "g", "--cipher", "AES256", "--description", "main"});
+  json({"group", "create", "g2", "--cipher", "AES256"});
+  json({"group", "create", "s", "--cipher", "AES128"});
+  json({"group", "create", "b", "--cipher", "BLOWFISH"});
+  text({"group", "list"});
+  text({"group", "show", "g"});
+  json({"group", "update", "b", "--new-name", "bf", "--description", "old"});
+  const std::string k1 = field(json({"key", "create", "g", "k1", "--description", "one"}), "tag");
+  const std::string made = json({"key", "create", "g", "k2", "--passphrase-file", path("key.txt")});
+  const std::string k2 = field(made, "tag");
+  const std::string k3 = field(json({"key", "create", "s", "k3", "--state", "prelive"}), "tag");
+  const std::string k4 = field(json({"key", "create", "bf", "k4"}), "tag");
+  json({"key", "update", "s", "k3", "--state", "active"});
+  json({"key", "update", "g", "k1", "--new-name", "k1b", "--description", "renamed"});
+  json({"key", "update", "g", "k1b", "--move-to", "g2"});
+  text({"key", "list", "g"});
+  text({"key", "show", "g", "k2"});
+  text({"key", "active", "g"});
+  for (const std::string& tag : {k1, k2, k3, k4}) {
+    const std::string hex = field(json({"key", "get", tag}), "key");
+    ASSERT_GE(hex.size(), 32u) << tag;
+    secrets.push_back(key(tag, hex));
+    text({"key", "get", tag});
+  }
+  text({"kad", "get", k2, "12"});
+  text({"kad", "find", k2.substr(0, 24)});
+  // A key made from a passphrase, gone and brought back.
+  for (const char* state : {"inactive", "deprecated", "terminated"}) {
+    json({"key", "update", "g", "k2", "--state", state});
+  }
+  text({"key", "delete", "g", "k2"});
+  text({"key", "recover", "g", "k2", "--tag", k2, "--salt", field(made, "KEY_SALT"),
+        "--passphrase-file", path("key.txt")});
+  text({"quiesce"});
+  text({"unquiesce"});
+  text({"rotate-hmk", "--id", "hmk-2", "--passphrase-file", path("hmk2.txt")});
+  text({"rotate-kpk", "--id", "kpk-2", "--passphrase-file", path("kpk2.txt")});
+  text({"export", exportFile, "--passphrase-file", path("export.txt")});
+  text({"group", "delete", "s", "--force"});
+  text({"import", exportFile, "--passphrase-file", path("export.txt"), "--preview"});
+  text({"import", exportFile, "--passphrase-file", path("export.txt"), "--description", "back"});
+  EXPECT_EQ(field(json({"key", "get", k3}), "key"), secrets[8].forms[1]);  // imported again
+  json({"key", "update", "bf", "k4", "--state", "inactive"});
+  text({"--json", "status"});
+  // While the service runs: its pid and IOR files too.
+  const std::vector<std::string> running = expectPrivate(m_vrkms.root().path());
+  for (const char* name : {"var/vrkms/vrkms.pid", "var/vrkms/KMS.KMSMgr.ior"}) {
+    EXPECT_TRUE(std::find(running.begin(), running.end(), path(name)) != running.end()) << name;
+  }
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+
+  admin({"-resethmk", "-overwrite", "-hmkpass", hmk2});
+  admin({"-resetkpk", "-overwrite"}, kpk2 + "\n" + kpk2 + "\n");
+  admin({"-info"});
+
+  const std::vector<std::string> written = expectPrivate(m_vrkms.root().path());
+  EXPECT_TRUE(std::find(written.begin(), written.end(), exportFile) != written.end());
+
+  // No secret in the logs or in any other file written, in any form. The
+  // store's files and the export hold them only sealed: not in the clear
+  // either.
+  size_t searched = 0;
+  for (const std::string& file : written) {
+    struct stat info;
+    if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        passphraseFiles.count(file) != 0) {
+      continue;
+    }
+    const std::string content = GatedVrkms::readPath(file);
+    ++searched;
+    for (const Secret& secret : secrets) {
+      for (const std::string& form : secret.forms) {
+        EXPECT_EQ(content.find(form), std::string::npos) << secret.name << " in " << file;
+      }
+    }
+  }
+  EXPECT_GE(searched, 6u);  // two logs, the store's three files, the export
+  // The logs did see the passphrases go by.
+  const std::string log = m_vrkms.debugLog();
+  EXPECT_NE(log.find("-hmkpass ****** -hmkid hmk-1 -kpkpass ****** "), std::string::npos);
+  EXPECT_NE(log.find("updateHMK"), std::string::npos);
+  EXPECT_NE(log.find("exportKS"), std::string::npos);
+  EXPECT_NE(log.find("importKS"), std::string::npos);
+}
+
+// Calls `call`; "" when it went through, the ServiceException's error code
+// as "ServiceException <code>", or the system exception's name.
+std::string outcome(const std::function<void()>& call) {
+  try {
+    call();
+    return "";
+  } catch (const Fw::ServiceException& e) {
+    const Fw::ErrorCodeExceptionDetails* details =
+        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
+    return "ServiceException " + (details ? std::to_string(details->errorCode()) : "?");
+  } catch (const CORBA::SystemException& e) {
+    return e._name();
+  }
+}
+
+std::string grantLine(const std::vector<int>& rights) {
+  std::string line = "VRKMS_GRANT = 127.0.0.1 ";
+  for (size_t i = 0; i < rights.size(); ++i) {
+    line += (i == 0 ? "" : ",") + std::to_string(rights[i]);
+  }
+  return line + "\n";
+}
+
+TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
+  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  json({"group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  const std::string groupTag = field(json({"group", "show", "g"}), "tag");
+
+  // The facets, fetched while loopback peers hold every right.
+  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
+      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
+  Facets::KMSQueryableFacet_var query =
+      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
+  Facets::KMSModifiableFacet_var modify =
+      Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
+  Facets::KMSControlFacet_var control =
+      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  ASSERT_FALSE(CORBA::is_nil(query) || CORBA::is_nil(modify) || CORBA::is_nil(control));
+  Facets::KeyRecord_var keyForm = query->getKeyRecord(tag.c_str());
+  Facets::KeyGroupRecord_var groupForm = query->getKeyGroupRecord(groupTag.c_str());
+  const std::string nowhere(64, '0');
+
+  // Every operation with rows, with the rights each alternative asks for
+  // all together.
+  struct Guarded {
+    const char* name;
+    std::vector<std::vector<int>> alternatives;
+    std::function<void()> call;
+  };
+  const std::vector<Guarded> guarded = {
+      {"getQueryableFacet",
+       {{28}, {3}, {1}},
+       [&] { CORBA::Object_var f = mgr->getQueryableFacet(); }},
+      {"getModifiableFacet",
+       {{2}, {40}, {3}},
+       [&] { CORBA::Object_var f = mgr->getModifiableFacet(); }},
+      {"getControlFacet", {{28}, {1}, {40}}, [&] { CORBA::Object_var f = mgr->getControlFacet(); }},
+      {"getKeyStoreStats", {{28}, {1}}, [&] { query->getKeyStoreStats(); }},
+      {"getKeyRecordByName",
+       {{1}},
+       [&] { Facets::KeyRecord_var r = query->getKeyRecordByName("g", "k"); }},
+      {"getKeyGroupRecordByName",
+       {{1}},
+       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecordByName("g"); }},
+      {"getAllKeyGroupRecords",
+       {{28}, {1}},
+       [&] { Facets::KeyGroupRecordSeq_var r = query->getAllKeyGroupRecords(); }},
+      {"getKeyRecord", {{1}}, [&] { Facets::KeyRecord_var r = query->getKeyRecord(tag.c_str()); }},
+      {"getKeyGroupRecord",
+       {{1}},
+       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecord(groupTag.c_str()); }},
+      {"getActiveKeyRecord",
+       {{1}},
+       [&] { Facets::KeyRecord_var r = query->getActiveKeyRecord(groupTag.c_str()); }},
+      {"getAllKeyRecordsInGroup",
+       {{28}, {1}},
+       [&] { Facets::KeyRecordSeq_var r = query->getAllKeyRecordsInGroup(groupTag.c_str()); }},
+      {"exportKS",
+       {{1, 3}},
+       [&] {
+         Fw::octetSeq_var data;
+         Facets::KSOpStatus_var s = query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
+       }},
+      {"createKeyGroup",
+       {{2}},
+       [&] { Facets::KeyGroupRecord_var r = modify->createKeyGroup(groupForm.in()); }},
+      {"createKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->createKey("", keyForm.in()); }},
+      {"recoverKey",
+       {{2}},
+       [&] { Facets::KeyRecord_var r = modify->recoverKey("", keyForm.in()); }},
+      {"updateKey", {{40}}, [&] { Facets::KeyRecord_var r = modify->updateKey(keyForm.in()); }},
+      {"updateKeyGroup",
+       {{40}},
+       [&] { Facets::KeyGroupRecord_var r = modify->updateKeyGroup(groupForm.in()); }},
+      {"getNewKeyGroup", {{2}}, [&] { Facets::KeyGroupRecord_var r = modify->getNewKeyGroup(); }},
+      {"getNewKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->getNewKey(); }},
+      {"deleteKeyGroup", {{3}}, [&] { modify->deleteKeyGroup(nowhere.c_str(), false); }},
+      {"deleteKey", {{3}}, [&] { modify->deleteKey(nowhere.c_str()); }},
+      {"importKS",
+       {{2}},
+       [&] {
+         Facets::KSOpStatus_var s = modify->importKS(Fw::octetSeq(), "pass", true, true, "");
+       }},
+      {"updateHMK", {{40}}, [&] { control->updateHMK("", "hmk-2"); }},
+      {"updateKPK", {{40}}, [&] { control->updateKPK("", "kpk-2"); }},
+      {"getHMKId", {{1}}, [&] { CORBA::String_var id = control->getHMKId(); }},
+      {"getKPKId", {{1}}, [&] { CORBA::String_var id = control->getKPKId(); }},
+      {"quiesce", {{40}}, [&] { control->quiesce(); }},
+      {"unquiesce", {{40}}, [&] { control->unquiesce(true); }},
+      {"isQuiesced", {{28}, {1}}, [&] { control->isQuiesced(); }},
+  };
+
+  // Rights that no row names: every guarded operation is refused ...
+  m_vrkms.writeExtraConf(grantLine({7, 99}));
+  for (const Guarded& op : guarded) {
+    EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name;
+  }
+  // ... and vrkmsctl says so.
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"status"},
+                                             {"group", "list"},
+                                             {"key", "create", "g", "k2"},
+                                             {"rotate-kpk", "--id", "x"}}) {
+    const ProcessResult r = m_vrkms.ctl(args);
+    EXPECT_EQ(r.exitStatus, 1) << args[0];
+    EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << r.err;
+  }
+  // Operations with no row ask only for some right.
+  Facets::KeyRecord_var clear = query->getKey(tag.c_str());
+  EXPECT_EQ(clear->encKey.length(), 32u);
+  Facets::KeyRecord_var record;
+  Fw::octetSeq_var kad;
+  EXPECT_EQ(query->getKeyAndKad(tag.c_str(), 12, record.out(), kad.out()), 1);
+  Facets::KeyRecordSeq_var found;
+  EXPECT_EQ(query->getKeyRecordsByKad(kad.in(), found.out()), 3);
+  EXPECT_EQ(outcome([&] { CORBA::Object_var f = mgr->getEximFacet(); }), "ServiceException 1200");
+  // No right at all: not even those.
+  m_vrkms.writeExtraConf("VRKMS_GRANT = 127.0.0.1 none\n");
+  EXPECT_EQ(outcome([&] { Facets::KeyRecord_var r = query->getKey(tag.c_str()); }),
+            "NO_PERMISSION");
+
+  // Exactly the rights of one alternative let the operation through; part
+  // of an "and" does not.
+  for (const Guarded& op : guarded) {
+    for (const std::vector<int>& rights : op.alternatives) {
+      m_vrkms.writeExtraConf(grantLine(rights));
+      EXPECT_NE(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(rights);
+      for (size_t left = 0; rights.size() > 1 && left < rights.size(); ++left) {
+        std::vector<int> part = rights;
+        part.erase(part.begin() + static_cast<long>(left));
+        m_vrkms.writeExtraConf(grantLine(part));
+        EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(part);
+      }
+    }
+  }
+  m_vrkms.writeExtraConf("");
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
+}  // namespace
