@@ -5,7 +5,11 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build test bench run format clean
+# Tests that exercise threads against each other: run under ThreadSanitizer.
+TSAN_TESTS ?= StoreLock|Concurrent|VrkmsLoad|Facet
+FUZZ_SECONDS ?= 15
+
+.PHONY: all deps configure build test test-asan test-tsan fuzz-smoke ci bench run format clean
 
 all: build
 
@@ -20,6 +24,29 @@ build: configure
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+# Every unit and process-level test, built with AddressSanitizer and
+# UndefinedBehaviorSanitizer (any report fails the test).
+test-asan: deps
+	@cmake -S . -B build-asan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=address,undefined >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	@cd build-asan && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS) --timeout 900
+
+# The concurrency tests, built with ThreadSanitizer.
+test-tsan: deps
+	@cmake -S . -B build-tsan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=thread >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target keystore_tests server_tests vrkms vrkmsctl
+	@cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
+
+# Every fuzz target for FUZZ_SECONDS seconds (clang, ASan and UBSan).
+fuzz-smoke: deps
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
+
+# What CI runs: the tests, the sanitizer builds and a short fuzzing run.
+ci: test test-asan test-tsan fuzz-smoke
 
 bench: build
 	@scripts/run-benchmarks $(BUILD_DIR)

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/FileFaults.h"
 #include "kms/server/keystore/FileUtils.h"
 
@@ -18,19 +19,13 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 constexpr int kBatch = 256;
 
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
-
-void report(benchmark::State& state, double subject, double reference) {
-  const double n = static_cast<double>(state.iterations()) * kBatch;
-  state.counters["subject_ns"] = subject / n * 1e9;
-  state.counters["reference_ns"] = reference / n * 1e9;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+double operations(const benchmark::State& state) {
+  return static_cast<double>(state.iterations()) * kBatch;
 }
 
 void BM_SeamAccess(benchmark::State& state) {
@@ -50,7 +45,8 @@ void BM_SeamAccess(benchmark::State& state) {
     reference += seconds(t0, t1);
     subject += seconds(t1, t2);
   }
-  report(state, subject, reference);
+  bench::report(state, {"access through the file seam", "access(2)", ""}, subject, reference,
+                operations(state));
 }
 BENCHMARK(BM_SeamAccess);
 
@@ -73,7 +69,8 @@ void BM_SeamBufferedWrite(benchmark::State& state) {
     subject += seconds(t1, t2);
   }
   std::fclose(out);
-  report(state, subject, reference);
+  bench::report(state, {"64-byte write through the file seam", "fwrite", ""}, subject, reference,
+                operations(state));
 }
 BENCHMARK(BM_SeamBufferedWrite);
 

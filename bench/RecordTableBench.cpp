@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/KeyRecordTable.h"
 #include "kms/server/keystore/KeyRecord_v1.h"
 #include "kms/server/keystore/RecordUtils.h"
@@ -26,7 +27,8 @@ using namespace Vaultrest::DL::KMS;
 namespace {
 
 typedef KeyRecordTable<KeyRecord_v1> KeyTable;
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 std::string randomBytes(std::mt19937_64& rng, size_t n) {
   std::string s(n, '\0');
@@ -98,15 +100,8 @@ void settleHeap() {
   free(block);
 }
 
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
-
-void report(benchmark::State& state, double subject, double reference) {
-  const double n = static_cast<double>(state.iterations());
-  state.counters["subject_us"] = subject / n * 1e6;
-  state.counters["reference_us"] = reference / n * 1e6;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+std::string keys(const benchmark::State& state) {
+  return std::to_string(state.range(0)) + " keys";
 }
 
 void BM_CopyKeyTable(benchmark::State& state) {
@@ -132,7 +127,9 @@ void BM_CopyKeyTable(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  report(state, subject, reference);
+  bench::report(state,
+                {"copy of the key table", "copy of a vector of the key strings", keys(state)},
+                subject, reference);
 }
 BENCHMARK(BM_CopyKeyTable)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMillisecond);
 
@@ -167,7 +164,9 @@ void BM_UpdateOnCopy(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  report(state, subject, reference);
+  const std::string size = keys(state) + " (" + std::to_string(state.range(1)) + " per group)";
+  bench::report(state, {"copy and update one record", "copy of a vector of the key strings", size},
+                subject, reference);
 }
 BENCHMARK(BM_UpdateOnCopy)
     ->Args({3000, 30})
@@ -209,10 +208,8 @@ void BM_GetTagsByKad(benchmark::State& state) {
     reference += seconds(t1, t2);
     state.SetIterationTime(seconds(t0, t1));
   }
-  const double lookups = static_cast<double>(state.iterations()) * kBatch;
-  state.counters["subject_ns"] = subject / lookups * 1e9;
-  state.counters["reference_ns"] = reference / lookups * 1e9;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+  bench::report(state, {"getTagsByKad", "lookup of the full tag in a map", keys(state)}, subject,
+                reference, static_cast<double>(state.iterations()) * kBatch);
 }
 BENCHMARK(BM_GetTagsByKad)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 

@@ -33,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
 #include "kms/server/keystore/KPKMgr.h"
@@ -45,7 +46,8 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 constexpr int kKeysPerGroup = 50;
 const char* const kConfig =
@@ -54,10 +56,6 @@ const char* const kConfig =
     "\"max_keys_per_group\"=dword:00000064\n";
 
 std::string g_root;
-
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
 
 // CPU time of this thread, in seconds: what a commit costs without its waits
 // for the disk.
@@ -198,14 +196,15 @@ void measure(benchmark::State& state, Totals& totals, Change&& change) {
   state.SetIterationTime(seconds(t0, t1));
 }
 
-void report(benchmark::State& state, const std::string& subjectName, Totals& totals) {
+void report(benchmark::State& state, const char* subjectName, Totals& totals) {
   const double n = static_cast<double>(state.iterations());
-  state.counters[subjectName + "_ms"] = totals.subject / n * 1e3;
-  state.counters["writeToFile_ms"] = totals.reference / n * 1e3;
-  state.counters[subjectName + "_cpu_ms"] = totals.subjectCpu / n * 1e3;
+  bench::report(state,
+                {subjectName, "bare commit (writeToFile) of the same state",
+                 std::to_string(state.range(0)) + " keys"},
+                totals.subject, totals.reference);
+  state.counters["subject_cpu_ms"] = totals.subjectCpu / n * 1e3;
   state.counters["writeToFile_cpu_ms"] = totals.referenceCpu / n * 1e3;
   state.counters["copy_ms"] = totals.copy / n * 1e3;
-  state.counters["ratio"] = totals.reference > 0 ? totals.subject / totals.reference : 0;
   state.counters["cpu_ratio"] =
       totals.referenceCpu > 0 ? totals.subjectCpu / totals.referenceCpu : 0;
   // The disk's latency swings on a shared machine: the median of the

@@ -17,6 +17,7 @@
 #include <map>
 #include <string>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/GCMCrypter.h"
 #include "kms/server/keystore/KSInputBuffer.h"
 #include "kms/server/keystore/KSOutStream.h"
@@ -29,20 +30,19 @@ using namespace Vaultrest::DL::KMS;
 namespace {
 
 typedef KeyRecordTable<KeyRecord_v1> KeyTable;
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 const std::string kHmk(32, '\x5a');
 const unsigned char kIv[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
 
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
-
-void report(benchmark::State& state, double subject, double reference, size_t bytes) {
+void report(benchmark::State& state, const char* operation, double subject, double reference,
+            size_t bytes) {
   const double n = static_cast<double>(state.iterations());
-  state.counters["subject_ms"] = subject / n * 1e3;
-  state.counters["reference_ms"] = reference / n * 1e3;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+  bench::report(
+      state,
+      {operation, "bare AES-256-GCM of the same bytes", std::to_string(state.range(0)) + " keys"},
+      subject, reference);
   state.counters["stream_bytes"] = static_cast<double>(bytes);
   state.counters["keys_per_s"] = benchmark::Counter(
       static_cast<double>(state.range(0)) * n / subject, benchmark::Counter::kDefaults);
@@ -147,7 +147,7 @@ void BM_WriteEncryptedKeyTable(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  report(state, subject, reference, plainLen + 28);
+  report(state, "write of the encrypted key table", subject, reference, plainLen + 28);
 }
 BENCHMARK(BM_WriteEncryptedKeyTable)
     ->Arg(3000)
@@ -191,7 +191,7 @@ void BM_ReadEncryptedKeyTable(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  report(state, subject, reference, body.size());
+  report(state, "read of the encrypted key table", subject, reference, body.size());
 }
 BENCHMARK(BM_ReadEncryptedKeyTable)
     ->Arg(3000)

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
 #include "kms/server/keystore/KPKMgr.h"
@@ -26,7 +27,8 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 constexpr int kGroups = 100;
 constexpr int kKeysPerGroup = 30;
@@ -80,10 +82,6 @@ const Fixture& fixture() {
   return fx;
 }
 
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
-
 void BM_GetKey(benchmark::State& state) {
   const Fixture& fx = fixture();
   size_t next = static_cast<size_t>(state.thread_index()) * 1009;
@@ -103,11 +101,9 @@ void BM_GetKey(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  const double n = static_cast<double>(state.iterations());
-  const auto avg = benchmark::Counter::kAvgThreads;
-  state.counters["getKey_us"] = benchmark::Counter(subject / n * 1e6, avg);
-  state.counters["decryptKey_us"] = benchmark::Counter(reference / n * 1e6, avg);
-  state.counters["ratio"] = benchmark::Counter(reference > 0 ? subject / reference : 0, avg);
+  const std::string size = std::to_string(kGroups * kKeysPerGroup) + " keys; " +
+                           std::to_string(state.threads()) + " thread(s)";
+  bench::report(state, {"getKey with unwrap", "bare KPKMgr::decryptKey", size}, subject, reference);
 }
 BENCHMARK(BM_GetKey)->Threads(1)->Threads(2)->UseManualTime()->Unit(benchmark::kMicrosecond);
 

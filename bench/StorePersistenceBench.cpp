@@ -23,6 +23,7 @@
 #include <memory>
 #include <string>
 
+#include "bench/BenchReport.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/FileUtils.h"
 #include "kms/server/keystore/KMSFileLocator.h"
@@ -36,15 +37,12 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 constexpr int kKeysPerGroup = 30;
 
 std::string g_root;
-
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
 
 // A store of `keyCount` keys, committed once to its own root.
 struct DiskStore {
@@ -144,10 +142,10 @@ void BM_Init(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["init_ms"] = subject / n * 1e3;
-  state.counters["read_files_ms"] = reference / n * 1e3;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+  bench::report(state,
+                {"init (open and read the store)", "reading the same file bytes",
+                 std::to_string(state.range(0)) + " keys"},
+                subject, reference);
   state.counters["file_bytes"] = static_cast<double>(bytes);
 }
 BENCHMARK(BM_Init)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -208,10 +206,8 @@ void BM_Commit(benchmark::State& state) {
     reference += seconds(t1, t2);
     state.SetIterationTime(seconds(t0, t1));
   }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["commit_ms"] = subject / n * 1e3;
-  state.counters["three_fsyncs_ms"] = reference / n * 1e3;
-  state.counters["ratio"] = reference > 0 ? subject / reference : 0;
+  bench::report(state, {"one commit (three files)", "three small writes and fsyncs", "3000 keys"},
+                subject, reference);
 }
 BENCHMARK(BM_Commit)->UseManualTime()->Unit(benchmark::kMillisecond);
 
