@@ -3,6 +3,7 @@
 #include "kms/client/CtlCommandLine.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
 #include "kms/platform/framework/FrameworkRegistrar.h"
+#include "kms/platform/framework/Orb.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -41,6 +42,7 @@ KmsClient::KmsClient(const std::string& reference) {
   const char* options[][2] = {{"clientCallTimeOutPeriod", kCallTimeoutMs},
                               {"clientConnectTimeOutPeriod", kConnectTimeoutMs},
                               {"traceLevel", "0"},
+                              {"giopMaxMsgSize", Fw::Orb::kMaxMessageSize},
                               {nullptr, nullptr}};
   m_orb = CORBA::ORB_init(argc, argv, "omniORB4", options);
   Fw::FrameworkRegistrar().init(m_orb.in());

@@ -56,7 +56,13 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
   std::vector<char*> args(argv, argv + argc);
   args.push_back(nullptr);
   int count = argc;
-  const char* options[][2] = {{"endPoint", where.c_str()}, {nullptr, nullptr}};
+  // strictIIOP off: the ORB skips bytes left after a request's arguments
+  // instead of failing the connection, a road on which it loses the
+  // request's buffers (about 8 KiB for every such request a peer sends).
+  const char* options[][2] = {{"endPoint", where.c_str()},
+                              {"strictIIOP", "0"},
+                              {"giopMaxMsgSize", kMaxMessageSize},
+                              {nullptr, nullptr}};
   try {
     m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options);
     RequestGuard::install();
@@ -98,12 +104,15 @@ CORBA::Object_ptr Orb::activateServant(PortableServer::Servant servant) {
 int Orb::advertiseObject(const char* objectId, CORBA::Object_ptr ref) {
   FW_TRACE_THIS("Orb::advertiseObject");
   try {
-    PortableServer::Servant servant = m_rootPoa->reference_to_servant(ref);
+    // reference_to_servant hands out a reference of its own on the
+    // servant; the _var gives it back, so that only the POAs hold it.
+    PortableServer::Servant_var<PortableServer::ServantBase> servant =
+        m_rootPoa->reference_to_servant(ref);
     PortableServer::ObjectId_var oid = PortableServer::string_to_ObjectId(objectId);
-    m_insPoa->activate_object_with_id(oid.in(), servant);
+    m_insPoa->activate_object_with_id(oid.in(), servant.in());
     {
       std::lock_guard<std::mutex> lock(m_mutex);
-      m_advertised[objectId] = servant;
+      m_advertised[objectId] = servant.in();
     }
     CORBA::Object_var advertised = m_insPoa->id_to_reference(oid.in());
     CORBA::String_var ior = m_orb->object_to_string(advertised.in());
@@ -131,12 +140,13 @@ int Orb::destroyObjectRef(CORBA::Object_ptr ref) {
     return -1;
   }
   try {
-    PortableServer::Servant servant = m_rootPoa->reference_to_servant(ref);
+    const PortableServer::Servant_var<PortableServer::ServantBase> servant =
+        m_rootPoa->reference_to_servant(ref);
     std::string advertisedId;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       for (auto it = m_advertised.begin(); it != m_advertised.end(); ++it) {
-        if (it->second == servant) {
+        if (it->second == servant.in()) {
           advertisedId = it->first;
           m_advertised.erase(it);
           break;

@@ -30,6 +30,14 @@ class Orb {
   // Listen only on the loopback interface, on the service's fixed port.
   static constexpr const char* kDefaultEndpoint = "giop:tcp:127.0.0.1:7790";
 
+  // The largest GIOP message, in bytes, that the service and its clients
+  // send or accept (the ORB's option "giopMaxMsgSize"). A whole store
+  // travels in one exportKS or importKS buffer, and with the group limits
+  // at 0 a store has no bound of its own. An export takes about 250 bytes a
+  // key: 256 MiB holds about a million keys, where the ORB's own default of
+  // 2 MiB stops near 8,000.
+  static constexpr const char* kMaxMessageSize = "268435456";
+
   Orb();
   ~Orb();
   Orb(const Orb&) = delete;
@@ -55,9 +63,11 @@ class Orb {
   int advertiseObject(const char* objectId, CORBA::Object_ptr ref);
 
   // Deactivates the object of `ref` in the root POA, and under its
-  // advertised id if it has one (removing the IOR file). The servant is not
-  // deleted: its owner deletes it once the ORB has shut down. Returns 0, or
-  // -1 when the object is not active. Never throws.
+  // advertised id if it has one (removing the IOR file). The POAs give up
+  // their references on the servant; it dies with its owner's last one.
+  // Call it before shutdown: afterwards nothing is deactivated. Returns 0,
+  // or -1 when the object is not active or the ORB is shut down. Never
+  // throws.
   int destroyObjectRef(CORBA::Object_ptr ref);
 
   // The record of the request that the calling thread serves, or null when

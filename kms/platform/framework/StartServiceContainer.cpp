@@ -167,6 +167,13 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
   for (const LoadedService& service : services) {
     service.object->doStop();
   }
+  // Services take their objects out of the POA while it still exists: once
+  // the ORB is shut down nothing can be deactivated, and a servant the POA
+  // still holds outlives its owner (and everything the servant owns).
+  // fini, when the services are unloaded, finds them suspended already.
+  for (auto it = services.rbegin(); it != services.rend(); ++it) {
+    it->object->suspend();
+  }
   orb->shutdown(true);
   for (const LoadedService& service : services) {
     service.object->doExit();

@@ -22,8 +22,10 @@ namespace Framework {
 // endpoint; the container's directives through ACE_Service_Config (which
 // calls each service object's init); doRun of each VRServiceObject. Then it
 // waits for a stop (a signal or OrbService::stopByEvent) and ends in order:
-// doStop, ORB shutdown (requests in progress finish), doExit, removal of
-// each service (its fini, then its deletion), ORB destroy, pid file.
+// doStop, suspend of each service (in reverse order of loading: its objects
+// leave the POA while the POA still exists), ORB shutdown (requests in
+// progress finish), doExit, removal of each service (its fini, then its
+// deletion), ORB destroy, pid file.
 //
 // Returns 0 after a normal stop; 1 when the start failed or the stop was
 // forced by a fault. `originator` is the service's logging originator;
