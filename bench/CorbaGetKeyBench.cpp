@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "bench/BenchReport.h"
 #include "kms/platform/framework/FrameworkRegistrar.h"
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/keystore/FileKeyStore.h"
@@ -36,7 +37,8 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+using bench::Clock;
+using bench::seconds;
 
 // What the benchmarks share: the service and the client's facets.
 struct Service {
@@ -167,10 +169,6 @@ void stopService() {
   }
 }
 
-double seconds(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double>(to - from).count();
-}
-
 void BM_GetKeyOverCorba(benchmark::State& state) {
   double subject = 0;
   double reference = 0;
@@ -187,11 +185,11 @@ void BM_GetKeyOverCorba(benchmark::State& state) {
     reference += seconds(t2, t3);
     state.SetIterationTime(seconds(t0, t1));
   }
-  const double n = static_cast<double>(state.iterations());
-  const auto avg = benchmark::Counter::kAvgThreads;
-  state.counters["getKey_us"] = benchmark::Counter(subject / n * 1e6, avg);
-  state.counters["isQuiesced_us"] = benchmark::Counter(reference / n * 1e6, avg);
-  state.counters["ratio"] = benchmark::Counter(subject > 0 ? reference / subject : 0, avg);
+  const std::string clients = std::to_string(state.threads()) + " client thread(s)";
+  bench::report(state,
+                {"getKey over the remote interface", "isQuiesced over the remote interface",
+                 clients, bench::Ratio::kThroughput},
+                subject, reference);
 }
 BENCHMARK(BM_GetKeyOverCorba)
     ->Threads(1)
