@@ -25,9 +25,13 @@ KSCrypt::CryptType asType(int v) {
   return static_cast<KSCrypt::CryptType>(v);
 }
 
+// The key length of each type; a type the factory does not know gets a
+// 32-byte key, so that only the type is wrong.
 std::string keyFor(KSCrypt::CryptType type) {
   static const int kLens[] = {0, 0, 32, 24, 16, 32, 32};
-  return std::string(static_cast<size_t>(kLens[type]), '\x5a');
+  const int known = static_cast<int>(sizeof kLens / sizeof kLens[0]);
+  const int len = type >= 0 && type < known ? kLens[type] : 32;
+  return std::string(static_cast<size_t>(len), '\x5a');
 }
 
 std::unique_ptr<KSCrypt> make(KSCrypt::CryptType type) {
