@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 # Tests that exercise threads against each other: run under ThreadSanitizer.
-TSAN_TESTS ?= StoreLock|Concurrent|VrkmsLoad|Facet
+TSAN_TESTS ?= StoreLock|Concurrent|CrypterPool|VrkmsLoad|Facet
 FUZZ_SECONDS ?= 15
 
 .PHONY: all deps configure build test test-asan test-tsan fuzz-smoke ci bench run format clean
