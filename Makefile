@@ -60,3 +60,9 @@ format:
 
 clean:
 	@rm -rf $(BUILD_DIR)
+
+# The Debian package (CPack) of the built programs, in $(BUILD_DIR)/package.
+.PHONY: package
+package: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target vrkms vrkmsctl vrclusterutil
+	@cd $(BUILD_DIR) && cpack -G DEB -B package

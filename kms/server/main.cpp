@@ -20,17 +20,20 @@
 #include "kms/platform/VRLogFactory.h"
 #include "kms/platform/VrConfReader.h"
 #include "kms/platform/framework/StartServiceContainer.h"
+#include "kms/platform/framework/SystemdNotifier.h"
 #include "kms/server/CommandLine.h"
 #include "kms/server/KMSMgrService.h"
 #include "kms/server/KMSServiceContainer.h"
 #include "kms/server/KMSSpecialOps.h"
 #include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Messages.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
 using Ardentis::Vaultrest::TL::Framework::ServiceContainerOptions;
 using Ardentis::Vaultrest::TL::Framework::startServiceContainer;
+using Ardentis::Vaultrest::TL::Framework::SystemdNotifier;
 
 namespace {
 
@@ -66,9 +69,17 @@ template <typename Advice>
   kmsExit(exitStatus);
 }
 
-// A start gate's refusal: logged, and no failure of the process.
+// A start gate's refusal: logged, and no failure of the process. Under
+// systemd the message is also the unit's status line, so that `systemctl
+// status` says why the service is not running.
 void logStartRefused(int messageId) {
   logAppMessage("vrkms_main", CRVN_SEV_ERROR, messageId);
+  try {
+    SystemdNotifier::status(GetCxULMessageEx(kOriginator, messageId));
+  } catch (...) {
+    SystemdNotifier::status("vrkms: start refused (" + std::to_string(kOriginator) + "-" +
+                            std::to_string(messageId) + ")");
+  }
 }
 
 }  // namespace

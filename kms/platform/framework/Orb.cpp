@@ -215,6 +215,24 @@ std::string Orb::iorFilePath(const std::string& objectId) const {
   return (m_runDir.empty() ? std::string(".") : m_runDir) + "/" + objectId + ".ior";
 }
 
+bool Orb::answers() {
+  std::string objectId;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_advertised.empty()) {
+      return false;
+    }
+    objectId = m_advertised.begin()->first;
+  }
+  try {
+    PortableServer::ObjectId_var oid = PortableServer::string_to_ObjectId(objectId.c_str());
+    CORBA::Object_var ref = m_insPoa->id_to_reference(oid.in());
+    return !ref->_non_existent();
+  } catch (...) {
+    return false;
+  }
+}
+
 }  // namespace Framework
 }  // namespace TL
 }  // namespace Vaultrest

@@ -87,6 +87,12 @@ class Orb {
   // "<runDir>/<objectId>.ior".
   std::string iorFilePath(const std::string& objectId) const;
 
+  // The self-check of a running service: true when an advertised object
+  // answers a call (_non_existent) through the ORB and its POA. False with
+  // nothing advertised, or after shutdown. A held or stuck POA blocks the
+  // call. Any thread; never throws.
+  bool answers();
+
  private:
   CORBA::ORB_ptr m_orb;
   PortableServer::POA_ptr m_rootPoa;

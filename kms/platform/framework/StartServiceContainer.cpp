@@ -17,6 +17,7 @@
 
 #include "kms/platform/framework/FrameworkLog.h"
 #include "kms/platform/framework/ServiceProcess.h"
+#include "kms/platform/framework/SystemdNotifier.h"
 #include "kms/platform/framework/VRServiceObject.h"
 
 namespace Ardentis {
@@ -157,7 +158,12 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
              "The " << container.serviceName() << " service is running");
     ServiceProcess::reportReady(readyFd, 0);
     readyFd = -1;
-    container.waitForStop();
+    SystemdNotifier::ready();
+    {
+      const SystemdNotifier::Watchdog watchdog([orb] { return orb->answers(); });
+      container.waitForStop();
+    }
+    SystemdNotifier::stopping();
     result = container.stoppedAbnormally() ? 1 : 0;
   } else if (started) {
     result = container.stoppedAbnormally() ? 1 : 0;

@@ -1,0 +1,184 @@
+// vrclusterutil against Pacemaker's own tools in their file mode (CIB_file:
+// they read and write one file, with no cluster daemons): the recipe of
+// dist/pacemaker loaded into a CIB of two nodes, this host and "peer", its
+// status made by crm_simulate. Then the service started on such a CIB, as
+// systemd would start it: readiness, watchdog and status lines on a
+// datagram socket the test owns (NOTIFY_SOCKET).
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+
+#include <cstdlib>
+
+#include "server/ServiceSandbox.h"
+
+namespace {
+
+const std::string kSbin = "/usr/sbin/";
+
+std::string thisNode() {
+  utsname host{};
+  ::uname(&host);
+  return host.nodename;
+}
+
+ProcessResult tool(const std::string& cib, const std::string& program,
+                   std::vector<std::string> args) {
+  return ProcessRunner(program).args(std::move(args)).env("CIB_file", cib).run();
+}
+
+enum class Placement { kHere, kPeer, kStopped, kUnmonitored };
+
+// Writes a CIB at `path` with the recipe's group placed as asked, and the
+// status after the cluster has acted on it. False when a tool fails.
+bool writeCib(const std::string& path, Placement placement) {
+  std::ofstream(path) << "<cib validate-with='pacemaker-3.0' epoch='1' num_updates='0' "
+                         "admin_epoch='0'><configuration><crm_config><cluster_property_set "
+                         "id='o'><nvpair id='o-s' name='stonith-enabled' value='false'/><nvpair "
+                         "id='o-q' name='no-quorum-policy' value='ignore'/></cluster_property_set>"
+                         "</crm_config><nodes><node id='1' uname='"
+                      << thisNode()
+                      << "'/><node id='2' uname='peer'/></nodes><resources/><constraints/>"
+                         "</configuration><status/></cib>\n";
+  const std::string node = placement == Placement::kPeer ? "peer" : thisNode();
+  std::vector<std::vector<std::string>> steps = {
+      {"cibadmin", "-C", "-o", "resources", "-x",
+       VRKMS_SOURCE_DIR "/dist/pacemaker/vrkms-resources.xml"},
+      {"cibadmin", "-C", "-o", "constraints", "-X",
+       "<rsc_location id='at' rsc='vrkms' node='" + node + "' score='INFINITY'/>"}};
+  if (placement == Placement::kStopped) {
+    steps.push_back(
+        {"crm_resource", "-r", "vrkms", "--meta", "-p", "target-role", "-v", "Stopped"});
+  }
+  if (placement == Placement::kUnmonitored) {
+    steps.push_back({"cibadmin", "-D", "-X", "<primitive id='vrkms-service'/>"});
+  }
+  steps.push_back(
+      {"crm_simulate", "-x", path, "-u", thisNode(), "-u", "peer", "-S", "-O", path + ".new"});
+  for (const std::vector<std::string>& step : steps) {
+    const ProcessResult r = tool(path, kSbin + step[0], {step.begin() + 1, step.end()});
+    if (r.exitStatus != 0) {
+      ADD_FAILURE() << step[0] << ": " << r.err;
+      return false;
+    }
+  }
+  return ::rename((path + ".new").c_str(), path.c_str()) == 0;
+}
+
+std::string readCib(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+ProcessResult clusterUtil(const std::string& cib, std::vector<std::string> args) {
+  args.insert(args.begin(), "-np");
+  return tool(cib, VRCLUSTERUTIL_BINARY, std::move(args));
+}
+
+// The notification socket of a service manager: every datagram received.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "200000", 1);
+  }
+  ~NotifySocket() {
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("WATCHDOG_USEC");
+    ::close(m_fd);
+  }
+  // The next message, or "" after a minute without one.
+  std::string next() const {
+    pollfd ready{m_fd, POLLIN, 0};
+    char buffer[4096];
+    const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(m_fd, buffer, sizeof buffer, 0) : 0;
+    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+  }
+
+ private:
+  int m_fd;
+};
+
+}  // namespace
+
+TEST(ClusterUtil, AnswersFromTheCibWithTheCallersSenses) {
+  if (::access((kSbin + "crm_simulate").c_str(), X_OK) != 0) {
+    GTEST_SKIP() << "Pacemaker's tools (pacemaker-cli-utils) are not installed";
+  }
+  TempRoot dir("vrkms-cib");
+  struct Case {
+    const char* name;
+    std::optional<Placement> placement;  // none: no CIB at all
+    int isCluster, isNodeClustered, isActive, listStatus;
+    const char* monitored;
+  };
+  for (const Case& c : {Case{"here", Placement::kHere, 1, 1, 1, 0, "vrkms\n"},
+                        Case{"peer", Placement::kPeer, 1, 1, 0, 0, "vrkms\n"},
+                        Case{"stopped", Placement::kStopped, 1, 1, 0, 0, "vrkms\n"},
+                        Case{"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
+                        Case{"none", std::nullopt, 0, 0, 1, 1, ""}}) {
+    SCOPED_TRACE(c.name);
+    const std::string cib = dir.file(std::string(c.name) + ".xml");
+    ASSERT_TRUE(!c.placement || writeCib(cib, *c.placement));
+    EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, c.isCluster);
+    EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, c.isNodeClustered);
+    EXPECT_EQ(clusterUtil(cib, {"-isactive"}).exitStatus, c.isActive);
+    const ProcessResult list = clusterUtil(cib, {"-listmonitored"});
+    EXPECT_EQ(list.exitStatus, c.listStatus);
+    EXPECT_EQ(list.out, c.monitored);
+  }
+  EXPECT_EQ(clusterUtil(dir.file("none.xml"), {"-monitor", "vrkms"}).exitStatus, 1);
+  EXPECT_EQ(clusterUtil(dir.file("here.xml"), {"-bogus"}).exitStatus, 2);
+
+  // -monitor adds the unit to the group once; the second run changes nothing.
+  const std::string cib = dir.file("unmonitored.xml");
+  EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
+  EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
+  const std::string once = readCib(cib);
+  EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
+  EXPECT_EQ(readCib(cib), once);
+  EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
+            std::string::npos);
+}
+
+TEST(VrkmsCluster, PassiveNodeRefusesTheStartActiveNodeIsReadyAndMonitored) {
+  if (::access((kSbin + "crm_simulate").c_str(), X_OK) != 0) {
+    GTEST_SKIP() << "Pacemaker's tools (pacemaker-cli-utils) are not installed";
+  }
+  ServiceSandbox service;
+  ASSERT_TRUE(service.makeStore());
+  const std::string bin = service.root().file("vaultrest/bin");
+  ::mkdir(service.root().file("vaultrest").c_str(), 0755);
+  ::mkdir(bin.c_str(), 0755);
+  ASSERT_EQ(::symlink(VRCLUSTERUTIL_BINARY, (bin + "/vrclusterutil").c_str()), 0);
+  const NotifySocket notify(service.root().file("notify.sock"));
+  const std::string cib = service.root().file("cib.xml");
+  ::setenv("CIB_file", cib.c_str(), 1);
+
+  // Passive: the refusal is the unit's status, and no failure of the process.
+  ASSERT_TRUE(writeCib(cib, Placement::kPeer));
+  service.launch({"-console"});
+  EXPECT_EQ(service.waitForExit(std::chrono::seconds(60)), 0);
+  EXPECT_EQ(notify.next(),
+            "STATUS=This host is an inactive node of a cluster. The key management service was "
+            "not started.");
+  EXPECT_NE(service.appLog().find("286-86 "), std::string::npos);
+
+  // Active and not yet monitored: ready once advertised, fed, monitored.
+  ASSERT_TRUE(writeCib(cib, Placement::kUnmonitored));
+  service.launch({"-console"});
+  EXPECT_EQ(notify.next(), "READY=1");
+  struct stat advertised;
+  EXPECT_EQ(::stat(service.iorPath().c_str(), &advertised), 0);
+  EXPECT_EQ(notify.next(), "WATCHDOG=1");
+  EXPECT_EQ(notify.next(), "WATCHDOG=1");
+  EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
+  EXPECT_EQ(service.terminate().second, 0);
+  ::unsetenv("CIB_file");
+}
