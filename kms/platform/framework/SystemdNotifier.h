@@ -5,7 +5,6 @@
 // Type=notify) every call does nothing. Never throws.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
