@@ -14,7 +14,9 @@
 //   anything else     2, with the usage on standard error
 //
 // The senses are the callers': a cluster is reported by a non-zero status,
-// an inactive node by 0.
+// an inactive node by 0. A node of a cluster that does not configure the
+// group is no cluster installation of the service: the service runs there
+// as on a plain host, neither gated nor monitored.
 #include <cstdlib>
 #include <iostream>
 #include <string>
