@@ -211,6 +211,10 @@ const CatalogueText kCatalogueTexts[] = {
      "The service container could not be created. The key management service was not started."},
     {286, 89, "Assertion failed: ({}) in file {} at line {}{}"},
     {286, 92, "FIPS compliant: {}"},
+    {286, 93,
+     "FIPS mode was requested for the key management service (VRKMS_FIPS in the master "
+     "configuration), but the crypto library cannot provide it, so the key store was not opened. "
+     "Install and configure the FIPS provider of the crypto library, or set VRKMS_FIPS to NO."},
     {286, 94,
      "Make sure that the key management service is registered and running on this master server, "
      "so that the new key store is used."},

@@ -1,5 +1,7 @@
 #include "kms/platform/ProcessAccount.h"
 
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -33,4 +35,11 @@ bool is_user_admin() {
 
 void setAdminCheckOverride(AdminCheck check) {
   g_adminCheck.store(check);
+}
+
+int protect_process_memory() {
+  const struct rlimit noCore = {0, 0};
+  const bool coreOff = setrlimit(RLIMIT_CORE, &noCore) == 0;
+  const bool dumpOff = prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0;
+  return coreOff && dumpOff ? 0 : -1;
 }

@@ -13,3 +13,10 @@ bool is_user_admin();
 // as root. kSystem restores the real check. Set it while no other thread asks.
 enum class AdminCheck { kSystem, kForceAdmin, kForceNotAdmin };
 void setAdminCheckOverride(AdminCheck check);
+
+// Keeps the process's memory, which holds keys and passphrases, out of core
+// files and away from other processes of the same user: no core file
+// (RLIMIT_CORE 0) and not dumpable (which also closes /proc/<pid>/mem and
+// ptrace to anyone without CAP_SYS_PTRACE). Returns 0, or -1 when either
+// setting failed (errno tells).
+int protect_process_memory();

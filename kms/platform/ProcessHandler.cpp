@@ -1,22 +1,40 @@
 #include "kms/platform/ProcessHandler.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <cstdlib>
 
 namespace {
 
+// Reads a /proc file whole through plain descriptors: a process that exits
+// between the open and the read makes read() fail with ESRCH, which must be
+// a false return here, never an exception (a stream buffer would throw).
 bool readFile(const std::string& path, std::string* text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
     return false;
   }
-  text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
+  text->clear();
+  char buffer[4096];
+  bool ok = true;
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n > 0) {
+      text->append(buffer, static_cast<size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      ok = false;
+      break;
+    }
+  }
+  ::close(fd);
+  return ok;
 }
 
 // The state letter of /proc/<pid>/stat: the field after the command name,
@@ -82,7 +100,7 @@ std::vector<pid_t> ProcessHandler::getProcessIDs() const {
     if (!isPid(entry->d_name)) {
       continue;
     }
-    const pid_t pid = static_cast<pid_t>(std::stol(entry->d_name));
+    const pid_t pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
     if (pid == self) {
       continue;
     }

@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 
 #include <array>
+#include <cstring>
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/StatusCodes.h"
@@ -128,6 +129,12 @@ int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
         return kBadArgument;
       }
       value = shifter.get_current();
+      if (rule->flag == kHmkPass || rule->flag == kKpkPass) {
+        // The word lives in the process's argv, which others read through
+        // /proc/<pid>/cmdline for as long as the process runs.
+        char* word = const_cast<char*>(shifter.get_current());
+        OPENSSL_cleanse(word, std::strlen(word));
+      }
       shifter.consume_arg(1);
     }
 

@@ -30,7 +30,9 @@ class AdminFlags {
   // allow, a second flag of one group ("-overwrite"/"-nooverwrite",
   // "-ignorerandom"/"-noignorerandom", "-hmkpass"/"-randomhmk",
   // "-kpkpass"/"-randomkpk", "-hmkid", "-kpkid"), or a flag whose value is
-  // missing or empty.
+  // missing or empty. The words after "-hmkpass" and "-kpkpass" are
+  // overwritten with NULs where they stand once copied: `shifter` must walk
+  // a writable vector (the process's argv).
   int parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation);
 
   // Answers given in advance: unset when the flag of the group was not given.

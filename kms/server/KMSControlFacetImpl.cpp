@@ -5,6 +5,7 @@
 #include <string>
 
 #include "kms/server/FacetCall.h"
+#include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/FileKeyStore.h"
@@ -27,6 +28,12 @@ CORBA::Long toWireCount(uint64_t count) {
 
 KMSControlFacetImpl::KMSControlFacetImpl(::Vaultrest::DL::KMS::FileKeyStore* store)
     : m_keyStore(store) {}
+
+CORBA::Boolean KMSControlFacetImpl::_dispatch(omniCallHandle& handle) {
+  return RemoteDispatch::run(handle, [&] {
+    return POA_Ardentis::Vaultrest::DL::KMSFacetsV1::KMSControlFacet::_dispatch(handle);
+  });
+}
 
 char* KMSControlFacetImpl::getHMKId() {
   static const char* const kLabel = "KMSControlFacetImpl::getHMKId";
@@ -54,6 +61,7 @@ void KMSControlFacetImpl::updateHMK(const char* passphrase, const char* id) {
   facetCall(kLabel, *m_keyStore, [&] {
     std::string secret(passphrase);
     const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    RemoteDispatch::wipeArgument(passphrase);
     const int status = m_keyStore->updateHMK(secret, id);
     if (status != 0) {
       KS_THROW(status, kLabel);
@@ -67,6 +75,7 @@ void KMSControlFacetImpl::updateKPK(const char* passphrase, const char* id) {
   facetCall(kLabel, *m_keyStore, [&] {
     std::string secret(passphrase);
     const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    RemoteDispatch::wipeArgument(passphrase);
     const int status = m_keyStore->updateKPK(secret, id);
     if (status != 0) {
       KS_THROW(status, kLabel);

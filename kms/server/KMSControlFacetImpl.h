@@ -42,6 +42,10 @@ class KMSControlFacetImpl
   CORBA::Long unquiesce(CORBA::Boolean force) override;
   CORBA::Long isQuiesced() override;
 
+  // Runs a request through RemoteDispatch: the passphrases of updateHMK and
+  // updateKPK are wiped in the ORB's copy once read.
+  CORBA::Boolean _dispatch(omniCallHandle& handle) override;
+
  private:
   ::Vaultrest::DL::KMS::FileKeyStore* m_keyStore;  // borrowed
 };

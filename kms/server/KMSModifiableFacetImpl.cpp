@@ -4,6 +4,7 @@
 
 #include "kms/server/FacetRecordOut.h"
 #include "kms/server/RecordConvertor.h"
+#include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/FileKeyStore.h"
@@ -59,12 +60,19 @@ void KMSModifiableFacetImpl::deleteKeyGroup(const char* tag, CORBA::Boolean forc
   });
 }
 
+CORBA::Boolean KMSModifiableFacetImpl::_dispatch(omniCallHandle& handle) {
+  return RemoteDispatch::run(handle, [&] {
+    return POA_Ardentis::Vaultrest::DL::KMSFacetsV1::KMSModifiableFacet::_dispatch(handle);
+  });
+}
+
 KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::createKey(const char* passphrase,
                                                           const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::createKey";
   KMS_TRACE_THIS(kLabel);
   std::string secret(passphrase);
   const Store::ScopedWipe wipe(secret);
+  RemoteDispatch::wipeArgument(passphrase);
   return recordOut(kLabel, *m_keyStore, "KeyStore->addKey() successful", [&] {
     return m_keyStore->addKey(RecordConvertor::toKsKeyRecord(record), secret);
   });
@@ -93,6 +101,7 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::recoverKey(const char* passphras
   KMS_TRACE_THIS(kLabel);
   std::string secret(passphrase);
   const Store::ScopedWipe wipe(secret);
+  RemoteDispatch::wipeArgument(passphrase);
   return recordOut(kLabel, *m_keyStore, "KeyStore->addKeyWithKnownTag() successful", [&] {
     const Store::KeyRecord_v1 rec = RecordConvertor::toKsKeyRecord(record);
     // Also what a tag that is not strict hexadecimal has become.
@@ -126,6 +135,7 @@ KMSFacetsV1::KSOpStatus* KMSModifiableFacetImpl::importKS(const TL::Framework::o
   }
   std::string secret(passphrase);
   const Store::ScopedWipe wipe(secret);
+  RemoteDispatch::wipeArgument(passphrase);
   Store::KSOpStatus status;
   m_keyStore->importFromBuffer(buffer, secret, preserveNames, description, status, previewOnly);
   return RecordConvertor::toIdlKSOpStatus(status);

@@ -64,6 +64,10 @@ class KMSModifiableFacetImpl
                                     CORBA::Boolean preserveNames, CORBA::Boolean previewOnly,
                                     const char* description) noexcept override;
 
+  // Runs a request through RemoteDispatch: the passphrases of createKey,
+  // recoverKey and importKS are wiped in the ORB's copy once read.
+  CORBA::Boolean _dispatch(omniCallHandle& handle) override;
+
  private:
   ::Vaultrest::DL::KMS::FileKeyStore* m_keyStore;  // borrowed
 };

@@ -7,6 +7,7 @@
 
 #include "kms/server/FacetCall.h"
 #include "kms/server/RecordConvertor.h"
+#include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/FileKeyStore.h"
@@ -38,6 +39,7 @@ KMSFacetsV1::KeyRecordSeq* toIdlKeyRecords(const std::list<Store::KeyRecord_v1>&
   for (const Store::KeyRecord_v1& rec : records) {
     KS_ASSERT(label, count < krseq->length());
     RecordConvertor::toIdlKeyRecord(rec, krseq[count]);
+    RemoteDispatch::lendReplyKey(krseq[count].encKey);
     ++count;
   }
   return krseq._retn();
@@ -55,6 +57,12 @@ std::string toBytes(const TL::Framework::octetSeq& octets) {
 }  // namespace
 
 KMSQueryableFacetImpl::KMSQueryableFacetImpl(Store::FileKeyStore* store) : m_keyStore(store) {}
+
+CORBA::Boolean KMSQueryableFacetImpl::_dispatch(omniCallHandle& handle) {
+  return RemoteDispatch::run(handle, [&] {
+    return POA_Ardentis::Vaultrest::DL::KMSFacetsV1::KMSQueryableFacet::_dispatch(handle);
+  });
+}
 
 KMSFacetsV1::KeyRecord* KMSQueryableFacetImpl::getKeyRecord(const char* tag) {
   static const char* const kLabel = "KMSQueryableFacetImpl::getKeyRecord";
@@ -84,7 +92,9 @@ KMSFacetsV1::KeyRecord* KMSQueryableFacetImpl::getKey(const char* tag) {
   return facetCall(kLabel, *m_keyStore, [&] {
     const Store::KeyRecord_v1 rec = m_keyStore->getKey(RecordConvertor::hexToBin(tag));
     KMS_DEBUG(kLabel, 4, "KeyStore->getKey() successful");
-    return RecordConvertor::toIdlKeyRecord(rec);
+    KMSFacetsV1::KeyRecord* out = RecordConvertor::toIdlKeyRecord(rec);
+    RemoteDispatch::lendReplyKey(out->encKey);
+    return out;
   });
 }
 
@@ -95,7 +105,9 @@ KMSFacetsV1::KeyRecord* KMSQueryableFacetImpl::getActiveKeyRecord(const char* gr
     const Store::KeyRecord_v1 rec =
         m_keyStore->getActiveKeyRecord(RecordConvertor::hexToBin(groupTag));
     KMS_DEBUG(kLabel, 4, "KeyStore->getActiveKeyRecord() successful");
-    return RecordConvertor::toIdlKeyRecord(rec);
+    KMSFacetsV1::KeyRecord* out = RecordConvertor::toIdlKeyRecord(rec);
+    RemoteDispatch::lendReplyKey(out->encKey);
+    return out;
   });
 }
 
@@ -181,6 +193,7 @@ CORBA::Long KMSQueryableFacetImpl::getKeyAndKad(const char* tag, CORBA::Long kad
     const Store::KeyRecord_v1 rec = m_keyStore->getKey(binTag);
     KMS_DEBUG(kLabel, 4, "KeyStore->getKey() successful");
     KMSFacetsV1::KeyRecord_var idlRecord = RecordConvertor::toIdlKeyRecord(rec);
+    RemoteDispatch::lendReplyKey(idlRecord->encKey);
     std::string binKad;
     const int status = m_keyStore->getKad(binTag, static_cast<unsigned long>(kadLength), binKad);
     KMS_DEBUG(kLabel, 4, "KeyStore->getKad() returned with " << status);
@@ -226,6 +239,7 @@ KMSFacetsV1::KSOpStatus* KMSQueryableFacetImpl::exportKS(
     }
     std::string secret(passphrase);
     const Store::ScopedWipe wipe(secret);
+    RemoteDispatch::wipeArgument(passphrase);
     Store::KSOpStatus status;
     const std::string buffer = m_keyStore->exportToBuffer(selection, secret, status);
     KMS_DEBUG(kLabel, 4, "Encrypted buffer size: [" << buffer.size());

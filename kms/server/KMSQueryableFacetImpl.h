@@ -69,6 +69,10 @@ class KMSQueryableFacetImpl
                                     const char* passphrase,
                                     TL::Framework::octetSeq_out data) override;
 
+  // Runs a request through RemoteDispatch: the plain keys of a reply are
+  // wiped once it is sent, and the passphrase of exportKS once read.
+  CORBA::Boolean _dispatch(omniCallHandle& handle) override;
+
  private:
   ::Vaultrest::DL::KMS::FileKeyStore* m_keyStore;  // borrowed
 };

@@ -83,6 +83,11 @@ constexpr int kMsgStoreNotCreated = 37;
 constexpr int kMsgKeyRandom = 65;
 constexpr int kMsgNoGoodHmkFile = 85;
 constexpr int kMsgKeyFips = 92;
+constexpr int kMsgFipsUnavailable = 93;
+
+// The store refuses every operation in a process asked for FIPS mode that
+// the crypto library cannot give.
+constexpr int kFipsUnavailable = 1286;
 
 // Codes each operation passes on unchanged; every other failure is 1200.
 const ErrorMap kSetupErrors{{}, {}};
@@ -201,6 +206,19 @@ bool readPassphrase(int promptId, char* buffer) {
   return true;
 }
 
+// An operation that does not pass 1286 on reports it as the internal error,
+// whose text says nothing of the cause: the operator is told it here.
+void explainFipsRefusal(const ErrorMap& errors, int status) {
+  if (status != kFipsUnavailable || translatedCode(errors, status) == status) {
+    return;
+  }
+  try {
+    say(kMsgFipsUnavailable);
+  } catch (const KeyStoreError&) {
+    // No catalogue: the status text alone.
+  }
+}
+
 // Runs `body` on a store made by setupEnv, as the operation `label`.
 template <typename Body>
 int runOperation(const char* label, const ErrorMap& errors, Body&& body) {
@@ -208,7 +226,14 @@ int runOperation(const char* label, const ErrorMap& errors, Body&& body) {
   if (status != EC_KS_success) {
     return status;
   }
-  return statusOf(label, errors, body);
+  return statusOf(label, errors, [&] {
+    try {
+      return body();
+    } catch (const KeyStoreError& error) {
+      explainFipsRefusal(errors, error.status());
+      throw;
+    }
+  });
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <ace/Service_Config.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <list>
 #include <new>
@@ -90,6 +91,13 @@ int main(int argc, char** argv) {
   VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
 
   Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
+
+  // Both lives of the process hold master keys and passphrases in memory
+  // (and a passphrase may stand in argv until the operation has read it):
+  // no core file and no dumping, before anything else is looked at.
+  if (protect_process_memory() != 0) {
+    KMS_DEBUG("vrkms_main", 1, "Cannot keep the process from being dumped, errno " << errno);
+  }
 
   {
     // The shifter rearranges the vector it walks; argv stays untouched for

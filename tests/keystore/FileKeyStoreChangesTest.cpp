@@ -133,6 +133,13 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
     };
   };
 
+  // `count` attributes of `bytes` bytes each, beyond a record's bounds.
+  const auto crowd = [](AttributeList& list, int count, size_t bytes) {
+    for (int i = 0; i < count; ++i) {
+      list.addAttribute("a" + std::to_string(i), std::string(bytes, 'v'));
+    }
+  };
+
   struct Case {
     const char* what;
     int expected;
@@ -142,6 +149,12 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       // addKey and addKeyWithKnownTag, in the order of their checks.
       {"add: empty name", 1214, [&] { store.addKey(request(g1.tag(), "", KEY_ACTIVE), ""); }},
       {"add: bad name", 1287, [&] { store.addKey(request(g1.tag(), " x", KEY_ACTIVE), ""); }},
+      {"add: 65 attributes", 1214,
+       [&] {
+         KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
+         crowd(rec.attributes(), 65, 1);
+         store.addKey(rec, "");
+       }},
       {"add: inactive", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_INACTIVE), ""); }},
       {"add: terminated", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_TERMINATED), ""); }},
       {"known: no passphrase", 1212,
@@ -164,6 +177,8 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: empty name", 1214, updateKey(k1, [](KeyRecord_v1& r) { r.setName(""); })},
       {"update: state 0", 1214, updateKey(k1, [](KeyRecord_v1& r) { r.setState(KEY_INVALID); })},
       {"update: bad name", 1287, updateKey(k1, [](KeyRecord_v1& r) { r.setName("k/1"); })},
+      {"update: 64 KiB of attributes and more", 1214,
+       updateKey(k1, [&](KeyRecord_v1& r) { crowd(r.attributes(), 16, 4096); })},
       {"update: unknown tag", 1260, updateKey(k1, [&](KeyRecord_v1& r) { r.setTag(unknown); })},
       {"update: nothing", 1241, updateKey(k1, [](KeyRecord_v1&) {})},
       {"update: only another key value", 1241,
@@ -197,6 +212,16 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"add group: cipher type 0", 1214, addGroup("x", CT_INVALID_CBC)},
       {"add group: bad name", 1287, addGroup("x/y", CT_AES256_CBC)},
       {"add group: name taken", 1232, addGroup("g2", CT_AES256_CBC)},
+      {"add group: 65 attributes", 1214,
+       [&] {
+         KeyGrpRecord_v1 rec;
+         rec.setName("x");
+         rec.setCipherType(CT_AES256_CBC);
+         crowd(rec.attributes(), 65, 1);
+         store.addKeyGroup(rec);
+       }},
+      {"update group: 64 KiB of attributes and more", 1214,
+       updateGroup(g1, [&](KeyGrpRecord_v1& r) { crowd(r.attributes(), 16, 4096); })},
       {"update group: empty name", 1214,
        updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName(""); })},
       {"update group: bad name", 1287,

@@ -305,6 +305,18 @@ TEST_F(FileKeyStoreImportTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
     EXPECT_NE(again.tag(), tag('G', 1));
     EXPECT_NE(again.tag(), tag('G', 2));
   }
+
+  // A name the suffix takes past 4096 bytes keeps what fits, and is found by
+  // its whole name; with no room left for another suffix, a second import
+  // has none that is unique, and is refused.
+  StoreContent longer;
+  const std::string longName(4090, 'n');
+  longer.addGroup(tag('G', 3), longName);
+  const std::string longBuffer = exportOf(ExportRoot(longer).store());
+  const std::string kept = withSuffix(longName + "$").substr(0, 4096);
+  EXPECT_EQ(text(importChecked(dest, longBuffer)), "0 4(" + longName + "," + kept + ")");
+  EXPECT_EQ(dest.store().getKeyGroupRecordByName(withSuffix(longName + "$")).name(), kept);
+  EXPECT_EQ(text(importChecked(dest, longBuffer)), "1200");
 }
 
 // A wrong passphrase, any changed byte and any damaged content refuse the

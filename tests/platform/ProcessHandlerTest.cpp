@@ -92,3 +92,27 @@ TEST(ProcessHandler, LeavesOutTheCallerAndZombies) {
   EXPECT_FALSE(listed(zombieName, zombie));
   ::waitpid(zombie, nullptr, 0);
 }
+
+// Processes that exit while their /proc entries are being read: every read
+// error is a skipped process, never an exception out of the listing.
+TEST(ProcessHandler, ToleratesProcessesVanishingMidRead) {
+  const std::string name = "kmsrace" + std::to_string(::getpid());
+  const pid_t spawner = ::fork();
+  if (spawner == 0) {
+    for (;;) {
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ::prctl(PR_SET_NAME, name.c_str(), 0, 0, 0);
+        ::_exit(0);
+      }
+      ::waitpid(child, nullptr, 0);
+    }
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(4);
+  for (int i = 0; i < 3000 && !HasFailure() && std::chrono::steady_clock::now() < deadline; ++i) {
+    EXPECT_NO_THROW(ProcessHandler(name).getProcessIDs());
+    EXPECT_NO_THROW(ProcessHandler("kmsnomatch").getProcessIDs());
+  }
+  ::kill(spawner, SIGKILL);
+  ::waitpid(spawner, nullptr, 0);
+}

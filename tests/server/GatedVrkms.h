@@ -72,6 +72,12 @@ class GatedVrkms {
     }
   }
 
+  // Starts vrkms with an administrator option on a terminal of its own and
+  // returns at once (no waiting out another vrkms).
+  RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
+    return runner(VRKMS_BINARY, args).spawnOnTerminal();
+  }
+
   // Starts "vrkms -console" and waits until the manager is advertised,
   // waiting out another vrkms; false when the service ends or takes too long.
   bool start() {

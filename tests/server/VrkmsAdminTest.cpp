@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "kms/platform/CrvnLis.h"
+#include "kms/platform/Fips.h"
 #include "kms/platform/ProcessHandler.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
@@ -312,6 +313,14 @@ TEST_F(VrkmsAdmin, RefusedOffTheMasterServerAndWithoutAStoreDirectory) {
             "\n" + std::string(crvnCatalogueText(271, 1200)) + "\n" + exitLine(1200).substr(1));
   EXPECT_TRUE(contains(logs(), "Actual Error Code: 1200 (")) << logs();
   EXPECT_TRUE(contains(logs(), "286-37 ")) << logs();
+
+  // FIPS mode asked for where the library has none: the internal error, and why.
+  if (FIPS_mode() == 0) {
+    writeConf("SERVER = localhost\nKMS_DIR = " + kmsDir() + "\nVRKMS_FIPS = TRUE\n");
+    const ProcessResult fips = run({"-info"});
+    EXPECT_TRUE(contains(fips.err, exitLine(1200))) << fips.err;
+    EXPECT_EQ(fips.out, msg(93) + "\n");
+  }
 
   // Input that ends before the dialogue does is the same internal error.
   writeConf("SERVER = localhost\nKMS_DIR = " + kmsDir() + "\n");

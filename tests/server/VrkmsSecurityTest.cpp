@@ -4,12 +4,17 @@
 // store's own files and the export holds a passphrase or a key; and a peer
 // that holds none of the rights an operation asks for is refused it.
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <openssl/evp.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <termios.h>
 
 #include <algorithm>
 #include <cctype>
 #include <functional>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -83,6 +88,31 @@ Secret passphrase(const std::string& text) {
 Secret key(const std::string& name, const std::string& hex) {
   const std::string bytes = bytesOfHex(hex);
   return {"key " + name, {bytes, hex, upper(hex), base64(bytes)}};
+}
+
+// Whether a process of the same user without CAP_SYS_PTRACE may open
+// `pid`'s memory, as it may for every process that did not make itself
+// non-dumpable (and has no capability the prober lacks). Asked from a child
+// that drops the capability from its effective set.
+bool readableWithoutPtraceCapability(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/mem";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps[2];
+    ::syscall(SYS_capget, &header, caps);
+    caps[0].effective &= ~(1u << CAP_SYS_PTRACE);
+    ::syscall(SYS_capset, &header, caps);
+    ::_exit(::open(path.c_str(), O_RDONLY) >= 0 ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool coreLimitIsZero(pid_t pid) {
+  const std::string limits = GatedVrkms::readPath("/proc/" + std::to_string(pid) + "/limits");
+  return std::regex_search(limits, std::regex("Max core file size +0 +0 "));
 }
 
 // Checks that every file under `root` is private to its owner and every
@@ -407,3 +437,63 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
 }
 
 }  // namespace
+
+// A passphrase given on the command line leaves /proc/<pid>/cmdline once
+// read; an administrator option and the service can be neither dumped nor
+// read by a process of their user without CAP_SYS_PTRACE, and write no core
+// file; and a signal at a passphrase prompt gives the terminal its echo back.
+TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
+  // The processes run without CAP_SYS_PTRACE, which would let anyone with
+  // it (a test run as root) read them whatever their dumpability.
+  if (::access("/usr/bin/setpriv", X_OK) != 0) {
+    GTEST_SKIP() << "setpriv is needed to run vrkms without CAP_SYS_PTRACE";
+  }
+  const std::vector<std::string> noPtrace = {"/usr/bin/setpriv", "--bounding-set=-sys_ptrace"};
+  bool observable = false;  // the prober reads a process that did not protect itself
+  {
+    RunningProcess plain =
+        ProcessRunner(noPtrace[0]).args({noPtrace[1], "/bin/sleep", "30"}).spawn();
+    const std::string comm = "/proc/" + std::to_string(plain.pid()) + "/comm";
+    for (int i = 0; i < 500 && GatedVrkms::readPath(comm) != "sleep\n"; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));  // setpriv has not run it yet
+    }
+    observable = readableWithoutPtraceCapability(plain.pid());
+  }
+  GatedVrkms vrkms(noPtrace);
+  vrkms.writeConf(vrkms.root().file("kms"));
+
+  const std::string passphrase = "Hmk-Cm4dLn7e";
+  RunningProcess admin =
+      vrkms.adminOnTerminal({"-createemptydb", "-hmkpass", passphrase, "-hmkid", "h"});
+  std::string seen;
+  ASSERT_TRUE(admin.awaitOutput(" : ", std::chrono::seconds(60), &seen)) << seen;  // the KPK's
+  struct termios mode {};
+  for (int i = 0; i < 500 && ::tcgetattr(admin.terminal(), &mode) == 0 && (mode.c_lflag & ECHO);
+       ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(mode.c_lflag & ECHO, 0u) << "no prompt without echo";
+  const std::string cmdline =
+      GatedVrkms::readPath("/proc/" + std::to_string(admin.pid()) + "/cmdline");
+  EXPECT_NE(cmdline.find("-hmkpass"), std::string::npos);
+  EXPECT_EQ(cmdline.find(passphrase), std::string::npos);
+  EXPECT_FALSE(observable && readableWithoutPtraceCapability(admin.pid()));
+  EXPECT_TRUE(coreLimitIsZero(admin.pid()));
+
+  ::kill(admin.pid(), SIGINT);
+  const int status = admin.awaitExit(std::chrono::seconds(30));
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+  ASSERT_EQ(::tcgetattr(admin.terminal(), &mode), 0);
+  EXPECT_NE(mode.c_lflag & ECHO, 0u) << "echo left off";
+
+  const ProcessResult made = vrkms.admin(
+      {"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "h", "-kpkid", "k", "-overwrite"});
+  ASSERT_EQ(made.exitStatus, 0) << made.out << made.err;
+  ASSERT_TRUE(vrkms.start()) << vrkms.stderrText() << vrkms.debugLog();
+  EXPECT_FALSE(observable && readableWithoutPtraceCapability(vrkms.pid()));
+  EXPECT_TRUE(coreLimitIsZero(vrkms.pid()));
+  EXPECT_EQ(vrkms.terminate(), std::make_pair(0, 0)) << vrkms.debugLog();
+  if (!observable) {
+    GTEST_SKIP() << "the rest passed; dumpability cannot be observed on this system";
+  }
+}

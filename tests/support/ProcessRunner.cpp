@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,12 +55,53 @@ RunningProcess::~RunningProcess() {
 }
 
 void RunningProcess::stop() {
+  if (m_terminal >= 0) {
+    close(m_terminal);
+    m_terminal = -1;
+  }
   if (m_pid <= 0) {
     return;
   }
   kill(m_pid, SIGKILL);
   waitFor(m_pid);
   m_pid = -1;
+}
+
+bool RunningProcess::awaitOutput(const std::string& text, std::chrono::milliseconds limit,
+                                 std::string* seen) {
+  const Clock::time_point deadline = Clock::now() + limit;
+  const size_t from = seen->size();
+  while (seen->find(text, from) == std::string::npos) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd p{m_terminal, POLLIN, 0};
+    if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) {
+      return false;
+    }
+    char buffer[4096];
+    const ssize_t n = read(m_terminal, buffer, sizeof(buffer));
+    if (n <= 0) {
+      return false;
+    }
+    seen->append(buffer, static_cast<size_t>(n));
+  }
+  return true;
+}
+
+int RunningProcess::awaitExit(std::chrono::milliseconds limit) {
+  const Clock::time_point deadline = Clock::now() + limit;
+  while (m_pid > 0) {
+    int status = 0;
+    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+      m_pid = -1;
+      return status;
+    }
+    if (Clock::now() > deadline) {
+      break;
+    }
+    usleep(10000);
+  }
+  return -1;
 }
 
 ProcessRunner& ProcessRunner::args(std::vector<std::string> args) {
@@ -126,6 +168,31 @@ RunningProcess ProcessRunner::spawn() const {
     _exit(127);
   }
   return RunningProcess(pid);
+}
+
+RunningProcess ProcessRunner::spawnOnTerminal() const {
+  std::vector<std::string> argvText{m_argv0.value_or(m_program)};
+  argvText.insert(argvText.end(), m_args.begin(), m_args.end());
+  std::vector<std::string> envText = buildEnvironment();
+  std::vector<char*> argv = pointers(argvText);
+  std::vector<char*> envp = pointers(envText);
+
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    // As on a terminal of its own: the signals a terminal sends take effect
+    // even where the test runs with them ignored (in the background).
+    for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
+      ::signal(signal, SIG_DFL);
+    }
+    execve(m_program.c_str(), argv.data(), envp.data());
+    _exit(127);
+  }
+  if (pid < 0) {
+    return RunningProcess(-1);
+  }
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  return RunningProcess(pid, master);
 }
 
 ProcessResult ProcessRunner::run() const {

@@ -28,12 +28,17 @@ struct ProcessResult {
   std::string err;
 };
 
-// A child started by ProcessRunner::spawn(). The destructor kills (SIGKILL)
-// and reaps it if it still runs.
+// A child started by ProcessRunner::spawn() or spawnOnTerminal(). The
+// destructor kills (SIGKILL) and reaps it if it still runs, and closes the
+// terminal.
 class RunningProcess {
  public:
-  explicit RunningProcess(pid_t pid) : m_pid(pid) {}
-  RunningProcess(RunningProcess&& other) noexcept : m_pid(other.m_pid) { other.m_pid = -1; }
+  explicit RunningProcess(pid_t pid, int terminal = -1) : m_pid(pid), m_terminal(terminal) {}
+  RunningProcess(RunningProcess&& other) noexcept
+      : m_pid(other.m_pid), m_terminal(other.m_terminal) {
+    other.m_pid = -1;
+    other.m_terminal = -1;
+  }
   RunningProcess(const RunningProcess&) = delete;
   RunningProcess& operator=(const RunningProcess&) = delete;
   ~RunningProcess();
@@ -42,8 +47,18 @@ class RunningProcess {
   // Sends SIGKILL and waits for the child. Safe to call twice.
   void stop();
 
+  // spawnOnTerminal(): the master side of the child's terminal (tcgetattr on
+  // it gives the child's settings); -1 otherwise.
+  int terminal() const { return m_terminal; }
+  // Reads the terminal until `text` has appeared (true) or `limit` has passed;
+  // everything read is appended to `seen`.
+  bool awaitOutput(const std::string& text, std::chrono::milliseconds limit, std::string* seen);
+  // Waits up to `limit` for the child to end; its wait status, or -1.
+  int awaitExit(std::chrono::milliseconds limit);
+
  private:
   pid_t m_pid;
+  int m_terminal;
 };
 
 class ProcessRunner {
@@ -72,6 +87,10 @@ class ProcessRunner {
   // Starts the child with standard input, output and error on /dev/null and
   // returns at once.
   RunningProcess spawn() const;
+  // Starts the child with a new pseudo-terminal as its standard input, output
+  // and error (and controlling terminal), SIGINT, SIGQUIT, SIGHUP and SIGTERM
+  // at their default actions, and returns at once.
+  RunningProcess spawnOnTerminal() const;
 
  private:
   std::vector<std::string> buildEnvironment() const;

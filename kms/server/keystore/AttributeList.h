@@ -19,6 +19,15 @@ class AttributeList {
 
   static constexpr size_t kMaxLength = 4096;
 
+  // Bounds of the extended attributes a caller may give a key or group record
+  // (the list itself, which also carries the store's file metadata, has
+  // none): 64 entries, and 64 KiB of names and values together. Real records
+  // carry a handful of short attributes, and the store adds a few of its
+  // own on top; the bounds keep one caller from making every commit, which
+  // rewrites all records, carry megabytes.
+  static constexpr size_t kMaxRecordAttributes = 64;
+  static constexpr size_t kMaxRecordAttributeBytes = 64 * 1024;
+
   AttributeList() = default;
 
   // Inserts the pair if the name is new (true); an existing name keeps its
@@ -42,6 +51,15 @@ class AttributeList {
   // Size, then pair by pair in order.
   bool operator==(const AttributeList& other) const { return m_attrs == other.m_attrs; }
   bool operator!=(const AttributeList& other) const { return !(*this == other); }
+
+  // Whether the list keeps within the two bounds of a record's attributes.
+  bool withinRecordBounds() const {
+    size_t bytes = 0;
+    for (const auto& entry : *this) {
+      bytes += entry.first.size() + entry.second.size();
+    }
+    return size() <= kMaxRecordAttributes && bytes <= kMaxRecordAttributeBytes;
+  }
 
   // Aborts the process (message 89) if a name or value exceeds 4096 bytes.
   void testInvariant() const;

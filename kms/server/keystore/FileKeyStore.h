@@ -190,11 +190,13 @@ class FileKeyStore : public KeyStore {
 
   // ---- Lookup and sanity (FileKeyStoreLookup.cpp). No lock ----
 
-  // The key of that name (compared byte for byte) in the group, or
-  // kr.end(). A group list naming a tag the table lacks aborts the process.
+  // The key of that name (compared byte for byte, after the cut the name's
+  // setter makes) in the group, or kr.end(). A group list naming a tag the
+  // table lacks aborts the process.
   static KeyTable::const_iterator findKeyByName(const KeyTable& kr, const std::string& group,
                                                 const std::string& name);
-  // The group of that name, or kg.end(); a linear walk.
+  // The group of that name (cut as by its setter), or kg.end(); a linear
+  // walk.
   static GroupTable::const_iterator findKeyGroupByName(const GroupTable& kg,
                                                        const std::string& name);
   // The first 12 bytes (or the whole of a shorter tag) are all 0x00 or all

@@ -84,6 +84,14 @@ const ErrorMap kCommitFailureMap{
     EC_KS_internal_error};
 
 // The two refusals every change makes first, in this order.
+// 1214 for a record whose attributes go beyond the bounds of a record's list.
+void refuseOversizedAttributes(const char* label, const AttributeList& attributes) {
+  if (!attributes.withinRecordBounds()) {
+    KMS_DEBUG(label, 1, "Too many or too long attributes: " << attributes.size());
+    KS_THROW(kBadValue, label);
+  }
+}
+
 void refuseClosedOrQuiesced(const char* label, bool initialized, uint64_t quiesceCount) {
   if (!initialized) {
     KS_THROW(kNotInitialized, label);
@@ -322,6 +330,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   if (!IsValidName(rec.name())) {
     KS_THROW(kBadName, kLabel);
   }
+  refuseOversizedAttributes(kLabel, rec.attributes());
   if (withTag ? rec.state() != KEY_INACTIVE
               : rec.state() != KEY_ACTIVE && rec.state() != KEY_PRELIVE) {
     KS_THROW(kBadValue, kLabel);
@@ -397,6 +406,7 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   if (!IsValidName(rec.name())) {
     KS_THROW(kBadName, kLabel);
   }
+  refuseOversizedAttributes(kLabel, rec.attributes());
   const auto kiter = m_keyTable->find(rec.tag());
   if (kiter == m_keyTable->end()) {
     KS_THROW(kUnknownKey, kLabel);
@@ -511,6 +521,7 @@ KeyGrpRecord_v1 FileKeyStore::addKeyGroup(const KeyGrpRecord_v1& rec) {
   if (!IsValidName(rec.name())) {
     KS_THROW(kBadName, kLabel);
   }
+  refuseOversizedAttributes(kLabel, rec.attributes());
   if (limitReached(m_maxKeyGroups, m_groupTable->size())) {
     KS_THROW(kTooManyGroups, kLabel);
   }
@@ -548,6 +559,7 @@ KeyGrpRecord_v1 FileKeyStore::updateKeyGroupRecord(const KeyGrpRecord_v1& rec) {
   if (!IsValidName(rec.name())) {
     KS_THROW(kBadName, kLabel);
   }
+  refuseOversizedAttributes(kLabel, rec.attributes());
   const auto giter = m_groupTable->find(rec.tag());
   if (giter == m_groupTable->end()) {
     KS_THROW(kUnknownGroup, kLabel);

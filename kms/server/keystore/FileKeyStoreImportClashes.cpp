@@ -6,6 +6,7 @@
 #include <openssl/crypto.h>
 
 #include <ctime>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSOpStatus.h"
+#include "kms/server/keystore/RecordFields.h"
 #include "kms/server/keystore/RecordUtils.h"
 #include "kms/server/keystore/SecureBytes.h"
 
@@ -99,10 +101,16 @@ std::string FileKeyStore::getUniqueKGNameSuffix(GroupTable& kg, int retries) con
     if (i > 0) {
       suffix += "_" + std::to_string(i);
     }
+    // The names as the setter will keep them: a long name loses the end of
+    // its suffix, or all of it, and may then meet a name of the store or
+    // another imported one.
     bool unique = true;
+    std::set<std::string> renamed;
     for (const auto& entry : kg) {
       const std::string& name = entry.second.name();
-      if (findKeyGroupByName(*m_groupTable, name + suffix) != m_groupTable->end()) {
+      const std::string candidate = name + suffix;
+      if (findKeyGroupByName(*m_groupTable, candidate) != m_groupTable->end() ||
+          !renamed.emplace(truncatedField(candidate)).second) {
         KMS_DEBUG(kLabel, 1, "Key Group [" << name << "] is not unique in existing database");
         unique = false;
         break;

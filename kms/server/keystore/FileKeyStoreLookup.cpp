@@ -15,6 +15,7 @@
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSMetadata.h"
 #include "kms/server/keystore/KeyFile.h"
+#include "kms/server/keystore/RecordFields.h"
 #include "kms/server/keystore/RecordUtils.h"
 #include "kms/server/keystore/SecureBytes.h"
 #include "kms/server/keystore/StoreLockGuards.h"
@@ -138,7 +139,7 @@ KeyGrpRecord_v1 FileKeyStore::getKeyGroupRecordByName(const std::string& _name) 
   KMS_TRACE_THIS(kLabel);
   KeyGrpRecord_v1 rec = lookUpGroup(
       kLabel, [&](const GroupTable& groups) { return findKeyGroupByName(groups, _name); });
-  KS_ASSERT(kLabel, rec.name() == _name);
+  KS_ASSERT(kLabel, rec.name() == truncatedField(_name));
   return rec;
 }
 
@@ -153,7 +154,7 @@ KeyRecord_v1 FileKeyStore::getKeyRecordByName(const std::string& _kgroup,
     }
     return findKeyByName(keys, _kgroup, _name);
   });
-  KS_ASSERT(kLabel, rec.name() == _name);
+  KS_ASSERT(kLabel, rec.name() == truncatedField(_name));
   KS_ASSERT(kLabel, rec.keyGroup() == _kgroup);
   return rec;
 }
@@ -276,10 +277,11 @@ FileKeyStore::KeyTable::const_iterator FileKeyStore::findKeyByName(const KeyTabl
                                                                    const std::string& name) {
   static const char* const kLabel = "FileKeyStore::findKeyByName";
   KMS_TRACE(kLabel);
+  const std::string_view stored = truncatedField(name);
   for (const std::string& tag : krtable.getTagsByGroup(group)) {
     const auto iter = krtable.find(tag);
     KS_ASSERT(kLabel, iter != krtable.end());
-    if (iter->second.name() == name) {
+    if (iter->second.name() == stored) {
       return iter;
     }
   }
@@ -289,8 +291,9 @@ FileKeyStore::KeyTable::const_iterator FileKeyStore::findKeyByName(const KeyTabl
 FileKeyStore::GroupTable::const_iterator FileKeyStore::findKeyGroupByName(const GroupTable& kg,
                                                                           const std::string& name) {
   KMS_TRACE("FileKeyStore::findKeyGroupByName");
+  const std::string_view stored = truncatedField(name);
   for (auto iter = kg.begin(); iter != kg.end(); ++iter) {
-    if (iter->second.name() == name) {
+    if (iter->second.name() == stored) {
       return iter;
     }
   }

@@ -509,6 +509,10 @@ KeyFile FileKeyStore::readKeyFile(KSInputBuffer& buffer) {
   KMS_TRACE(kLabel);
   return translateErrors(kLabel, kReadKeyFileMap, [&] {
     AttributeList list;
+    struct WipeKey {
+      AttributeList& list;
+      ~WipeKey() { KeyFile::wipeKey(list); }
+    } wipeKey{list};
     ReaderWriter::readAttributeList(buffer, list);
     if (buffer.remaining() != 0) {
       KMS_DEBUG(kLabel, 1, buffer.remaining() << " bytes after the key file's attribute list");

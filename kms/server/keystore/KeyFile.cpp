@@ -42,8 +42,30 @@ KeyFile::KeyFile(const AttributeList& list) : m_version(0), m_attrs(list), m_out
   }
 }
 
+KeyFile& KeyFile::operator=(const KeyFile& other) {
+  if (this != &other) {
+    wipeString(m_key);
+    wipeKey(m_attrs);
+    m_version = other.m_version;
+    m_key = other.m_key;
+    m_attrs = other.m_attrs;
+    m_outOfDate = other.m_outOfDate;
+  }
+  return *this;
+}
+
 KeyFile::~KeyFile() {
   wipeString(m_key);
+  wipeKey(m_attrs);
+}
+
+void KeyFile::wipeKey(AttributeList& list) {
+  const AttributeList::const_iterator key = list.find("THEKEY");
+  if (key != list.end()) {
+    // The list hands out its values read-only; the key is overwritten in
+    // place, since replacing it would free its bytes as they are.
+    wipeString(const_cast<std::string&>(key->second));
+  }
 }
 
 void KeyFile::setKey(const std::string& key) {
@@ -68,6 +90,7 @@ const AttributeList& KeyFile::attributes() const {
     static const char* const kLabel = "KeyFile::attributes";
     bool updated = m_attrs.updateAttribute("VERSION", Utils::versionToBytes(m_version));
     KS_ASSERT(kLabel, updated == true);
+    wipeKey(m_attrs);
     updated = m_attrs.updateAttribute("THEKEY", m_key);
     KS_ASSERT(kLabel, updated == true);
     m_outOfDate = false;

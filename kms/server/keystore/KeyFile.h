@@ -1,8 +1,8 @@
 // The content of the HMK file and of the KPK file: a typed view of an
 // AttributeList of exactly two attributes, "VERSION" and "THEKEY". The key is
-// the HMK in the clear, or the KPK wrapped under the HMK. The object's own
-// copy of the key is wiped when it goes; the list's copy is not. A plain
-// value with no lock.
+// the HMK in the clear, or the KPK wrapped under the HMK. Both copies of the
+// key, the object's own and the list's, are wiped when they are replaced and
+// when the object goes. A plain value with no lock.
 #pragma once
 
 #include <string>
@@ -23,8 +23,12 @@ class KeyFile {
   // version, 1208 without "THEKEY" or with any other attribute.
   explicit KeyFile(const AttributeList& list);
   KeyFile(const KeyFile&) = default;
-  KeyFile& operator=(const KeyFile&) = default;
+  KeyFile& operator=(const KeyFile& other);
   ~KeyFile();
+
+  // Overwrites the value of "THEKEY" in `list` where it stands, for lists
+  // read from a key file before they are dropped.
+  static void wipeKey(AttributeList& list);
 
   ks_version_t version() const { return m_version; }
   const std::string& key() const { return m_key; }

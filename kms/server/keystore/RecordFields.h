@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Vaultrest {
 namespace DL {
@@ -22,6 +23,12 @@ void assignBoundedField(const char* function, const char* what, std::string& fie
 // as "Encountered <what> of size <n>. Truncating to 4096" under `function`.
 void assignTruncatedField(const char* function, const char* what, std::string& field,
                           const std::string& value);
+
+// What assignTruncatedField keeps of `value`: a name is stored this way, so
+// it is looked up and compared this way too. Valid while `value` is.
+inline std::string_view truncatedField(const std::string& value) {
+  return std::string_view(value).substr(0, kMaxRecordFieldLength);
+}
 
 }  // namespace KMS
 }  // namespace DL
