@@ -85,7 +85,7 @@ constexpr int kMsgNoGoodHmkFile = 85;
 constexpr int kMsgKeyFips = 92;
 
 // Codes each operation passes on unchanged; every other failure is 1200.
-const ErrorMap kSetupErrors{{}, {}};
+const ErrorMap kSetupErrors{{1295}, {}};
 const ErrorMap kCreateErrors{{1269}, {}};
 const ErrorMap kResetHmkErrors{{1269, 1204, 1203, 1210, 1207}, {}};
 const ErrorMap kResetKpkErrors{{1269, 1204, 1203, 1210, 1207, 1248}, {}};
@@ -238,6 +238,9 @@ int KMSSpecialOps::setupEnv() {
   }
   const int status = statusOf(kLabel, kSetupErrors, [] {
     const KMSFileLocator locator;
+    // A store that others could change is refused before any operation
+    // reads or writes it.
+    locator.requireTrusted();
     m_ks.reset(new FileKeyStore(locator));
     return EC_KS_success;
   });
