@@ -117,8 +117,8 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
   const std::vector<unsigned> afterDelete = {0x16d, 0x12d, 0x125};
 
   for (const Fault& fault :
-       {Fault{FileOp::Fwrite, ENOSPC}, Fault{FileOp::Fsync, EIO}, Fault{FileOp::Rename, EXDEV},
-        Fault{FileOp::SyncDir, EIO}, Fault{FileOp::Unlink, EACCES}}) {
+       {Fault{FileOp::Open, EMFILE}, Fault{FileOp::Fwrite, ENOSPC}, Fault{FileOp::Fsync, EIO},
+        Fault{FileOp::Rename, EXDEV}, Fault{FileOp::SyncDir, EIO}, Fault{FileOp::Unlink, EACCES}}) {
     const size_t count = countOf(ops, fault.kind);
     ASSERT_GT(count, 0u);
     for (size_t n = 1; n <= count; ++n) {
@@ -133,7 +133,8 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
       ASSERT_TRUE(failure.fired());
 
       bool expectNew = true;
-      if (fault.kind == FileOp::Fwrite || fault.kind == FileOp::Fsync) {
+      if (fault.kind == FileOp::Open || fault.kind == FileOp::Fwrite ||
+          fault.kind == FileOp::Fsync) {
         // Before the first rename: the new files are gone, the old whole.
         EXPECT_EQ(code, 1276);
         EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
