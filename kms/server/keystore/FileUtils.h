@@ -74,15 +74,17 @@ class FileHolder {
 FileHolder openFile(const char* path, const char* mode);
 
 // The largest files a valid store has; a bigger file is refused before it is
-// read. A key file is one attribute list of a handful of attributes, each
-// two fields of at most 4096 bytes behind a two-byte length: far below
-// 1 MiB. The store file is its metadata block (an attribute list of the same
-// kind) and the encrypted record stream. The limits max_key_groups and
-// max_keys_per_group bound the records (groups x (keys per group + 1)), and
-// every field of a record is at most 4096 bytes; with the default limits
-// (100 groups of 30 keys) a store stays below 100 MiB. A limit of 0 means
-// none, so the bound is set where the store, which is held in memory whole
-// and twice during a commit, could no longer be committed: 1 GiB.
+// read. A key file is one attribute list of two attributes (key and version)
+// and its digest, each field at most 4096 bytes behind a two-byte length:
+// under 32 KiB, so 1 MiB leaves room for every version. The store file is its
+// metadata block (an attribute list of some twenty attributes) and the
+// encrypted record stream: the limits max_key_groups and max_keys_per_group
+// bound the records to groups x (keys per group + 1), and each record is its
+// fields of at most 4096 bytes and its bounded attribute list. A limit may be
+// 0 (none), and the configuration file may set either up to 2^31 - 1, so the
+// limits give no bound the program can rely on; the bound is therefore where
+// a store, which is held in memory whole and twice during a commit, could no
+// longer be committed at all: 1 GiB.
 constexpr off_t kMaxKeyFileBytes = 1 << 20;
 constexpr off_t kMaxStoreFileBytes = off_t(1) << 30;
 
