@@ -231,10 +231,12 @@ TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingT
       EXPECT_EQ(appMessageIds(log), std::vector<int>({111}));
     }
     EXPECT_EQ(storefiles::contentsOf(locator), before);
-    // Remaking a key file on such files is refused, touching nothing.
+    // Remaking a key file or the store on such files is refused, touching
+    // nothing.
     FileKeyStore store(locator);
     EXPECT_EQ(store.createHMKFile("passphrase", true, false), 1275);
     EXPECT_EQ(store.createKPKFile("passphrase", true, false), 1275);
+    EXPECT_EQ(store.createEmpty("", "hmk", "", "kpk", true), 1275);
     EXPECT_EQ(storefiles::contentsOf(locator), before);
   }
   // Undamaged, a remake recovers first (and then finds the passphrase
