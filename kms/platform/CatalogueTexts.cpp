@@ -84,8 +84,9 @@ const CatalogueText kCatalogueTexts[] = {
     {271, 1275, "The key store files are in a state that cannot be recovered automatically."},
     {271, 1276, "Writing the key store failed. The key store files were not changed."},
     {271, 1277,
-     "Writing the key store failed after its files had been changed. The next start of the service "
-     "completes the update."},
+     "Writing the key store failed after its files on disk had begun to change. An interrupted "
+     "update is completed by the next start of the service; a key store that was being created is "
+     "incomplete and must be created again."},
     {271, 1279, "The key store is quiesced and does not accept changes."},
     {271, 1280, "The key store is not quiesced."},
     {271, 1281, "This operation cannot run on an inactive node of a cluster."},
@@ -96,6 +97,9 @@ const CatalogueText kCatalogueTexts[] = {
     {271, 1286, "FIPS mode was requested but could not be enabled."},
     {271, 1287, "The name contains characters that are not allowed."},
     {271, 1294, "The key protection key could not be changed."},
+    {271, 1295,
+     "A file or directory of the key store could be changed by someone other than the service. "
+     "The application log names the path and what to correct."},
     {286, 1,
      "Enter a passphrase for the Host Master Key (HMK). Leave it empty to have a random HMK "
      "generated."},
@@ -226,6 +230,16 @@ const CatalogueText kCatalogueTexts[] = {
     {286, 98,
      "At least one master key was generated from random data and can never be recreated from a "
      "passphrase. Back up the key store files now and keep the copies in a safe place."},
+    {286, 110,
+     "{} was not used: {}. Key store files and directories must be owned by the user the key "
+     "management service runs as, must not be writable by group or others (chown, chmod go-w), "
+     "and must not be symbolic links, FIFOs or devices."},
+    {286, 111,
+     "Recovery stopped without changing any file: the files it would keep ({}, {}, {}) do not "
+     "make a readable key store. Restore the key store files from a backup."},
+    {286, 112,
+     "The configuration file {} was not read: {}. The defaults are used; correct or remove the "
+     "file."},
 };
 const size_t kCatalogueTextCount = sizeof(kCatalogueTexts) / sizeof(kCatalogueTexts[0]);
 
@@ -313,5 +327,6 @@ const StatusText kStatusTexts[] = {
     {1286, "FIPS mode failed"},
     {1287, "Invalid name"},
     {1294, "KPK change failed"},
+    {1295, "Unsafe key store path"},
 };
 const size_t kStatusTextCount = sizeof(kStatusTexts) / sizeof(kStatusTexts[0]);

@@ -90,7 +90,7 @@ constexpr int kMsgFipsUnavailable = 93;
 constexpr int kFipsUnavailable = 1286;
 
 // Codes each operation passes on unchanged; every other failure is 1200.
-const ErrorMap kSetupErrors{{}, {}};
+const ErrorMap kSetupErrors{{1295}, {}};
 const ErrorMap kCreateErrors{{1269}, {}};
 const ErrorMap kResetHmkErrors{{1269, 1204, 1203, 1210, 1207}, {}};
 const ErrorMap kResetKpkErrors{{1269, 1204, 1203, 1210, 1207, 1248}, {}};
@@ -263,6 +263,9 @@ int KMSSpecialOps::setupEnv() {
   }
   const int status = statusOf(kLabel, kSetupErrors, [] {
     const KMSFileLocator locator;
+    // A store that others could change is refused before any operation
+    // reads or writes it.
+    locator.requireTrusted();
     m_ks.reset(new FileKeyStore(locator));
     return EC_KS_success;
   });

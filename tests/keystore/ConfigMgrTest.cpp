@@ -3,6 +3,8 @@
 #include "kms/server/keystore/ConfigMgr.h"
 
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,6 +22,7 @@
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/ACEConfAgent.h"
+#include "kms/server/keystore/FileFaults.h"
 #include "kms/server/keystore/KMSConfig.h"
 #include "kms/server/keystore/VRConfAgent.h"
 #include "support/TempRoot.h"
@@ -190,6 +193,55 @@ TEST(ConfigMgrTest, SetReachesTheFileOnlyThroughSave) {
   EXPECT_EQ(again.getIntegerValue("file_rw_debug"), -5);
   EXPECT_EQ(again.getStringValue("home_page"), "kms.example.org");
   EXPECT_EQ(again.getIntegerValue("max_key_groups"), 100);
+}
+
+TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
+  TempRoot dir;
+  const std::string conf = dir.file("vrkms.conf");
+  std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
+  const std::string before = readFile(conf);
+  // The child ends inside the save, before each of its file operations in
+  // turn, until one save runs to its end.
+  for (size_t n = 1;; ++n) {
+    SCOPED_TRACE("crash before file operation " + std::to_string(n));
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ConfigMgr mgr(table(), conf);
+      mgr.setIntegerValue("timeout", 42);
+      CrashAtNthFileOp crash(n);
+      FileFaults::install(&crash);
+      mgr.save();
+      ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int timeout = ConfigMgr(table(), conf).getIntegerValue("timeout");
+    if (WEXITSTATUS(status) == 0) {
+      EXPECT_EQ(timeout, 42);
+      EXPECT_GT(n, 3u);  // create, write, sync and rename at least
+      break;
+    }
+    ASSERT_EQ(WEXITSTATUS(status), FileFaults::kCrashExitStatus);
+    // The old file or the new one, whole: never a part.
+    EXPECT_TRUE(readFile(conf) == before || timeout == 42) << readFile(conf);
+  }
+}
+
+TEST(ConfigMgrTest, AFileOfAbsurdSizeOrSectionCountIsRefusedAndDefaultsServe) {
+  TempRoot dir;
+  const std::string conf = dir.file("vrkms.conf");
+  std::string sections;
+  for (int i = 0; i < 100000; ++i) {
+    sections += "[s" + std::to_string(i) + "]\n";
+  }
+  const std::string valid = "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
+  for (const std::string& text : {valid + sections, valid + sections.substr(0, 200)}) {
+    std::ofstream(conf, std::ios::trunc) << text;
+    EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 10);
+  }
+  std::ofstream(conf, std::ios::trunc) << valid;
+  EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 30);
 }
 
 TEST(ConfigMgrTest, FileAgentFailuresServeDefaults) {

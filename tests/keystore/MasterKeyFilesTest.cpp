@@ -284,17 +284,33 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
       return hmk ? store().createHMKFile(kHmkPass, true, false)
                  : store().createKPKFile(kKpkPass, true, false);
     };
+    const std::string before = readBytes(path);
     for (const bool fileThere : {true, false}) {
       SCOPED_TRACE(std::string(hmk ? "HMK" : "KPK") + (fileThere ? " file there" : " no file"));
-      ASSERT_EQ(exists(path), fileThere);
-      FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
-      ScopedFileFaultHook hook(&failFsync);
-      EXPECT_EQ(remake(), fileThere ? 1277 : 1276);
-      EXPECT_FALSE(exists(path));
+      if (!fileThere) {
+        ::unlink(path.c_str());
+      }
+      {
+        // Before the rename: the old file, or none, stays as it was.
+        FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
+        ScopedFileFaultHook hook(&failFsync);
+        EXPECT_EQ(remake(), 1276);
+      }
+      EXPECT_EQ(exists(path), fileThere);
+      EXPECT_EQ(fileThere ? readBytes(path) : "", fileThere ? before : "");
+      EXPECT_FALSE(exists(path + ".tmp"));
     }
-    // The open for writing: the store file, the HMK file (for the KPK) and
-    // then the key file itself are opened.
-    FailNthFileOp failOpen(hmk ? 2 : 3, EACCES, FileOp::Fopen);
+    {
+      // After it: the new file is in place, its directory not synced.
+      FailNthFileOp failSync(1, EIO, FileOp::SyncDir);
+      ScopedFileFaultHook hook(&failSync);
+      EXPECT_EQ(remake(), 1277);
+    }
+    EXPECT_TRUE(exists(path));
+    ::unlink(path.c_str());
+    // The creation of the key file, which is then written through the
+    // descriptor that created it.
+    FailNthFileOp failOpen(1, EACCES, FileOp::Open);
     {
       ScopedFileFaultHook hook(&failOpen);
       EXPECT_EQ(remake(), 1276);

@@ -110,19 +110,6 @@ TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
   EXPECT_EQ(storefiles::maskOf(m_root.locator), 0u);
 }
 
-TEST_F(StorePersistence, ANewFileThatCannotBeOpenedIs1276WithNothingLeft) {
-  s_old->placeAsDat(m_root.locator);
-  FailNthFileOp noOpen(2, EMFILE, FileOp::Fopen);  // the KPK "new" file
-  LogCapture log(0);
-  {
-    ScopedFileFaultHook hook(&noOpen);
-    EXPECT_EQ(commitNew(), 1276);
-  }
-  EXPECT_EQ(linesWith(log.appLines(), " 286-46 "), 1u);
-  EXPECT_EQ(linesWith(log.appLines(), " 286-57 "), 0u);
-  EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
-}
-
 TEST_F(StorePersistence, TheCommitSyncsBothDirectoriesAfterTheRenamesAndBeforeTheDeletes) {
   s_old->placeAsDat(m_root.locator);
   FileOpRecorder recorder;

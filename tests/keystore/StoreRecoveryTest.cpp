@@ -197,9 +197,54 @@ TEST_F(StoreRecovery, AFailedRenameOrDeleteIs1274AndTheNextStartFinishes) {
   }
   EXPECT_EQ(storefiles::maskOf(m_root.locator), 0x16du);
 
+  // A directory that cannot be synced after a rename fails the same way.
+  {
+    FailNthFileOp failSync(1, EIO, FileOp::SyncDir);
+    ScopedFileFaultHook hook(&failSync);
+    EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
+  }
+
   FileKeyStore store(m_root.locator);
   ASSERT_EQ(store.init(), 0);
   s_new->expectServedBy(store);
+}
+
+TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingTouched) {
+  const KMSFileLocator& locator = m_root.locator;
+  // 0x0f6 goes forward to the "new" files and deletes the old copies: with
+  // a damaged "new" that would leave no readable store at all.
+  for (const bool truncateStore : {true, false}) {
+    SCOPED_TRACE(truncateStore ? "store \"new\" truncated" : "HMK \"new\" with a bit flipped");
+    place(0x0f6, false);
+    const std::string& path = truncateStore ? locator.ksNewPath() : locator.hmkNewPath();
+    std::string bytes = storefiles::readBytes(path);
+    if (truncateStore) {
+      bytes.resize(bytes.size() / 2);
+    } else {
+      bytes.back() ^= 0x01;
+    }
+    storefiles::writeBytes(path, bytes);
+    const std::vector<std::string> before = storefiles::contentsOf(locator);
+    {
+      LogCapture log(0);
+      EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(locator); }), 1275);
+      EXPECT_EQ(appMessageIds(log), std::vector<int>({111}));
+    }
+    EXPECT_EQ(storefiles::contentsOf(locator), before);
+    // Remaking a key file or the store on such files is refused, touching
+    // nothing.
+    FileKeyStore store(locator);
+    EXPECT_EQ(store.createHMKFile("passphrase", true, false), 1275);
+    EXPECT_EQ(store.createKPKFile("passphrase", true, false), 1275);
+    EXPECT_EQ(store.createEmpty("", "hmk", "", "kpk", true), 1275);
+    EXPECT_EQ(storefiles::contentsOf(locator), before);
+  }
+  // Undamaged, a remake recovers first (and then finds the passphrase
+  // wrong for the random HMK): no key file lands beside "new" and "bak".
+  place(0x0f6, false);
+  FileKeyStore store(locator);
+  EXPECT_EQ(store.createHMKFile("passphrase", true, false), 1221);
+  EXPECT_TRUE(s_new->isOnDiskAsDat(locator));
 }
 
 TEST_F(StoreRecovery, EveryRenameAndDeleteIsFollowedBySyncsOfBothDirectories) {

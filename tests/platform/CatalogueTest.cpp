@@ -23,7 +23,7 @@ const std::map<int, int> kProgramMessages = {
     {61, 0}, {62, 0}, {63, 0}, {64, 1}, {65, 1}, {66, 0}, {67, 0}, {68, 0}, {69, 0}, {70, 0},
     {71, 1}, {72, 1}, {73, 1}, {74, 1}, {75, 0}, {76, 0}, {77, 1}, {78, 1}, {79, 0}, {80, 0},
     {81, 0}, {82, 0}, {83, 0}, {85, 0}, {86, 0}, {87, 0}, {88, 0}, {89, 4}, {92, 1}, {93, 0},
-    {94, 0}, {95, 0}, {96, 0}, {97, 0}, {98, 0},
+    {94, 0}, {95, 0}, {96, 0}, {97, 0}, {98, 0}, {110, 2}, {111, 3}, {112, 2},
 };
 
 // Every status code the program produces; 0 has a short text only.
@@ -33,6 +33,7 @@ const int kStatusCodes[] = {
     1237, 1238, 1239, 1240, 1241, 1242, 1243, 1244, 1245, 1246, 1247, 1248, 1249, 1251, 1252, 1253,
     1254, 1255, 1256, 1257, 1258, 1259, 1260, 1261, 1262, 1263, 1264, 1265, 1267, 1268, 1269, 1270,
     1271, 1272, 1274, 1275, 1276, 1277, 1279, 1280, 1281, 1282, 1283, 1284, 1285, 1286, 1287, 1294,
+    1295,
 };
 
 int placeholders(const std::string& text) {
@@ -91,7 +92,7 @@ TEST(Catalogue, EveryStatusCodeHasAShortAndALongText) {
   }
   EXPECT_EQ(kStatusTextCount, longTexts + 1);  // plus the text of 0
   // Codes the program never uses stay unknown.
-  for (int unused : {1199, 1211, 1213, 1216, 1217, 1226, 1250, 1266, 1273, 1278, 1295}) {
+  for (int unused : {1199, 1211, 1213, 1216, 1217, 1226, 1250, 1266, 1273, 1278, 1296}) {
     EXPECT_EQ(getECmsg(unused), nullptr) << unused;
     EXPECT_EQ(crvnCatalogueText(271, unused), nullptr) << unused;
   }

@@ -1,11 +1,11 @@
 #include "kms/platform/framework/Orb.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
 #include <vector>
 
 #include "kms/platform/framework/FrameworkLog.h"
@@ -117,15 +117,32 @@ int Orb::advertiseObject(const char* objectId, CORBA::Object_ptr ref) {
     CORBA::Object_var advertised = m_insPoa->id_to_reference(oid.in());
     CORBA::String_var ior = m_orb->object_to_string(advertised.in());
     const std::string path = iorFilePath(objectId);
+    // Written beside the file, synced and renamed over it, then the
+    // directory synced: a client never reads half a reference, nor an old
+    // one after a loss of power. Nothing planted under the new name is
+    // followed.
     const std::string temporary = path + ".new";
-    {
-      std::ofstream out(temporary, std::ios::trunc);
-      out << ior.in() << "\n";
-      if (!out.flush()) {
-        FW_DEBUG("Orb::advertiseObject", 1, "Cannot write " << temporary);
+    const std::string text = std::string(ior.in()) + "\n";
+    ::unlink(temporary.c_str());
+    const int fd =
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const bool written =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        ::fsync(fd) == 0;
+    if (fd >= 0) {
+      ::close(fd);
+    }
+    if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+      FW_DEBUG("Orb::advertiseObject", 1, "Cannot write " << path << ": errno " << errno);
+      ::unlink(temporary.c_str());
+    } else {
+      const std::string dir = path.substr(0, path.find_last_of('/') + 1);
+      const int dirFd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (dirFd >= 0) {
+        ::fsync(dirFd);
+        ::close(dirFd);
       }
     }
-    ::rename(temporary.c_str(), path.c_str());
   } catch (const CORBA::Exception& e) {
     FW_DEBUG("Orb::advertiseObject", 1, "Cannot advertise " << objectId << ": " << e._name());
     return -1;

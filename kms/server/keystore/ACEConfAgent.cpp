@@ -2,9 +2,11 @@
 
 #include <ace/Configuration_Import_Export.h>
 #include <ace/Guard_T.h>
+#include <cerrno>
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/FileUtils.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -14,6 +16,31 @@ namespace {
 
 const char kSectionName[] = "KMSConfig";
 constexpr int kConfigFailure = 1257;
+constexpr int kMsgConfigNotRead = 112;
+
+// A valid file holds the one section "KMSConfig" with the thirteen keys of
+// the configuration table, each a short line: far below both bounds. A
+// bigger file, or one of more sections, is refused before it is parsed, so
+// that it cannot hold up the start.
+constexpr off_t kMaxConfigFileBytes = 64 * 1024;
+constexpr size_t kMaxConfigSections = 16;
+
+// The name under which ACE reopens the file open on `stream` (the file
+// itself, not whatever its name points at by then).
+std::string nameOfOpenFile(FILE* stream) {
+  return "/proc/self/fd/" + std::to_string(::fileno(stream));
+}
+
+// Section headers: lines that begin with "[".
+size_t sectionCount(const std::string& text) {
+  size_t count = 0;
+  for (size_t pos = 0; pos < text.size(); ++pos) {
+    if (text[pos] == '[' && (pos == 0 || text[pos - 1] == '\n')) {
+      ++count;
+    }
+  }
+  return count;
+}
 
 }  // namespace
 
@@ -34,8 +61,30 @@ void ACEConfAgent::reload() {
     KMS_DEBUG("ACEConfAgent::reload", 1, "FAILED to initialize Configuration_Heap");
     KS_THROW(kConfigFailure, "ACEConfAgent::reload");
   }
-  ACE_Registry_ImpExp importer(*config);
-  if (importer.import_config(m_fileName.c_str()) != 0) {
+  // The file is opened as the store's files are (no symlink, no FIFO or
+  // device, a file of this user that others cannot write, of bounded size)
+  // and looked at before ACE parses it through the open descriptor.
+  bool imported = false;
+  Utils::FileHolder in =
+      Utils::openForReading("ACEConfAgent::reload", m_fileName, kMaxConfigFileBytes);
+  if (in.get() != nullptr) {
+    std::string text;
+    try {
+      Utils::readFileIntoString(in, text, static_cast<size_t>(kMaxConfigFileBytes));
+      const size_t sections = sectionCount(text);
+      if (sections > kMaxConfigSections) {
+        logAppMessage("ACEConfAgent::reload", CRVN_SEV_ERROR, kMsgConfigNotRead, m_fileName,
+                      std::to_string(sections) + " sections, more than " +
+                          std::to_string(kMaxConfigSections) + ", were found");
+      } else {
+        ACE_Registry_ImpExp importer(*config);
+        imported = importer.import_config(nameOfOpenFile(in).c_str()) == 0;
+      }
+    } catch (const KeyStoreError& error) {
+      KMS_DEBUG("ACEConfAgent::reload", 1, "Exception Caught: " << error.str(true));
+    }
+  }
+  if (!imported) {
     KMS_DEBUG("ACEConfAgent::reload", 1, "FAILED to read from config file. Ignoring error");
   }
   ACE_Configuration_Section_Key section;
@@ -50,8 +99,18 @@ void ACEConfAgent::reload() {
 void ACEConfAgent::save() {
   KMS_TRACE_THIS("ACEConfAgent::save");
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_lock);
-  ACE_Registry_ImpExp exporter(*m_config);
-  if (exporter.export_config(m_fileName.c_str()) != 0) {
+  // Written beside the file, synced and renamed over it: a crash leaves the
+  // old file or the new one, whole. ACE writes through the new file's own
+  // descriptor.
+  try {
+    Utils::replaceFileDurably("ACEConfAgent::save", m_fileName, __LINE__, __FILE__, [&](FILE* out) {
+      ACE_Registry_ImpExp exporter(*m_config);
+      if (exporter.export_config(nameOfOpenFile(out).c_str()) != 0) {
+        KS_THROW(kConfigFailure, "ACEConfAgent::save");
+      }
+    });
+  } catch (const KeyStoreError& error) {
+    KMS_DEBUG("ACEConfAgent::save", 1, "Exception Caught: " << error.str(true));
     KMS_DEBUG("ACEConfAgent::save", 1, "FAILED to save configuration to file: " << m_fileName);
     KS_THROW(kConfigFailure, "ACEConfAgent::save");
   }

@@ -93,6 +93,8 @@ const char* fileOpName(FileOp op) {
       return "OpenDir";
     case FileOp::SyncDir:
       return "SyncDir";
+    case FileOp::Stat:
+      return "Stat";
   }
   return "Unknown";
 }
@@ -126,9 +128,62 @@ FILE* FileFaults::openStream(const char* path, const char* mode) {
   if (!admit([&] { return operation(FileOp::Fopen, path); })) {
     return nullptr;
   }
-  // "e": the descriptor is not inherited by programs this process starts.
-  const std::string withCloexec = std::string(mode) + "e";
-  return std::fopen(path, withCloexec.c_str());
+  // The flags of fopen's modes, with O_NOFOLLOW and O_CLOEXEC (the
+  // descriptor is not inherited by programs this process starts).
+  const std::string m(mode);
+  const bool plus = m.find('+') != std::string::npos;
+  int flags = O_NOFOLLOW | O_CLOEXEC;
+  switch (m.empty() ? 'r' : m[0]) {
+    case 'w':
+      flags |= (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+      break;
+    case 'a':
+      flags |= (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+      break;
+    default:
+      flags |= (plus ? O_RDWR : O_RDONLY) | O_NONBLOCK;
+      break;
+  }
+  if (m.find('x') != std::string::npos) {
+    flags |= O_EXCL;
+  }
+  const int fd = ::open(path, flags, 0600);
+  if (fd < 0) {
+    return nullptr;
+  }
+  // O_NONBLOCK stays: it changes nothing for a regular file, and the
+  // caller refuses anything else by fstat before reading.
+  FILE* stream = streamOfFd(fd, mode);
+  if (stream == nullptr) {
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+  }
+  return stream;
+}
+
+FILE* FileFaults::streamOfFd(int fd, const char* mode) {
+  std::string m;
+  for (const char* c = mode; *c != '\0'; ++c) {
+    if (*c != 'x' && *c != 'e') {
+      m.push_back(*c);
+    }
+  }
+  return ::fdopen(fd, m.c_str());
+}
+
+int FileFaults::statFd(int fd, struct stat* st) {
+  if (!admit([&] { return operation(FileOp::Stat, pathOfFd(fd)); })) {
+    return -1;
+  }
+  return ::fstat(fd, st);
+}
+
+int FileFaults::statPath(const char* path, struct stat* st) {
+  if (!admit([&] { return operation(FileOp::Stat, path); })) {
+    return -1;
+  }
+  return ::lstat(path, st);
 }
 
 size_t FileFaults::readStream(void* buffer, size_t size, FILE* stream) {

@@ -13,6 +13,7 @@
 //   hook.operations();                                 // what ran, in order
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -41,8 +42,9 @@ enum class FileOp {
   Access,
   OpenDir,  // open(2) of a directory, to sync it
   SyncDir,  // fsync(2) of a directory
+  Stat,     // fstat(2) of a descriptor or lstat(2) of a path
 };
-constexpr size_t kFileOpCount = static_cast<size_t>(FileOp::SyncDir) + 1;
+constexpr size_t kFileOpCount = static_cast<size_t>(FileOp::Stat) + 1;
 
 // "Open", "Fwrite", ...
 const char* fileOpName(FileOp op);
@@ -90,7 +92,15 @@ class FileFaults {
 
   static int openFd(const char* path, int flags, mode_t mode);
   static int closeFd(int fd);
+  // fopen(path, mode) that never follows a symlink in the last component
+  // (O_NOFOLLOW: ELOOP) and, when reading, does not wait for a writer of a
+  // FIFO (O_NONBLOCK), so that the caller can fstat what it got first.
   static FILE* openStream(const char* path, const char* mode);
+  // fdopen: a stream over a descriptor from openFd. No file system call of
+  // its own, so no hook sees it; on failure the descriptor stays open.
+  static FILE* streamOfFd(int fd, const char* mode);
+  static int statFd(int fd, struct stat* st);
+  static int statPath(const char* path, struct stat* st);  // lstat
   static size_t readStream(void* buffer, size_t size, FILE* stream);
   static size_t writeStream(const void* buffer, size_t size, FILE* stream);
   static int flushStream(FILE* stream);

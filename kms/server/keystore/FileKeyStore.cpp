@@ -77,6 +77,9 @@ int FileKeyStore::init() {
     auto groupTable = std::make_unique<GroupTable>();
     bool needsRewrite = false;
 
+    // Files and directories that others could change are refused before
+    // recovery or the read touches them.
+    m_locator.requireTrusted();
     readFromFile(*hmkFile, *kpkFile, *kpkMgr, *metadata, *keyTable, *groupTable, m_locator,
                  needsRewrite);
     if (fipsEnableFailed()) {

@@ -70,6 +70,7 @@ constexpr int kCrypterFailed = 1224;
 constexpr int kIntegrityFailed = 1225;
 constexpr int kDirCreateFailed = 1236;
 constexpr int kFileCreateFailed = 1237;
+constexpr int kFileRenameFailed = 1238;
 constexpr int kFileDeleteFailed = 1239;
 constexpr int kWrongKpk = 1249;
 constexpr int kKpkFileExists = 1251;
@@ -78,6 +79,8 @@ constexpr int kRandomHmk = 1264;
 constexpr int kRandomKpk = 1265;
 constexpr int kStoreExists = 1268;
 constexpr int kUnwrapFailed = 1270;
+constexpr int kRecoveryFailed = 1274;
+constexpr int kUnknownFileState = 1275;
 constexpr int kWriteFailedNothingChanged = 1276;
 constexpr int kFipsEnableFailed = 1286;
 
@@ -98,7 +101,7 @@ const ErrorMap kStoreMetaMap{
 // createEmpty: a failed commit has deleted what it made, so every file error
 // is reported as a store that changed.
 const ErrorMap kCreateEmptyMap{
-    {EC_KS_internal_error, kStoreExists},
+    {EC_KS_internal_error, kStoreExists, kRecoveryFailed, kUnknownFileState},
     {{{kDirCreateFailed, kFileCreateFailed, kFileDeleteFailed, kWriteFailedNothingChanged,
        EC_KS_db_write_fail_changed},
       EC_KS_db_write_fail_changed},
@@ -108,22 +111,23 @@ const ErrorMap kCreateEmptyMap{
 // createHMKFile, createKPKFile.
 const ErrorMap kCreateHmkFileMap{
     {kStoreFileOpenError, kInvalidStoreFile, kHmkFileExists, kFileWriteError, kWrongHmk, kRandomHmk,
-     EC_KS_internal_error},
+     EC_KS_internal_error, kRecoveryFailed, kUnknownFileState},
     {{{kOpenFailed}, EC_KS_HMKfile_open_error}, {{kIntegrityFailed}, EC_KS_internal_error}}};
 const ErrorMap kCreateKpkFileMap{
     {EC_KS_HMKfile_open_error, kStoreFileOpenError, kInvalidStoreFile, kFileWriteError, kWrongHmk,
-     kWrongKpk, kKpkFileExists, kRandomKpk, EC_KS_internal_error},
+     kWrongKpk, kKpkFileExists, kRandomKpk, EC_KS_internal_error, kRecoveryFailed,
+     kUnknownFileState},
     {{{kOpenFailed}, EC_KS_KPKfile_open_error},
      {{kMalformed}, EC_KS_invalid_HMKfile},
      {{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
       EC_KS_internal_error}}};
 
-// Failures of rewriting a key file in place that are reported by whether a
-// file stood there before (1277: the old one is gone) or not (1276).
-const std::vector<int> kHmkRewriteFailures{kDirCreateFailed, kFileCreateFailed,
+// Failures of rewriting a key file that are reported by whether the new file
+// had replaced the old one (1277) or not (1276).
+const std::vector<int> kHmkRewriteFailures{kDirCreateFailed, kFileCreateFailed, kFileRenameFailed,
                                            EC_KS_HMKfile_open_error, kFileWriteError};
-const std::vector<int> kKpkRewriteFailures{kFileCreateFailed, EC_KS_KPKfile_open_error,
-                                           kFileWriteError};
+const std::vector<int> kKpkRewriteFailures{kFileCreateFailed, kFileRenameFailed,
+                                           EC_KS_KPKfile_open_error, kFileWriteError};
 
 // updateHMK, updateKPK: the code reported, and the codes after which the store
 // stays live on the old keys (nothing written, or nothing changed on disk).
@@ -189,10 +193,10 @@ int rekeyStatus(const char* label, const RekeyFailures& failures, Body&& body,
 
 // --- Files ---
 
-// The rest of `file`, which is then closed. Throws 1210.
-std::string readWhole(Utils::FileHolder& file) {
+// The rest of `file`, at most `maxBytes`, which is then closed. Throws 1210.
+std::string readWhole(Utils::FileHolder& file, off_t maxBytes) {
   std::string bytes;
-  Utils::readFileIntoString(file, bytes);
+  Utils::readFileIntoString(file, bytes, static_cast<size_t>(maxBytes));
   file.close();
   return bytes;
 }
@@ -201,12 +205,12 @@ std::string readWhole(Utils::FileHolder& file) {
 // opened, 1210 when it cannot be read, 1208 for a malformed file.
 KeyFile readKeyFileAt(const char* label, const std::string& path, int openFailure) {
   KMS_TRACE("readKeyFileAt");
-  Utils::FileHolder file = Utils::openFile(path.c_str(), "rb");
+  Utils::FileHolder file = Utils::openForReading(label, path, Utils::kMaxKeyFileBytes);
   if (file.get() == nullptr) {
     KMS_DEBUG(label, 1, "Cannot open " << path);
     KS_THROW(openFailure, label);
   }
-  KSInputBuffer buffer(readWhole(file));
+  KSInputBuffer buffer(readWhole(file, Utils::kMaxKeyFileBytes));
   return FileKeyStore::readKeyFile(buffer);
 }
 
@@ -215,54 +219,43 @@ KeyFile readKeyFileAt(const char* label, const std::string& path, int openFailur
 // read, 1207 for a malformed block.
 KSMetadata readStoreMetadata(const char* label, const KMSFileLocator& locator) {
   KMS_TRACE("readStoreMetadata");
-  Utils::FileHolder file = Utils::openFile(locator.ksPath().c_str(), "rb");
+  Utils::FileHolder file =
+      Utils::openForReading(label, locator.ksPath(), Utils::kMaxStoreFileBytes);
   if (file.get() == nullptr) {
     KMS_DEBUG(label, 1, "Cannot open " << locator.ksPath());
     KS_THROW(kStoreFileOpenError, label);
   }
-  KSInputBuffer buffer(readWhole(file));
+  KSInputBuffer buffer(readWhole(file, Utils::kMaxStoreFileBytes));
   return FileKeyStore::readKeyStoreMeta(buffer);
 }
 
-// Replaces the key file at `path` in place (no commit: the store file and
-// the other key file are not touched) and gives 0. Where it fails, the file
-// is removed; a failure listed in `lossFailures` gives 1277 if a file stood
-// there before (it is gone now) or 1276 if none did; other failures are
-// rethrown. `openFailure` is thrown when the file cannot be opened for
-// writing.
+// Replaces the key file at `path` (no commit: the store file and the other
+// key file are not touched) and gives 0. The new file is written beside it,
+// synced and renamed over it, so that a failure or a crash leaves the old
+// file (or none, as before) or the new one whole. A failure listed in
+// `lossFailures` gives 1276 when the old file still stands and 1277 when the
+// new one had replaced it but its directory could not be synced; other
+// failures are rethrown.
 int rewriteKeyFile(const char* label, const std::string& path, const KeyFile& keyFile,
-                   bool makeDirectories, const KMSFileLocator& locator, int openFailure,
+                   bool makeDirectories, const KMSFileLocator& locator,
                    const std::vector<int>& lossFailures) {
   KMS_TRACE("rewriteKeyFile");
-  bool existed = false;
+  bool replaced = false;
   try {
-    existed = Utils::fileExists(path.c_str(), Utils::LOG_BOTH, label);
     if (makeDirectories) {
       locator.createMissingDirectories();
     }
-    Utils::createFile(label, path.c_str(), __LINE__, false, __FILE__);
-    Utils::FileHolder out = Utils::openFile(path.c_str(), "wb");
-    if (out.get() == nullptr) {
-      KMS_DEBUG(label, 1, "Cannot open " << path << " for writing");
-      KS_THROW(openFailure, label);
-    }
-    FileKeyStore::writeKeyFile(out, keyFile);
-    Utils::flushFileToDisk(label, out, __FILE__, __LINE__);
-    out.close();
+    Utils::replaceFileDurably(
+        label, path, __LINE__, __FILE__,
+        [&](FILE* out) { FileKeyStore::writeKeyFile(out, keyFile); }, &replaced);
     return 0;
   } catch (const KeyStoreError& error) {
     KMS_DEBUG(label, 1, "Exception Caught: " << error.str(true));
-    try {
-      Utils::deleteFile(label, path.c_str(), __LINE__, true, __FILE__);
-    } catch (const KeyStoreError&) {
-      // What cannot be deleted may be half written: count it as lost.
-      existed = true;
-    }
     if (!isOneOf(lossFailures, error.status())) {
       KMS_DEBUG(label, 1, "Rethrowing Exception");
       throw;
     }
-    const int result = existed ? EC_KS_db_write_fail_changed : kWriteFailedNothingChanged;
+    const int result = replaced ? EC_KS_db_write_fail_changed : kWriteFailedNothingChanged;
     const char* text = getECmsg(result);
     KMS_DEBUG(label, 1,
               "Returning as " << (text != nullptr ? text : "") << " (" << error.status() << ")");
@@ -581,6 +574,12 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
     return kInvalidArgument;
   }
   return statusOf(kLabel, kCreateEmptyMap, [&] {
+    // A store about to be replaced is first recovered as a start would
+    // recover it; files in a state that no start accepts are refused (1275)
+    // before anything is deleted.
+    if (overwrite && m_locator.anyFileExists()) {
+      recoverDB(m_locator);
+    }
     try {
       // A refusal to overwrite is raised in here too, so it also deletes the
       // files of the store found: a caller that wants to keep a store asks
@@ -675,6 +674,10 @@ int FileKeyStore::createKeyFile(const MasterKeyKind& kind, const std::string& pa
   }
   const std::string& path = (m_locator.*kind.path)();
   return statusOf(label, kind.createMap, [&] {
+    // A key file is remade only beside a store that a start would accept:
+    // an unfinished commit is completed (or rolled back) first, and files
+    // that no start accepts are refused (1275) untouched.
+    recoverDB(m_locator);
     if (!overwrite && isGoodKeyFile(path)) {
       KS_THROW(kind.fileExists, label);
     }
@@ -684,7 +687,7 @@ int FileKeyStore::createKeyFile(const MasterKeyKind& kind, const std::string& pa
       KS_THROW(kind.randomKey, label);
     }
     const KeyFile keyFile = kind.remake(label, passphrase, meta, m_locator);
-    return rewriteKeyFile(label, path, keyFile, kind.makeDirectories, m_locator, kind.openFailure,
+    return rewriteKeyFile(label, path, keyFile, kind.makeDirectories, m_locator,
                           kind.rewriteFailures);
   });
 }

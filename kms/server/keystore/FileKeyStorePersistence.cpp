@@ -37,7 +37,6 @@ constexpr int kMsgFilesConsistent = 40;
 constexpr int kMsgRecovering = 41;
 constexpr int kMsgRecoveryComplete = 42;
 constexpr int kMsgCommitOnLeftovers = 45;
-constexpr int kMsgOpenForWriteFailed = 46;
 constexpr int kMsgOpenForReadFailed = 49;
 constexpr int kMsgUnknownFileState = 54;
 constexpr int kMsgRolledBack = 55;
@@ -45,6 +44,7 @@ constexpr int kMsgRolledForward = 56;
 constexpr int kMsgWriteFailedNothingChanged = 57;
 constexpr int kMsgReplacingFiles = 82;
 constexpr int kMsgStoreNotSane = 87;
+constexpr int kMsgKeptFilesBad = 111;
 
 // Status codes used by number.
 constexpr int kHmkFileOpenOnly = 1205;
@@ -53,24 +53,28 @@ constexpr int kMalformed = 1208;
 constexpr int kFileWriteError = 1210;
 constexpr int kCrypterNotReady = 1223;
 constexpr int kCrypterFailed = 1224;
-constexpr int kOpenForWriteFailed = 1252;
 constexpr int kInvalidKpkFile = 1256;
 constexpr int kUnknownFileState = 1275;
 constexpr int kWriteFailedNothingChanged = 1276;
+constexpr int kUntrustedPath = 1295;
 
 // --- What each function lets through, and what it turns the rest into ---
 
-// recoverDB: a failed rename or delete is a failed recovery.
-const ErrorMap kRecoverMap{{kUnknownFileState}, {{{1238, 1239}, 1274}}};
+// recoverDB: a failed rename, delete or directory sync is a failed recovery.
+const ErrorMap kRecoverMap{{kUnknownFileState}, {{{1238, 1239, kFileWriteError}, 1274}}};
 
 // writeToFile while it writes the new files: every failure there leaves the
 // old files untouched.
 const ErrorMap kWriteNewFilesMap{{},
                                  {{{1210, 1223, 1237, 1200, 1252}, kWriteFailedNothingChanged}}};
 // writeToFile as a whole: from the first rename on, a failure leaves a commit
-// half done, which the next init completes.
-const ErrorMap kCommitMap{{kWriteFailedNothingChanged, EC_KS_internal_error},
-                          {{{1238, 1239}, EC_KS_db_write_fail_changed}}};
+// half done, which the next init completes. A failed directory sync (1210)
+// comes after the renames: the change is on disk but maybe not durable. A
+// "dat" that is not the file the commit wrote (1295) stops the commit before
+// the old copies go.
+const ErrorMap kCommitMap{
+    {kWriteFailedNothingChanged, EC_KS_internal_error},
+    {{{1238, 1239, kFileWriteError, kUntrustedPath}, EC_KS_db_write_fail_changed}}};
 
 // readFromFile.
 const ErrorMap kReadMap{{1203, 1204, 1205, 1206, 1207, 1200, 1210, 1221, 1245, 1246, 1247, 1248,
@@ -163,16 +167,6 @@ unsigned currentMask(const char* label, const StoreFiles& files) {
 
 // --- Writing ---
 
-// `path` opened with "wb". Logs message 46 and throws 1252 when it fails.
-Utils::FileHolder openForWrite(const char* label, const std::string& path) {
-  Utils::FileHolder file = Utils::openFile(path.c_str(), "wb");
-  if (file.get() == nullptr) {
-    logAppMessage(label, CRVN_SEV_ERROR, kMsgOpenForWriteFailed, path);
-    KS_THROW(kOpenForWriteFailed, label);
-  }
-  return file;
-}
-
 // Runs `write` on `out` and flushes it finally. On failure the stream's
 // bytes are dropped before it goes, so that the failure reaches the caller
 // (whose commit then deletes the half-written file) instead of ending the
@@ -201,12 +195,13 @@ void writeListToFile(FILE* file, const AttributeList& list) {
 void writeNewFiles(const char* label, const KeyFile& hmk, const KeyFile& kpk,
                    const KSMetadata& meta, const FileKeyStore::KeyTable& keys,
                    const FileKeyStore::GroupTable& groups, const StoreFiles& files) {
-  for (const StoreFile& file : files) {
-    Utils::createFile(label, file.fresh.c_str(), __LINE__, false, __FILE__);
-  }
-  Utils::FileHolder hmkOut = openForWrite(label, files.hmk().fresh);
-  Utils::FileHolder kpkOut = openForWrite(label, files.kpk().fresh);
-  Utils::FileHolder storeOut = openForWrite(label, files.store().fresh);
+  // Each new file is created, written, synced and closed through the one
+  // stream that created it: a name planted in a directory is never
+  // followed, and nothing is reopened by name.
+  Utils::FileHolder hmkOut = Utils::createForWriting(label, files.hmk().fresh, __LINE__, __FILE__);
+  Utils::FileHolder kpkOut = Utils::createForWriting(label, files.kpk().fresh, __LINE__, __FILE__);
+  Utils::FileHolder storeOut =
+      Utils::createForWriting(label, files.store().fresh, __LINE__, __FILE__);
 
   FileKeyStore::writeKeyFile(hmkOut, hmk);
   FileKeyStore::writeKeyFile(kpkOut, kpk);
@@ -227,6 +222,11 @@ void writeNewFiles(const char* label, const KeyFile& hmk, const KeyFile& kpk,
   Utils::flushFileToDisk(label, hmkOut, __FILE__, __LINE__);
   Utils::flushFileToDisk(label, kpkOut, __FILE__, __LINE__);
   Utils::flushFileToDisk(label, storeOut, __FILE__, __LINE__);
+  // Nobody swapped a name for something else while it was written: what is
+  // renamed into place is what was synced.
+  Utils::requireSameFile(label, files.hmk().fresh, hmkOut, __LINE__, __FILE__);
+  Utils::requireSameFile(label, files.kpk().fresh, kpkOut, __LINE__, __FILE__);
+  Utils::requireSameFile(label, files.store().fresh, storeOut, __LINE__, __FILE__);
   hmkOut.close();
   kpkOut.close();
   storeOut.close();
@@ -257,6 +257,12 @@ void replaceFiles(const char* label, const StoreFiles& files, const KMSFileLocat
   // state on disk after any crash is still one of the recovery table's.
   syncStoreDirectories(label, locator);
 
+  // The old copies go only when the new files stand under the final names
+  // (a name swapped between the check and the rename is caught here, and
+  // the start's recovery then refuses rather than deleting the old copies).
+  for (const StoreFile& file : files) {
+    Utils::requireTrustedPath(label, file.dat, false, __LINE__, __FILE__);
+  }
   for (const StoreFile& file : files) {
     Utils::deleteFile(label, file.bak.c_str(), __LINE__, false, __FILE__);
   }
@@ -264,27 +270,75 @@ void replaceFiles(const char* label, const StoreFiles& files, const KMSFileLocat
 
 // --- Reading ---
 
-// `path` opened with "rb", or a null holder after logging message 49.
-Utils::FileHolder openForRead(const char* label, const std::string& path) {
-  Utils::FileHolder file = Utils::openFile(path.c_str(), "rb");
+// `path` opened for reading (a regular file of this user, of at most
+// `maxBytes`), or a null holder after logging message 49.
+Utils::FileHolder openForRead(const char* label, const std::string& path, off_t maxBytes) {
+  Utils::FileHolder file = Utils::openForReading(label, path, maxBytes);
   if (file.get() == nullptr) {
     logAppMessage(label, CRVN_SEV_ERROR, kMsgOpenForReadFailed, path);
   }
   return file;
 }
 
-// The rest of `file`, which is then closed. Throws 1210.
-std::string readWhole(Utils::FileHolder& file) {
+// The rest of `file`, at most `maxBytes`, which is then closed. Throws 1210.
+std::string readWhole(Utils::FileHolder& file, off_t maxBytes) {
   std::string bytes;
-  Utils::readFileIntoString(file, bytes);
+  Utils::readFileIntoString(file, bytes, static_cast<size_t>(maxBytes));
   file.close();
   return bytes;
 }
 
 // The key file in `file`, read whole.
 KeyFile readKeyFileFrom(Utils::FileHolder& file) {
-  KSInputBuffer buffer(readWhole(file));
+  KSInputBuffer buffer(readWhole(file, Utils::kMaxKeyFileBytes));
   return FileKeyStore::readKeyFile(buffer);
+}
+
+// The file at `path`, read whole, or 1204 when it cannot be opened.
+std::string readKeptFile(const char* label, const std::string& path, off_t maxBytes) {
+  Utils::FileHolder file = openForRead(label, path, maxBytes);
+  if (file.get() == nullptr) {
+    KS_THROW(1204, label);
+  }
+  return readWhole(file, maxBytes);
+}
+
+// Recovery deletes or renames files only once the files it keeps have been
+// read whole and proven to make one store: the HMK against the metadata's
+// verifier, the KPK unwrapped and proven likewise, the record stream
+// decrypted (its digest checked) and parsed. The recovery table still
+// decides what is done; this check only decides whether it may be done. An
+// empty `kpkPath` leaves the KPK out, for the one roll-back state that keeps
+// no KPK file. Throws 1275 after message 111 naming the files when they do
+// not verify; nothing has been changed then.
+void verifyKeptFiles(const char* label, const std::string& hmkPath, const std::string& kpkPath,
+                     const std::string& storePath) {
+  KMS_TRACE("verifyKeptFiles");
+  try {
+    KSInputBuffer hmkBytes(readKeptFile(label, hmkPath, Utils::kMaxKeyFileBytes));
+    const KeyFile hmk = FileKeyStore::readKeyFile(hmkBytes);
+    KSInputBuffer storeBytes(readKeptFile(label, storePath, Utils::kMaxStoreFileBytes));
+    const KSMetadata meta = FileKeyStore::readKeyStoreMeta(storeBytes);
+    FileKeyStore::verifyHmk(hmk.key(), meta);
+    if (!kpkPath.empty()) {
+      KSInputBuffer kpkBytes(readKeptFile(label, kpkPath, Utils::kMaxKeyFileBytes));
+      const KeyFile kpk = FileKeyStore::readKeyFile(kpkBytes);
+      std::string plainKpk = Utils::decryptKeyWithKey(
+          kpk.key(), hmk.key(), FileKeyStore::getDefaultEncAlgos(kpk.version()), kpk.version());
+      ScopedWipe wipeKpk(plainKpk);
+      FileKeyStore::verifyKpk(plainKpk, meta);
+    }
+    std::unique_ptr<KSCrypt> crypter(
+        CryptFactory::createCrypter(meta.masterEncAlgo(), hmk.key(), meta.masterIV()));
+    FileKeyStore::KeyTable keys(true);
+    FileKeyStore::GroupTable groups;
+    FileKeyStore::readKeyStore(storeBytes, *crypter, keys, groups);
+  } catch (const KeyStoreError& error) {
+    KMS_DEBUG(label, 1, "Exception Caught: " << error.str(true));
+    logAppMessage(label, CRVN_SEV_ERROR, kMsgKeptFilesBad, hmkPath,
+                  kpkPath.empty() ? std::string("-") : kpkPath, storePath);
+    KS_THROW(kUnknownFileState, label);
+  }
 }
 
 // Both tables from plain bytes. The key table is checked once, when it is
@@ -335,6 +389,9 @@ void FileKeyStore::recoverDB(const KMSFileLocator& locator) {
         return;
 
       case RecoveryTable::RollBack:
+        verifyKeptFiles(kLabel, files.hmk().dat,
+                        (mask & files.kpk().bits.dat) != 0 ? files.kpk().dat : std::string(),
+                        files.store().dat);
         logAppMessage(kLabel, CRVN_SEV_INFO, kMsgRecovering);
         for (const StoreFile& file : files) {
           if ((mask & file.bits.fresh) != 0) {
@@ -347,7 +404,13 @@ void FileKeyStore::recoverDB(const KMSFileLocator& locator) {
 
       case RecoveryTable::RollForwardFromFirstRenames:
       case RecoveryTable::RollForwardFromSecondRenames:
-      case RecoveryTable::Finish:
+      case RecoveryTable::Finish: {
+        // What stays of each set is its "new" file where there is one
+        // (renamed into place below), else its "dat".
+        const auto kept = [mask](const StoreFile& file) {
+          return (mask & file.bits.fresh) != 0 ? file.fresh : file.dat;
+        };
+        verifyKeptFiles(kLabel, kept(files.hmk()), kept(files.kpk()), kept(files.store()));
         // Message 41 once, whichever row the recovery starts from.
         logAppMessage(kLabel, CRVN_SEV_INFO, kMsgRecovering);
         if (action == RecoveryTable::RollForwardFromFirstRenames) {
@@ -372,6 +435,7 @@ void FileKeyStore::recoverDB(const KMSFileLocator& locator) {
         logAppMessage(kLabel, CRVN_SEV_INFO, kMsgRolledForward);
         logAppMessage(kLabel, CRVN_SEV_INFO, kMsgRecoveryComplete);
         return;
+      }
 
       case RecoveryTable::Refuse:
         break;
@@ -423,9 +487,9 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
   translateErrors(kLabel, kReadMap, [&] {
     recoverDB(locator);
 
-    Utils::FileHolder hmkIn = openForRead(kLabel, locator.hmkPath());
-    Utils::FileHolder kpkIn = openForRead(kLabel, locator.kpkPath());
-    Utils::FileHolder storeIn = openForRead(kLabel, locator.ksPath());
+    Utils::FileHolder hmkIn = openForRead(kLabel, locator.hmkPath(), Utils::kMaxKeyFileBytes);
+    Utils::FileHolder kpkIn = openForRead(kLabel, locator.kpkPath(), Utils::kMaxKeyFileBytes);
+    Utils::FileHolder storeIn = openForRead(kLabel, locator.ksPath(), Utils::kMaxStoreFileBytes);
     const unsigned int opened = (storeIn.get() != nullptr ? 1u : 0u) |
                                 (hmkIn.get() != nullptr ? 2u : 0u) |
                                 (kpkIn.get() != nullptr ? 4u : 0u);
@@ -435,7 +499,7 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
     kpk = translateErrors(kLabel, kReadKpkFileMap, [&] { return readKeyFileFrom(kpkIn); });
 
     // The metadata lies in clear; the cursor stops at the record stream.
-    KSInputBuffer storeBytes(readWhole(storeIn));
+    KSInputBuffer storeBytes(readWhole(storeIn, Utils::kMaxStoreFileBytes));
     meta = readKeyStoreMeta(storeBytes);
 
     verifyHmk(hmk.key(), meta);

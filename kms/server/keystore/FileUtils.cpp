@@ -34,6 +34,9 @@ constexpr int kMsgFlushFailed = 59;
 constexpr int kMsgCloseFailed = 60;
 constexpr int kMsgReadFailed = 61;
 constexpr int kMsgWriteFailed = 62;
+constexpr int kMsgUntrustedPath = 110;
+
+constexpr int kUntrustedPath = 1295;
 
 constexpr size_t kReadPiece = 4096;
 
@@ -70,6 +73,129 @@ void FileHolder::close() {
 
 FileHolder openFile(const char* path, const char* mode) {
   return FileHolder(FileFaults::openStream(path, mode));
+}
+
+std::string untrustedReason(const struct stat& st, bool directory) {
+  if (S_ISLNK(st.st_mode)) {
+    return "it is a symbolic link";
+  }
+  if (directory ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) {
+    return directory ? "it is not a directory" : "it is not a regular file";
+  }
+  if (st.st_uid != ::geteuid()) {
+    return "it is owned by user " + std::to_string(st.st_uid) + ", not by user " +
+           std::to_string(::geteuid()) + " that the service runs as";
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return "it is writable by group or others";
+  }
+  return std::string();
+}
+
+FileHolder openForReading(const char* function, const std::string& path, off_t maxBytes) {
+  KMS_TRACE("Utils::openForReading");
+  FileHolder file(FileFaults::openStream(path.c_str(), "rb"));
+  if (file.get() == nullptr) {
+    if (errno == ELOOP) {
+      logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path,
+                    std::string("it is a symbolic link"));
+      errno = ELOOP;
+    }
+    return file;
+  }
+  struct stat st;
+  std::string reason;
+  if (FileFaults::statFd(::fileno(file.get()), &st) != 0) {
+    reason = "its status cannot be read: " + errnoText(errno);
+  } else {
+    reason = untrustedReason(st, false);
+    if (reason.empty() && st.st_size > maxBytes) {
+      reason = "it holds " + std::to_string(st.st_size) + " bytes, more than the " +
+               std::to_string(maxBytes) + " of any valid file";
+    }
+  }
+  if (reason.empty()) {
+    return file;
+  }
+  logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path, reason);
+  try {
+    file.close();
+  } catch (const KeyStoreError&) {
+    // Nothing was read from it.
+  }
+  errno = EPERM;
+  return FileHolder();
+}
+
+FileHolder createForWriting(const char* function, const std::string& path, unsigned long line,
+                            const char* file) {
+  KMS_TRACE("Utils::createForWriting");
+  int error = 0;
+  struct stat st;
+  if (FileFaults::statPath(path.c_str(), &st) == 0 && FileFaults::unlinkPath(path.c_str()) != 0 &&
+      errno != ENOENT) {
+    error = errno;
+    KMS_DEBUG(function, 1, "ACE_OS::unlink() failed: " << errnoText(error));
+  } else {
+    const int fd = FileFaults::openFd(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    if (fd >= 0) {
+      FILE* stream = FileFaults::streamOfFd(fd, "wb");
+      if (stream != nullptr) {
+        return FileHolder(stream);
+      }
+      error = errno;
+      FileFaults::closeFd(fd);
+    } else {
+      error = errno;
+    }
+    KMS_DEBUG(function, 1, "ACE_OS::open failed: " << errnoText(error));
+  }
+  logAppMessage(function, CRVN_SEV_ERROR, kMsgCreateFileFailed, path);
+  raiseKeyStoreError(kCreateFileError, function, file, line);
+}
+
+void requireSameFile(const char* function, const std::string& path, FILE* stream,
+                     unsigned long line, const char* file) {
+  KMS_TRACE("Utils::requireSameFile");
+  struct stat open;
+  struct stat named;
+  if (FileFaults::statFd(::fileno(stream), &open) == 0 &&
+      FileFaults::statPath(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
+      open.st_dev == named.st_dev && open.st_ino == named.st_ino) {
+    return;
+  }
+  logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path,
+                std::string("it was replaced while it was being written"));
+  raiseKeyStoreError(kCreateFileError, function, file, line);
+}
+
+void requireTrustedPath(const char* function, const std::string& path, bool directory,
+                        unsigned long line, const char* file) {
+  KMS_TRACE("Utils::requireTrustedPath");
+  struct stat st;
+  if (FileFaults::statPath(path.c_str(), &st) != 0) {
+    const int error = errno;
+    if (error == ENOENT) {
+      return;
+    }
+    KMS_DEBUG(function, 1, "lstat( " << path << ") failed: " << errnoText(error));
+    logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path,
+                  "its status cannot be read: " + errnoText(error));
+    raiseKeyStoreError(kUntrustedPath, function, file, line);
+  }
+  const std::string reason = untrustedReason(st, directory);
+  if (!reason.empty()) {
+    logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path, reason);
+    raiseKeyStoreError(kUntrustedPath, function, file, line);
+  }
+}
+
+std::string directoryOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) {
+    return ".";
+  }
+  return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
 bool fileExists(const char* path, LogDisposition disposition, const char* function) {
@@ -177,13 +303,17 @@ void syncDirectory(const char* function, const char* path, unsigned long line, c
   }
 }
 
-void readFileIntoString(FILE* stream, std::string& out) {
+void readFileIntoString(FILE* stream, std::string& out, size_t maxBytes) {
   KMS_TRACE("Utils::readFileIntoString");
   unsigned char piece[kReadPiece];
   ssize_t bytesread = 0;
+  size_t total = 0;
   do {
     bytesread = freadall(stream, piece, sizeof(piece));
-    if (bytesread < 0) {
+    if (bytesread > 0) {
+      total += static_cast<size_t>(bytesread);
+    }
+    if (bytesread < 0 || total > maxBytes) {
       OPENSSL_cleanse(piece, sizeof(piece));
       logAppMessage("Utils::readFileIntoString", CRVN_SEV_ERROR, kMsgReadFailed);
       KS_THROW(kFileWriteError, "Utils::readFileIntoString");
@@ -237,7 +367,7 @@ int CreateFileWithRootAccessOnly(const char* path) {
               "ACE_OS::unlink() failed: " << errnoText(error));
     return kCreateFileError;
   }
-  const int fd = FileFaults::openFd(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
+  const int fd = FileFaults::openFd(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   if (fd < 0) {
     const int error = errno;
     KMS_DEBUG("Utils::CreateFileWithRootAccessOnly", 1,

@@ -1,5 +1,11 @@
 #include "kms/server/keystore/KMSFileLocator.h"
 
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "kms/server/keystore/FileFaults.h"
+
 #include "kms/platform/VrConfReader.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
@@ -86,6 +92,34 @@ void KMSFileLocator::deleteAllFiles() const {
   KMS_TRACE_THIS("KMSFileLocator::deleteAllFiles");
   for (const std::string* path : filesInOrder()) {
     Utils::deleteFile("KMSFileLocator::deleteAllFiles", path->c_str(), __LINE__, true, __FILE__);
+  }
+}
+
+void KMSFileLocator::requireTrusted() const {
+  static const char* const kLabel = "KMSFileLocator::requireTrusted";
+  KMS_TRACE_THIS(kLabel);
+  // Every directory on the way to the root; root-owned ones above are the
+  // system's and trusted as they are.
+  std::vector<std::string> ancestors;
+  for (size_t slash = m_rootDir.find('/', 1); slash != std::string::npos;
+       slash = m_rootDir.find('/', slash + 1)) {
+    ancestors.push_back(m_rootDir.substr(0, slash));
+  }
+  size_t firstChecked = 0;
+  for (size_t i = 0; i < ancestors.size(); ++i) {
+    struct stat st;
+    if (FileFaults::statPath(ancestors[i].c_str(), &st) == 0 && st.st_uid == 0) {
+      firstChecked = i + 1;
+    }
+  }
+  for (size_t i = firstChecked; i < ancestors.size(); ++i) {
+    Utils::requireTrustedPath(kLabel, ancestors[i], true, __LINE__, __FILE__);
+  }
+  for (const std::string* dir : {&m_rootDir, &m_dbDir, &m_keyDir}) {
+    Utils::requireTrustedPath(kLabel, *dir, true, __LINE__, __FILE__);
+  }
+  for (const std::string* path : filesInOrder()) {
+    Utils::requireTrustedPath(kLabel, *path, false, __LINE__, __FILE__);
   }
 }
 

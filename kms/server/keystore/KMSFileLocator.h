@@ -39,6 +39,14 @@ class KMSFileLocator {
   // Makes the root, "db" and "key" directories (mode 0700) where missing.
   // Throws 1236.
   void createMissingDirectories() const;
+  // Refuses a store that others could change under the service: along the
+  // root, below its deepest ancestor owned by root, no symlink and no
+  // directory of another user or writable by group or others; the same for
+  // the root, "db" and "key"; and each of the nine files that exists a
+  // regular file of this user, not writable by group or others. Missing
+  // paths pass (a fresh machine has none). Throws 1295 after message 110,
+  // which names the path and what is wrong with it.
+  void requireTrusted() const;
 
   // "KMS_DATA.dat", "KMS_HMKF.dat", "KMS_KPKF.dat".
   static std::string ksFileName();
