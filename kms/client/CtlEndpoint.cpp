@@ -46,8 +46,12 @@ std::string CtlEndpoint::toReference(const std::string& given) {
     return given;
   }
   std::string address = given;
+  std::string protocol = ":";
   if (startsWithNoCase(address, "giop:tcp:")) {
     address = address.substr(9);
+  } else if (startsWithNoCase(address, "giop:ssl:")) {
+    address = address.substr(9);
+    protocol = "ssliop:";
   } else if (startsWithNoCase(address, "giop:")) {
     throw UsageError("cannot reach an endpoint of this transport: " + given);
   }
@@ -64,7 +68,7 @@ std::string CtlEndpoint::toReference(const std::string& given) {
   } else if (host.find(':') != std::string::npos && host.front() != '[') {
     host = "[" + host + "]";
   }
-  return "corbaloc::" + host + ":" + port + "/" + kObjectId;
+  return "corbaloc:" + protocol + host + ":" + port + "/" + kObjectId;
 }
 
 std::string CtlEndpoint::configuredReference() {

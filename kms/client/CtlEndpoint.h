@@ -16,7 +16,8 @@ class CtlEndpoint {
 
   // The reference text for `given`: a "corbaloc:", "corbaname:" or "IOR:"
   // text as it stands; an ORB endpoint ("giop:tcp:HOST:PORT") or "HOST:PORT"
-  // as "corbaloc::HOST:PORT/KMS.KMSMgr". A listening address that names no
+  // as "corbaloc::HOST:PORT/KMS.KMSMgr", a TLS one ("giop:ssl:HOST:PORT") as
+  // "corbaloc:ssliop:HOST:PORT/KMS.KMSMgr". A listening address that names no
   // single host (empty, 0.0.0.0, ::) becomes the loopback address. Throws
   // UsageError for a text it cannot use (no port, another transport).
   static std::string toReference(const std::string& given);

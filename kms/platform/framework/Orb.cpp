@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <vector>
 
 #include "kms/platform/framework/FrameworkLog.h"
@@ -59,12 +60,23 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
   // strictIIOP off: the ORB skips bytes left after a request's arguments
   // instead of failing the connection, a road on which it loses the
   // request's buffers (about 8 KiB for every such request a peer sends).
-  const char* options[][2] = {{"endPoint", where.c_str()},
-                              {"strictIIOP", "0"},
-                              {"giopMaxMsgSize", kMaxMessageSize},
-                              {nullptr, nullptr}};
+  const char* fixed[][2] = {
+      {"endPoint", where.c_str()}, {"strictIIOP", "0"}, {"giopMaxMsgSize", kMaxMessageSize}};
+  const size_t fixedCount = sizeof fixed / sizeof fixed[0];
+  auto options = std::make_unique<const char*[][2]>(fixedCount + m_options.size() + 1);
+  size_t used = 0;
+  for (const auto& option : fixed) {
+    options[used][0] = option[0];
+    options[used++][1] = option[1];
+  }
+  for (const auto& option : m_options) {
+    options[used][0] = option.first.c_str();
+    options[used++][1] = option.second.c_str();
+  }
+  options[used][0] = nullptr;
+  options[used][1] = nullptr;
   try {
-    m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options);
+    m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options.get());
     RequestGuard::install();
     CORBA::Object_var root = m_orb->resolve_initial_references("RootPOA");
     m_rootPoa = PortableServer::POA::_narrow(root);
@@ -93,6 +105,10 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
   }
   FW_DEBUG("Orb::init", 1, "The ORB listens on " << where);
   return 0;
+}
+
+void Orb::addOption(const std::string& name, const std::string& value) {
+  m_options.emplace_back(name, value);
 }
 
 CORBA::Object_ptr Orb::activateServant(PortableServer::Servant servant) {

@@ -17,6 +17,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kms/platform/framework/PeerTSSResources.h"
 
@@ -48,6 +50,9 @@ class Orb {
   // (created if missing). Returns 0, or -1 (logged) when the ORB cannot
   // start, for instance because the port is taken.
   int init(int argc, char** argv, const std::string& endpoint, const std::string& runDir);
+  // Adds an ORB option (e.g. a second "endPoint") that init passes on after
+  // its own. Call before init.
+  void addOption(const std::string& name, const std::string& value);
   bool isInitialized() const { return !CORBA::is_nil(m_orb); }
 
   // The ORB, borrowed; nil before init.
@@ -95,6 +100,7 @@ class Orb {
   bool m_shutDown = false;
   std::mutex m_mutex;  // guards m_advertised
   std::map<std::string, PortableServer::Servant> m_advertised;
+  std::vector<std::pair<std::string, std::string>> m_options;  // added by addOption
 };
 
 }  // namespace Framework

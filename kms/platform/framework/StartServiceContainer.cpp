@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "kms/platform/framework/FrameworkLog.h"
+#include "kms/platform/framework/OrbTransports.h"
 #include "kms/platform/framework/ServiceProcess.h"
 #include "kms/platform/framework/VRServiceObject.h"
 
@@ -138,10 +139,17 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
   std::vector<LoadedService> services;
   SignalWatcher watcher(container);
   Orb* orb = container.getOrb();
+  const std::string transports = OrbTransports::configure(container, *orb);
+  if (!transports.empty()) {
+    FW_DEBUG("startServiceContainer", 1, "The service cannot start: " << transports);
+    ServiceProcess::reportReady(readyFd, 1);
+    return 1;
+  }
   if (orb->init(argc, argv, container.endpoint(), container.runDirectory()) != 0) {
     ServiceProcess::reportReady(readyFd, 1);
     return 1;
   }
+  OrbTransports::install();
   const bool started = loadServices(container, services);
   if (started) {
     watcher.setServices(services);
@@ -180,6 +188,7 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
   }
   watcher.setServices({});
   unloadServices(services);
+  OrbTransports::remove();
   orb->destroy();
   FW_DEBUG("startServiceContainer", 1, "The " << container.serviceName() << " service has stopped");
   return result;
