@@ -4,6 +4,12 @@
 #include <omniORB4/giopEndpoint.h>
 #include <omniORB4/internal/SocketCollection.h>
 #include <omniORB4/internal/giopStrand.h>
+
+#include <omniORB4/internal/giopStream.h>
+
+#include <omniORB4/internal/GIOP_S.h>
+#include <omniORB4/internal/localIdentity.h>
+#include <omniORB4/internal/objectTable.h>
 #include <omniORB4/omniInterceptors.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,6 +24,7 @@
 #include "kms/platform/framework/FrameworkLog.h"
 #include "kms/platform/framework/Orb.h"
 #include "kms/platform/framework/PeerGrants.h"
+#include "kms/platform/framework/RequestGuard.h"
 #include "kms/platform/framework/ServiceContainer.h"
 #include "kms/platform/framework/TlsContext.h"
 
@@ -114,6 +121,40 @@ CORBA::Boolean onAccept(omni::omniInterceptors::serverAcceptConnection_T::info_T
   return true;
 }
 
+// The repository id of the servant that a request's object key names, or
+// "" when no active object has that key.
+std::string repositoryIdOf(omni::GIOP_S& request) {
+  if (request.keysize() <= 0) {
+    return "";
+  }
+  const CORBA::ULong hash = omni::hash(request.key(), request.keysize());
+  omni_tracedmutex_lock sync(*omni::internalLock);
+  omniObjTableEntry* entry = omniObjTable::locateActive(request.key(), request.keysize(), hash, 1);
+  return entry != nullptr && entry->servant() != nullptr ? entry->servant()->_mostDerivedRepoId()
+                                                         : "";
+}
+
+// Runs after RequestGuard's own interceptor has recorded the peer: the
+// request is judged before its arguments are read, so that a peer without
+// the operation's rights never makes the service take in (and allocate)
+// what it sent; the rest of the message is skipped unread. The same check
+// runs again as the servant is called.
+CORBA::Boolean onRequestHeader(omni::omniInterceptors::serverReceiveRequest_T::info_T& info) {
+  ServiceContainer* container = ServiceContainer::current();
+  const PeerTSSResources* peer = RequestGuard::currentRequest();
+  const char* operation = info.giop_s.operation();
+  if (container == nullptr || peer == nullptr || operation == nullptr || operation[0] == '_') {
+    return true;
+  }
+  const std::string repositoryId = repositoryIdOf(info.giop_s);
+  if (!repositoryId.empty() &&
+      !RequestGuard::admit(*container, *peer,
+                           RequestGuard::operationKey(repositoryId.c_str(), operation), false)) {
+    throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+  }
+  return true;
+}
+
 // Raises the soft descriptor limit to the hard one; returns the limit now in
 // force.
 rlim_t raiseDescriptorLimit() {
@@ -176,9 +217,11 @@ std::string OrbTransports::configure(ServiceContainer& container, Orb& orb) {
 
 void OrbTransports::install() {
   omniORB::getInterceptors()->serverAcceptConnection.add(onAccept);
+  omniORB::getInterceptors()->serverReceiveRequest.add(onRequestHeader);
 }
 
 void OrbTransports::remove() {
+  omniORB::getInterceptors()->serverReceiveRequest.remove(onRequestHeader);
   omniORB::getInterceptors()->serverAcceptConnection.remove(onAccept);
 }
 

@@ -8,6 +8,10 @@
 //    peer address (kMaxConnectionsPerPeer) and in total, the total staying
 //    kReservedDescriptors below the descriptor limit, so that reading the
 //    configuration and committing the store always find descriptors;
+//  - a request is judged by the peer check as soon as its header is read,
+//    before its arguments: a peer without the operation's rights makes the
+//    service allocate nothing for them (the ORB's message limit is one for
+//    all operations, and the import of a whole store needs a large one);
 //  - idle connections are closed after kIdleSeconds, and a request that has
 //    begun must arrive whole within kRequestArrivalMs;
 //  - the soft descriptor limit is raised to the hard one at start.
@@ -39,7 +43,7 @@ class OrbTransports {
   // Adds the TLS endpoint and the bounds to `orb`, before its init. Returns
   // "" or why the service cannot start (TLS settings that cannot be used).
   static std::string configure(ServiceContainer& container, Orb& orb);
-  // Installs the accept check once the ORB runs, and takes it away again
+  // Installs the accept and request-header checks once the ORB runs, and takes it away again
   // before the ORB is destroyed.
   static void install();
   static void remove();
