@@ -143,7 +143,12 @@ CORBA::Boolean onRequestHeader(omni::omniInterceptors::serverReceiveRequest_T::i
   ServiceContainer* container = ServiceContainer::current();
   const PeerTSSResources* peer = RequestGuard::currentRequest();
   const char* operation = info.giop_s.operation();
-  if (container == nullptr || peer == nullptr || operation == nullptr || operation[0] == '_') {
+  // The ORB calls its interceptors in the order they were added, RequestGuard's
+  // (added by Orb::init) first; a record of another peer would be one left
+  // from an earlier request, and the check at the servant call stands alone.
+  const char* address = info.peeraddress();
+  if (container == nullptr || peer == nullptr || operation == nullptr || operation[0] == '_' ||
+      address == nullptr || peer->peerAddress != address) {
     return true;
   }
   const std::string repositoryId = repositoryIdOf(info.giop_s);
