@@ -12,6 +12,7 @@
 #include <omniORB4/internal/objectTable.h>
 #include <omniORB4/omniInterceptors.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -109,7 +110,15 @@ CORBA::Boolean onAccept(omni::omniInterceptors::serverAcceptConnection_T::info_T
     why = "no grant names the address";
   } else {
     const int fd = SocketOf::of(info.strand.connection);
-    const std::string peer = startsWith(address, "giop:unix:") ? std::string("local") : host;
+    std::string peer = host;
+    if (startsWith(address, "giop:unix:")) {
+      // Local peers are told apart by their user.
+      struct ucred credentials {};
+      socklen_t length = sizeof credentials;
+      peer = fd >= 0 && ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0
+                 ? "uid " + std::to_string(credentials.uid)
+                 : std::string("local");
+    }
     if (fd >= 0) {
       takeConnectionSlot(peer, fd, &why);
     }

@@ -5,7 +5,7 @@
 //    (TlsContext::fromConfig);
 //  - at accept time, a TCP connection from an address that no grant names
 //    is closed before anything is read from it; connections are bounded per
-//    peer address (kMaxConnectionsPerPeer) and in total, the total staying
+//    peer address or local user (kMaxConnectionsPerPeer) and in total, the total staying
 //    kReservedDescriptors below the descriptor limit, so that reading the
 //    configuration and committing the store always find descriptors;
 //  - a request is judged by the peer check as soon as its header is read,
