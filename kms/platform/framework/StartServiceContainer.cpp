@@ -138,7 +138,8 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
   std::vector<LoadedService> services;
   SignalWatcher watcher(container);
   Orb* orb = container.getOrb();
-  if (orb->init(argc, argv, container.endpoint(), container.runDirectory()) != 0) {
+  if (orb->init(argc, argv, container.endpoint(), container.runDirectory(),
+                container.localSocketPath()) != 0) {
     ServiceProcess::reportReady(readyFd, 1);
     return 1;
   }
