@@ -134,14 +134,20 @@ const char* CtlCommandLine::usage() {
          "  import FILE --passphrase-file FILE [--preserve-names] [--preview] "
          "[--description TEXT]\n"
          "\n"
-         "The endpoint defaults to the VRKMS_ENDPOINT of the master configuration\n"
-         "($VREST_ROOT/etc/vr.conf). A TLS endpoint (giop:ssl:HOST:PORT) needs --tls-ca,\n"
-         "the CA of the service's certificate, and --tls-cert and --tls-key, this client's;\n"
-         "nothing, a passphrase least of all, is sent before the service's certificate is\n"
-         "verified. Passphrases come from a file or, on a terminal,\n"
-         "from a prompt; an empty one makes a random key. Exit status: 0 success,\n"
-         "1 the service refused (\"error CODE: TEXT\"; export and import print\n"
-         "\"status CODE: TEXT\" after their messages), 2 usage, 3 service not reached.\n";
+         "The endpoint defaults to the service's local socket\n"
+         "($VREST_ROOT/var/vrkms/local/vrkms.sock), where the service knows the caller\n"
+         "by its uid: root and the service's user hold every right. --endpoint\n"
+         "giop:tcp:HOST:PORT (or corbaloc::HOST:PORT/KMS.KMSMgr) calls over TCP, where\n"
+         "the caller holds only what a grant names. Grants are lines of\n"
+         "$VREST_ROOT/etc/vr.conf: VRKMS_GRANT = uid:USER|cert:SUBJECT|ADDRESS RIGHTS.\n"
+         "A TLS endpoint (giop:ssl:HOST:PORT) needs --tls-ca, the CA of the service's\n"
+         "certificate, and --tls-cert and --tls-key, this client's; nothing, a passphrase\n"
+         "least of all, is sent before the service's certificate is verified.\n"
+         "Passphrases come from a\n"
+         "file or, on a terminal, from a prompt; an empty one makes a random key. Exit\n"
+         "status: 0 success, 1 the service refused (\"error CODE: TEXT\"; export and\n"
+         "import print \"status CODE: TEXT\" after their messages), 2 usage, 3 service\n"
+         "not reached or its reply not to be trusted.\n";
 }
 
 std::string* CtlCommandLine::programOption(const std::string& arg) {

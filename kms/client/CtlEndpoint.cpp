@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "kms/client/CtlCommandLine.h"
-#include "kms/platform/VrConfReader.h"
+#include "kms/platform/InstallRoot.h"
 #include "kms/platform/framework/Orb.h"
 
 namespace Vaultrest {
@@ -47,6 +47,9 @@ std::string CtlEndpoint::toReference(const std::string& given) {
   }
   std::string address = given;
   std::string protocol = ":";
+  if (startsWithNoCase(address, "giop:unix:") && address.size() > 10) {
+    return "corbaloc:omniunix:" + address.substr(10) + ":/" + kObjectId;
+  }
   if (startsWithNoCase(address, "giop:tcp:")) {
     address = address.substr(9);
   } else if (startsWithNoCase(address, "giop:ssl:")) {
@@ -72,15 +75,12 @@ std::string CtlEndpoint::toReference(const std::string& given) {
 }
 
 std::string CtlEndpoint::configuredReference() {
-  std::string endpoint;
-  if (VR_read_master_config() == 0) {
-    const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-    if (config) {
-      endpoint = config->vrkmsEndpoint;
-    }
-  }
-  return toReference(endpoint.empty() ? ::Ardentis::Vaultrest::TL::Framework::Orb::kDefaultEndpoint
-                                      : endpoint);
+  return toReference("giop:unix:" + InstallRoot::path("var/vrkms/") +
+                     ::Ardentis::Vaultrest::TL::Framework::Orb::kLocalSocket);
+}
+
+bool CtlEndpoint::isLocal(const std::string& reference) {
+  return startsWithNoCase(reference, "corbaloc:omniunix:");
 }
 
 }  // namespace KMSCtl

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "kms/client/CtlCommandLine.h"
+#include "kms/client/CtlEndpoint.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
 #include "kms/platform/framework/FrameworkRegistrar.h"
 #include "kms/platform/framework/Orb.h"
@@ -56,7 +57,14 @@ KmsClient::KmsClient(const std::string& reference, const CtlCommandLine::TlsFile
   int argc = 1;
   char name[] = "vrkmsctl";
   char* argv[] = {name, nullptr};
-  const char* options[][2] = {{"clientCallTimeOutPeriod", kCallTimeoutMs},
+  // Every call goes by the transport of the reference given: the service's
+  // references name its local endpoint too, and a client told to use TCP
+  // must not be known by another identity for the facets it is handed.
+  const char* transport = CtlEndpoint::isLocal(reference)                     ? "* unix"
+                          : reference.compare(0, 16, "corbaloc:ssliop:") == 0 ? "* ssl"
+                                                                              : "* tcp";
+  const char* options[][2] = {{"clientTransportRule", transport},
+                              {"clientCallTimeOutPeriod", kCallTimeoutMs},
                               {"clientConnectTimeOutPeriod", kConnectTimeoutMs},
                               {"traceLevel", "0"},
                               {"giopMaxMsgSize", Fw::Orb::kMaxMessageSize},

@@ -35,11 +35,12 @@ class VrkmsTransport : public ::testing::Test {
     m_endpoint = "giop:ssl:127.0.0.1:" + std::to_string(GatedVrkms::freePort());
     m_ca.issue("vrkms", "/CN=vrkms");
     m_ca.issue("media01", "/CN=media01");
-    m_vrkms.writeConf(m_vrkms.root().file("kms"), "VRKMS_TLS_CERT = " + m_ca.cert("vrkms") +
-                                                      "\nVRKMS_TLS_KEY = " + m_ca.key("vrkms") +
-                                                      "\nVRKMS_TLS_CA = " + m_ca.ca() +
-                                                      "\nVRKMS_TLS_ENDPOINT = " + m_endpoint +
-                                                      "\nVRKMS_GRANT = 127.0.0.1 1,2,3,28,40\n");
+    m_ca.issue("media02", "/CN=media02");
+    m_vrkms.writeConf(m_vrkms.root().file("kms"),
+                      "VRKMS_TLS_CERT = " + m_ca.cert("vrkms") +
+                          "\nVRKMS_TLS_KEY = " + m_ca.key("vrkms") +
+                          "\nVRKMS_TLS_CA = " + m_ca.ca() + "\nVRKMS_TLS_ENDPOINT = " + m_endpoint +
+                          "\nVRKMS_GRANT = cert:CN=media01 1,2,3,28,40\n");
     ASSERT_EQ(m_vrkms
                   .admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid",
                           "kpk-1"})
@@ -72,6 +73,7 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   };
   const Client clients[] = {
       {"a certificate of the CA", m_ca.ctlOptions("media01"), 0},
+      {"a certificate of the CA that no grant names", m_ca.ctlOptions("media02"), 1},
       {"no certificate", {"--tls-ca", m_ca.ca()}, 3},
       {"another CA's certificate",
        {"--tls-cert", other.cert("media01-other"), "--tls-key", other.key("media01-other"),
@@ -133,7 +135,8 @@ TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) 
   int argc = 1;
   char name[] = "server_tests";
   char* argv[] = {name, nullptr};
-  const char* options[][2] = {{"giopMaxMsgSize", "268435456"}, {nullptr, nullptr}};
+  const char* options[][2] = {
+      {"giopMaxMsgSize", "268435456"}, {"clientTransportRule", "* tcp"}, {nullptr, nullptr}};
   CORBA::ORB_var orb = CORBA::ORB_init(argc, argv, "omniORB4", options);
   ASSERT_EQ(orb.in(), testOrb());
   Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(

@@ -32,6 +32,32 @@ bool makeDirectories(const std::string& dir) {
   }
 }
 
+// Makes the directory of the local socket private: a directory (not a
+// link) of this process's user, mode 0700, with no socket left in it from
+// an earlier run. False (logged) when it cannot be.
+bool prepareLocalSocket(const std::string& socketPath) {
+  const std::string dir = socketPath.substr(0, socketPath.rfind('/'));
+  if (!makeDirectories(dir)) {
+    FW_DEBUG("Orb::init", 1, "Cannot create the directory " << dir);
+    return false;
+  }
+  struct stat info;
+  if (::lstat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    FW_DEBUG("Orb::init", 1,
+             "The directory " << dir << " of the local endpoint is no directory of this user");
+    return false;
+  }
+  if ((info.st_mode & 07777) != 0700 && ::chmod(dir.c_str(), 0700) != 0) {
+    FW_DEBUG("Orb::init", 1, "Cannot make the directory " << dir << " private");
+    return false;
+  }
+  if (::unlink(socketPath.c_str()) != 0 && errno != ENOENT) {
+    FW_DEBUG("Orb::init", 1, "Cannot remove the old socket " << socketPath);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 Orb::Orb()
@@ -45,7 +71,8 @@ Orb::~Orb() {
   CORBA::release(m_orb);
 }
 
-int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir) {
+int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir,
+              const std::string& localSocket) {
   FW_TRACE_THIS("Orb::init");
   const std::string where = endpoint.empty() ? kDefaultEndpoint : endpoint;
   m_runDir = runDir;
@@ -53,6 +80,10 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
     FW_DEBUG("Orb::init", 1, "Cannot create the directory " << runDir);
     return -1;
   }
+  if (!localSocket.empty() && !prepareLocalSocket(localSocket)) {
+    return -1;
+  }
+  const std::string local = "giop:unix:" + localSocket;
   // The ORB takes its own options out of the vector it is given.
   std::vector<char*> args(argv, argv + argc);
   args.push_back(nullptr);
@@ -63,11 +94,15 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
   const char* fixed[][2] = {
       {"endPoint", where.c_str()}, {"strictIIOP", "0"}, {"giopMaxMsgSize", kMaxMessageSize}};
   const size_t fixedCount = sizeof fixed / sizeof fixed[0];
-  auto options = std::make_unique<const char*[][2]>(fixedCount + m_options.size() + 1);
+  auto options = std::make_unique<const char*[][2]>(fixedCount + m_options.size() + 2);
   size_t used = 0;
   for (const auto& option : fixed) {
     options[used][0] = option[0];
     options[used++][1] = option[1];
+  }
+  if (!localSocket.empty()) {
+    options[used][0] = "endPoint";
+    options[used++][1] = local.c_str();
   }
   for (const auto& option : m_options) {
     options[used][0] = option.first.c_str();
@@ -103,7 +138,9 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
     m_orb = CORBA::ORB::_nil();
     return -1;
   }
-  FW_DEBUG("Orb::init", 1, "The ORB listens on " << where);
+  FW_DEBUG("Orb::init", 1,
+           "The ORB listens on " << where << (localSocket.empty() ? "" : " and ")
+                                 << (localSocket.empty() ? "" : local));
   return 0;
 }
 

@@ -25,6 +25,7 @@
 #include "kms/platform/framework/FrameworkLog.h"
 #include "kms/platform/framework/Orb.h"
 #include "kms/platform/framework/PeerGrants.h"
+#include "kms/platform/framework/PeerIdentity.h"
 #include "kms/platform/framework/RequestGuard.h"
 #include "kms/platform/framework/ServiceContainer.h"
 #include "kms/platform/framework/TlsContext.h"
@@ -105,8 +106,12 @@ CORBA::Boolean onAccept(omni::omniInterceptors::serverAcceptConnection_T::info_T
   // could never be served, so it is not even read from. TLS peers have
   // shown a certificate of the CA by now; local peers are judged by their
   // user on every request.
-  if (startsWith(address, "giop:tcp:") && container != nullptr &&
-      !container->peerRights(host).holdsAny()) {
+  const bool tcp = startsWith(address, "giop:tcp:");
+  if (tcp) {
+    VR_read_master_config();  // the grants as the configuration says them now
+  }
+  if (tcp && container != nullptr &&
+      !container->peerRights({PeerTransport::kTcp, canonicalAddress(host)}).holdsAny()) {
     why = "no grant names the address";
   } else {
     const int fd = SocketOf::of(info.strand.connection);

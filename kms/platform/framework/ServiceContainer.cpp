@@ -1,5 +1,7 @@
 #include "kms/platform/framework/ServiceContainer.h"
 
+#include <unistd.h>
+
 #include <cctype>
 
 #include "kms/platform/InstallRoot.h"
@@ -59,11 +61,14 @@ int ServiceContainer::registerAuthorizationTable(const authorization_entry_s* ta
   return 0;
 }
 
-PeerRights ServiceContainer::peerRights(const std::string& peerHost) const {
+PeerRights ServiceContainer::peerRights(const PeerIdentity& peer) const {
   const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-  const VrConfReader none;
-  const PeerGrants grants(config ? config->reader : none, upperCase(m_serviceName) + "_GRANT");
-  return grants.rightsOf(peerHost);
+  PeerGrants grants;
+  std::string error;
+  if (config) {
+    PeerGrants::read(config->reader, upperCase(m_serviceName) + "_GRANT", &grants, &error);
+  }
+  return grants.rightsOf(peer, ::geteuid());
 }
 
 bool ServiceContainer::authorizes(const std::string& key, const PeerRights& rights) const {
@@ -88,6 +93,10 @@ std::string ServiceContainer::endpoint() const {
 
 std::string ServiceContainer::runDirectory() const {
   return InstallRoot::path("var/" + m_serviceName);
+}
+
+std::string ServiceContainer::localSocketPath() const {
+  return runDirectory() + "/" + Orb::kLocalSocket;
 }
 
 std::string ServiceContainer::pidFilePath() const {

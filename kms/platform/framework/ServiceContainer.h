@@ -17,6 +17,7 @@
 
 #include "kms/platform/framework/AuthorizationTable.h"
 #include "kms/platform/framework/OrbService.h"
+#include "kms/platform/framework/PeerIdentity.h"
 
 namespace Ardentis {
 namespace Vaultrest {
@@ -56,9 +57,9 @@ class ServiceContainer : public OrbService {
   // Returns 0, or -1 when there is no container.
   static int registerAuthorizationTable(const authorization_entry_s* table);
 
-  // The rights `peerHost` holds by the <NAME>_GRANT lines of the master
-  // configuration last read.
-  PeerRights peerRights(const std::string& peerHost) const;
+  // The rights `peer` holds by the <NAME>_GRANT lines of the master
+  // configuration (PeerGrants.h).
+  PeerRights peerRights(const PeerIdentity& peer) const;
   // Whether the registered table lets a peer with `rights` call `key`.
   bool authorizes(const std::string& key, const PeerRights& rights) const;
 
@@ -73,6 +74,8 @@ class ServiceContainer : public OrbService {
   // "$VREST_ROOT/var/<name>": pid file and IOR files.
   std::string runDirectory() const;
   std::string pidFilePath() const;
+  // The socket of the local (Unix-domain) endpoint, under runDirectory().
+  std::string localSocketPath() const;
 
  private:
   const bool m_singleThreaded;

@@ -145,7 +145,8 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
     ServiceProcess::reportReady(readyFd, 1);
     return 1;
   }
-  if (orb->init(argc, argv, container.endpoint(), container.runDirectory()) != 0) {
+  if (orb->init(argc, argv, container.endpoint(), container.runDirectory(),
+                container.localSocketPath()) != 0) {
     ServiceProcess::reportReady(readyFd, 1);
     return 1;
   }
