@@ -17,6 +17,7 @@
 #include <KMS.h>
 
 #include "server/GatedVrkms.h"
+#include "server/GuardedCalls.h"
 #include "server/OrbTestSupport.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
@@ -245,21 +246,6 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   EXPECT_NE(log.find("importKS"), std::string::npos);
 }
 
-// Calls `call`; "" when it went through, the ServiceException's error code
-// as "ServiceException <code>", or the system exception's name.
-std::string outcome(const std::function<void()>& call) {
-  try {
-    call();
-    return "";
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return "ServiceException " + (details ? std::to_string(details->errorCode()) : "?");
-  } catch (const CORBA::SystemException& e) {
-    return e._name();
-  }
-}
-
 std::string grantLine(const std::vector<int>& rights) {
   std::string line = "VRKMS_GRANT = 127.0.0.1 ";
   for (size_t i = 0; i < rights.size(); ++i) {
@@ -277,88 +263,12 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
 
   // The facets, fetched while loopback holds every right.
   m_vrkms.writeExtraConf(grantLine({1, 2, 3, 28, 40}));
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
-      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
-  Facets::KMSQueryableFacet_var query =
-      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
-  Facets::KMSModifiableFacet_var modify =
-      Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
-  Facets::KMSControlFacet_var control =
-      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
-  ASSERT_FALSE(CORBA::is_nil(query) || CORBA::is_nil(modify) || CORBA::is_nil(control));
-  Facets::KeyRecord_var keyForm = query->getKeyRecord(tag.c_str());
-  Facets::KeyGroupRecord_var groupForm = query->getKeyGroupRecord(groupTag.c_str());
-  const std::string nowhere(64, '0');
-
-  // Every operation with rows, with the rights each alternative asks for
-  // all together.
-  struct Guarded {
-    const char* name;
-    std::vector<std::vector<int>> alternatives;
-    std::function<void()> call;
-  };
-  const std::vector<Guarded> guarded = {
-      {"getQueryableFacet",
-       {{28}, {3}, {1}},
-       [&] { CORBA::Object_var f = mgr->getQueryableFacet(); }},
-      {"getModifiableFacet",
-       {{2}, {40}, {3}},
-       [&] { CORBA::Object_var f = mgr->getModifiableFacet(); }},
-      {"getControlFacet", {{28}, {1}, {40}}, [&] { CORBA::Object_var f = mgr->getControlFacet(); }},
-      {"getKeyStoreStats", {{28}, {1}}, [&] { query->getKeyStoreStats(); }},
-      {"getKeyRecordByName",
-       {{1}},
-       [&] { Facets::KeyRecord_var r = query->getKeyRecordByName("g", "k"); }},
-      {"getKeyGroupRecordByName",
-       {{1}},
-       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecordByName("g"); }},
-      {"getAllKeyGroupRecords",
-       {{28}, {1}},
-       [&] { Facets::KeyGroupRecordSeq_var r = query->getAllKeyGroupRecords(); }},
-      {"getKeyRecord", {{1}}, [&] { Facets::KeyRecord_var r = query->getKeyRecord(tag.c_str()); }},
-      {"getKeyGroupRecord",
-       {{1}},
-       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecord(groupTag.c_str()); }},
-      {"getActiveKeyRecord",
-       {{1}},
-       [&] { Facets::KeyRecord_var r = query->getActiveKeyRecord(groupTag.c_str()); }},
-      {"getAllKeyRecordsInGroup",
-       {{28}, {1}},
-       [&] { Facets::KeyRecordSeq_var r = query->getAllKeyRecordsInGroup(groupTag.c_str()); }},
-      {"exportKS",
-       {{1, 3}},
-       [&] {
-         Fw::octetSeq_var data;
-         Facets::KSOpStatus_var s = query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
-       }},
-      {"createKeyGroup",
-       {{2}},
-       [&] { Facets::KeyGroupRecord_var r = modify->createKeyGroup(groupForm.in()); }},
-      {"createKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->createKey("", keyForm.in()); }},
-      {"recoverKey",
-       {{2}},
-       [&] { Facets::KeyRecord_var r = modify->recoverKey("", keyForm.in()); }},
-      {"updateKey", {{40}}, [&] { Facets::KeyRecord_var r = modify->updateKey(keyForm.in()); }},
-      {"updateKeyGroup",
-       {{40}},
-       [&] { Facets::KeyGroupRecord_var r = modify->updateKeyGroup(groupForm.in()); }},
-      {"getNewKeyGroup", {{2}}, [&] { Facets::KeyGroupRecord_var r = modify->getNewKeyGroup(); }},
-      {"getNewKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->getNewKey(); }},
-      {"deleteKeyGroup", {{3}}, [&] { modify->deleteKeyGroup(nowhere.c_str(), false); }},
-      {"deleteKey", {{3}}, [&] { modify->deleteKey(nowhere.c_str()); }},
-      {"importKS",
-       {{2}},
-       [&] {
-         Facets::KSOpStatus_var s = modify->importKS(Fw::octetSeq(), "pass", true, true, "");
-       }},
-      {"updateHMK", {{40}}, [&] { control->updateHMK("", "hmk-2"); }},
-      {"updateKPK", {{40}}, [&] { control->updateKPK("", "kpk-2"); }},
-      {"getHMKId", {{1}}, [&] { CORBA::String_var id = control->getHMKId(); }},
-      {"getKPKId", {{1}}, [&] { CORBA::String_var id = control->getKPKId(); }},
-      {"quiesce", {{40}}, [&] { control->quiesce(); }},
-      {"unquiesce", {{40}}, [&] { control->unquiesce(true); }},
-      {"isQuiesced", {{28}, {1}}, [&] { control->isQuiesced(); }},
-  };
+  GuardedCalls::Facets3 facets(testOrb(), m_vrkms.reference(), tag, groupTag);
+  Remote::KMSMgr_var& mgr = facets.mgr;
+  Facets::KMSQueryableFacet_var& query = facets.query;
+  using GuardedCalls::Guarded;
+  using GuardedCalls::outcome;
+  const std::vector<Guarded> guarded = facets.operations();
 
   // Rights that no row names: every guarded operation is refused ...
   m_vrkms.writeExtraConf(grantLine({7, 99}));

@@ -14,12 +14,16 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "kms/platform/framework/FrameworkRegistrar.h"
+#include "kms/platform/framework/TlsContext.h"
 #include "server/GatedVrkms.h"
+#include "server/GuardedCalls.h"
 #include "server/OrbTestSupport.h"
 #include "support/TestCertificates.h"
 
@@ -29,6 +33,11 @@ namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 
 namespace {
 
+// The reference of the manager at TLS endpoint "giop:ssl:HOST:PORT".
+std::string tlsReference(const std::string& endpoint) {
+  return "corbaloc:ssliop:" + endpoint.substr(9) + "/KMS.KMSMgr";
+}
+
 class VrkmsTransport : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -36,11 +45,10 @@ class VrkmsTransport : public ::testing::Test {
     m_ca.issue("vrkms", "/CN=vrkms");
     m_ca.issue("media01", "/CN=media01");
     m_ca.issue("media02", "/CN=media02");
-    m_vrkms.writeConf(m_vrkms.root().file("kms"),
-                      "VRKMS_TLS_CERT = " + m_ca.cert("vrkms") +
-                          "\nVRKMS_TLS_KEY = " + m_ca.key("vrkms") +
-                          "\nVRKMS_TLS_CA = " + m_ca.ca() + "\nVRKMS_TLS_ENDPOINT = " + m_endpoint +
-                          "\nVRKMS_GRANT = cert:CN=media01 1,2,3,28,40\n");
+    m_tls = "VRKMS_TLS_CERT = " + m_ca.cert("vrkms") + "\nVRKMS_TLS_KEY = " + m_ca.key("vrkms") +
+            "\nVRKMS_TLS_CA = " + m_ca.ca() + "\nVRKMS_TLS_ENDPOINT = " + m_endpoint +
+            "\nVRKMS_GRANT = cert:CN=media01 1,2,3,28,40\n";
+    m_vrkms.writeConf(m_vrkms.root().file("kms"), m_tls);
     ASSERT_EQ(m_vrkms
                   .admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid",
                           "kpk-1"})
@@ -57,6 +65,7 @@ class VrkmsTransport : public ::testing::Test {
 
   GatedVrkms m_vrkms;
   std::string m_endpoint;
+  std::string m_tls;  // the TLS lines of vr.conf, with a grant for CN=media01
   TestCertificates m_ca{m_vrkms.root().path(), "vrkms-ca"};
 };
 
@@ -97,6 +106,40 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   const ProcessResult status = ctl(m_ca.ctlOptions("media01"), {"status"});
   EXPECT_NE(status.out.find("hmk-1"), std::string::npos) << status.out << status.err;
   EXPECT_EQ(m_vrkms.debugLog().find("updateHMK"), std::string::npos);
+
+  // A certificate of the CA that no grant names: every operation refused,
+  // those that hand out key values included. (Its facets are fetched while
+  // a grant names it.)
+  const auto tagOf = [&](const std::vector<std::string>& args) {
+    const std::string out = m_vrkms.ctl(args).out;
+    const size_t at = out.find("\"tag\":\"") + 7;
+    return out.substr(at, out.find('"', at) - at);
+  };
+  tagOf({"--json", "group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = tagOf({"--json", "key", "create", "g", "k"});
+  const std::string groupTag = tagOf({"--json", "group", "show", "g"});
+  Fw::TlsContext::install({m_ca.cert("media02"), m_ca.key("media02"), m_ca.ca()});
+  int argc = 1;
+  char name[] = "server_tests";
+  char* argv[] = {name, nullptr};
+  const char* options[][2] = {{"clientTransportRule", "* ssl"}, {nullptr, nullptr}};
+  CORBA::ORB_var orb = CORBA::ORB_init(argc, argv, "omniORB4", options);
+  Fw::FrameworkRegistrar().init(orb.in());
+  m_vrkms.writeExtraConf(m_tls + "VRKMS_GRANT = cert:CN=media02 1,2,3,28,40\n");
+  GuardedCalls::Facets3 facets(orb, tlsReference(m_endpoint), tag, groupTag);
+  m_vrkms.writeExtraConf(m_tls);
+  for (const GuardedCalls::Guarded& op : facets.operations()) {
+    EXPECT_EQ(GuardedCalls::outcome(op.call), "NO_PERMISSION") << op.name;
+  }
+  Facets::KeyRecord_var record;
+  Fw::octetSeq_var kad;
+  Facets::KeyRecordSeq_var found;
+  for (const auto& call : std::vector<std::function<void()>>{
+           [&] { record = facets.query->getKey(tag.c_str()); },
+           [&] { facets.query->getKeyAndKad(tag.c_str(), 12, record.out(), kad.out()); },
+           [&] { facets.query->getKeyRecordsByKad(Fw::octetSeq(), found.out()); }}) {
+    EXPECT_EQ(GuardedCalls::outcome(call), "NO_PERMISSION");
+  }
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
