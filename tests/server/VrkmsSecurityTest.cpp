@@ -5,11 +5,14 @@
 // that holds none of the rights an operation asks for is refused it.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -422,6 +425,117 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
     }
   }
   m_vrkms.writeExtraConf("");
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
+// A TCP connection to the service that sends nothing.
+struct IdleConnection {
+  explicit IdleConnection(int port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+  ~IdleConnection() { ::close(fd); }
+  int fd;
+};
+
+TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
+  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  // A grant that cannot be read keeps the service from starting.
+  m_vrkms.writeExtraConf("VRKMS_GRANT = host:media01 1\n");
+  EXPECT_FALSE(m_vrkms.start());
+  EXPECT_NE(
+      m_vrkms.stderrText().find("vrkms: cannot start: in " + m_vrkms.root().file("etc/vr.conf") +
+                                ", the line \"VRKMS_GRANT = host:media01 1\" cannot be read: "
+                                "\"host:media01\" is neither uid:USER, cert:SUBJECT, a "
+                                "numeric address nor \"*\"\n"),
+      std::string::npos)
+      << m_vrkms.stderrText();
+  m_vrkms.writeExtraConf(grantLine({28}));
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  json({"group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
+      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
+  Facets::KMSQueryableFacet_var query =
+      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
+  Facets::KMSControlFacet_var control =
+      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  // Right 28 lets isQuiesced through; getKey asks for right 4.
+  const auto rights = [&] {
+    return outcome([&] { control->isQuiesced(); }) + "|" +
+           outcome([&] { Facets::KeyRecord_var r = query->getKey(tag.c_str()); });
+  };
+  const std::string only28 = "|NO_PERMISSION", with4 = "|";
+  ASSERT_EQ(rights(), only28);
+
+  m_vrkms.writeExtraConf(grantLine({28}) + grantLine({40}));
+  const std::string whole = m_vrkms.readFile("etc/vr.conf");
+  const std::string conf = m_vrkms.root().file("etc/vr.conf");
+  struct Fault {
+    const char* name;
+    std::function<void()> apply;
+  };
+  std::vector<Fault> faults = {
+      {"emptied", [&] { m_vrkms.writePrivate("etc/vr.conf", ""); }},
+      // Cut in its last line: "... 40" would read as "... 4".
+      {"cut off", [&] { m_vrkms.writePrivate("etc/vr.conf", whole.substr(0, whole.size() - 2)); }},
+      {"removed", [&] { ::unlink(conf.c_str()); }},
+      {"a directory",
+       [&] {
+         ::unlink(conf.c_str());
+         ::mkdir(conf.c_str(), 0700);
+       }},
+      {"with a line that cannot be read",
+       [&] { m_vrkms.writeExtraConf(grantLine({4}) + "VRKMS_GRANT = 127.0.0.1 four\n"); }},
+  };
+  if (::geteuid() != 0) {  // root reads it all the same
+    faults.push_back({"unreadable", [&] {
+                        m_vrkms.writeExtraConf(grantLine({4}));
+                        ::chmod(conf.c_str(), 0);
+                      }});
+  }
+  for (const Fault& fault : faults) {
+    fault.apply();
+    EXPECT_EQ(rights(), only28) << "vr.conf " << fault.name;
+    ::rmdir(conf.c_str());
+    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    EXPECT_EQ(rights(), with4) << "vr.conf restored after " << fault.name;
+    m_vrkms.writeExtraConf(grantLine({28}));
+    EXPECT_EQ(rights(), only28) << "fewer grants after " << fault.name;
+  }
+  EXPECT_EQ(GatedVrkms::count(m_vrkms.debugLog(), "the grants last read stay in force"),
+            faults.size());
+
+  // The service out of descriptors: idle connections take what its limit
+  // leaves, and the file cannot be opened.
+  const auto openFiles = [&] {
+    return GatedVrkms::walk("/proc/" + std::to_string(m_vrkms.pid()) + "/fd").size();
+  };
+  rlimit before{};
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+  const rlimit tight{openFiles() + 4, before.rlim_max};
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
+  {
+    std::vector<std::unique_ptr<IdleConnection>> idle;
+    for (int i = 0; i < 16; ++i) {
+      idle.push_back(std::make_unique<IdleConnection>(m_vrkms.port()));
+    }
+    for (int i = 0; i < 500 && openFiles() < tight.rlim_cur; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    EXPECT_EQ(rights(), only28) << "at the descriptor limit";
+    EXPECT_NE(m_vrkms.debugLog().find("Too many open files; the grants last read stay"),
+              std::string::npos);
+  }
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+  for (int i = 0; i < 500 && rights() != with4; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(rights(), with4) << "with descriptors again";
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
