@@ -428,6 +428,77 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
+TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
+  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  // The service's own user holds every right (the other tests' vrkmsctl
+  // runs as it); the socket's directory is that user's alone.
+  json({"group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  const std::string key = field(json({"key", "get", tag}), "key");
+  struct stat dir;
+  ASSERT_EQ(::lstat(path("var/vrkms/local").c_str(), &dir), 0);
+  EXPECT_EQ(dir.st_mode & 07777, 0700u);
+  EXPECT_EQ(dir.st_uid, ::geteuid());
+  if (::geteuid() != 0 || ::access("/usr/bin/setpriv", X_OK) != 0) {
+    GTEST_SKIP() << "calling as another user needs root and setpriv";
+  }
+  // vrkmsctl as nobody; with the capability to pass closed directories (as
+  // a backup agent may hold) it reaches the socket, and then holds only
+  // what its uid is granted.
+  const auto asNobody = [&](bool passesDirectories, std::vector<std::string> args) {
+    std::vector<std::string> words = {"--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+    if (passesDirectories) {
+      words.insert(words.end(), {"--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search"});
+    }
+    words.push_back(VRKMSCTL_BINARY);
+    words.insert(words.end(), args.begin(), args.end());
+    return ProcessRunner("/usr/bin/setpriv")
+        .args(words)
+        .env("VREST_ROOT", m_vrkms.root().path())
+        .timeout(std::chrono::seconds(60))
+        .run();
+  };
+  EXPECT_EQ(asNobody(false, {"status"}).exitStatus, 3);  // the directory keeps it out
+  const std::string pass = m_vrkms.writePrivate("pass.txt", "export passphrase\n");
+  ::mkdir(path("drop").c_str(), 0700);
+  ::chmod(path("drop").c_str(), 0777);  // where nobody may write its export
+  const std::vector<std::vector<std::string>> everyCommand = {
+      {"status"},
+      {"group", "list"},
+      {"group", "show", "g"},
+      {"key", "list", "g"},
+      {"key", "show", "g", "k"},
+      {"key", "active", "g"},
+      {"key", "get", tag},
+      {"kad", "get", tag, "12"},
+      {"kad", "find", tag.substr(0, 24)},
+      {"group", "create", "h", "--cipher", "AES128"},
+      {"group", "update", "g", "--description", "x"},
+      {"group", "delete", "g", "--force"},
+      {"key", "create", "g", "k2"},
+      {"key", "update", "g", "k", "--description", "x"},
+      {"key", "delete", "g", "k"},
+      {"quiesce"},
+      {"unquiesce"},
+      {"rotate-hmk", "--id", "x"},
+      {"rotate-kpk", "--id", "x"},
+      {"export", path("drop/out.export"), "--passphrase-file", pass},
+  };
+  for (const std::vector<std::string>& args : everyCommand) {
+    const ProcessResult r = asNobody(true, args);
+    EXPECT_EQ(r.exitStatus, 1) << args[0] << " " << args[1 % args.size()];
+    EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << args[0] << ": " << r.err;
+  }
+  // A grant by name, and one by number.
+  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:nobody 1,28\n");
+  EXPECT_EQ(asNobody(true, {"status"}).exitStatus, 0);
+  EXPECT_TRUE(startsWith(asNobody(true, {"key", "get", tag}).err, "error NO_PERMISSION: "));
+  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:65534 1,4\n");
+  EXPECT_EQ(field(asNobody(true, {"--json", "key", "get", tag}).out, "key"), key);
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
 // A TCP connection to the service that sends nothing.
 struct IdleConnection {
   explicit IdleConnection(int port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
