@@ -61,12 +61,14 @@ TEST(Authorization, ServiceTableJoinsRowsByOrAndAnd) {
   EXPECT_TRUE(table.allows(kControl + "updateHMK", rights({40})));
   EXPECT_FALSE(table.allows(kControl + "updateHMK", rights({1, 2, 3, 28})));
 
-  // Operations with no row: any right will do, none will not.
+  // Operations with no row hand out key values: they ask for that right and
+  // no other, so no right of the table's rows will do.
   for (const std::string& key : {kMgr + "getEximFacet", kQuery + "getKey", kQuery + "getKeyAndKad",
                                  kQuery + "getKeyRecordsByKad"}) {
     EXPECT_FALSE(table.hasRows(key)) << key;
-    EXPECT_TRUE(table.allows(key, rights({99}))) << key;
-    EXPECT_FALSE(table.allows(key, PeerRights())) << key;
+    EXPECT_TRUE(table.allows(key, rights({kKeyValueRight}))) << key;
+    EXPECT_FALSE(table.allows(key, rights({1, 2, 3, 28, 40, 99}))) << key;
+    EXPECT_EQ(table.alternatives(key), (std::vector<std::vector<int>>{{kKeyValueRight}})) << key;
   }
   EXPECT_TRUE(table.allows(kControl + "quiesce", PeerRights::all()));
 }

@@ -3,6 +3,7 @@
 // on a service's facets; for tests that check who may call what.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <omniORB4/CORBA.h>
 
 #include <KMS.h>
@@ -24,9 +25,9 @@ struct Guarded {
 };
 
 // The manager at `reference` and its three facets, fetched through `orb`
-// (the peer must hold the rights to fetch them), and the records of key
-// `tag` and group `groupTag` as forms for the calls. Throws what the ORB
-// throws.
+// (the peer must hold the rights to fetch them, the key-value one
+// included), and the records of key `tag` and group `groupTag` as forms for
+// the calls, and the key's KAD of 12 bytes. Throws what the ORB throws.
 struct Facets3 {
   Facets3(CORBA::ORB_ptr orb, const std::string& reference, const std::string& keyTag,
           const std::string& groupTagHex)
@@ -39,6 +40,8 @@ struct Facets3 {
     control = Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
     keyForm = query->getKeyRecord(tag.c_str());
     groupForm = query->getKeyGroupRecord(groupTag.c_str());
+    Facets::KeyRecord_var record;
+    query->getKeyAndKad(tag.c_str(), 12, record.out(), kad.out());
   }
 
   // The guarded operations, called on these facets (valid while they are).
@@ -115,6 +118,22 @@ struct Facets3 {
         {"quiesce", {{40}}, [this] { control->quiesce(); }},
         {"unquiesce", {{40}}, [this] { control->unquiesce(true); }},
         {"isQuiesced", {{28}, {1}}, [this] { control->isQuiesced(); }},
+        {"getKey", {{4}}, [this] { Facets::KeyRecord_var r = query->getKey(tag.c_str()); }},
+        {"getKeyAndKad",
+         {{4}},
+         [this] {
+           Facets::KeyRecord_var r;
+           Fw::octetSeq_var k;
+           EXPECT_EQ(query->getKeyAndKad(tag.c_str(), 12, r.out(), k.out()), 1);
+           EXPECT_EQ(r->encKey.length(), 32u);
+         }},
+        {"getKeyRecordsByKad",
+         {{4}},
+         [this] {
+           Facets::KeyRecordSeq_var found;
+           EXPECT_EQ(query->getKeyRecordsByKad(kad.in(), found.out()), 3);
+         }},
+        {"getEximFacet", {{4}}, [this] { CORBA::Object_var f = mgr->getEximFacet(); }},
     };
   }
 
@@ -127,6 +146,7 @@ struct Facets3 {
   Facets::KMSControlFacet_var control;
   Facets::KeyRecord_var keyForm;
   Facets::KeyGroupRecord_var groupForm;
+  Fw::octetSeq_var kad;
 };
 
 // Calls `call`; "" when it went through, the ServiceException's error code

@@ -89,10 +89,10 @@ TEST_F(ServiceContainerTest, RequestsAreJudgedByPeerRuleThenRights) {
   // Built-in operations ask for no right.
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), "_non_existent", true));
 
-  m_root.writeConf("SERVER = localhost\nVRKMS_GRANT = 192.0.2.7 3\nVRKMS_GRANT = * 5\n");
+  m_root.writeConf("SERVER = localhost\nVRKMS_GRANT = 192.0.2.7 3\nVRKMS_GRANT = * 4\n");
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
   EXPECT_FALSE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
-  // No row: one right is enough.
+  // No row: the key-value right.
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"),
                                   "Ardentis/Vaultrest/DL/KMS/KMSMgr_getEximFacet", false));
 

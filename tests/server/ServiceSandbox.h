@@ -32,7 +32,7 @@ class ServiceSandbox {
  public:
   // The test process calls over TCP from loopback (vrkmsctl calls on the
   // local endpoint): that address holds every right of the service's table.
-  static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,28,40\n";
+  static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n";
 
   // `debugLevel` is the service's VRKMS_DEBUG_LEVEL.
   explicit ServiceSandbox(int debugLevel = 4) : m_port(freePort()), m_debugLevel(debugLevel) {

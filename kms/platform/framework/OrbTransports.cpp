@@ -106,11 +106,7 @@ CORBA::Boolean onAccept(omni::omniInterceptors::serverAcceptConnection_T::info_T
   // could never be served, so it is not even read from. TLS peers have
   // shown a certificate of the CA by now; local peers are judged by their
   // user on every request.
-  const bool tcp = startsWith(address, "giop:tcp:");
-  if (tcp) {
-    VR_read_master_config();  // the grants as the configuration says them now
-  }
-  if (tcp && container != nullptr &&
+  if (startsWith(address, "giop:tcp:") && container != nullptr &&
       !container->peerRights({PeerTransport::kTcp, canonicalAddress(host)}).holdsAny()) {
     why = "no grant names the address";
   } else {

@@ -7,7 +7,7 @@
 #include "kms/platform/InstallRoot.h"
 #include "kms/platform/VrConfReader.h"
 #include "kms/platform/framework/FrameworkLog.h"
-#include "kms/platform/framework/PeerGrants.h"
+#include "kms/platform/framework/PeerGrantsFile.h"
 
 namespace Ardentis {
 namespace Vaultrest {
@@ -61,14 +61,21 @@ int ServiceContainer::registerAuthorizationTable(const authorization_entry_s* ta
   return 0;
 }
 
-PeerRights ServiceContainer::peerRights(const PeerIdentity& peer) const {
-  const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-  PeerGrants grants;
-  std::string error;
-  if (config) {
-    PeerGrants::read(config->reader, upperCase(m_serviceName) + "_GRANT", &grants, &error);
+std::shared_ptr<PeerGrantsFile> ServiceContainer::grantsFile() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_grants) {
+    m_grants = std::make_shared<PeerGrantsFile>(VR_master_config_path(),
+                                                upperCase(m_serviceName) + "_GRANT");
   }
-  return grants.rightsOf(peer, ::geteuid());
+  return m_grants;
+}
+
+bool ServiceContainer::loadGrants(std::string* error) {
+  return grantsFile()->load(error);
+}
+
+PeerRights ServiceContainer::peerRights(const PeerIdentity& peer) const {
+  return grantsFile()->current()->rightsOf(peer, ::geteuid());
 }
 
 bool ServiceContainer::authorizes(const std::string& key, const PeerRights& rights) const {

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <iostream>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -138,6 +139,15 @@ void unloadServices(std::vector<LoadedService>& services) {
 int runService(ServiceContainer& container, int argc, char** argv, int readyFd) {
   std::vector<LoadedService> services;
   SignalWatcher watcher(container);
+  // Who may call is settled before anyone can: a configuration whose grants
+  // cannot be read whole keeps the service from starting.
+  std::string grantsError;
+  if (!container.loadGrants(&grantsError)) {
+    FW_DEBUG("startServiceContainer", 1, "The service cannot start: " << grantsError);
+    std::cerr << container.serviceName() << ": cannot start: " << grantsError << std::endl;
+    ServiceProcess::reportReady(readyFd, 1);
+    return 1;
+  }
   Orb* orb = container.getOrb();
   const std::string transports = OrbTransports::configure(container, *orb);
   if (!transports.empty()) {
