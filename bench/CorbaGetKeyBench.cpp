@@ -173,7 +173,7 @@ bool startService() {
   std::ofstream(g_service.root + "/etc/vr.conf")
       << "SERVER = localhost\nKMS_DIR = " << kmsDir << "\n"
       << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << port << "\n"
-      << "VRKMS_GRANT = 127.0.0.1 1,28\nVRKMS_GRANT = cert:CN=client 1,28\n"
+      << "VRKMS_GRANT = 127.0.0.1 1,4,28\nVRKMS_GRANT = cert:CN=client 1,4,28\n"
       << "VRKMS_TLS_CERT = " << dir << "/vrkms.pem\nVRKMS_TLS_KEY = " << dir << "/vrkms.key\n"
       << "VRKMS_TLS_CA = " << dir << "/ca.pem\nVRKMS_TLS_ENDPOINT = giop:ssl:127.0.0.1:" << tlsPort
       << "\n";
