@@ -36,7 +36,7 @@ class OrbTransports {
   static constexpr int kMaxConnectionsPerPeer = 32;
   static constexpr int kReservedDescriptors = 64;
   static constexpr int kIdleSeconds = 60;
-  static constexpr int kRequestArrivalMs = 30000;
+  static constexpr int kRequestArrivalMs = 120000;  // a whole store to import, on a slow link
   // Server threads a single connection may use for multiplexed calls.
   static constexpr int kThreadsPerConnection = 4;
 
