@@ -107,9 +107,9 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   EXPECT_NE(status.out.find("hmk-1"), std::string::npos) << status.out << status.err;
   EXPECT_EQ(m_vrkms.debugLog().find("updateHMK"), std::string::npos);
 
-  // A certificate of the CA that no grant names: every operation refused,
-  // those that hand out key values (getKey, ...) included. (Its facets are fetched while
-  // a grant names it.)
+  // A certificate of the CA that no grant names is refused every operation,
+  // getKey and the others that hand out key values included (its facets
+  // are fetched while a grant names it).
   const auto tagOf = [&](const std::vector<std::string>& args) {
     const std::string out = m_vrkms.ctl(args).out;
     const size_t at = out.find("\"tag\":\"") + 7;
