@@ -111,7 +111,8 @@ bool startsWith(const std::string& text, const char* prefix) {
 }  // namespace
 
 const char* CtlCommandLine::usage() {
-  return "usage: vrkmsctl [--endpoint CORBALOC] [--json] COMMAND\n"
+  return "usage: vrkmsctl [--endpoint CORBALOC] [--json] [--tls-cert PEM --tls-key PEM "
+         "--tls-ca PEM] COMMAND\n"
          "  status                      quiesce count, numbers of keys and groups, HMK and KPK "
          "ids\n"
          "  group create NAME --cipher AES128|AES192|AES256|BLOWFISH [--description TEXT]\n"
@@ -133,11 +134,37 @@ const char* CtlCommandLine::usage() {
          "  import FILE --passphrase-file FILE [--preserve-names] [--preview] "
          "[--description TEXT]\n"
          "\n"
-         "The endpoint defaults to the VRKMS_ENDPOINT of the master configuration\n"
-         "($VREST_ROOT/etc/vr.conf). Passphrases come from a file or, on a terminal,\n"
-         "from a prompt; an empty one makes a random key. Exit status: 0 success,\n"
-         "1 the service refused (\"error CODE: TEXT\"; export and import print\n"
-         "\"status CODE: TEXT\" after their messages), 2 usage, 3 service not reached.\n";
+         "The endpoint defaults to the service's local socket\n"
+         "($VREST_ROOT/var/vrkms/local/vrkms.sock), where the service knows the caller\n"
+         "by its uid: root and the service's user hold every right. --endpoint\n"
+         "giop:tcp:HOST:PORT (or corbaloc::HOST:PORT/KMS.KMSMgr) calls over TCP, where\n"
+         "the caller holds only what a grant names. Grants are lines of\n"
+         "$VREST_ROOT/etc/vr.conf: VRKMS_GRANT = uid:USER|cert:SUBJECT|ADDRESS RIGHTS.\n"
+         "A TLS endpoint (giop:ssl:HOST:PORT) needs --tls-ca, the CA of the service's\n"
+         "certificate, and --tls-cert and --tls-key, this client's; nothing, a passphrase\n"
+         "least of all, is sent before the service's certificate is verified.\n"
+         "Passphrases come from a\n"
+         "file or, on a terminal, from a prompt; an empty one makes a random key. Exit\n"
+         "status: 0 success, 1 the service refused (\"error CODE: TEXT\"; export and\n"
+         "import print \"status CODE: TEXT\" after their messages), 2 usage, 3 service\n"
+         "not reached or its reply not to be trusted.\n";
+}
+
+std::string* CtlCommandLine::programOption(const std::string& arg) {
+  const std::string name = arg.substr(0, arg.find('='));
+  if (name == "--endpoint") {
+    return &m_endpoint;
+  }
+  if (name == "--tls-cert") {
+    return &m_tls.certificate;
+  }
+  if (name == "--tls-key") {
+    return &m_tls.key;
+  }
+  if (name == "--tls-ca") {
+    return &m_tls.ca;
+  }
+  return nullptr;
 }
 
 CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
@@ -150,15 +177,16 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
       line.m_json = true;
     } else if (arg == "--help") {
       line.m_help = true;
-    } else if (arg == "--endpoint") {
-      if (at + 1 >= args.size() || args[at + 1].empty()) {
-        throw UsageError("--endpoint needs a value");
+    } else if (std::string* value = line.programOption(arg)) {
+      const size_t equals = arg.find('=');
+      const std::string name = arg.substr(0, equals);
+      if (equals != std::string::npos) {
+        *value = arg.substr(equals + 1);
+      } else if (at + 1 < args.size()) {
+        *value = args[++at];
       }
-      line.m_endpoint = args[++at];
-    } else if (startsWith(arg, "--endpoint=")) {
-      line.m_endpoint = arg.substr(std::char_traits<char>::length("--endpoint="));
-      if (line.m_endpoint.empty()) {
-        throw UsageError("--endpoint needs a value");
+      if (value->empty()) {
+        throw UsageError(name + " needs a value");
       }
     } else {
       throw UsageError("unknown option " + arg);

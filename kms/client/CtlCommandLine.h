@@ -39,6 +39,15 @@ class CtlCommandLine {
   // The --endpoint value, or "" for the configured default.
   const std::string& endpoint() const { return m_endpoint; }
   bool json() const { return m_json; }
+  // --tls-cert, --tls-key and --tls-ca: this client's certificate and key
+  // and the CA of the service's certificate (PEM files); empty when not
+  // given.
+  struct TlsFiles {
+    std::string certificate;
+    std::string key;
+    std::string ca;
+  };
+  const TlsFiles& tls() const { return m_tls; }
   // The command's words joined by one blank: "group create".
   const std::string& command() const { return m_command; }
   // The operands, in order; as many as the command takes.
@@ -52,9 +61,14 @@ class CtlCommandLine {
   std::vector<std::string> values(const std::string& option) const;
 
  private:
+  // The member that the program option `arg` ("--endpoint" or
+  // "--endpoint=VALUE") sets, or null for no such option.
+  std::string* programOption(const std::string& arg);
+
   bool m_help = false;
   bool m_json = false;
   std::string m_endpoint;
+  TlsFiles m_tls;
   std::string m_command;
   std::vector<std::string> m_operands;
   std::map<std::string, std::vector<std::string>> m_options;

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "kms/client/CtlCommandLine.h"
-#include "kms/platform/VrConfReader.h"
+#include "kms/platform/InstallRoot.h"
 #include "kms/platform/framework/Orb.h"
 
 namespace Vaultrest {
@@ -46,8 +46,15 @@ std::string CtlEndpoint::toReference(const std::string& given) {
     return given;
   }
   std::string address = given;
+  std::string protocol = ":";
+  if (startsWithNoCase(address, "giop:unix:") && address.size() > 10) {
+    return "corbaloc:omniunix:" + address.substr(10) + ":/" + kObjectId;
+  }
   if (startsWithNoCase(address, "giop:tcp:")) {
     address = address.substr(9);
+  } else if (startsWithNoCase(address, "giop:ssl:")) {
+    address = address.substr(9);
+    protocol = "ssliop:";
   } else if (startsWithNoCase(address, "giop:")) {
     throw UsageError("cannot reach an endpoint of this transport: " + given);
   }
@@ -64,19 +71,16 @@ std::string CtlEndpoint::toReference(const std::string& given) {
   } else if (host.find(':') != std::string::npos && host.front() != '[') {
     host = "[" + host + "]";
   }
-  return "corbaloc::" + host + ":" + port + "/" + kObjectId;
+  return "corbaloc:" + protocol + host + ":" + port + "/" + kObjectId;
 }
 
 std::string CtlEndpoint::configuredReference() {
-  std::string endpoint;
-  if (VR_read_master_config() == 0) {
-    const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-    if (config) {
-      endpoint = config->vrkmsEndpoint;
-    }
-  }
-  return toReference(endpoint.empty() ? ::Ardentis::Vaultrest::TL::Framework::Orb::kDefaultEndpoint
-                                      : endpoint);
+  return toReference("giop:unix:" + InstallRoot::path("var/vrkms/") +
+                     ::Ardentis::Vaultrest::TL::Framework::Orb::kLocalSocket);
+}
+
+bool CtlEndpoint::isLocal(const std::string& reference) {
+  return startsWithNoCase(reference, "corbaloc:omniunix:");
 }
 
 }  // namespace KMSCtl

@@ -1,6 +1,7 @@
 // Where vrkmsctl finds the service: the object "KMS.KMSMgr" at a corbaloc
-// address, given on the command line or built from the service's own
-// endpoint in the master configuration.
+// address, given on the command line, or by default on the service's local
+// endpoint, its Unix-domain socket under $VREST_ROOT/var/vrkms, where the
+// service knows the caller by its uid.
 #pragma once
 
 #include <string>
@@ -16,14 +17,19 @@ class CtlEndpoint {
 
   // The reference text for `given`: a "corbaloc:", "corbaname:" or "IOR:"
   // text as it stands; an ORB endpoint ("giop:tcp:HOST:PORT") or "HOST:PORT"
-  // as "corbaloc::HOST:PORT/KMS.KMSMgr". A listening address that names no
-  // single host (empty, 0.0.0.0, ::) becomes the loopback address. Throws
-  // UsageError for a text it cannot use (no port, another transport).
+  // as "corbaloc::HOST:PORT/KMS.KMSMgr", a TLS one ("giop:ssl:HOST:PORT") as
+  // "corbaloc:ssliop:HOST:PORT/KMS.KMSMgr"; a local endpoint
+  // ("giop:unix:PATH") as "corbaloc:omniunix:PATH:/KMS.KMSMgr". A listening
+  // address that names no single host (empty, 0.0.0.0, ::) becomes the
+  // loopback address. Throws UsageError for a text it cannot use (no port,
+  // another transport).
   static std::string toReference(const std::string& given);
 
-  // toReference of VRKMS_ENDPOINT in $VREST_ROOT/etc/vr.conf, or of the
-  // service's fixed default when the file or the line is missing.
+  // The service's local endpoint under $VREST_ROOT.
   static std::string configuredReference();
+
+  // Whether `reference` reaches the service on its local endpoint.
+  static bool isLocal(const std::string& reference);
 };
 
 }  // namespace KMSCtl

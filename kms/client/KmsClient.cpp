@@ -1,9 +1,13 @@
 #include "kms/client/KmsClient.h"
 
+#include <unistd.h>
+
 #include "kms/client/CtlCommandLine.h"
+#include "kms/client/CtlEndpoint.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
 #include "kms/platform/framework/FrameworkRegistrar.h"
 #include "kms/platform/framework/Orb.h"
+#include "kms/platform/framework/TlsContext.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -33,13 +37,34 @@ typename Facet::_ptr_type narrowFacet(CORBA::Object_ptr base) {
 
 }  // namespace
 
-KmsClient::KmsClient(const std::string& reference) {
+KmsClient::KmsClient(const std::string& reference, const CtlCommandLine::TlsFiles& tls) {
+  const bool tlsGiven = !tls.certificate.empty() || !tls.key.empty() || !tls.ca.empty();
+  if (tlsGiven || reference.compare(0, 16, "corbaloc:ssliop:") == 0) {
+    // Without a CA nothing could be verified; a client without a
+    // certificate of its own is refused by the service, not here.
+    if (tls.ca.empty() || tls.certificate.empty() != tls.key.empty()) {
+      throw UsageError("TLS needs --tls-ca, and --tls-cert with --tls-key");
+    }
+    for (const std::string* file : {&tls.certificate, &tls.key, &tls.ca}) {
+      if (!file->empty() && ::access(file->c_str(), R_OK) != 0) {
+        throw UsageError("cannot read " + *file);
+      }
+    }
+    Fw::TlsContext::install({tls.certificate, tls.key, tls.ca});
+  }
   // The ORB gets an argument vector of its own: the program's arguments are
   // not its options.
   int argc = 1;
   char name[] = "vrkmsctl";
   char* argv[] = {name, nullptr};
-  const char* options[][2] = {{"clientCallTimeOutPeriod", kCallTimeoutMs},
+  // Every call goes by the transport of the reference given: the service's
+  // references name its local endpoint too, and a client told to use TCP
+  // must not be known by another identity for the facets it is handed.
+  const char* transport = CtlEndpoint::isLocal(reference)                     ? "* unix"
+                          : reference.compare(0, 16, "corbaloc:ssliop:") == 0 ? "* ssl"
+                                                                              : "* tcp";
+  const char* options[][2] = {{"clientTransportRule", transport},
+                              {"clientCallTimeOutPeriod", kCallTimeoutMs},
                               {"clientConnectTimeOutPeriod", kConnectTimeoutMs},
                               {"traceLevel", "0"},
                               {"giopMaxMsgSize", Fw::Orb::kMaxMessageSize},

@@ -15,6 +15,8 @@
 
 #include <KMS.h>
 
+#include "kms/client/CtlCommandLine.h"
+
 namespace Vaultrest {
 namespace DL {
 namespace KMSCtl {
@@ -27,8 +29,12 @@ class KmsClient {
   static constexpr uint8_t kVersionPatch = 0;
 
   // Starts the ORB and resolves `reference` (a corbaloc or IOR text); nothing
-  // is sent yet. Throws UsageError for a text that is no reference.
-  explicit KmsClient(const std::string& reference);
+  // is sent yet. With `tls`, the ORB speaks TLS, shows that certificate and
+  // key (if given) and accepts only a service whose certificate chains to
+  // that CA: nothing is sent to one it cannot verify. Throws UsageError for a
+  // text that is no reference, or for a TLS reference ("corbaloc:ssliop:")
+  // without a CA.
+  explicit KmsClient(const std::string& reference, const CtlCommandLine::TlsFiles& tls = {});
   // Stops sending the version and destroys the ORB.
   ~KmsClient();
   KmsClient(const KmsClient&) = delete;

@@ -47,7 +47,7 @@ int VrkmsCtl::run(const std::vector<std::string>& args) {
     }
     reference = line.endpoint().empty() ? CtlEndpoint::configuredReference()
                                         : CtlEndpoint::toReference(line.endpoint());
-    KmsClient client(reference);
+    KmsClient client(reference, line.tls());
     CtlPrinter printer(m_out, json);
     const bool succeeded = CtlCommands(client, printer).run(line);
     m_out.flush();

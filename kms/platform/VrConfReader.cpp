@@ -8,6 +8,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "kms/platform/FileStamp.h"
 #include "kms/platform/InstallRoot.h"
 
 namespace {
@@ -30,8 +31,11 @@ std::string upper(std::string s) {
   return s;
 }
 
-std::mutex g_configMutex;
+std::mutex g_configMutex;  // guards the four below
 std::shared_ptr<const VrMasterConfig> g_config;
+std::string g_configPath;  // of the copy held, with its stamp and the time it was read
+FileStamp g_configStamp;
+timespec g_configReadAt{};
 
 }  // namespace
 
@@ -150,13 +154,27 @@ std::string VR_master_config_path() {
 }
 
 int VR_read_master_config() {
+  const std::string path = VR_master_config_path();
+  FileStamp seen;
+  const timespec readAt = FileStamp::now();
+  if (FileStamp::of(path, &seen)) {
+    std::lock_guard<std::mutex> lock(g_configMutex);
+    if (g_config && path == g_configPath && seen == g_configStamp &&
+        !g_configStamp.racy(g_configReadAt)) {
+      return 0;
+    }
+  }
   auto config = std::make_shared<VrMasterConfig>();
-  int rc = config->reader.read(VR_master_config_path());
+  int rc = config->reader.read(path);
   std::lock_guard<std::mutex> lock(g_configMutex);
   if (rc != 0) {
     g_config.reset();
+    g_configStamp = FileStamp();
     return rc;
   }
+  g_configPath = path;
+  g_configStamp = seen;
+  g_configReadAt = readAt;
   config->servers = config->reader.getAll("SERVER");
   config->kmsDir = config->reader.get("KMS_DIR");
   config->vrkmsEndpoint = config->reader.get("VRKMS_ENDPOINT");

@@ -64,7 +64,9 @@ std::string VR_master_config_path();
 
 // Reads the master configuration into the process-wide copy. Returns 0 on
 // success, non-zero when the file is missing or unreadable (the previous copy,
-// if any, is dropped). Thread-safe; never throws.
+// if any, is dropped). The file is read again only when its stamp changed
+// (FileStamp.h): while it stays as it was, a call costs one stat.
+// Thread-safe; never throws.
 int VR_read_master_config();
 
 // The copy read by the last successful VR_read_master_config(), or null. The

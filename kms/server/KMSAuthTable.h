@@ -2,8 +2,9 @@
 // with the framework by KMSMgrImpl::init.
 //
 // KMSMgr_getEximFacet and the query facet's getKey, getKeyAndKad and
-// getKeyRecordsByKad have no row on purpose: they are allowed to any peer
-// that holds at least one right. Do not add rows for them.
+// getKeyRecordsByKad have no row on purpose: the framework asks a row-less
+// operation for its key-value right (kKeyValueRight, 4), so only a peer
+// granted that right receives a key in the clear. Do not add rows for them.
 #pragma once
 
 #include <cstddef>

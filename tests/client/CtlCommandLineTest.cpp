@@ -113,14 +113,18 @@ TEST(CtlEndpoint, ReferencesFromEndpointsAndTheMasterConfiguration) {
   EXPECT_EQ(CtlEndpoint::toReference("giop:tcp:[::1]:1"), "corbaloc::[::1]:1/KMS.KMSMgr");
   EXPECT_EQ(CtlEndpoint::toReference("corbaloc::h:2/Other"), "corbaloc::h:2/Other");
   EXPECT_EQ(CtlEndpoint::toReference("IOR:0000"), "IOR:0000");
-  EXPECT_THROW(CtlEndpoint::toReference("giop:unix:/tmp/socket"), UsageError);
+  EXPECT_EQ(CtlEndpoint::toReference("giop:unix:/tmp/s"), "corbaloc:omniunix:/tmp/s:/KMS.KMSMgr");
+  EXPECT_THROW(CtlEndpoint::toReference("giop:unix:"), UsageError);
+  EXPECT_THROW(CtlEndpoint::toReference("giop:ssh:h:1"), UsageError);
   EXPECT_THROW(CtlEndpoint::toReference("host"), UsageError);
   EXPECT_THROW(CtlEndpoint::toReference("host:port"), UsageError);
 
+  // By default the local endpoint, whatever the master configuration says.
   PlatformTestRoot root;
-  EXPECT_EQ(CtlEndpoint::configuredReference(), "corbaloc::127.0.0.1:7790/KMS.KMSMgr");
   root.writeConf("SERVER = localhost\nVRKMS_ENDPOINT = giop:tcp:192.0.2.7:4321\n");
-  EXPECT_EQ(CtlEndpoint::configuredReference(), "corbaloc::192.0.2.7:4321/KMS.KMSMgr");
+  EXPECT_EQ(CtlEndpoint::configuredReference(),
+            "corbaloc:omniunix:" + root.etcDir().substr(0, root.etcDir().size() - 4) +
+                "/var/vrkms/local/vrkms.sock:/KMS.KMSMgr");
 }
 
 TEST(JsonWriter, NestsAndEscapesEveryByte) {
@@ -168,14 +172,13 @@ TEST(CtlProgram, UsageErrorsAndAnUnreachableServiceHaveTheirOwnStatuses) {
             0u);
   EXPECT_EQ(run({"key", "create", "g", "k", "--passphrase-file", root.file("none")}).exitStatus, 2);
 
-  // Nothing listens at the configured endpoint (port 1: privileged, unused).
-  ::mkdir(root.file("etc").c_str(), 0700);
-  std::ofstream(root.file("etc/vr.conf")) << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:1\n";
+  // Nothing listens at the local endpoint, nor at port 1 (privileged,
+  // unused).
   const ProcessResult down = run({"status"});
   EXPECT_EQ(down.exitStatus, 3);
-  EXPECT_EQ(down.err,
-            "error TRANSIENT: cannot reach the service at corbaloc::127.0.0.1:1/KMS.KMSMgr\n");
-  const ProcessResult downJson = run({"--json", "group", "list"});
+  EXPECT_EQ(down.err, "error TRANSIENT: cannot reach the service at corbaloc:omniunix:" +
+                          root.path() + "/var/vrkms/local/vrkms.sock:/KMS.KMSMgr\n");
+  const ProcessResult downJson = run({"--endpoint", "127.0.0.1:1", "--json", "group", "list"});
   EXPECT_EQ(downJson.exitStatus, 3);
   EXPECT_EQ(downJson.out,
             "{\"error\":\"TRANSIENT\",\"message\":\"cannot reach the service at "

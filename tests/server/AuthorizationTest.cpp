@@ -26,10 +26,10 @@ PeerRights rights(std::set<int> held) {
   return PeerRights::of(std::move(held));
 }
 
-PeerGrants grantsOf(const std::string& conf) {
+bool grantsOf(const std::string& conf, PeerGrants* grants, std::string* error) {
   VrConfReader reader;
   reader.parse(conf);
-  return PeerGrants(reader, "VRKMS_GRANT");
+  return PeerGrants::read(reader, "VRKMS_GRANT", grants, error);
 }
 
 }  // namespace
@@ -61,12 +61,14 @@ TEST(Authorization, ServiceTableJoinsRowsByOrAndAnd) {
   EXPECT_TRUE(table.allows(kControl + "updateHMK", rights({40})));
   EXPECT_FALSE(table.allows(kControl + "updateHMK", rights({1, 2, 3, 28})));
 
-  // Operations with no row: any right will do, none will not.
+  // Operations with no row hand out key values: they ask for that right and
+  // no other, so no right of the table's rows will do.
   for (const std::string& key : {kMgr + "getEximFacet", kQuery + "getKey", kQuery + "getKeyAndKad",
                                  kQuery + "getKeyRecordsByKad"}) {
     EXPECT_FALSE(table.hasRows(key)) << key;
-    EXPECT_TRUE(table.allows(key, rights({99}))) << key;
-    EXPECT_FALSE(table.allows(key, PeerRights())) << key;
+    EXPECT_TRUE(table.allows(key, rights({kKeyValueRight}))) << key;
+    EXPECT_FALSE(table.allows(key, rights({1, 2, 3, 28, 40, 99}))) << key;
+    EXPECT_EQ(table.alternatives(key), (std::vector<std::vector<int>>{{kKeyValueRight}})) << key;
   }
   EXPECT_TRUE(table.allows(kControl + "quiesce", PeerRights::all()));
 }
@@ -87,31 +89,59 @@ TEST(Authorization, MixedJoinsBindAndBeforeOr) {
   EXPECT_FALSE(rules.allows("other", rights({1})));
 }
 
-TEST(Authorization, GrantsComeFromTheMasterConfiguration) {
-  // No grant line: loopback holds everything, anyone else nothing.
-  const PeerGrants none = grantsOf("SERVER = localhost\n");
-  EXPECT_TRUE(none.rightsOf("127.0.0.1").holdsAll());
-  EXPECT_TRUE(none.rightsOf("127.1.2.3").holdsAll());
-  EXPECT_TRUE(none.rightsOf("::1").holdsAll());
-  EXPECT_TRUE(none.rightsOf("::ffff:127.0.0.1").holdsAll());
-  EXPECT_FALSE(none.rightsOf("192.0.2.1").holdsAny());
-  EXPECT_FALSE(none.rightsOf("not an address").holdsAny());
+TEST(Authorization, GrantsNameEachKindOfPeer) {
+  PeerGrants grants;
+  std::string error;
+  ASSERT_TRUE(
+      grantsOf("VRKMS_GRANT = 192.0.2.1 1, 3\n"
+               "VRKMS_GRANT = * 28\n"
+               "VRKMS_GRANT = uid:4242 40\n"
+               "VRKMS_GRANT = uid:root 2\n"
+               "VRKMS_GRANT = cert:CN=media01 1,2\n",
+               &grants, &error))
+      << error;
+  const uid_t service = 1234;
+  const struct {
+    PeerTransport transport;
+    const char* name;
+    std::set<int> rights;  // {-1}: every right
+  } rows[] = {
+      {PeerTransport::kTcp, "192.0.2.1", {1, 3, 28}},
+      {PeerTransport::kTcp, "192.0.2.9", {28}},
+      {PeerTransport::kTcp, "127.0.0.1", {28}},  // loopback is an address like any other
+      {PeerTransport::kTcp, "", {}},
+      {PeerTransport::kLocal, "uid:4242", {40}},
+      {PeerTransport::kLocal, "uid:4243", {}},
+      {PeerTransport::kLocal, "uid:0", {-1}},
+      {PeerTransport::kLocal, "uid:1234", {-1}},
+      {PeerTransport::kTls, "cert:CN=media01", {1, 2}},
+      {PeerTransport::kTls, "cert:CN=media02", {}},
+      {PeerTransport::kTls, "", {}},
+      {PeerTransport::kTls, "192.0.2.1", {}},  // names of one kind give no other kind rights
+      {PeerTransport::kNone, "uid:0", {}},
+  };
+  for (const auto& row : rows) {
+    const PeerRights held = grants.rightsOf({row.transport, row.name}, service);
+    if (row.rights == std::set<int>{-1}) {
+      EXPECT_TRUE(held.holdsAll()) << row.name;
+    } else {
+      EXPECT_FALSE(held.holdsAll()) << row.name;
+      EXPECT_EQ(held.rights(), row.rights) << transportName(row.transport) << " " << row.name;
+    }
+  }
+  // No grant at all: nobody but root and the service's user.
+  ASSERT_TRUE(grantsOf("SERVER = localhost\n", &grants, &error));
+  EXPECT_FALSE(grants.rightsOf({PeerTransport::kTcp, "127.0.0.1"}, service).holdsAny());
+  EXPECT_TRUE(grants.rightsOf({PeerTransport::kLocal, "uid:1234"}, service).holdsAll());
 
-  const PeerGrants some = grantsOf(
-      "VRKMS_GRANT = 192.0.2.1 1, 3\n"
-      "VRKMS_GRANT = * 28\n"
-      "VRKMS_GRANT = localhost 40\n"
-      "VRKMS_GRANT = 192.0.2.9 two\n");
-  EXPECT_EQ(some.grants().size(), 3u);  // the last line cannot be read
-  EXPECT_EQ(some.rightsOf("192.0.2.1").rights(), (std::set<int>{1, 3, 28}));
-  EXPECT_EQ(some.rightsOf("::ffff:192.0.2.1").rights(), (std::set<int>{1, 3, 28}));
-  EXPECT_EQ(some.rightsOf("192.0.2.9").rights(), (std::set<int>{28}));
-  // With grant lines, loopback holds only what they give it.
-  EXPECT_EQ(some.rightsOf("127.0.0.1").rights(), (std::set<int>{28, 40}));
-  EXPECT_FALSE(some.rightsOf("127.0.0.1").holdsAll());
-
-  // A configuration whose only line cannot be read grants nothing at all.
-  EXPECT_FALSE(grantsOf("VRKMS_GRANT = *\n").rightsOf("127.0.0.1").holdsAny());
+  // A line that cannot be read is named, and no grant is read at all.
+  for (const char* bad : {"*", "127.0.0.1 none", "localhost 1", "uid:no-such-user-here 1", "uid: 1",
+                          "cert: 1", "tls:CN=a 1", "10.0.0.1 1,x"}) {
+    grants = PeerGrants({{PeerTransport::kTcp, "*", {5}}});
+    EXPECT_FALSE(grantsOf(std::string("VRKMS_GRANT = ") + bad + "\n", &grants, &error)) << bad;
+    EXPECT_NE(error.find(std::string("\"VRKMS_GRANT = ") + bad + "\""), std::string::npos) << error;
+    EXPECT_EQ(grants.grants().size(), 1u) << bad;
+  }
 }
 
 TEST(Authorization, PeerAddressesAndOperationKeys) {
@@ -119,6 +149,10 @@ TEST(Authorization, PeerAddressesAndOperationKeys) {
   EXPECT_EQ(peerHostOf("giop:tcp:[::1]:40123"), "::1");
   EXPECT_EQ(peerHostOf("giop:tcp:[::ffff:10.1.2.3]:5"), "10.1.2.3");
   EXPECT_EQ(peerHostOf("giop:unix:/tmp/socket"), "giop:unix:/tmp/socket");
+  EXPECT_EQ(transportOf("giop:unix:/tmp/socket"), PeerTransport::kLocal);
+  EXPECT_EQ(transportOf("giop:ssl:10.0.0.1:5"), PeerTransport::kTls);
+  EXPECT_EQ(transportOf("giop:tcp:10.0.0.1:5"), PeerTransport::kTcp);
+  EXPECT_EQ(transportOf("giop:sctp:10.0.0.1:5"), PeerTransport::kNone);
   EXPECT_EQ(
       RequestGuard::operationKey("IDL:Ardentis/Vaultrest/DL/KMS/KMSMgr:1.0", "getQueryableFacet"),
       kMgr + "getQueryableFacet");

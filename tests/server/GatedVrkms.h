@@ -161,6 +161,7 @@ class GatedVrkms {
   }
   const TempRoot& root() const { return m_root; }
   pid_t pid() const { return m_pid; }
+  int port() const { return m_port; }
   std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
 
   static std::string readPath(const std::string& path) {

@@ -26,6 +26,7 @@ class ServiceContainerTest : public ::testing::Test {
     record.remote = true;
     record.peerHost = host;
     record.peerAddress = "giop:tcp:" + host + ":4000";
+    record.identity = {PeerTransport::kTcp, host};
     return record;
   }
 
@@ -81,17 +82,17 @@ TEST_F(ServiceContainerTest, RequestsAreJudgedByPeerRuleThenRights) {
   ASSERT_EQ(ServiceContainer::current(), &m_container);
   ASSERT_EQ(ServiceContainer::registerAuthorizationTable(KMSAuthTable), 0);
 
-  // Default grants: loopback holds every right, a remote peer none.
+  // No grant: no TCP peer holds a right, loopback included.
   m_root.writeConf("SERVER = localhost\n");
-  EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
+  EXPECT_FALSE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
   EXPECT_FALSE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
   // Built-in operations ask for no right.
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), "_non_existent", true));
 
-  m_root.writeConf("SERVER = localhost\nVRKMS_GRANT = 192.0.2.7 3\nVRKMS_GRANT = * 5\n");
+  m_root.writeConf("SERVER = localhost\nVRKMS_GRANT = 192.0.2.7 3\nVRKMS_GRANT = * 4\n");
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
   EXPECT_FALSE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
-  // No row: one right is enough.
+  // No row: the key-value right.
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"),
                                   "Ardentis/Vaultrest/DL/KMS/KMSMgr_getEximFacet", false));
 
@@ -103,9 +104,9 @@ TEST_F(ServiceContainerTest, RequestsAreJudgedByPeerRuleThenRights) {
   EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
 
   const auto refusals = LogCapture::containing(m_log.debugLines(), "Refused ");
-  EXPECT_EQ(refusals.size(), 4u);
+  EXPECT_EQ(refusals.size(), 5u);
   EXPECT_FALSE(LogCapture::containing(refusals, "Refused " + kQueryFacet +
-                                                    " to peer giop:tcp:192.0.2.7:4000: the peer "
-                                                    "lacks the rights")
+                                                    " to peer giop:tcp:192.0.2.7:4000 (tcp "
+                                                    "192.0.2.7): the peer lacks the rights")
                    .empty());
 }

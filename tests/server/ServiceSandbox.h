@@ -30,6 +30,10 @@
 
 class ServiceSandbox {
  public:
+  // The test process calls over TCP from loopback (vrkmsctl calls on the
+  // local endpoint): that address holds every right of the service's table.
+  static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n";
+
   // `debugLevel` is the service's VRKMS_DEBUG_LEVEL.
   explicit ServiceSandbox(int debugLevel = 4) : m_port(freePort()), m_debugLevel(debugLevel) {
     writeConf("");
@@ -47,7 +51,7 @@ class ServiceSandbox {
         << "KMS_DIR = " << m_root.file("kms") << "\n"
         << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_port << "\n"
         << "VRKMS_DEBUG_LEVEL = " << m_debugLevel << "\n"
-        << extra;
+        << kLoopbackGrant << extra;
   }
 
   // Makes the store (HMK id "hmk-1", KPK id "kpk-1"); false when it cannot.

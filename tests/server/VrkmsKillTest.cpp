@@ -588,12 +588,8 @@ TEST(VrkmsKill, EveryAcknowledgedChangeSurvivesSigkillOfTheServiceAtRandomMoment
                             : (static_cast<uint64_t>(std::random_device()()) & 0x7fffffff) + 1;
   std::cout << "[ kill     ] seed " << seed << " (VRKMS_KILL_SEED=" << seed << " replays it), "
             << kills << " kills" << std::endl;
-  ServiceSandbox sandbox;
   // Debug logging kept low: hundreds of starts write to one log.
-  sandbox.writeFile("etc/vr.conf",
-                    "SERVER = localhost\nKMS_DIR = " + sandbox.root().file("kms") +
-                        "\nVRKMS_ENDPOINT = giop:tcp:127.0.0.1:" + std::to_string(sandbox.port()) +
-                        "\nVRKMS_DEBUG_LEVEL = 1\n");
+  ServiceSandbox sandbox(1);
   ASSERT_TRUE(sandbox.makeStore());
 
   KillRun run(sandbox, seed, kills);

@@ -7,14 +7,17 @@
 #include <linux/capability.h>
 #include <openssl/evp.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <functional>
 #include <regex>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,6 +25,7 @@
 #include <KMS.h>
 
 #include "server/GatedVrkms.h"
+#include "server/GuardedCalls.h"
 #include "server/OrbTestSupport.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
@@ -126,7 +130,7 @@ std::vector<std::string> expectPrivate(const std::string& root) {
     }
     if (S_ISDIR(info.st_mode)) {
       EXPECT_EQ(info.st_mode & 077, 0u) << file << std::oct << " mode " << info.st_mode;
-    } else {
+    } else if (!S_ISSOCK(info.st_mode)) {  // the local endpoint's: its directory is closed
       EXPECT_TRUE(S_ISREG(info.st_mode)) << file;
       EXPECT_EQ(info.st_mode & 0177, 0u) << file << std::oct << " mode " << info.st_mode;
     }
@@ -275,20 +279,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   EXPECT_NE(log.find("importKS"), std::string::npos);
 }
 
-// Calls `call`; "" when it went through, the ServiceException's error code
-// as "ServiceException <code>", or the system exception's name.
-std::string outcome(const std::function<void()>& call) {
-  try {
-    call();
-    return "";
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return "ServiceException " + (details ? std::to_string(details->errorCode()) : "?");
-  } catch (const CORBA::SystemException& e) {
-    return e._name();
-  }
-}
+using GuardedCalls::outcome;
 
 std::string grantLine(const std::vector<int>& rights) {
   std::string line = "VRKMS_GRANT = 127.0.0.1 ";
@@ -305,118 +296,45 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
   const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
   const std::string groupTag = field(json({"group", "show", "g"}), "tag");
 
-  // The facets, fetched while loopback peers hold every right.
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
-      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
-  Facets::KMSQueryableFacet_var query =
-      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
-  Facets::KMSModifiableFacet_var modify =
-      Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
-  Facets::KMSControlFacet_var control =
-      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
-  ASSERT_FALSE(CORBA::is_nil(query) || CORBA::is_nil(modify) || CORBA::is_nil(control));
-  Facets::KeyRecord_var keyForm = query->getKeyRecord(tag.c_str());
-  Facets::KeyGroupRecord_var groupForm = query->getKeyGroupRecord(groupTag.c_str());
-  const std::string nowhere(64, '0');
+  // The facets and a KAD, fetched while loopback holds every right.
+  m_vrkms.writeExtraConf(grantLine({1, 2, 3, 4, 28, 40}));
+  GuardedCalls::Facets3 facets(testOrb(), m_vrkms.reference(), tag, groupTag);
+  ASSERT_EQ(facets.kad->length(), 12u);
+  using GuardedCalls::Guarded;
+  // Every operation, with the rights each alternative asks for all
+  // together; those without a row hand out key values and ask for right 4.
+  const std::vector<Guarded> guarded = facets.operations();
 
-  // Every operation with rows, with the rights each alternative asks for
-  // all together.
-  struct Guarded {
-    const char* name;
-    std::vector<std::vector<int>> alternatives;
-    std::function<void()> call;
-  };
-  const std::vector<Guarded> guarded = {
-      {"getQueryableFacet",
-       {{28}, {3}, {1}},
-       [&] { CORBA::Object_var f = mgr->getQueryableFacet(); }},
-      {"getModifiableFacet",
-       {{2}, {40}, {3}},
-       [&] { CORBA::Object_var f = mgr->getModifiableFacet(); }},
-      {"getControlFacet", {{28}, {1}, {40}}, [&] { CORBA::Object_var f = mgr->getControlFacet(); }},
-      {"getKeyStoreStats", {{28}, {1}}, [&] { query->getKeyStoreStats(); }},
-      {"getKeyRecordByName",
-       {{1}},
-       [&] { Facets::KeyRecord_var r = query->getKeyRecordByName("g", "k"); }},
-      {"getKeyGroupRecordByName",
-       {{1}},
-       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecordByName("g"); }},
-      {"getAllKeyGroupRecords",
-       {{28}, {1}},
-       [&] { Facets::KeyGroupRecordSeq_var r = query->getAllKeyGroupRecords(); }},
-      {"getKeyRecord", {{1}}, [&] { Facets::KeyRecord_var r = query->getKeyRecord(tag.c_str()); }},
-      {"getKeyGroupRecord",
-       {{1}},
-       [&] { Facets::KeyGroupRecord_var r = query->getKeyGroupRecord(groupTag.c_str()); }},
-      {"getActiveKeyRecord",
-       {{1}},
-       [&] { Facets::KeyRecord_var r = query->getActiveKeyRecord(groupTag.c_str()); }},
-      {"getAllKeyRecordsInGroup",
-       {{28}, {1}},
-       [&] { Facets::KeyRecordSeq_var r = query->getAllKeyRecordsInGroup(groupTag.c_str()); }},
-      {"exportKS",
-       {{1, 3}},
-       [&] {
-         Fw::octetSeq_var data;
-         Facets::KSOpStatus_var s = query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
-       }},
-      {"createKeyGroup",
-       {{2}},
-       [&] { Facets::KeyGroupRecord_var r = modify->createKeyGroup(groupForm.in()); }},
-      {"createKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->createKey("", keyForm.in()); }},
-      {"recoverKey",
-       {{2}},
-       [&] { Facets::KeyRecord_var r = modify->recoverKey("", keyForm.in()); }},
-      {"updateKey", {{40}}, [&] { Facets::KeyRecord_var r = modify->updateKey(keyForm.in()); }},
-      {"updateKeyGroup",
-       {{40}},
-       [&] { Facets::KeyGroupRecord_var r = modify->updateKeyGroup(groupForm.in()); }},
-      {"getNewKeyGroup", {{2}}, [&] { Facets::KeyGroupRecord_var r = modify->getNewKeyGroup(); }},
-      {"getNewKey", {{2}}, [&] { Facets::KeyRecord_var r = modify->getNewKey(); }},
-      {"deleteKeyGroup", {{3}}, [&] { modify->deleteKeyGroup(nowhere.c_str(), false); }},
-      {"deleteKey", {{3}}, [&] { modify->deleteKey(nowhere.c_str()); }},
-      {"importKS",
-       {{2}},
-       [&] {
-         Facets::KSOpStatus_var s = modify->importKS(Fw::octetSeq(), "pass", true, true, "");
-       }},
-      {"updateHMK", {{40}}, [&] { control->updateHMK("", "hmk-2"); }},
-      {"updateKPK", {{40}}, [&] { control->updateKPK("", "kpk-2"); }},
-      {"getHMKId", {{1}}, [&] { CORBA::String_var id = control->getHMKId(); }},
-      {"getKPKId", {{1}}, [&] { CORBA::String_var id = control->getKPKId(); }},
-      {"quiesce", {{40}}, [&] { control->quiesce(); }},
-      {"unquiesce", {{40}}, [&] { control->unquiesce(true); }},
-      {"isQuiesced", {{28}, {1}}, [&] { control->isQuiesced(); }},
-  };
-
-  // Rights that no row names: every guarded operation is refused ...
-  m_vrkms.writeExtraConf(grantLine({7, 99}));
-  for (const Guarded& op : guarded) {
-    EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name;
+  // No grant (loopback is an address like any other), rights that no row
+  // names, and every right but the key-value one: refused every operation
+  // that asks for more.
+  const std::set<std::string> keyValues = {"getKey", "getKeyAndKad", "getKeyRecordsByKad",
+                                           "getEximFacet"};
+  for (const std::vector<int>& held :
+       std::vector<std::vector<int>>{{}, {7, 99}, {1, 2, 3, 28, 40}}) {
+    m_vrkms.writeExtraConf(held.empty() ? "" : grantLine(held));
+    for (const Guarded& op : guarded) {
+      if (held.size() < 5 || keyValues.count(op.name) != 0) {
+        EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(held);
+      }
+    }
   }
-  // ... and vrkmsctl says so.
+  // ... and vrkmsctl over TCP says so; from an address that no grant names
+  // it is not even heard (the connection is closed as it is accepted).
+  m_vrkms.writeExtraConf("");
+  EXPECT_EQ(m_vrkms.ctl({"--endpoint", m_vrkms.reference(), "status"}).exitStatus, 3);
+  m_vrkms.writeExtraConf(grantLine({7, 99}));
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{"status"},
                                              {"group", "list"},
                                              {"key", "create", "g", "k2"},
                                              {"rotate-kpk", "--id", "x"}}) {
-    const ProcessResult r = m_vrkms.ctl(args);
+    std::vector<std::string> overTcp = {"--endpoint", m_vrkms.reference()};
+    overTcp.insert(overTcp.end(), args.begin(), args.end());
+    const ProcessResult r = m_vrkms.ctl(overTcp);
     EXPECT_EQ(r.exitStatus, 1) << args[0];
     EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << r.err;
   }
-  // Operations with no row ask only for some right.
-  Facets::KeyRecord_var clear = query->getKey(tag.c_str());
-  EXPECT_EQ(clear->encKey.length(), 32u);
-  Facets::KeyRecord_var record;
-  Fw::octetSeq_var kad;
-  EXPECT_EQ(query->getKeyAndKad(tag.c_str(), 12, record.out(), kad.out()), 1);
-  Facets::KeyRecordSeq_var found;
-  EXPECT_EQ(query->getKeyRecordsByKad(kad.in(), found.out()), 3);
-  EXPECT_EQ(outcome([&] { CORBA::Object_var f = mgr->getEximFacet(); }), "ServiceException 1200");
-  // No right at all: not even those.
-  m_vrkms.writeExtraConf("VRKMS_GRANT = 127.0.0.1 none\n");
-  EXPECT_EQ(outcome([&] { Facets::KeyRecord_var r = query->getKey(tag.c_str()); }),
-            "NO_PERMISSION");
 
   // Exactly the rights of one alternative let the operation through; part
   // of an "and" does not.
@@ -433,6 +351,188 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
     }
   }
   m_vrkms.writeExtraConf("");
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
+TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
+  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  // The service's own user holds every right (the other tests' vrkmsctl
+  // runs as it); the socket's directory is that user's alone.
+  json({"group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  const std::string key = field(json({"key", "get", tag}), "key");
+  struct stat dir;
+  ASSERT_EQ(::lstat(path("var/vrkms/local").c_str(), &dir), 0);
+  EXPECT_EQ(dir.st_mode & 07777, 0700u);
+  EXPECT_EQ(dir.st_uid, ::geteuid());
+  if (::geteuid() != 0 || ::access("/usr/bin/setpriv", X_OK) != 0) {
+    GTEST_SKIP() << "calling as another user needs root and setpriv";
+  }
+  // vrkmsctl as nobody; with the capability to pass closed directories (as
+  // a backup agent may hold) it reaches the socket, and then holds only
+  // what its uid is granted.
+  const auto asNobody = [&](bool passesDirectories, std::vector<std::string> args) {
+    std::vector<std::string> words = {"--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+    if (passesDirectories) {
+      words.insert(words.end(), {"--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search"});
+    }
+    words.push_back(VRKMSCTL_BINARY);
+    words.insert(words.end(), args.begin(), args.end());
+    return ProcessRunner("/usr/bin/setpriv")
+        .args(words)
+        .env("VREST_ROOT", m_vrkms.root().path())
+        .timeout(std::chrono::seconds(60))
+        .run();
+  };
+  EXPECT_EQ(asNobody(false, {"status"}).exitStatus, 3);  // the directory keeps it out
+  const std::string pass = m_vrkms.writePrivate("pass.txt", "export passphrase\n");
+  ::mkdir(path("drop").c_str(), 0700);
+  ::chmod(path("drop").c_str(), 0777);  // where nobody may write its export
+  const std::vector<std::vector<std::string>> everyCommand = {
+      {"status"},
+      {"group", "list"},
+      {"group", "show", "g"},
+      {"key", "list", "g"},
+      {"key", "show", "g", "k"},
+      {"key", "active", "g"},
+      {"key", "get", tag},
+      {"kad", "get", tag, "12"},
+      {"kad", "find", tag.substr(0, 24)},
+      {"group", "create", "h", "--cipher", "AES128"},
+      {"group", "update", "g", "--description", "x"},
+      {"group", "delete", "g", "--force"},
+      {"key", "create", "g", "k2"},
+      {"key", "update", "g", "k", "--description", "x"},
+      {"key", "delete", "g", "k"},
+      {"quiesce"},
+      {"unquiesce"},
+      {"rotate-hmk", "--id", "x"},
+      {"rotate-kpk", "--id", "x"},
+      {"export", path("drop/out.export"), "--passphrase-file", pass},
+  };
+  for (const std::vector<std::string>& args : everyCommand) {
+    const ProcessResult r = asNobody(true, args);
+    EXPECT_EQ(r.exitStatus, 1) << args[0] << " " << args[1 % args.size()];
+    EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << args[0] << ": " << r.err;
+  }
+  // A grant by name, and one by number.
+  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:nobody 1,28\n");
+  EXPECT_EQ(asNobody(true, {"status"}).exitStatus, 0);
+  EXPECT_TRUE(startsWith(asNobody(true, {"key", "get", tag}).err, "error NO_PERMISSION: "));
+  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:65534 1,4\n");
+  EXPECT_EQ(field(asNobody(true, {"--json", "key", "get", tag}).out, "key"), key);
+  EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
+// A TCP connection to the service that sends nothing.
+struct IdleConnection {
+  explicit IdleConnection(int port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+  ~IdleConnection() { ::close(fd); }
+  int fd;
+};
+
+TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
+  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  // A grant that cannot be read keeps the service from starting.
+  m_vrkms.writeExtraConf("VRKMS_GRANT = host:media01 1\n");
+  EXPECT_FALSE(m_vrkms.start());
+  EXPECT_NE(
+      m_vrkms.stderrText().find("vrkms: cannot start: in " + m_vrkms.root().file("etc/vr.conf") +
+                                ", the line \"VRKMS_GRANT = host:media01 1\" cannot be read: "
+                                "\"host:media01\" is neither uid:USER, cert:SUBJECT, a "
+                                "numeric address nor \"*\"\n"),
+      std::string::npos)
+      << m_vrkms.stderrText();
+  m_vrkms.writeExtraConf(grantLine({28}));
+  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+  json({"group", "create", "g", "--cipher", "AES256"});
+  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
+      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
+  Facets::KMSQueryableFacet_var query =
+      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
+  Facets::KMSControlFacet_var control =
+      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  // Right 28 lets isQuiesced through; getKey asks for right 4.
+  const auto rights = [&] {
+    return outcome([&] { control->isQuiesced(); }) + "|" +
+           outcome([&] { Facets::KeyRecord_var r = query->getKey(tag.c_str()); });
+  };
+  const std::string only28 = "|NO_PERMISSION", with4 = "|";
+  ASSERT_EQ(rights(), only28);
+
+  m_vrkms.writeExtraConf(grantLine({28}) + grantLine({40}));
+  const std::string whole = m_vrkms.readFile("etc/vr.conf");
+  const std::string conf = m_vrkms.root().file("etc/vr.conf");
+  struct Fault {
+    const char* name;
+    std::function<void()> apply;
+  };
+  std::vector<Fault> faults = {
+      {"emptied", [&] { m_vrkms.writePrivate("etc/vr.conf", ""); }},
+      // Cut in its last line: "... 40" would read as "... 4".
+      {"cut off", [&] { m_vrkms.writePrivate("etc/vr.conf", whole.substr(0, whole.size() - 2)); }},
+      {"removed", [&] { ::unlink(conf.c_str()); }},
+      {"a directory",
+       [&] {
+         ::unlink(conf.c_str());
+         ::mkdir(conf.c_str(), 0700);
+       }},
+      {"with a line that cannot be read",
+       [&] { m_vrkms.writeExtraConf(grantLine({4}) + "VRKMS_GRANT = 127.0.0.1 four\n"); }},
+  };
+  if (::geteuid() != 0) {  // root reads it all the same
+    faults.push_back({"unreadable", [&] {
+                        m_vrkms.writeExtraConf(grantLine({4}));
+                        ::chmod(conf.c_str(), 0);
+                      }});
+  }
+  for (const Fault& fault : faults) {
+    fault.apply();
+    EXPECT_EQ(rights(), only28) << "vr.conf " << fault.name;
+    ::rmdir(conf.c_str());
+    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    EXPECT_EQ(rights(), with4) << "vr.conf restored after " << fault.name;
+    m_vrkms.writeExtraConf(grantLine({28}));
+    EXPECT_EQ(rights(), only28) << "fewer grants after " << fault.name;
+  }
+  EXPECT_EQ(GatedVrkms::count(m_vrkms.debugLog(), "the grants last read stay in force"),
+            faults.size());
+
+  // The service out of descriptors: idle connections take what its limit
+  // leaves, and the file cannot be opened.
+  const auto openFiles = [&] {
+    return GatedVrkms::walk("/proc/" + std::to_string(m_vrkms.pid()) + "/fd").size();
+  };
+  rlimit before{};
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+  const rlimit tight{openFiles() + 4, before.rlim_max};
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
+  {
+    std::vector<std::unique_ptr<IdleConnection>> idle;
+    for (int i = 0; i < 16; ++i) {
+      idle.push_back(std::make_unique<IdleConnection>(m_vrkms.port()));
+    }
+    for (int i = 0; i < 500 && openFiles() < tight.rlim_cur; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    EXPECT_EQ(rights(), only28) << "at the descriptor limit";
+    EXPECT_NE(m_vrkms.debugLog().find("Too many open files; the grants last read stay"),
+              std::string::npos);
+  }
+  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+  for (int i = 0; i < 500 && rights() != with4; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(rights(), with4) << "with descriptors again";
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 

@@ -131,20 +131,6 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigt
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
   EXPECT_TRUE(contains(m_box.debugLog(), "Did not find Peer Version Information in TSS"));
 
-  // Rights come from the master configuration, read anew for each request.
-  m_box.writeConf("VRKMS_GRANT = * 5\n");
-  EXPECT_EQ(outcome([&] { Remote::QueryableFacet_var f = mgr->getQueryableFacet(); }),
-            "NO_PERMISSION");
-  EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }),
-            "ServiceException 1200");  // no row: one right is enough
-  m_box.writeConf("VRKMS_GRANT = 192.0.2.1 1,2,3,28,40\n");
-  EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }), "NO_PERMISSION");
-  EXPECT_EQ(outcome([&] { mgr->_non_existent(); }), "");  // built-in: no right needed
-  EXPECT_TRUE(contains(m_box.debugLog(),
-                       "Refused Ardentis/Vaultrest/DL/KMS/KMSMgr_getQueryableFacet to peer "
-                       "giop:tcp:127.0.0.1:"))
-      << m_box.debugLog();
-
   // A blocked media server gets nothing; this host is no master once the
   // first SERVER is another.
   std::ofstream(m_box.root().file("etc/vr.conf"), std::ios::trunc)

@@ -66,7 +66,7 @@ AuthorizationTable::AuthorizationTable(const authorization_entry_s* table) {
 bool AuthorizationTable::allows(const std::string& key, const PeerRights& rights) const {
   const auto found = m_rules.find(key);
   if (found == m_rules.end() || found->second.empty()) {
-    return rights.holdsAny();
+    return rights.holds(kKeyValueRight);
   }
   for (const std::vector<int>& conjunction : found->second) {
     bool held = true;
@@ -82,7 +82,7 @@ bool AuthorizationTable::allows(const std::string& key, const PeerRights& rights
 
 std::vector<std::vector<int>> AuthorizationTable::alternatives(const std::string& key) const {
   const auto found = m_rules.find(key);
-  return found == m_rules.end() ? Rule() : found->second;
+  return found == m_rules.end() || found->second.empty() ? Rule{{kKeyValueRight}} : found->second;
 }
 
 }  // namespace Framework

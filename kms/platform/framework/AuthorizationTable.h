@@ -11,8 +11,13 @@
 // "And" binds tighter than "or": rights 1 (1), 3 (2), 40 reads
 // (1 and 3) or 40.
 //
-// An operation with no row at all is allowed to a peer that holds at least
-// one right. Operation keys have the form "Module/Path/Interface_operation".
+// An operation with no row at all asks for one right of the framework's
+// own, kKeyValueRight: "may receive key values". A service leaves out of its
+// table exactly the operations that hand out keys in the clear (and those
+// it does not serve), so no right that the table gives to reading records,
+// listing or administering lets a peer receive a key value; a peer must be
+// granted that right by name. Operation keys have the form
+// "Module/Path/Interface_operation".
 #pragma once
 
 #include <map>
@@ -24,6 +29,9 @@ namespace Ardentis {
 namespace Vaultrest {
 namespace TL {
 namespace Framework {
+
+// The right an operation without a row asks for: may receive key values.
+constexpr int kKeyValueRight = 4;
 
 struct authorization_entry_s {
   const char* name;  // operation key; empty (or null) ends the table
@@ -68,7 +76,7 @@ class AuthorizationTable {
   // Number of rows read, the end row left out.
   size_t rowCount() const { return m_rows; }
   // The rule of `key` as alternatives of rights that must all be held;
-  // empty when the operation has no row.
+  // {{kKeyValueRight}} when the operation has no row.
   std::vector<std::vector<int>> alternatives(const std::string& key) const;
 
  private:

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
+#include <memory>
 #include <vector>
 
 #include "kms/platform/framework/FrameworkLog.h"
@@ -31,6 +33,32 @@ bool makeDirectories(const std::string& dir) {
   }
 }
 
+// Makes the directory of the local socket private: a directory (not a
+// link) of this process's user, mode 0700, with no socket left in it from
+// an earlier run. False (logged) when it cannot be.
+bool prepareLocalSocket(const std::string& socketPath) {
+  const std::string dir = socketPath.substr(0, socketPath.rfind('/'));
+  if (!makeDirectories(dir)) {
+    FW_DEBUG("Orb::init", 1, "Cannot create the directory " << dir);
+    return false;
+  }
+  struct stat info;
+  if (::lstat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    FW_DEBUG("Orb::init", 1,
+             "The directory " << dir << " of the local endpoint is no directory of this user");
+    return false;
+  }
+  if ((info.st_mode & 07777) != 0700 && ::chmod(dir.c_str(), 0700) != 0) {
+    FW_DEBUG("Orb::init", 1, "Cannot make the directory " << dir << " private");
+    return false;
+  }
+  if (::unlink(socketPath.c_str()) != 0 && errno != ENOENT) {
+    FW_DEBUG("Orb::init", 1, "Cannot remove the old socket " << socketPath);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 Orb::Orb()
@@ -44,7 +72,8 @@ Orb::~Orb() {
   CORBA::release(m_orb);
 }
 
-int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir) {
+int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir,
+              const std::string& localSocket) {
   FW_TRACE_THIS("Orb::init");
   const std::string where = endpoint.empty() ? kDefaultEndpoint : endpoint;
   m_runDir = runDir;
@@ -52,6 +81,10 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
     FW_DEBUG("Orb::init", 1, "Cannot create the directory " << runDir);
     return -1;
   }
+  if (!localSocket.empty() && !prepareLocalSocket(localSocket)) {
+    return -1;
+  }
+  const std::string local = "giop:unix:" + localSocket;
   // The ORB takes its own options out of the vector it is given.
   std::vector<char*> args(argv, argv + argc);
   args.push_back(nullptr);
@@ -59,12 +92,27 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
   // strictIIOP off: the ORB skips bytes left after a request's arguments
   // instead of failing the connection, a road on which it loses the
   // request's buffers (about 8 KiB for every such request a peer sends).
-  const char* options[][2] = {{"endPoint", where.c_str()},
-                              {"strictIIOP", "0"},
-                              {"giopMaxMsgSize", kMaxMessageSize},
-                              {nullptr, nullptr}};
+  const char* fixed[][2] = {
+      {"endPoint", where.c_str()}, {"strictIIOP", "0"}, {"giopMaxMsgSize", kMaxMessageSize}};
+  const size_t fixedCount = sizeof fixed / sizeof fixed[0];
+  auto options = std::make_unique<const char*[][2]>(fixedCount + m_options.size() + 2);
+  size_t used = 0;
+  for (const auto& option : fixed) {
+    options[used][0] = option[0];
+    options[used++][1] = option[1];
+  }
+  if (!localSocket.empty()) {
+    options[used][0] = "endPoint";
+    options[used++][1] = local.c_str();
+  }
+  for (const auto& option : m_options) {
+    options[used][0] = option.first.c_str();
+    options[used++][1] = option.second.c_str();
+  }
+  options[used][0] = nullptr;
+  options[used][1] = nullptr;
   try {
-    m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options);
+    m_orb = CORBA::ORB_init(count, args.data(), "omniORB4", options.get());
     RequestGuard::install();
     CORBA::Object_var root = m_orb->resolve_initial_references("RootPOA");
     m_rootPoa = PortableServer::POA::_narrow(root);
@@ -91,8 +139,14 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
     m_orb = CORBA::ORB::_nil();
     return -1;
   }
-  FW_DEBUG("Orb::init", 1, "The ORB listens on " << where);
+  FW_DEBUG("Orb::init", 1,
+           "The ORB listens on " << where << (localSocket.empty() ? "" : " and ")
+                                 << (localSocket.empty() ? "" : local));
   return 0;
+}
+
+void Orb::addOption(const std::string& name, const std::string& value) {
+  m_options.emplace_back(name, value);
 }
 
 CORBA::Object_ptr Orb::activateServant(PortableServer::Servant servant) {

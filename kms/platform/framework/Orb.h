@@ -17,6 +17,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kms/platform/framework/PeerTSSResources.h"
 
@@ -43,11 +45,23 @@ class Orb {
   Orb(const Orb&) = delete;
   Orb& operator=(const Orb&) = delete;
 
+  // Where the local (Unix-domain) endpoint's socket lives, relative to the
+  // run directory. Its directory is private to the service's user: it keeps
+  // out every other user that has no right to pass closed directories.
+  static constexpr const char* kLocalSocket = "local/vrkms.sock";
+
   // Starts the ORB listening on `endpoint` (an omniORB endpoint URI; empty
-  // means kDefaultEndpoint) and activates the POAs. IOR files go to `runDir`
+  // means kDefaultEndpoint) and, when `localSocket` is not empty, on a
+  // Unix-domain socket at that path (any file there is replaced; its
+  // directory is made, or made again, mode 0700 and must belong to this
+  // process's user), and activates the POAs. IOR files go to `runDir`
   // (created if missing). Returns 0, or -1 (logged) when the ORB cannot
   // start, for instance because the port is taken.
-  int init(int argc, char** argv, const std::string& endpoint, const std::string& runDir);
+  int init(int argc, char** argv, const std::string& endpoint, const std::string& runDir,
+           const std::string& localSocket = "");
+  // Adds an ORB option (e.g. a second "endPoint") that init passes on after
+  // its own. Call before init.
+  void addOption(const std::string& name, const std::string& value);
   bool isInitialized() const { return !CORBA::is_nil(m_orb); }
 
   // The ORB, borrowed; nil before init.
@@ -101,6 +115,7 @@ class Orb {
   bool m_shutDown = false;
   std::mutex m_mutex;  // guards m_advertised
   std::map<std::string, PortableServer::Servant> m_advertised;
+  std::vector<std::pair<std::string, std::string>> m_options;  // added by addOption
 };
 
 }  // namespace Framework

@@ -1,13 +1,11 @@
 #include "kms/platform/framework/PeerGrants.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <pwd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <set>
 #include <sstream>
 
 #include "kms/platform/VrConfReader.h"
@@ -19,104 +17,93 @@ namespace Framework {
 
 namespace {
 
-// The canonical numeric text of `host`, or empty when it is no numeric
-// address. IPv4 addresses in IPv6 form become plain IPv4.
-std::string canonicalAddress(const std::string& host) {
-  in_addr v4;
-  if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
-    char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &v4, text, sizeof text);
-    return text;
-  }
-  in6_addr v6;
-  if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) {
-    if (IN6_IS_ADDR_V4MAPPED(&v6)) {
-      std::memcpy(&v4, &v6.s6_addr[12], 4);
-      char text[INET_ADDRSTRLEN];
-      inet_ntop(AF_INET, &v4, text, sizeof text);
-      return text;
-    }
-    char text[INET6_ADDRSTRLEN];
-    inet_ntop(AF_INET6, &v6, text, sizeof text);
-    return text;
-  }
-  return "";
-}
-
-bool targetMatches(const std::string& target, const std::string& peer) {
-  if (target == "*") {
-    return true;
-  }
-  const std::string numeric = canonicalAddress(target);
-  if (!numeric.empty()) {
-    return numeric == peer;
-  }
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(target.c_str(), nullptr, &hints, &found) != 0) {
+bool allDigits(const std::string& text) {
+  if (text.empty()) {
     return false;
   }
-  bool match = false;
-  for (addrinfo* a = found; a != nullptr && !match; a = a->ai_next) {
-    char text[NI_MAXHOST];
-    if (getnameinfo(a->ai_addr, a->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) ==
-        0) {
-      match = canonicalAddress(text) == peer;
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c))) {
+      return false;
     }
   }
-  freeaddrinfo(found);
-  return match;
+  return true;
+}
+
+// The uid a "uid:" target names: a number, or a user name looked up now.
+bool uidOf(const std::string& user, uid_t* uid, std::string* why) {
+  if (allDigits(user)) {
+    errno = 0;
+    const unsigned long number = std::strtoul(user.c_str(), nullptr, 10);
+    if (errno != 0 || number > static_cast<uid_t>(-2)) {
+      *why = "the uid " + user + " is out of range";
+      return false;
+    }
+    *uid = static_cast<uid_t>(number);
+    return true;
+  }
+  passwd entry{};
+  passwd* found = nullptr;
+  std::vector<char> buffer(16384);
+  if (user.empty() ||
+      ::getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
+      found == nullptr) {
+    *why = "there is no user \"" + user + "\"";
+    return false;
+  }
+  *uid = found->pw_uid;
+  return true;
 }
 
 }  // namespace
 
-std::string peerHostOf(const std::string& address) {
-  std::string rest = address;
-  for (const char* prefix : {"giop:tcp:", "giop:ssl:"}) {
-    if (rest.compare(0, std::strlen(prefix), prefix) == 0) {
-      rest = rest.substr(std::strlen(prefix));
-      break;
-    }
-  }
-  std::string host;
-  if (!rest.empty() && rest[0] == '[') {
-    const size_t close = rest.find(']');
-    host = close == std::string::npos ? rest : rest.substr(1, close - 1);
-  } else {
-    const size_t colon = rest.rfind(':');
-    host = colon == std::string::npos || rest.find(':') != colon ? rest : rest.substr(0, colon);
-  }
-  const std::string numeric = canonicalAddress(host);
-  return numeric.empty() ? address : numeric;
-}
-
-bool isLoopbackAddress(const std::string& host) {
-  const std::string numeric = canonicalAddress(host);
-  in_addr v4;
-  if (inet_pton(AF_INET, numeric.c_str(), &v4) == 1) {
-    return (ntohl(v4.s_addr) >> 24) == 127;
-  }
-  in6_addr v6;
-  return inet_pton(AF_INET6, numeric.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
-}
-
-PeerGrants::PeerGrants(const VrConfReader& config, const std::string& name) {
+bool PeerGrants::read(const VrConfReader& config, const std::string& name, PeerGrants* grants,
+                      std::string* error) {
+  std::vector<Grant> read;
   for (const std::string& value : config.getAll(name)) {
-    ++m_configured;
     Grant grant;
-    if (parse(value, &grant)) {
-      m_grants.push_back(std::move(grant));
+    std::string why;
+    if (!parse(value, &grant, &why)) {
+      *error = "the line \"" + name + " = " + value + "\" cannot be read: " + why;
+      return false;
     }
+    read.push_back(std::move(grant));
   }
+  *grants = PeerGrants(std::move(read));
+  return true;
 }
 
-bool PeerGrants::parse(const std::string& value, Grant* grant) {
+bool PeerGrants::parse(const std::string& value, Grant* grant, std::string* why) {
   std::istringstream words(value);
   Grant parsed;
-  if (!(words >> parsed.target)) {
+  std::string target;
+  if (!(words >> target)) {
+    *why = "it names no peer";
     return false;
+  }
+  if (target.compare(0, 4, "uid:") == 0) {
+    uid_t uid = 0;
+    if (!uidOf(target.substr(4), &uid, why)) {
+      return false;
+    }
+    parsed.kind = PeerTransport::kLocal;
+    parsed.target = localIdentityName(uid);
+  } else if (target.compare(0, 5, "cert:") == 0) {
+    if (target.size() == 5) {
+      *why = "the certificate subject is empty";
+      return false;
+    }
+    parsed.kind = PeerTransport::kTls;
+    parsed.target = target;
+  } else if (target == "*") {
+    parsed.kind = PeerTransport::kTcp;
+    parsed.target = target;
+  } else {
+    parsed.kind = PeerTransport::kTcp;
+    parsed.target = canonicalAddress(target);
+    if (parsed.target.empty()) {
+      *why = "\"" + target + "\" is neither uid:USER, cert:SUBJECT, a numeric address nor \"*\"";
+      return false;
+    }
   }
   std::string list;
   for (std::string word; words >> word;) {
@@ -127,35 +114,37 @@ bool PeerGrants::parse(const std::string& value, Grant* grant) {
     if (item.empty()) {
       continue;
     }
-    char* end = nullptr;
-    const long right = std::strtol(item.c_str(), &end, 10);
-    if (*end != '\0' || !std::isdigit(static_cast<unsigned char>(item[0]))) {
+    errno = 0;
+    const long right = std::strtol(item.c_str(), nullptr, 10);
+    if (!allDigits(item) || errno != 0 || right > 1000000) {
+      *why = "\"" + item + "\" is no right number";
       return false;
     }
     parsed.rights.push_back(static_cast<int>(right));
   }
   if (parsed.rights.empty()) {
+    *why = "it names no right";
     return false;
   }
   *grant = std::move(parsed);
   return true;
 }
 
-PeerRights PeerGrants::rightsOf(const std::string& peerHost) const {
-  const std::string peer = canonicalAddress(peerHost);
-  if (empty()) {
-    return !peer.empty() && isLoopbackAddress(peer) ? PeerRights::all() : PeerRights();
+PeerRights PeerGrants::rightsOf(const PeerIdentity& peer, uid_t serviceUid) const {
+  if (peer.name.empty() || peer.transport == PeerTransport::kNone) {
+    return PeerRights();
   }
-  PeerRights held;
-  if (peer.empty()) {
-    return held;
+  if (peer.transport == PeerTransport::kLocal &&
+      (peer.name == localIdentityName(0) || peer.name == localIdentityName(serviceUid))) {
+    return PeerRights::all();
   }
+  std::set<int> held;
   for (const Grant& grant : m_grants) {
-    if (targetMatches(grant.target, peer)) {
-      held.merge(PeerRights::of(std::set<int>(grant.rights.begin(), grant.rights.end())));
+    if (grant.kind == peer.transport && (grant.target == peer.name || grant.target == "*")) {
+      held.insert(grant.rights.begin(), grant.rights.end());
     }
   }
-  return held;
+  return PeerRights::of(std::move(held));
 }
 
 }  // namespace Framework

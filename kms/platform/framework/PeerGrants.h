@@ -1,18 +1,32 @@
 // Which rights a calling peer holds, by the grant lines of the master
-// configuration:
+// configuration, one line a grant:
 //
-//   VRKMS_GRANT = <address, host name or *> <right>,<right>,...
+//   VRKMS_GRANT = uid:<user name or number> <rights>   a local user
+//   VRKMS_GRANT = cert:<subject> <rights>              a TLS client
+//   VRKMS_GRANT = <numeric address> <rights>           a plain TCP peer
+//   VRKMS_GRANT = * <rights>                           every plain TCP peer
 //
-// A peer holds the rights of every line whose target is "*", its own
-// address, or a host name that resolves to its address. With no grant line
-// at all, loopback peers hold every right and other peers none. Lines that
-// cannot be read (no target, a right that is no number) grant nothing.
+// <rights> is a list of right numbers joined by commas ("1,3" or "1, 3").
+// A subject is the certificate's subject as the TLS transport gives it
+// (e.g. "CN=media01"), written without spaces. A user name is looked up
+// when the lines are read.
+//
+// A peer holds the rights of every line that names it, and nothing else:
+// no line names a peer of another kind, and there is no default. Only a
+// local peer running as root or as the service's own user holds every
+// right without a line. A line that cannot be read makes the whole set of
+// lines unreadable (read() fails naming it); there is no partial reading.
+//
+// A value type, immutable once read: shared between threads freely.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
 
 #include "kms/platform/framework/AuthorizationTable.h"
+#include "kms/platform/framework/PeerIdentity.h"
 
 class VrConfReader;
 
@@ -21,39 +35,35 @@ namespace Vaultrest {
 namespace TL {
 namespace Framework {
 
-// The host of an ORB peer address: "giop:tcp:10.0.0.1:4000" gives
-// "10.0.0.1", "giop:tcp:[::1]:4000" gives "::1", and an IPv4 address in
-// IPv6 form ("::ffff:10.0.0.1") gives the IPv4 text. A text that is no such
-// address is given back as it stands.
-std::string peerHostOf(const std::string& address);
-
-// Whether `host` (a numeric address) is a loopback address.
-bool isLoopbackAddress(const std::string& host);
-
 class PeerGrants {
  public:
   struct Grant {
-    std::string target;
+    PeerTransport kind = PeerTransport::kNone;  // the transport of the peers it names
+    std::string target;  // identity name ("uid:1000", "cert:CN=a", "10.0.0.1") or "*"
     std::vector<int> rights;
   };
 
-  // The lines named `name` (e.g. "VRKMS_GRANT") of `config`.
-  PeerGrants(const VrConfReader& config, const std::string& name);
+  // No grant: only root and the service's user hold rights.
+  PeerGrants() = default;
   explicit PeerGrants(std::vector<Grant> grants) : m_grants(std::move(grants)) {}
 
-  // Parses one line's value; false for a line that cannot be read.
-  static bool parse(const std::string& value, Grant* grant);
+  // The lines named `name` (e.g. "VRKMS_GRANT") of `config`. Returns false,
+  // with *error naming the first line that cannot be read and why, and
+  // leaves *grants alone.
+  static bool read(const VrConfReader& config, const std::string& name, PeerGrants* grants,
+                   std::string* error);
 
-  // The rights of the peer at numeric address `peerHost`. Resolving host
-  // names may block.
-  PeerRights rightsOf(const std::string& peerHost) const;
+  // Parses one line's value; false with *why for a line that cannot be
+  // read.
+  static bool parse(const std::string& value, Grant* grant, std::string* why);
 
-  bool empty() const { return m_configured == 0; }
+  // The rights of `peer`. `serviceUid` is the uid the service runs as.
+  PeerRights rightsOf(const PeerIdentity& peer, uid_t serviceUid) const;
+
   const std::vector<Grant>& grants() const { return m_grants; }
 
  private:
   std::vector<Grant> m_grants;
-  size_t m_configured = 0;  // lines present, readable or not
 };
 
 }  // namespace Framework

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "kms/platform/framework/PeerIdentity.h"
+
 namespace Ardentis {
 namespace Vaultrest {
 namespace TL {
@@ -18,7 +20,8 @@ constexpr uint32_t kPeerVersionContextId = 0x56524b01;
 struct PeerTSSResources {
   bool remote = false;          // the thread serves a remote request
   std::string peerAddress;      // the ORB's text, "giop:tcp:10.0.0.1:4000"
-  std::string peerHost;         // the numeric host of peerAddress
+  std::string peerHost;         // the numeric host of peerAddress; loopback for a local peer
+  PeerIdentity identity;        // who the peer is, by its transport
   bool versionPresent = false;  // the peer sent its version
   uint8_t major = 0;
   uint8_t minor = 0;

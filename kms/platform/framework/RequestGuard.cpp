@@ -15,7 +15,7 @@
 #include <cstring>
 
 #include "kms/platform/framework/FrameworkLog.h"
-#include "kms/platform/framework/PeerGrants.h"
+#include "kms/platform/framework/PeerConnection.h"
 #include "kms/platform/framework/ServiceContainer.h"
 
 namespace Ardentis {
@@ -32,7 +32,11 @@ CORBA::Boolean onRequestReceived(omni::omniInterceptors::serverReceiveRequest_T:
   t_request.remote = true;
   const char* address = info.peeraddress();
   t_request.peerAddress = address != nullptr ? address : "";
-  t_request.peerHost = peerHostOf(t_request.peerAddress);
+  t_request.identity = identityOfConnection(info.giop_s.strand().connection, t_request.peerAddress);
+  // A local peer is on this host: the peer rule sees it as loopback.
+  t_request.peerHost = t_request.identity.transport == PeerTransport::kLocal
+                           ? "127.0.0.1"
+                           : peerHostOf(t_request.peerAddress);
   const IOP::ServiceContextList& contexts = info.giop_s.service_contexts();
   for (CORBA::ULong i = 0; i < contexts.length(); ++i) {
     if (contexts[i].context_id == kPeerVersionContextId && contexts[i].context_data.length() >= 3) {
@@ -101,11 +105,13 @@ bool RequestGuard::admit(ServiceContainer& container, const PeerTSSResources& pe
   if (builtIn) {
     return true;
   }
-  const PeerRights rights = container.peerRights(peer.peerHost);
+  const PeerRights rights = container.peerRights(peer.identity);
   if (!container.authorizes(operation, rights)) {
     FW_DEBUG("RequestGuard::admit", 1,
-             "Refused " << operation << " to peer " << peer.peerAddress
-                        << ": the peer lacks the rights");
+             "Refused " << operation << " to peer " << peer.peerAddress << " ("
+                        << transportName(peer.identity.transport) << " "
+                        << (peer.identity.name.empty() ? "unidentified" : peer.identity.name)
+                        << "): the peer lacks the rights");
     return false;
   }
   return true;

@@ -1,14 +1,15 @@
 // The framework's checks on every remote request, run by two ORB
 // interceptors:
 //
-//  - as a request arrives, the peer's address and the version it sent (the
-//    kPeerVersionContextId service context) are put in the record of the
-//    thread that serves it (PeerTSSResources);
+//  - as a request arrives, the peer's address, its identity (PeerIdentity:
+//    uid, certificate subject or address, by the connection's transport) and
+//    the version it sent (the kPeerVersionContextId service context) are put
+//    in the record of the thread that serves it (PeerTSSResources);
 //  - as the servant is about to be called, the process's ServiceContainer
 //    judges the peer: first extraServiceLevelValidation(peer host), then the
-//    registered authorization table, with the peer's rights from the master
-//    configuration (PeerGrants). A refusal is logged with the peer and the
-//    operation and answered with CORBA::NO_PERMISSION (COMPLETED_NO).
+//    registered authorization table, with the rights of the peer's identity
+//    by the grants of the master configuration (PeerGrants). A refusal is logged with the peer and
+//    the operation and answered with CORBA::NO_PERMISSION (COMPLETED_NO).
 //
 // The ORB's built-in operations ("_is_a", "_non_existent", ...) are judged
 // by the peer check only. Calls within the process are not judged.

@@ -1,11 +1,13 @@
 #include "kms/platform/framework/ServiceContainer.h"
 
+#include <unistd.h>
+
 #include <cctype>
 
 #include "kms/platform/InstallRoot.h"
 #include "kms/platform/VrConfReader.h"
 #include "kms/platform/framework/FrameworkLog.h"
-#include "kms/platform/framework/PeerGrants.h"
+#include "kms/platform/framework/PeerGrantsFile.h"
 
 namespace Ardentis {
 namespace Vaultrest {
@@ -59,11 +61,21 @@ int ServiceContainer::registerAuthorizationTable(const authorization_entry_s* ta
   return 0;
 }
 
-PeerRights ServiceContainer::peerRights(const std::string& peerHost) const {
-  const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-  const VrConfReader none;
-  const PeerGrants grants(config ? config->reader : none, upperCase(m_serviceName) + "_GRANT");
-  return grants.rightsOf(peerHost);
+std::shared_ptr<PeerGrantsFile> ServiceContainer::grantsFile() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_grants) {
+    m_grants = std::make_shared<PeerGrantsFile>(VR_master_config_path(),
+                                                upperCase(m_serviceName) + "_GRANT");
+  }
+  return m_grants;
+}
+
+bool ServiceContainer::loadGrants(std::string* error) {
+  return grantsFile()->load(error);
+}
+
+PeerRights ServiceContainer::peerRights(const PeerIdentity& peer) const {
+  return grantsFile()->current()->rightsOf(peer, ::geteuid());
 }
 
 bool ServiceContainer::authorizes(const std::string& key, const PeerRights& rights) const {
@@ -88,6 +100,10 @@ std::string ServiceContainer::endpoint() const {
 
 std::string ServiceContainer::runDirectory() const {
   return InstallRoot::path("var/" + m_serviceName);
+}
+
+std::string ServiceContainer::localSocketPath() const {
+  return runDirectory() + "/" + Orb::kLocalSocket;
 }
 
 std::string ServiceContainer::pidFilePath() const {

@@ -7,7 +7,7 @@
 // registerAuthorizationTable.
 //
 // Threads: made and destroyed on the main thread; extraServiceLevelValidation,
-// peerRights and authorizes run on ORB threads at once and keep no state.
+// peerRights and authorizes run on ORB threads at once.
 #pragma once
 
 #include <list>
@@ -17,6 +17,7 @@
 
 #include "kms/platform/framework/AuthorizationTable.h"
 #include "kms/platform/framework/OrbService.h"
+#include "kms/platform/framework/PeerIdentity.h"
 
 namespace Ardentis {
 namespace Vaultrest {
@@ -27,6 +28,8 @@ namespace Framework {
 struct ServiceContainerOptions {
   unsigned char flags;
 };
+
+class PeerGrantsFile;
 
 class ServiceContainer : public OrbService {
  public:
@@ -56,9 +59,14 @@ class ServiceContainer : public OrbService {
   // Returns 0, or -1 when there is no container.
   static int registerAuthorizationTable(const authorization_entry_s* table);
 
-  // The rights `peerHost` holds by the <NAME>_GRANT lines of the master
-  // configuration last read.
-  PeerRights peerRights(const std::string& peerHost) const;
+  // Reads the <NAME>_GRANT lines of the master configuration. False, with
+  // *error naming the file or the line, when they cannot be read whole: the
+  // service then refuses to start.
+  bool loadGrants(std::string* error);
+
+  // The rights `peer` holds by the <NAME>_GRANT lines of the master
+  // configuration last read whole (PeerGrantsFile.h, PeerGrants.h).
+  PeerRights peerRights(const PeerIdentity& peer) const;
   // Whether the registered table lets a peer with `rights` call `key`.
   bool authorizes(const std::string& key, const PeerRights& rights) const;
 
@@ -73,6 +81,8 @@ class ServiceContainer : public OrbService {
   // "$VREST_ROOT/var/<name>": pid file and IOR files.
   std::string runDirectory() const;
   std::string pidFilePath() const;
+  // The socket of the local (Unix-domain) endpoint, under runDirectory().
+  std::string localSocketPath() const;
 
  private:
   const bool m_singleThreaded;
@@ -82,8 +92,11 @@ class ServiceContainer : public OrbService {
   const int m_stopTimeoutSeconds;
   const ServiceContainerOptions m_options;
   const std::string m_endpoint;
-  mutable std::mutex m_mutex;  // guards m_table
+  mutable std::mutex m_mutex;  // guards m_table and m_grants (the pointer)
   std::shared_ptr<const AuthorizationTable> m_table;
+  mutable std::shared_ptr<PeerGrantsFile> m_grants;  // made on first use
+
+  std::shared_ptr<PeerGrantsFile> grantsFile() const;
 };
 
 }  // namespace Framework

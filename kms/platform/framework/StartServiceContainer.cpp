@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <iostream>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "kms/platform/framework/FrameworkLog.h"
+#include "kms/platform/framework/OrbTransports.h"
 #include "kms/platform/framework/ServiceProcess.h"
 #include "kms/platform/framework/SystemdNotifier.h"
 #include "kms/platform/framework/VRServiceObject.h"
@@ -138,11 +140,28 @@ void unloadServices(std::vector<LoadedService>& services) {
 int runService(ServiceContainer& container, int argc, char** argv, int readyFd) {
   std::vector<LoadedService> services;
   SignalWatcher watcher(container);
-  Orb* orb = container.getOrb();
-  if (orb->init(argc, argv, container.endpoint(), container.runDirectory()) != 0) {
+  // Who may call is settled before anyone can: a configuration whose grants
+  // cannot be read whole keeps the service from starting.
+  std::string grantsError;
+  if (!container.loadGrants(&grantsError)) {
+    FW_DEBUG("startServiceContainer", 1, "The service cannot start: " << grantsError);
+    std::cerr << container.serviceName() << ": cannot start: " << grantsError << std::endl;
     ServiceProcess::reportReady(readyFd, 1);
     return 1;
   }
+  Orb* orb = container.getOrb();
+  const std::string transports = OrbTransports::configure(container, *orb);
+  if (!transports.empty()) {
+    FW_DEBUG("startServiceContainer", 1, "The service cannot start: " << transports);
+    ServiceProcess::reportReady(readyFd, 1);
+    return 1;
+  }
+  if (orb->init(argc, argv, container.endpoint(), container.runDirectory(),
+                container.localSocketPath()) != 0) {
+    ServiceProcess::reportReady(readyFd, 1);
+    return 1;
+  }
+  OrbTransports::install();
   const bool started = loadServices(container, services);
   if (started) {
     watcher.setServices(services);
@@ -186,6 +205,7 @@ int runService(ServiceContainer& container, int argc, char** argv, int readyFd) 
   }
   watcher.setServices({});
   unloadServices(services);
+  OrbTransports::remove();
   orb->destroy();
   FW_DEBUG("startServiceContainer", 1, "The " << container.serviceName() << " service has stopped");
   return result;
