@@ -2,6 +2,8 @@
 // it, without an ORB.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 
@@ -14,6 +16,7 @@
 using namespace Ardentis::Vaultrest::TL::Framework;
 using Vaultrest::DL::KMS::KMSAuthTable;
 using Vaultrest::DL::KMS::KMSAuthTableRows;
+using Vaultrest::DL::KMS::KMSRightsTable;
 
 namespace {
 
@@ -71,6 +74,17 @@ TEST(Authorization, ServiceTableJoinsRowsByOrAndAnd) {
     EXPECT_EQ(table.alternatives(key), (std::vector<std::vector<int>>{{kKeyValueRight}})) << key;
   }
   EXPECT_TRUE(table.allows(kControl + "quiesce", PeerRights::all()));
+}
+
+TEST(Authorization, TheReadmeShowsTheTableOfTheCode) {
+  std::ifstream in(std::string(VRKMS_SOURCE_DIR) + "/README.md");
+  const std::string readme((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string begin = "<!-- rights table: vrkms-rights-table -->\n";
+  const size_t from = readme.find(begin);
+  const size_t to = readme.find("<!-- end of rights table -->");
+  ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < to);
+  EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()), KMSRightsTable())
+      << "paste the output of vrkms-rights-table into README.md";
 }
 
 TEST(Authorization, MixedJoinsBindAndBeforeOr) {
