@@ -26,6 +26,12 @@ bool isUnreachable(const CORBA::SystemException& e) {
          CORBA::INV_OBJREF::_downcast(&e) != nullptr || CORBA::TIMEOUT::_downcast(&e) != nullptr;
 }
 
+// Whether a system exception means that the reply could not be read as the
+// service writes it: not to be trusted, whoever sent it.
+bool isUntrusted(const CORBA::SystemException& e) {
+  return CORBA::MARSHAL::_downcast(&e) != nullptr;
+}
+
 std::string systemExceptionText(const CORBA::SystemException& e) {
   if (CORBA::NO_PERMISSION::_downcast(&e) != nullptr) {
     return "the service does not grant this host the right to this call";
@@ -65,6 +71,11 @@ int VrkmsCtl::run(const std::vector<std::string>& args) {
   } catch (const CORBA::SystemException& e) {
     if (isUnreachable(e)) {
       const std::string text = "cannot reach the service at " + reference;
+      CtlPrinter::error(json ? m_out : m_err, json, e._name(), false, text);
+      return kUnreachable;
+    }
+    if (isUntrusted(e)) {
+      const std::string text = "the reply from " + reference + " is not to be trusted";
       CtlPrinter::error(json ? m_out : m_err, json, e._name(), false, text);
       return kUnreachable;
     }

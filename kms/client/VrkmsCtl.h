@@ -8,7 +8,8 @@
 //      or import that the service answers with a non-zero code prints its
 //      status as any other result and ends with 1 too.
 //   2  a usage error (message and usage on standard error)
-//   3  the service cannot be reached
+//   3  the service cannot be reached, or its reply is not to be trusted
+//      (it cannot be read as the service writes it)
 #pragma once
 
 #include <ostream>

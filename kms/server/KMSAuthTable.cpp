@@ -1,5 +1,8 @@
 #include "kms/server/KMSAuthTable.h"
 
+#include <sstream>
+#include <vector>
+
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
@@ -69,6 +72,39 @@ const ::Ardentis::Vaultrest::TL::Framework::authorization_entry_s KMSAuthTable[]
 };
 
 const size_t KMSAuthTableRows = sizeof KMSAuthTable / sizeof KMSAuthTable[0] - 1;
+
+std::string KMSRightsTable() {
+  namespace Fw = ::Ardentis::Vaultrest::TL::Framework;
+  const Fw::AuthorizationTable table(KMSAuthTable);
+  std::vector<std::string> keys;
+  for (const Fw::authorization_entry_s* row = KMSAuthTable; row->name[0] != '\0'; ++row) {
+    if (keys.empty() || keys.back() != row->name) {
+      keys.push_back(row->name);
+    }
+  }
+  for (const char* keyValues : {KMS_MGR "getEximFacet", KMS_QUERY "getKey",
+                                KMS_QUERY "getKeyAndKad", KMS_QUERY "getKeyRecordsByKad"}) {
+    keys.push_back(keyValues);
+  }
+  std::ostringstream out;
+  out << "| operation | rights it asks for |\n|---|---|\n";
+  for (const std::string& key : keys) {
+    // "Ardentis/Vaultrest/DL/KMSFacetsV1/KMSQueryableFacet_getKey" as
+    // "KMSQueryableFacet.getKey".
+    const std::string name = key.substr(key.rfind('/') + 1);
+    const size_t cut = name.find('_');
+    out << "| `" << name.substr(0, cut) << "." << name.substr(cut + 1) << "` | ";
+    const std::vector<std::vector<int>> alternatives = table.alternatives(key);
+    for (size_t a = 0; a < alternatives.size(); ++a) {
+      out << (a == 0 ? "" : " or ");
+      for (size_t r = 0; r < alternatives[a].size(); ++r) {
+        out << (r == 0 ? "" : " and ") << alternatives[a][r];
+      }
+    }
+    out << " |\n";
+  }
+  return out.str();
+}
 
 #undef KMS_MGR
 #undef KMS_QUERY

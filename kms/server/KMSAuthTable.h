@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #include "kms/platform/framework/AuthorizationTable.h"
 
@@ -18,6 +19,11 @@ namespace KMS {
 // 40 rows and the end row.
 extern const ::Ardentis::Vaultrest::TL::Framework::authorization_entry_s KMSAuthTable[];
 extern const size_t KMSAuthTableRows;
+
+// The rights each remote operation of the service asks for, as a Markdown
+// table (one line an operation: the table's operations in its order, then
+// those without a row), for the README's "Who may call".
+std::string KMSRightsTable();
 
 }  // namespace KMS
 }  // namespace DL

@@ -1,5 +1,6 @@
-// The service's peer rule and the framework's judgement of a request, with
-// peers and master configurations made up by the test.
+// The service's peer rule, with peers and master configurations made up by
+// the test. (The framework's judgement of requests is tested on the running
+// service: VrkmsSecurityTest.)
 #include "kms/server/KMSServiceContainer.h"
 
 #include <gtest/gtest.h>
@@ -8,35 +9,21 @@
 #include <list>
 #include <string>
 
-#include "kms/platform/framework/RequestGuard.h"
-#include "kms/server/KMSAuthTable.h"
 #include "support/LogCapture.h"
 #include "support/PlatformTestRoot.h"
 
 using namespace Ardentis::Vaultrest::TL::Framework;
-using Vaultrest::DL::KMS::KMSAuthTable;
 using Vaultrest::DL::KMS::KMSServiceContainer;
 
 namespace {
 
 class ServiceContainerTest : public ::testing::Test {
  protected:
-  PeerTSSResources peer(const std::string& host) {
-    PeerTSSResources record;
-    record.remote = true;
-    record.peerHost = host;
-    record.peerAddress = "giop:tcp:" + host + ":4000";
-    record.identity = {PeerTransport::kTcp, host};
-    return record;
-  }
-
   PlatformTestRoot m_root;
   LogCapture m_log{6};
   KMSServiceContainer m_container{
       false, "vrkms", 286, std::list<std::string>{}, 10, ServiceContainerOptions{0}, ""};
 };
-
-const std::string kQueryFacet = "Ardentis/Vaultrest/DL/KMS/KMSMgr_getQueryableFacet";
 
 }  // namespace
 
@@ -76,37 +63,4 @@ TEST_F(ServiceContainerTest, EveryPeerPassesUnlessMediaServersAreBlocked) {
   EXPECT_FALSE(
       LogCapture::containing(m_log.debugLines(), "VR_read_master_config failed with status :")
           .empty());
-}
-
-TEST_F(ServiceContainerTest, RequestsAreJudgedByPeerRuleThenRights) {
-  ASSERT_EQ(ServiceContainer::current(), &m_container);
-  ASSERT_EQ(ServiceContainer::registerAuthorizationTable(KMSAuthTable), 0);
-
-  // No grant: no TCP peer holds a right, loopback included.
-  m_root.writeConf("SERVER = localhost\n");
-  EXPECT_FALSE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
-  EXPECT_FALSE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
-  // Built-in operations ask for no right.
-  EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), "_non_existent", true));
-
-  m_root.writeConf("SERVER = localhost\nVRKMS_GRANT = 192.0.2.7 3\nVRKMS_GRANT = * 4\n");
-  EXPECT_TRUE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
-  EXPECT_FALSE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
-  // No row: the key-value right.
-  EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"),
-                                  "Ardentis/Vaultrest/DL/KMS/KMSMgr_getEximFacet", false));
-
-  // The peer rule comes first: a refused media server gets nothing, even
-  // with the rights and even for a built-in operation.
-  m_root.writeConf("SERVER = localhost\nVRKMS_BLOCK_MEDIA = 1\nVRKMS_GRANT = * 1\n");
-  EXPECT_FALSE(RequestGuard::admit(m_container, peer("192.0.2.7"), kQueryFacet, false));
-  EXPECT_FALSE(RequestGuard::admit(m_container, peer("192.0.2.7"), "_is_a", true));
-  EXPECT_TRUE(RequestGuard::admit(m_container, peer("127.0.0.1"), kQueryFacet, false));
-
-  const auto refusals = LogCapture::containing(m_log.debugLines(), "Refused ");
-  EXPECT_EQ(refusals.size(), 5u);
-  EXPECT_FALSE(LogCapture::containing(refusals, "Refused " + kQueryFacet +
-                                                    " to peer giop:tcp:192.0.2.7:4000 (tcp "
-                                                    "192.0.2.7): the peer lacks the rights")
-                   .empty());
 }

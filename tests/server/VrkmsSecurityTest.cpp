@@ -15,11 +15,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <regex>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <KMS.h>
@@ -423,6 +425,133 @@ TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
   m_vrkms.writeExtraConf("VRKMS_GRANT = uid:65534 1,4\n");
   EXPECT_EQ(field(asNobody(true, {"--json", "key", "get", tag}).out, "key"), key);
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
+}
+
+// Bytes of a GIOP 1.0 message, little-endian, aligned from its start
+// (the version in which a client first calls a corbaloc object).
+struct Cdr {
+  std::string bytes;
+  void align(size_t n) { bytes.resize((bytes.size() + n - 1) / n * n, '\0'); }
+  void ulong(uint32_t v) {
+    align(4);
+    bytes.append(reinterpret_cast<const char*>(&v), 4);
+  }
+  void longlong(int64_t v) {
+    align(8);
+    bytes.append(reinterpret_cast<const char*>(&v), 8);
+  }
+  void string(const std::string& text) {
+    ulong(static_cast<uint32_t>(text.size() + 1));
+    bytes.append(text.c_str(), text.size() + 1);
+  }
+  // A reply to request `id` with `status`; size set by done().
+  Cdr(uint32_t id, uint32_t status) : bytes(std::string("GIOP\x01\x00\x01\x01", 8) + "size") {
+    ulong(0);  // no service context
+    ulong(id);
+    ulong(status);
+  }
+  std::string done() {
+    const uint32_t size = static_cast<uint32_t>(bytes.size() - 12);
+    bytes.replace(8, 4, reinterpret_cast<const char*>(&size), 4);
+    return bytes;
+  }
+};
+
+// The reply to request `id`: a ServiceException whose details nest `depth`
+// root causes deep, each written whole (no indirection, no chunks), as a
+// hostile server may send it.
+std::string nestedFailure(uint32_t id, int depth) {
+  Cdr m(id, 1);  // user exception
+  m.string("IDL:Ardentis/Vaultrest/TL/Framework/ServiceException:1.0");
+  for (int level = 0; level <= depth; ++level) {
+    m.ulong(0x7fffff02);
+    m.string("IDL:Ardentis/Vaultrest/TL/Framework/ErrorCodeExceptionDetails:1.0");
+    m.ulong(0);  // expansion
+    m.string("");
+    m.string("");
+    m.ulong(0);  // message: null
+    m.string("");
+    m.string("");
+    m.string("");
+    m.ulong(level < depth ? 1 : 0);  // root causes
+  }
+  for (int level = 0; level <= depth; ++level) {
+    m.longlong(0);
+    m.ulong(1200);
+  }
+  return m.done();
+}
+
+// Serves one connection on a loopback port as a manager would, but answers
+// every call but "_is_a" with nestedFailure(depth).
+void serveNestedFailure(int listener, int depth) {
+  const int fd = ::accept(listener, nullptr, nullptr);
+  char header[12];
+  while (::recv(fd, header, 12, MSG_WAITALL) == 12 && header[7] == 0) {
+    uint32_t size = 0;
+    std::memcpy(&size, header + 8, 4);
+    std::string body(size, '\0');
+    if (::recv(fd, &body[0], size, MSG_WAITALL) != static_cast<ssize_t>(size)) {
+      break;
+    }
+    // Service contexts, request id, response flag, object key, operation.
+    size_t at = 0;
+    const auto ulong = [&] {
+      uint32_t v = 0;
+      at = (at + 3) / 4 * 4;
+      std::memcpy(&v, body.data() + std::min(at, body.size() - 4), 4);
+      at += 4;
+      return v;
+    };
+    for (uint32_t contexts = ulong(); contexts > 0 && at < size; --contexts) {
+      ulong();
+      at += ulong();
+    }
+    const uint32_t id = ulong();
+    at += 1;
+    at += ulong();
+    const uint32_t length = ulong();
+    const std::string operation = body.substr(std::min<size_t>(at, size), length);
+    std::string reply;
+    if (operation == std::string("_is_a", 6)) {
+      Cdr m(id, 0);
+      m.bytes.push_back('\1');
+      reply = m.done();
+    } else {
+      reply = nestedFailure(id, depth);
+    }
+    if (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(reply.size())) {
+      break;
+    }
+  }
+  ::close(fd);
+}
+
+TEST_F(VrkmsSecurity, VrkmsctlDistrustsAReplyNestedBeyondReason) {
+  for (const int depth : {3, 20000}) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    std::thread fake(serveNestedFailure, listener, depth);
+    const ProcessResult r = m_vrkms.ctl(
+        {"--endpoint", "127.0.0.1:" + std::to_string(ntohs(address.sin_port)), "status"});
+    fake.join();
+    ::close(listener);
+    EXPECT_TRUE(r.exited) << depth << ": " << r.err;
+    if (depth == 3) {
+      EXPECT_EQ(r.exitStatus, 1) << r.err;
+      EXPECT_TRUE(startsWith(r.err, "error 1200: ")) << r.err;
+    } else {
+      EXPECT_EQ(r.exitStatus, 3) << r.err;
+      EXPECT_TRUE(startsWith(r.err, "error MARSHAL: the reply from corbaloc::127.0.0.1:")) << r.err;
+    }
+  }
 }
 
 // A TCP connection to the service that sends nothing.

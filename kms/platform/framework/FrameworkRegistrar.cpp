@@ -12,6 +12,32 @@ namespace Framework {
 
 namespace {
 
+namespace OBV_Framework = ::OBV_Ardentis::Vaultrest::TL::Framework;
+
+thread_local int t_detailDepth = 0;
+
+// Exception details that refuse to be read deeper than kMaxDetailDepth.
+template <typename Details>
+class BoundedDetails : public Details {
+ public:
+  void _PR_unmarshal_state(cdrStream& stream) override {
+    if (t_detailDepth >= FrameworkRegistrar::kMaxDetailDepth) {
+      throw CORBA::MARSHAL(0, CORBA::COMPLETED_MAYBE);
+    }
+    ++t_detailDepth;
+    struct Leave {
+      ~Leave() { --t_detailDepth; }
+    } leave;
+    Details::_PR_unmarshal_state(stream);
+  }
+};
+
+template <typename Details, typename Factory>
+class BoundedFactory : public Factory {
+ public:
+  CORBA::ValueBase* create_for_unmarshal() override { return new BoundedDetails<Details>(); }
+};
+
 template <typename Factory>
 void registerFactory(CORBA::ORB_ptr orb, const char* repositoryId) {
   CORBA::ValueFactoryBase_var factory = new Factory();
@@ -42,9 +68,14 @@ int FrameworkRegistrar::init(CORBA::ORB_ptr orb) {
   registerFactory<NumericMessageItem_init>(orb, NumericMessageItem::_PD_repoId);
   registerFactory<StringMessageItem_init>(orb, StringMessageItem::_PD_repoId);
   registerFactory<Message_init>(orb, Message::_PD_repoId);
-  registerFactory<ServiceExceptionDetails_init>(orb, ServiceExceptionDetails::_PD_repoId);
-  registerFactory<ErrorCodeExceptionDetails_init>(orb, ErrorCodeExceptionDetails::_PD_repoId);
-  registerFactory<IllegalArgumentExceptionDetails_init>(
+  registerFactory<
+      BoundedFactory<OBV_Framework::ServiceExceptionDetails, ServiceExceptionDetails_init>>(
+      orb, ServiceExceptionDetails::_PD_repoId);
+  registerFactory<
+      BoundedFactory<OBV_Framework::ErrorCodeExceptionDetails, ErrorCodeExceptionDetails_init>>(
+      orb, ErrorCodeExceptionDetails::_PD_repoId);
+  registerFactory<BoundedFactory<OBV_Framework::IllegalArgumentExceptionDetails,
+                                 IllegalArgumentExceptionDetails_init>>(
       orb, IllegalArgumentExceptionDetails::_PD_repoId);
   return 0;
 }
