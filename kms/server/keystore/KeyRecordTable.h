@@ -10,9 +10,10 @@
 //
 // Every change goes through addRecord, updateRecord and removeRecord, which
 // keep the indexes and end with the invariant's check of what they touched:
-// the number of listed keys, and the lists of the groups that the change
-// touched, whole. With the invariant true before, that keeps it true of the
-// whole table at a cost in proportion to the groups, not to the table.
+// the number of listed keys, the active keys at the front of the lists of
+// the groups that the change touched, and the place of the changed record.
+// With the invariant true before, that keeps it true of the whole table at
+// a cost that does not grow with the table.
 // testInvariant checks the whole table (after a load, and on demand). A
 // broken invariant aborts the process (message 89). Records may be changed in place through a
 // mutable findForChange or changeEach (as the key wrapping does), but never in tag, key group or
@@ -120,9 +121,11 @@ class KeyRecordTable : protected RecordTable<R> {
   // Aborts the process (message 89) if the indexes disagree with the
   // records or a group breaks the order or number of its active keys.
   void testInvariant() const;
-  // The same for the lists of `group` and `other` (if not empty) and the
-  // number of listed keys only; what a change touched.
-  void testGroups(const std::string& group, const std::string& other = std::string()) const;
+  // The same for what a change touched only: the number of listed keys, the
+  // active keys at the front of the lists of `group` and `other` (if not
+  // empty), and the place of the record of `tag` (if not empty) in its list.
+  void testGroups(const std::string& group, const std::string& other = std::string(),
+                  const std::string& tag = std::string()) const;
 
   // Console dump of the records, then of the group lists.
   void display() const;
@@ -170,7 +173,7 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
     return false;
   }
   insertTag(groupForChange(group), tag, active);
-  testGroups(group);
+  testGroups(group, std::string(), tag);
   return true;
 }
 
@@ -251,7 +254,7 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
   const bool updated = Base::updateRecord(rec);
   KS_ASSERT(kLabel, updated);
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
-  testGroups(oldGroup, rec.keyGroup());
+  testGroups(oldGroup, rec.keyGroup(), rec.tag());
   return true;
 }
 
@@ -376,7 +379,8 @@ void KeyRecordTable<R>::testInvariant() const {
 }
 
 template <typename R>
-void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& other) const {
+void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& other,
+                                   const std::string& tag) const {
   if (m_skipInvariant) {
     return;
   }
@@ -385,6 +389,7 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
   // 1. The lists name as many tags as there are records.
   const size_t numrecs = m_listed;
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
+  const auto touchedRecord = tag.empty() ? m_rectable.end() : m_rectable.find(tag);
   for (const std::string* touched : {&group, &other}) {
     if (touched == &other && (other.empty() || other == group)) {
       continue;
@@ -394,30 +399,36 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
       continue;
     }
     KS_ASSERT(kLabel, (giter->second).size() != 0);
-    // 2. and 3. Each listed tag has a record of this group (else the walk
-    //    of all records names the broken condition); active keys first,
-    //    at most one under the single-active rule.
+    // 3. The active keys at the front, at most one under the single-active
+    //    rule; each a record of this group (else the walk of all records
+    //    names the broken condition).
     auto liter = (giter->second).begin();
     size_t activekeycount = 0;
-    bool active = true;
     for (; liter != (giter->second).end(); ++liter) {
       const auto iter = m_rectable.find(*liter);
       if (iter == m_rectable.end() || iter->second.keyGroup() != *touched) {
         walkRecordsThroughGroupLists();
       }
-      if (iter->second.state() == KEY_ACTIVE) {
-        if (!active) {
-          break;
-        }
-        ++activekeycount;
-      } else {
-        active = false;
+      if (iter->second.state() != KEY_ACTIVE) {
+        break;
       }
+      ++activekeycount;
     }
     if (m_singleActive) {
       KS_ASSERT(kLabel, activekeycount <= 1);
     }
-    KS_ASSERT(kLabel, liter == (giter->second).end());
+    // 2. The touched record is listed in its group, and an active one
+    //    stands among the active keys at the front.
+    if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
+      liter = std::find((giter->second).begin(), (giter->second).end(), tag);
+      if (liter == (giter->second).end()) {
+        walkRecordsThroughGroupLists();
+      }
+      if (touchedRecord->second.state() == KEY_ACTIVE &&
+          static_cast<size_t>(liter - (giter->second).begin()) >= activekeycount) {
+        KS_ASSERT(kLabel, liter == (giter->second).end());
+      }
+    }
   }
 }
 
