@@ -3,12 +3,17 @@
 // invariant check, and the lookup by KAD. Each benchmark times a plain
 // reference in the same iterations and reports the ratio:
 //   copy, change: copying a std::vector<std::string> of the same key bytes;
-//   KAD lookup:   std::map<std::string, std::string>::find of the full tag.
+//   KAD lookup:   std::map<std::string, std::string>::find of the full tag;
+//   a long attribute list read from its bytes (1,000 to 100,000 entries):
+//                 filling a std::map of the same pairs in their order. A
+//                 ratio that stays flat over the sizes says the read is as
+//                 linear as the map it fills.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -18,9 +23,13 @@
 #include <vector>
 
 #include "bench/BenchReport.h"
+#include "kms/server/keystore/KSInputBuffer.h"
+#include "kms/server/keystore/KSOutStream.h"
 #include "kms/server/keystore/KeyRecordTable.h"
 #include "kms/server/keystore/KeyRecord_v1.h"
+#include "kms/server/keystore/ReaderWriter.h"
 #include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/StringOutDest.h"
 
 using namespace Vaultrest::DL::KMS;
 
@@ -212,6 +221,55 @@ void BM_GetTagsByKad(benchmark::State& state) {
                 reference, static_cast<double>(state.iterations()) * kBatch);
 }
 BENCHMARK(BM_GetTagsByKad)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+void BM_ReadLongAttributeList(benchmark::State& state) {
+  const size_t count = static_cast<size_t>(state.range(0));
+  std::vector<std::pair<std::string, std::string>> pairs;
+  AttributeList list;
+  for (size_t i = 0; i < count; ++i) {
+    char name[32];
+    std::snprintf(name, sizeof name, "ATTRIBUTE_%08zu", i);
+    pairs.emplace_back(name, "value of attribute " + std::to_string(i));
+    list.addAttribute(pairs.back().first, pairs.back().second);
+  }
+  std::string bytes;
+  StringOutDest dest(bytes);
+  KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
+  ReaderWriter::writeAttributeList(out, list);
+  out.flush(true);
+  double subject = 0;
+  double reference = 0;
+  for (auto _ : state) {
+    Clock::time_point t0 = Clock::now();
+    KSInputBuffer in(bytes);
+    AttributeList read;
+    ReaderWriter::readAttributeList(in, read);
+    Clock::time_point t1 = Clock::now();
+    if (read.size() != count) {
+      std::abort();
+    }
+    Clock::time_point t2 = Clock::now();
+    std::map<std::string, std::string> plain;
+    for (const auto& pair : pairs) {
+      plain.emplace_hint(plain.end(), pair.first, pair.second);
+    }
+    Clock::time_point t3 = Clock::now();
+    benchmark::DoNotOptimize(plain.size());
+    subject += seconds(t0, t1);
+    reference += seconds(t2, t3);
+    state.SetIterationTime(seconds(t0, t1));
+  }
+  bench::report(state,
+                {"read of a long attribute list", "filling a map of the same pairs in order",
+                 std::to_string(count) + " attributes"},
+                subject, reference);
+}
+BENCHMARK(BM_ReadLongAttributeList)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -6,19 +6,35 @@ namespace CmnCrypto {
 
 namespace {
 
+// The digest implementation, fetched once per process: a digest named by
+// EVP_sha256() is looked up again at every initialisation, which costs more
+// than hashing a record. Fetched with the default properties in force at the
+// first digest, after the process has decided its FIPS mode.
+const EVP_MD* fetched(const char* name) {
+  EVP_MD* md = EVP_MD_fetch(nullptr, name, nullptr);
+  if (md == nullptr) {
+    throw CmnException(std::string("HashGenerator: no implementation of ") + name);
+  }
+  return md;
+}
+
 const EVP_MD* digestOf(_HASH_ALGO algo) {
   switch (algo) {
-    case HASH_SHA256:
-      return EVP_sha256();
-    case HASH_SHA1:
-      return EVP_sha1();
+    case HASH_SHA256: {
+      static const EVP_MD* const sha256 = fetched("SHA256");
+      return sha256;
+    }
+    case HASH_SHA1: {
+      static const EVP_MD* const sha1 = fetched("SHA1");
+      return sha1;
+    }
   }
   throw CmnException("HashGenerator: unknown hash algorithm " + std::to_string(algo));
 }
 
 }  // namespace
 
-HashGenerator::HashGenerator(_HASH_ALGO algo) : m_ctx(nullptr) {
+HashGenerator::HashGenerator(_HASH_ALGO algo) : m_ctx(nullptr), m_algo(algo) {
   const EVP_MD* md = digestOf(algo);
   m_ctx = EVP_MD_CTX_new();
   if (m_ctx == nullptr) {
@@ -28,6 +44,13 @@ HashGenerator::HashGenerator(_HASH_ALGO algo) : m_ctx(nullptr) {
     EVP_MD_CTX_free(m_ctx);
     throw CmnException("HashGenerator: digest initialisation failed");
   }
+}
+
+void HashGenerator::restart() {
+  if (EVP_DigestInit_ex2(m_ctx, digestOf(m_algo), nullptr) != 1) {
+    throw CmnException("HashGenerator: digest initialisation failed");
+  }
+  m_finished = false;
 }
 
 HashGenerator::~HashGenerator() {
@@ -44,16 +67,21 @@ void HashGenerator::addData(const void* data, size_t len) {
 }
 
 std::string HashGenerator::generateBinaryHash() {
+  unsigned char out[EVP_MAX_MD_SIZE];
+  const size_t len = generateBinaryHash(out);
+  return std::string(reinterpret_cast<const char*>(out), len);
+}
+
+size_t HashGenerator::generateBinaryHash(unsigned char* out) {
   if (m_finished) {
     throw CmnException("HashGenerator: digest already generated");
   }
   m_finished = true;
-  unsigned char out[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
   if (EVP_DigestFinal_ex(m_ctx, out, &len) != 1) {
     throw CmnException("HashGenerator: digest finalisation failed");
   }
-  return std::string(reinterpret_cast<const char*>(out), len);
+  return len;
 }
 
 size_t HashGenerator::digestLength(_HASH_ALGO algo) {

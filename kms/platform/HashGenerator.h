@@ -37,12 +37,21 @@ class HashGenerator {
   // Finishes the digest and returns its raw bytes (32 for SHA-256, 20 for
   // SHA-1). The generator is spent afterwards.
   std::string generateBinaryHash();
+  // The same into `out`, which has room for EVP_MAX_MD_SIZE bytes; returns
+  // the digest's length.
+  size_t generateBinaryHash(unsigned char* out);
+
+  // Begins a new digest with the same selector, keeping the context: the
+  // cheap way to compute many digests one after the other.
+  void restart();
+  _HASH_ALGO algo() const { return m_algo; }
 
   // Length in bytes of the digest of `algo`; throws CmnException if unknown.
   static size_t digestLength(_HASH_ALGO algo);
 
  private:
   EVP_MD_CTX* m_ctx;
+  _HASH_ALGO m_algo;
   bool m_finished = false;
 };
 

@@ -144,11 +144,8 @@ inline Snapshot snapshotOf(FileKeyStore& store) {
   for (const KeyGrpRecord_v1& group : groups) {
     snap.groups.push_back({group, {group.numKeys(), group.hasActiveKey()}});
     snap.keys.emplace_back();
+    // In the store's order, which a reload keeps.
     store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
-    // By tag: a reload lists the keys of a group in tag order, behind the
-    // active one, and no longer in the order they came.
-    snap.keys.back().sort(
-        [](const KeyRecord_v1& a, const KeyRecord_v1& b) { return a.tag() < b.tag(); });
   }
   return snap;
 }

@@ -152,12 +152,16 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
 }
 
 // A commit that fails before the first rename changed nothing on disk: the
-// store goes on serving what it served, and takes the next change.
+// store goes on serving what it served, in the same order (which a reload
+// keeps), and takes the next change.
 TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServing) {
   LiveStore live;
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
+  for (const char* name : {"k1", "k2", "k3", "k4", "k5", "k6"}) {
+    live.addKey(g.tag(), name, KEY_PRELIVE);  // random tags: out of tag order
+  }
   const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
   KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
   legacy.setTag(std::string(32, 'L'));
@@ -191,6 +195,9 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
     // The entries were written before the write.
     EXPECT_FALSE(auditEntries(log).empty()) << change.first;
   }
+  ASSERT_EQ(store.shutdown(), 0);
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_TRUE(snapshotOf(store) == before);
 
   for (const auto& change : changes) {
     EXPECT_EQ(codeOf(change.second), 0) << change.first;

@@ -91,8 +91,9 @@ TEST(KeyRecordTable, UpdateNeverDemotesTheOldActiveKey) {
 
   // Demote the old key first, then the promotion goes through and moves the
   // tag to the front.
+  // Keys behind the active one stand in tag order, as a reload lists them.
   EXPECT_TRUE(table.updateRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE)));
-  EXPECT_EQ(table.getTagsByGroup(kGroupA), tags({tagOf(2), tagOf(1)}));
+  EXPECT_EQ(table.getTagsByGroup(kGroupA), tags({tagOf(1), tagOf(2)}));
   EXPECT_EQ(table.getActiveKeyInGroup(kGroupA), "");
   EXPECT_TRUE(table.updateRecord(keyRecord(tagOf(2), kGroupA, KEY_ACTIVE)));
   EXPECT_EQ(table.getTagsByGroup(kGroupA), tags({tagOf(2), tagOf(1)}));
@@ -112,10 +113,10 @@ TEST(KeyRecordTable, MovingKeysBetweenGroups) {
   table.addRecord(keyRecord(tagOf(2), kGroupB, KEY_ACTIVE));
   table.addRecord(keyRecord(tagOf(3), kGroupB, KEY_INACTIVE));
 
-  // A non-active key joins behind the active one, and as the last key of its
-  // group it takes the group's entry with it.
+  // A non-active key joins behind the active one in tag order, and as the
+  // last key of its group it takes the group's entry with it.
   EXPECT_TRUE(table.updateRecord(keyRecord(tagOf(1), kGroupB, KEY_DEPRECATED)));
-  EXPECT_EQ(table.getTagsByGroup(kGroupB), tags({tagOf(2), tagOf(3), tagOf(1)}));
+  EXPECT_EQ(table.getTagsByGroup(kGroupB), tags({tagOf(2), tagOf(1), tagOf(3)}));
   EXPECT_EQ(table.getNumKeysInGroup(kGroupA), 0u);
   const TagList& none = table.getTagsByGroup(kGroupA);
   EXPECT_TRUE(none.empty());
@@ -125,7 +126,7 @@ TEST(KeyRecordTable, MovingKeysBetweenGroups) {
   // order is kept.
   EXPECT_TRUE(table.updateRecord(keyRecord(tagOf(2), kGroupA, KEY_ACTIVE)));
   EXPECT_EQ(table.getTagsByGroup(kGroupA), tags({tagOf(2)}));
-  EXPECT_EQ(table.getTagsByGroup(kGroupB), tags({tagOf(3), tagOf(1)}));
+  EXPECT_EQ(table.getTagsByGroup(kGroupB), tags({tagOf(1), tagOf(3)}));
   EXPECT_EQ(table.getActiveKeyInGroup(kGroupA), tagOf(2));
   EXPECT_EQ(table.getActiveKeyInGroup(kGroupB), "");
 
@@ -221,9 +222,9 @@ TEST(KeyRecordTableDeathTest, SecondActiveKeyAbortsOnceTheCheckIsNoLongerSkipped
   table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_ACTIVE));
   table.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
   table.setSkipInvariant(true);
-  table.find(tagOf(2))->second.setState(KEY_ACTIVE);
+  table.findForChange(tagOf(2))->setState(KEY_ACTIVE);
   // The key itself may change in place.
-  table.find(tagOf(1))->second.setKey("rewrapped");
+  table.findForChange(tagOf(1))->setKey("rewrapped");
   EXPECT_TRUE(table.addRecord(keyRecord(tagOf(3), kGroupB, KEY_INACTIVE)));  // no check
   table.setSkipInvariant(false);
   EXPECT_DEATH(
@@ -238,11 +239,11 @@ TEST(KeyRecordTableDeathTest, ActiveKeyBehindAnotherKeyAborts) {
   KeyTable table(true);
   table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
   table.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
-  table.find(tagOf(2))->second.setState(KEY_ACTIVE);
+  table.findForChange(tagOf(2))->setState(KEY_ACTIVE);
   EXPECT_DEATH(
       {
         recordtest::logAppToStderr();
-        table.addRecord(keyRecord(tagOf(3), kGroupB, KEY_INACTIVE));
+        table.testInvariant();
       },
       "Assertion failed: \\(liter == \\(giter->second\\).end\\(\\)\\)");
 }
@@ -251,7 +252,7 @@ TEST(KeyRecordTableDeathTest, RecordOutsideItsGroupListAborts) {
   KeyTable table(true);
   table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
   table.addRecord(keyRecord(tagOf(2), kGroupB, KEY_INACTIVE));
-  table.find(tagOf(1))->second.setKeyGroup(tagOf(7, 'G'));  // a group with no entry
+  table.findForChange(tagOf(1))->setKeyGroup(tagOf(7, 'G'));  // a group with no entry
   EXPECT_DEATH(
       {
         recordtest::logAppToStderr();
@@ -259,7 +260,7 @@ TEST(KeyRecordTableDeathTest, RecordOutsideItsGroupListAborts) {
       },
       "Assertion failed: \\(giter != m_groups.end\\(\\)\\)");
 
-  table.find(tagOf(1))->second.setKeyGroup(kGroupB);  // listed under A, claims B
+  table.findForChange(tagOf(1))->setKeyGroup(kGroupB);  // listed under A, claims B
   EXPECT_DEATH(
       {
         recordtest::logAppToStderr();

@@ -195,12 +195,8 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
 void FileKeyStore::updateDescription(KeyTable& kr, GroupTable& kg,
                                      const std::string& description) const {
   KMS_TRACE_THIS("FileKeyStore::updateDescription");
-  for (auto it = kg.begin(); it != kg.end(); ++it) {
-    it->second.setDescription(description);
-  }
-  for (auto it = kr.begin(); it != kr.end(); ++it) {
-    it->second.setDescription(description);
-  }
+  kg.changeEach([&](KeyGrpRecord_v1& group) { group.setDescription(description); });
+  kr.changeEach([&](KeyRecord_v1& key) { key.setDescription(description); });
 }
 
 void FileKeyStore::importKeysAndKeyGroups(GroupTable& kg, KeyTable& kr) {

@@ -825,11 +825,10 @@ void FileKeyStore::encryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
   static const char* const kLabel = "FileKeyStore::encryptKeyRecords";
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kRewrapMap, [&] {
-    for (auto it = table.begin(); it != table.end(); ++it) {
-      KeyRecord_v1& rec = it->second;
+    table.changeEach([&](KeyRecord_v1& rec) {
       KMS_DEBUG(kLabel, 5, "Encrypting key [" << rec.name() << "]");
       rec.setKey(kpkMgr.encryptKey(rec.key(), rec.kpkType(), rec.kpkTag()));
-    }
+    });
   });
 }
 
@@ -837,12 +836,11 @@ void FileKeyStore::decryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
   static const char* const kLabel = "FileKeyStore::decryptKeyRecords";
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kRewrapMap, [&] {
-    for (auto it = table.begin(); it != table.end(); ++it) {
-      KeyRecord_v1& rec = it->second;
+    table.changeEach([&](KeyRecord_v1& rec) {
       std::string plain = kpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
       ScopedWipe wipe(plain);
       rec.setKey(plain);
-    }
+    });
   });
 }
 
@@ -851,12 +849,11 @@ void FileKeyStore::reencryptKeyRecords(KeyTable& table, const KPKMgr& oldKpkMgr,
   static const char* const kLabel = "FileKeyStore::reencryptKeyRecords";
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kRewrapMap, [&] {
-    for (auto it = table.begin(); it != table.end(); ++it) {
-      KeyRecord_v1& rec = it->second;
+    table.changeEach([&](KeyRecord_v1& rec) {
       std::string plain = oldKpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
       ScopedWipe wipe(plain);
       rec.setKey(newKpkMgr.encryptKey(plain, rec.kpkType(), rec.kpkTag()));
-    }
+    });
   });
 }
 

@@ -613,7 +613,8 @@ void FileKeyStore::readKeyStore(const KSInputBuffer& buffer, KSCrypt& crypter, K
     if (crypter.getDecryptedData(&plain, &length) != 0) {
       KS_THROW(kCrypterFailed, kLabel);
     }
-    KSInputBuffer plainBytes(std::string(reinterpret_cast<const char*>(plain), length));
+    // Read where the crypter holds them, which wipes them.
+    KSInputBuffer plainBytes(plain, length);
     readTables(plainBytes, keys, groups);
   });
 }

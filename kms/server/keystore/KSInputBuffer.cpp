@@ -14,6 +14,9 @@ KSInputBuffer::KSInputBuffer(std::string bytes)
       m_remaining(m_bytes.size()),
       m_cursor(reinterpret_cast<const unsigned char*>(m_bytes.data())) {}
 
+KSInputBuffer::KSInputBuffer(const unsigned char* bytes, unsigned long length)
+    : m_remaining(length), m_cursor(bytes) {}
+
 KSInputBuffer::~KSInputBuffer() {
   wipeString(m_bytes);
 }

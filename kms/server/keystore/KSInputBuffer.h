@@ -17,6 +17,9 @@ class KSInputBuffer {
   // Takes its own copy of `bytes` (moved in when given an rvalue); the
   // cursor starts at the first byte.
   explicit KSInputBuffer(std::string bytes);
+  // Reads the `length` bytes at `bytes` in place, without a copy: they must
+  // outlive the buffer, and their owner wipes them.
+  KSInputBuffer(const unsigned char* bytes, unsigned long length);
   ~KSInputBuffer();
   KSInputBuffer(const KSInputBuffer&) = delete;
   KSInputBuffer& operator=(const KSInputBuffer&) = delete;

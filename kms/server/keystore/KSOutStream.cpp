@@ -1,5 +1,7 @@
 #include "kms/server/keystore/KSOutStream.h"
 
+#include <cstring>
+
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 
@@ -32,8 +34,13 @@ void KSOutStream::write(const void* data, unsigned long len) {
   if (!m_buf.empty() && m_buf.size() + len > m_buf.capacity()) {
     flush(false);
   }
-  const unsigned char* bytes = static_cast<const unsigned char*>(data);
-  m_buf.insert(m_buf.end(), bytes, bytes + len);
+  if (len == 0) {
+    return;
+  }
+  // Within the reserved room: no reallocation, one copy.
+  const size_t used = m_buf.size();
+  m_buf.resize(used + len);
+  std::memcpy(m_buf.data() + used, data, len);
 }
 
 void KSOutStream::flush(bool final) {

@@ -2,25 +2,33 @@
 // one active key per group.
 //
 //  - by group: for each group tag the list of its key tags, active keys at
-//    the front and all others behind them. A group without keys has no entry.
-//  - by KAD: the first 12 bytes of each tag (the whole tag if shorter) with
-//    the tag, one entry per record.
+//    the front and all others behind them in the order of their tags, which
+//    is the order of the file: a group lists its keys in the same order
+//    before and after a reload. A group without keys has no entry.
+//  - by KAD: a KAD is a prefix of its tags, so the records themselves, in
+//    tag order, are the index: the tags of a KAD stand together.
 //
 // Every change goes through addRecord, updateRecord and removeRecord, which
-// keep the indexes and end with testInvariant; a broken invariant aborts the
-// process (message 89). Records may be changed in place through a mutable
-// iterator (as the key wrapping does), but never in tag, key group or state.
-// The base is not public, so no caller can reach its changes, which would
-// bypass the indexes.
+// keep the indexes and end with the invariant's check of what they touched:
+// the number of listed keys, the active keys at the front of the lists of
+// the groups that the change touched, and the place of the changed record.
+// With the invariant true before, that keeps it true of the whole table at
+// a cost that does not grow with the table.
+// testInvariant checks the whole table (after a load, and on demand). A
+// broken invariant aborts the process (message 89). Records may be changed in place through a
+// mutable findForChange or changeEach (as the key wrapping does), but never in tag, key group or
+// state. The base is not public, so no caller can reach its changes, which would bypass the
+// indexes.
 //
-// Copying copies the records and both indexes; the store copies a whole table
-// for each change. No lock: see RecordTable.
+// Copying shares the records and the group lists with the original until
+// either changes them (see RecordTable); the store copies the table for each
+// change at a cost in proportion to what the change touches. No lock: see
+// RecordTable.
 #pragma once
 
 #include <algorithm>
 #include <cstdio>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -60,7 +68,8 @@ class KeyRecordTable : protected RecordTable<R> {
   // Adds the record. False, with nothing changed, if the tag is taken or if
   // the record is KEY_ACTIVE and its group already has an active key under
   // the single-active rule.
-  bool addRecord(const R& rec);
+  bool addRecord(const R& rec) { return addRecord(R(rec)); }
+  bool addRecord(R&& rec);
 
   // Replaces the record of the same tag, moving its tag between or within
   // group lists when the key group or state changes. False, with nothing
@@ -73,8 +82,10 @@ class KeyRecordTable : protected RecordTable<R> {
   bool removeRecord(const std::string& tagToRemove);
 
   using Base::begin;
+  using Base::changeEach;
   using Base::end;
   using Base::find;
+  using Base::findForChange;
   using Base::getRecord;
   using Base::size;
 
@@ -110,6 +121,11 @@ class KeyRecordTable : protected RecordTable<R> {
   // Aborts the process (message 89) if the indexes disagree with the
   // records or a group breaks the order or number of its active keys.
   void testInvariant() const;
+  // The same for what a change touched only: the number of listed keys, the
+  // active keys at the front of the lists of `group` and `other` (if not
+  // empty), and the place of the record of `tag` (if not empty) in its list.
+  void testGroups(const std::string& group, const std::string& other = std::string(),
+                  const std::string& tag = std::string()) const;
 
   // Console dump of the records, then of the group lists.
   void display() const;
@@ -117,7 +133,14 @@ class KeyRecordTable : protected RecordTable<R> {
  private:
   using Base::m_rectable;
 
-  static std::string kadOf(const std::string& tag) { return tag.substr(0, kKadLength); }
+  // The group's list, made for a change (created if missing).
+  TagList& groupForChange(const std::string& group);
+  // Puts `tag` into `tags`: at the front if `active`, else among the keys
+  // behind the active ones in tag order.
+  void insertTag(TagList& tags, const std::string& tag, bool active);
+  // Takes `tag` out of the group's list, and the group's entry if that was
+  // its last key; false if the tag was not listed there.
+  bool eraseTag(const std::string& group, const std::string& tag);
   // Fills `listed` with the records of the group lists in list order, group
   // by group; false if a listed tag has no record of that group, or if the
   // lists do not name every record exactly once.
@@ -126,8 +149,9 @@ class KeyRecordTable : protected RecordTable<R> {
   // that is not listed there, and in any case.
   [[noreturn]] void walkRecordsThroughGroupLists() const;
 
-  std::map<std::string, TagList> m_groups;
-  std::multimap<std::string, std::string> m_kads;
+  SharedTagMap<TagList> m_groups;
+  // Number of tags in all group lists.
+  size_t m_listed = 0;
   bool m_singleActive;
   bool m_skipInvariant;
   static inline const std::string m_errorStr{};
@@ -135,24 +159,67 @@ class KeyRecordTable : protected RecordTable<R> {
 };
 
 template <typename R>
-bool KeyRecordTable<R>::addRecord(const R& rec) {
+bool KeyRecordTable<R>::addRecord(R&& rec) {
   KMS_TRACE_THIS("KeyRecordTable::addRecord");
   if (m_singleActive && rec.state() == KEY_ACTIVE && !getActiveKeyInGroup(rec.keyGroup()).empty()) {
-    testInvariant();
+    testGroups(rec.keyGroup());
     return false;
   }
-  if (!Base::addRecord(rec)) {
-    testInvariant();
+  const std::string tag = rec.tag();
+  const std::string group = rec.keyGroup();
+  const bool active = rec.state() == KEY_ACTIVE;
+  if (!Base::addRecord(std::move(rec))) {
+    testGroups(group);
     return false;
   }
-  TagList& tags = m_groups[rec.keyGroup()];
-  if (rec.state() == KEY_ACTIVE) {
-    tags.insert(tags.begin(), rec.tag());
-  } else {
-    tags.push_back(rec.tag());
+  insertTag(groupForChange(group), tag, active);
+  testGroups(group, std::string(), tag);
+  return true;
+}
+
+template <typename R>
+typename KeyRecordTable<R>::TagList& KeyRecordTable<R>::groupForChange(const std::string& group) {
+  TagList* tags = m_groups.findForChange(group);
+  if (tags == nullptr) {
+    m_groups.emplace(group, TagList());
+    tags = m_groups.findForChange(group);
   }
-  m_kads.emplace(kadOf(rec.tag()), rec.tag());
-  testInvariant();
+  return *tags;
+}
+
+template <typename R>
+void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool active) {
+  ++m_listed;
+  if (active) {
+    tags.insert(tags.begin(), tag);
+    return;
+  }
+  auto first = tags.begin();
+  while (first != tags.end()) {
+    const auto iter = m_rectable.find(*first);
+    if (iter == m_rectable.end() || iter->second.state() != KEY_ACTIVE) {
+      break;
+    }
+    ++first;
+  }
+  tags.insert(std::lower_bound(first, tags.end(), tag), tag);
+}
+
+template <typename R>
+bool KeyRecordTable<R>::eraseTag(const std::string& group, const std::string& tag) {
+  if (m_groups.find(group) == m_groups.end()) {
+    return false;
+  }
+  TagList& tags = *m_groups.findForChange(group);
+  const auto liter = std::find(tags.begin(), tags.end(), tag);
+  if (liter == tags.end()) {
+    return false;
+  }
+  tags.erase(liter);
+  --m_listed;
+  if (tags.empty()) {
+    m_groups.erase(group);
+  }
   return true;
 }
 
@@ -164,47 +231,30 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
   const auto iter = m_rectable.find(rec.tag());
   if (iter == m_rectable.end()) {
     KS_ASSERT(kLabel, numrecs == m_rectable.size());
-    testInvariant();
+    testGroups(rec.keyGroup());
     return false;
   }
 
   const R& stored = iter->second;
+  // A copy: `stored` may go when the record is replaced.
+  const std::string oldGroup = stored.keyGroup();
   if (stored.keyGroup() != rec.keyGroup() || stored.state() != rec.state()) {
     if (m_singleActive && rec.state() == KEY_ACTIVE &&
         !getActiveKeyInGroup(rec.keyGroup()).empty()) {
-      testInvariant();
+      testGroups(oldGroup, rec.keyGroup());
       return false;
     }
 
-    // Take the tag out of the old group's list.
-    bool erased = false;
-    const auto giter = m_groups.find(stored.keyGroup());
-    if (giter != m_groups.end()) {
-      TagList& oldTags = giter->second;
-      const auto liter = std::find(oldTags.begin(), oldTags.end(), rec.tag());
-      if (liter != oldTags.end()) {
-        oldTags.erase(liter);
-        erased = true;
-      }
-    }
+    // Take the tag out of the old group's list and put it into the new one.
+    const bool erased = eraseTag(stored.keyGroup(), rec.tag());
     KS_ASSERT(kLabel, erased == true);
-    if (giter->second.empty()) {
-      m_groups.erase(giter);
-    }
-
-    // And put it into the new one, active keys at the front.
-    TagList& newTags = m_groups[rec.keyGroup()];
-    if (rec.state() == KEY_ACTIVE) {
-      newTags.insert(newTags.begin(), rec.tag());
-    } else {
-      newTags.push_back(rec.tag());
-    }
+    insertTag(groupForChange(rec.keyGroup()), rec.tag(), rec.state() == KEY_ACTIVE);
   }
 
   const bool updated = Base::updateRecord(rec);
   KS_ASSERT(kLabel, updated);
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
-  testInvariant();
+  testGroups(oldGroup, rec.keyGroup(), rec.tag());
   return true;
 }
 
@@ -222,30 +272,8 @@ bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
     return false;
   }
 
-  bool erased = false;
-  const auto giter = m_groups.find(iter->second.keyGroup());
-  if (giter != m_groups.end()) {
-    TagList& tags = giter->second;
-    const auto liter = std::find(tags.begin(), tags.end(), tag);
-    if (liter != tags.end()) {
-      tags.erase(liter);
-      erased = true;
-    }
-  }
-  KS_ASSERT(kLabel, erased == true);
-  if (giter->second.empty()) {
-    m_groups.erase(giter);
-  }
-
-  erased = false;
-  const auto range = m_kads.equal_range(kadOf(tag));
-  for (auto kiter = range.first; kiter != range.second; ++kiter) {
-    if (kiter->second == tag) {
-      m_kads.erase(kiter);
-      erased = true;
-      break;
-    }
-  }
+  const std::string group = iter->second.keyGroup();
+  const bool erased = eraseTag(group, tag);
   KS_ASSERT(kLabel, erased == true);
 
   const bool removed = Base::removeRecord(tag);
@@ -255,7 +283,7 @@ bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
   // clang-format off
   KS_ASSERT(kLabel, m_rectable.find( tag ) == m_rectable.end());
   // clang-format on
-  testInvariant();
+  testGroups(group);
   return true;
 }
 
@@ -281,9 +309,14 @@ int KeyRecordTable<R>::getTagsByKad(const std::string& kad, TagList& tags) const
   if (kad.size() < kKadLength) {
     return 1220;
   }
-  const auto range = m_kads.equal_range(kadOf(kad));
-  for (auto kiter = range.first; kiter != range.second; ++kiter) {
-    const std::string& tag = kiter->second;
+  // The tags that begin with the KAD's first 12 bytes stand together in tag
+  // order, from the first tag not less than those 12 bytes.
+  const std::string prefix = kad.substr(0, kKadLength);
+  for (auto iter = m_rectable.lower_bound(prefix); iter != m_rectable.end(); ++iter) {
+    const std::string& tag = iter->first;
+    if (tag.compare(0, kKadLength, prefix) != 0) {
+      break;
+    }
     const size_t length = std::min(tag.size(), kad.size());
     if (tag.compare(0, length, kad, 0, length) == 0) {
       tags.push_back(tag);
@@ -342,8 +375,61 @@ void KeyRecordTable<R>::testInvariant() const {
     KS_ASSERT(kLabel, liter == (giter->second).end());
   }
 
-  // 4. One KAD entry per record.
-  KS_ASSERT(kLabel, m_kads.size() == m_rectable.size());
+  // 4. The KAD index is the records themselves: nothing to check.
+}
+
+template <typename R>
+void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& other,
+                                   const std::string& tag) const {
+  if (m_skipInvariant) {
+    return;
+  }
+  KMS_TRACE_THIS("KeyRecordTable::testInvariant");
+  static constexpr const char* kLabel = "KeyRecordTable::testInvariant";
+  // 1. The lists name as many tags as there are records.
+  const size_t numrecs = m_listed;
+  KS_ASSERT(kLabel, numrecs == m_rectable.size());
+  const auto touchedRecord = tag.empty() ? m_rectable.end() : m_rectable.find(tag);
+  for (const std::string* touched : {&group, &other}) {
+    if (touched == &other && (other.empty() || other == group)) {
+      continue;
+    }
+    const auto giter = m_groups.find(*touched);
+    if (giter == m_groups.end()) {
+      continue;
+    }
+    KS_ASSERT(kLabel, (giter->second).size() != 0);
+    // 3. The active keys at the front, at most one under the single-active
+    //    rule; each a record of this group (else the walk of all records
+    //    names the broken condition).
+    auto liter = (giter->second).begin();
+    size_t activekeycount = 0;
+    for (; liter != (giter->second).end(); ++liter) {
+      const auto iter = m_rectable.find(*liter);
+      if (iter == m_rectable.end() || iter->second.keyGroup() != *touched) {
+        walkRecordsThroughGroupLists();
+      }
+      if (iter->second.state() != KEY_ACTIVE) {
+        break;
+      }
+      ++activekeycount;
+    }
+    if (m_singleActive) {
+      KS_ASSERT(kLabel, activekeycount <= 1);
+    }
+    // 2. The touched record is listed in its group, and an active one
+    //    stands among the active keys at the front.
+    if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
+      liter = std::find((giter->second).begin(), (giter->second).end(), tag);
+      if (liter == (giter->second).end()) {
+        walkRecordsThroughGroupLists();
+      }
+      if (touchedRecord->second.state() == KEY_ACTIVE &&
+          static_cast<size_t>(liter - (giter->second).begin()) >= activekeycount) {
+        KS_ASSERT(kLabel, liter == (giter->second).end());
+      }
+    }
+  }
 }
 
 template <typename R>

@@ -16,7 +16,7 @@ KeyRecord_v1::KeyRecord_v1() : m_state(KEY_INVALID), m_kpktype(KPK_INVALID) {
   testInvariant();
 }
 
-void KeyRecord_v1::setKeyGroup(const std::string& groupTag) {
+void KeyRecord_v1::setKeyGroup(std::string_view groupTag) {
   assignBoundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", m_kgroup,
                      groupTag);
   testInvariant();
@@ -42,12 +42,12 @@ void KeyRecord_v1::setKpkType(ks_kpktype_t type) {
   testInvariant();
 }
 
-void KeyRecord_v1::setKpkTag(const std::string& kpkTag) {
+void KeyRecord_v1::setKpkTag(std::string_view kpkTag) {
   assignBoundedField("KeyRecord_v1::setKpkTag", "Encountered KpkTag of size: ", m_kpktag, kpkTag);
   testInvariant();
 }
 
-void KeyRecord_v1::setKey(const std::string& key) {
+void KeyRecord_v1::setKey(std::string_view key) {
   if (key.size() > kMaxRecordFieldLength) {
     KMS_DEBUG("KeyRecord_v1::setKey", 1, "Encountered Key of size: " << key.size());
     KS_THROW(1214, "KeyRecord_v1::setKey");

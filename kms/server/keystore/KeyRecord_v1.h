@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "kms/server/keystore/AttributeList.h"
@@ -44,11 +45,11 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
   const std::string& kpkTag() const { return m_kpktag; }
   const std::string& key() const { return m_key.bytes(); }
 
-  void setKeyGroup(const std::string& groupTag);  // throws 1214
-  void setState(ks_keystate_t state);             // throws 1214
-  void setKpkType(ks_kpktype_t type);             // throws 1214
-  void setKpkTag(const std::string& kpkTag);      // throws 1214
-  void setKey(const std::string& key);            // throws 1214
+  void setKeyGroup(std::string_view groupTag);  // throws 1214
+  void setState(ks_keystate_t state);           // throws 1214
+  void setKpkType(ks_kpktype_t type);           // throws 1214
+  void setKpkTag(std::string_view kpkTag);      // throws 1214
+  void setKey(std::string_view key);            // throws 1214
 
   // Sets tag, name, update time, create time, description, revision, key
   // group, state, KPK type, KPK tag and key, in that order, each through its
@@ -98,9 +99,9 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
 
     const std::string& bytes() const { return m_bytes; }
     size_t size() const { return m_bytes.size(); }
-    void assign(const std::string& bytes) {
+    void assign(std::string_view bytes) {
       wipe();
-      m_bytes = bytes;
+      m_bytes.assign(bytes.data(), bytes.size());
     }
     bool operator==(const KeyBytes& other) const { return m_bytes == other.m_bytes; }
 

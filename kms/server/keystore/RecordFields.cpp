@@ -8,24 +8,24 @@ namespace DL {
 namespace KMS {
 
 void assignBoundedField(const char* function, const char* what, std::string& field,
-                        const std::string& value) {
+                        std::string_view value) {
   if (value.size() > kMaxRecordFieldLength) {
     KMS_DEBUG(function, 1, what << value.size());
     KS_THROW(1214, function);
   }
-  field = value;
+  field.assign(value);
 }
 
 void assignTruncatedField(const char* function, const char* what, std::string& field,
-                          const std::string& value) {
+                          std::string_view value) {
   if (value.size() > kMaxRecordFieldLength) {
     KMS_DEBUG(function, 1,
               "Encountered " << what << " of size " << value.size() << ". Truncating to "
                              << kMaxRecordFieldLength);
-    field.assign(value, 0, kMaxRecordFieldLength);
+    field.assign(value.substr(0, kMaxRecordFieldLength));
     return;
   }
-  field = value;
+  field.assign(value);
 }
 
 }  // namespace KMS

@@ -17,12 +17,12 @@ constexpr size_t kMaxRecordFieldLength = 4096;
 // `what` and the size at debug level 1 under `function` and throws
 // KeyStoreError 1214; `field` is unchanged.
 void assignBoundedField(const char* function, const char* what, std::string& field,
-                        const std::string& value);
+                        std::string_view value);
 
 // Assigns the first 4096 bytes of `value` to `field`; a longer value is logged
 // as "Encountered <what> of size <n>. Truncating to 4096" under `function`.
 void assignTruncatedField(const char* function, const char* what, std::string& field,
-                          const std::string& value);
+                          std::string_view value);
 
 // What assignTruncatedField keeps of `value`: a name is stored this way, so
 // it is looked up and compared this way too. Valid while `value` is.

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/AttributeList.h"
 #include "kms/server/keystore/RecordFields.h"
@@ -34,12 +35,12 @@ class SharedRecordFields {
   // The list keeps its own limits, so it may be changed in place.
   AttributeList& attributes() { return m_attrs; }
 
-  void setTag(const std::string& tag) {  // throws 1214
+  void setTag(std::string_view tag) {  // throws 1214
     static const std::string kLabel = qualified("setTag");
     assignBoundedField(kLabel.c_str(), "Encountered TAG of size: ", m_tag, tag);
     self().testInvariant();
   }
-  void setName(const std::string& name) {
+  void setName(std::string_view name) {
     static const std::string kLabel = qualified("setName");
     assignTruncatedField(kLabel.c_str(), "Name", m_name, name);
     self().testInvariant();
@@ -52,7 +53,7 @@ class SharedRecordFields {
     m_createtime = seconds;
     self().testInvariant();
   }
-  void setDescription(const std::string& description) {
+  void setDescription(std::string_view description) {
     static const std::string kLabel = qualified("setDescription");
     assignTruncatedField(kLabel.c_str(), "Description", m_description, description);
     self().testInvariant();

@@ -1,0 +1,233 @@
+// An ordered map from tag (byte string) to V whose copies share what neither
+// of them has changed since the copy.
+//
+// The entries are spread over 256 shards by the first byte of the tag (the
+// empty tag goes to the first), each shard an ordered map; walking the shards
+// in order walks the entries in the order of the tags' bytes, as one map
+// would. A copy copies the 256 shard pointers only. A change makes its shard
+// private first: a table changes a shard in place only if it made that shard
+// itself and has not been copied since; otherwise it copies that one shard.
+// Tags are random, so a change of one entry copies about 1/256 of the map.
+//
+// Shards are never changed while another map can see them, so maps that
+// share shards may be read from different threads at once while one of them
+// changes (each map itself is guarded like a std::map: one writer or any
+// number of readers). An iterator holds its shard, so it stays usable when
+// its map makes that shard private; it then shows the entries as they were.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <bitset>
+#include <cstddef>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+template <typename V>
+class SharedTagMap {
+ public:
+  typedef std::map<std::string, V> Shard;
+  typedef typename Shard::value_type value_type;
+  static constexpr size_t kShards = 256;
+  typedef std::array<std::shared_ptr<Shard>, kShards> Shards;
+
+  class const_iterator {
+   public:
+    typedef std::forward_iterator_tag iterator_category;
+    typedef typename Shard::value_type value_type;
+    typedef std::ptrdiff_t difference_type;
+    typedef const value_type* pointer;
+    typedef const value_type& reference;
+
+    const_iterator() = default;
+    reference operator*() const { return *m_it; }
+    pointer operator->() const { return &*m_it; }
+    const_iterator& operator++() {
+      if (++m_it == m_shard->end()) {
+        settle(m_index + 1);
+      }
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator before = *this;
+      ++*this;
+      return before;
+    }
+    bool operator==(const const_iterator& other) const {
+      return m_index == other.m_index && (m_index == kShards || m_it == other.m_it);
+    }
+    bool operator!=(const const_iterator& other) const { return !(*this == other); }
+
+   private:
+    friend class SharedTagMap;
+    const_iterator(const Shards* shards, size_t index) : m_shards(shards) { settle(index); }
+    const_iterator(const Shards* shards, size_t index, typename Shard::const_iterator it)
+        : m_shards(shards), m_index(index), m_shard((*shards)[index]), m_it(it) {
+      if (m_it == m_shard->end()) {
+        settle(index + 1);
+      }
+    }
+    // Moves to the first entry of the first non-empty shard from `index` on.
+    void settle(size_t index) {
+      for (m_index = index; m_index < kShards; ++m_index) {
+        const std::shared_ptr<Shard>& shard = (*m_shards)[m_index];
+        if (shard && !shard->empty()) {
+          m_shard = shard;
+          m_it = m_shard->cbegin();
+          return;
+        }
+      }
+      m_shard.reset();
+      m_it = typename Shard::const_iterator();
+    }
+
+    const Shards* m_shards = nullptr;
+    size_t m_index = kShards;
+    std::shared_ptr<const Shard> m_shard;
+    typename Shard::const_iterator m_it;
+  };
+  typedef const_iterator iterator;
+
+  SharedTagMap() = default;
+  SharedTagMap(const SharedTagMap& other) : m_shards(other.m_shards), m_size(other.m_size) {
+    other.m_lent.store(true, std::memory_order_relaxed);
+  }
+  SharedTagMap& operator=(const SharedTagMap& other) {
+    if (this != &other) {
+      m_shards = other.m_shards;
+      m_size = other.m_size;
+      m_owned.reset();
+      other.m_lent.store(true, std::memory_order_relaxed);
+    }
+    return *this;
+  }
+  SharedTagMap(SharedTagMap&& other) noexcept
+      : m_shards(std::move(other.m_shards)),
+        m_owned(other.m_owned),
+        m_lent(other.m_lent.load(std::memory_order_relaxed)),
+        m_size(other.m_size) {
+    other.clear();
+  }
+  SharedTagMap& operator=(SharedTagMap&& other) noexcept {
+    if (this != &other) {
+      m_shards = std::move(other.m_shards);
+      m_owned = other.m_owned;
+      m_lent.store(other.m_lent.load(std::memory_order_relaxed), std::memory_order_relaxed);
+      m_size = other.m_size;
+      other.clear();
+    }
+    return *this;
+  }
+
+  const_iterator begin() const { return const_iterator(&m_shards, 0); }
+  const_iterator end() const { return const_iterator(); }
+  size_t size() const { return m_size; }
+  bool empty() const { return m_size == 0; }
+
+  const_iterator find(const std::string& tag) const {
+    const size_t index = shardOf(tag);
+    const Shard* shard = m_shards[index].get();
+    if (shard == nullptr) {
+      return end();
+    }
+    const auto it = shard->find(tag);
+    return it == shard->end() ? end() : const_iterator(&m_shards, index, it);
+  }
+
+  // The first entry whose tag is not less than `tag`.
+  const_iterator lower_bound(const std::string& tag) const {
+    const size_t index = shardOf(tag);
+    const Shard* shard = m_shards[index].get();
+    if (shard == nullptr) {
+      return const_iterator(&m_shards, index + 1);
+    }
+    return const_iterator(&m_shards, index, shard->lower_bound(tag));
+  }
+
+  // Inserts if the tag is new (true); an existing entry stays (false).
+  template <typename Value>
+  bool emplace(const std::string& tag, Value&& value) {
+    if (find(tag) != end()) {
+      return false;
+    }
+    writableShard(shardOf(tag)).emplace(tag, std::forward<Value>(value));
+    ++m_size;
+    return true;
+  }
+
+  // The entry's value, made private to this map for a change; null if the
+  // tag is absent. Valid until the next change of the map.
+  V* findForChange(const std::string& tag) {
+    if (find(tag) == end()) {
+      return nullptr;
+    }
+    return &writableShard(shardOf(tag)).find(tag)->second;
+  }
+
+  // True if an entry was erased.
+  bool erase(const std::string& tag) {
+    if (find(tag) == end()) {
+      return false;
+    }
+    writableShard(shardOf(tag)).erase(tag);
+    --m_size;
+    return true;
+  }
+
+  // Calls `change(tag, value&)` for every entry in tag order, each made
+  // private to this map first. `change` must not touch the map.
+  template <typename Change>
+  void changeEach(Change&& change) {
+    for (size_t index = 0; index < kShards; ++index) {
+      if (m_shards[index] && !m_shards[index]->empty()) {
+        for (auto& entry : writableShard(index)) {
+          change(entry.first, entry.second);
+        }
+      }
+    }
+  }
+
+  void clear() {
+    m_shards = Shards();
+    m_owned.reset();
+    m_lent.store(false, std::memory_order_relaxed);
+    m_size = 0;
+  }
+
+ private:
+  static size_t shardOf(const std::string& tag) {
+    return tag.empty() ? 0 : static_cast<unsigned char>(tag[0]);
+  }
+
+  // The shard, copied first unless this map made it and has not been copied
+  // since.
+  Shard& writableShard(size_t index) {
+    if (m_lent.exchange(false, std::memory_order_relaxed)) {
+      m_owned.reset();
+    }
+    if (!m_owned[index]) {
+      m_shards[index] =
+          m_shards[index] ? std::make_shared<Shard>(*m_shards[index]) : std::make_shared<Shard>();
+      m_owned.set(index);
+    }
+    return *m_shards[index];
+  }
+
+  Shards m_shards;
+  // Shards that only this map can see.
+  std::bitset<kShards> m_owned;
+  // Set when the map is copied: every shard is shared from then on.
+  mutable std::atomic<bool> m_lent{false};
+  size_t m_size = 0;
+};
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
