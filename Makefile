@@ -8,6 +8,8 @@ CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 # Tests that exercise threads against each other: run under ThreadSanitizer.
 TSAN_TESTS ?= StoreLock|Concurrent|CrypterPool|VrkmsLoad|Facet
 FUZZ_SECONDS ?= 15
+# ON in CI (.ci/run): compiler warnings are errors in the gcc builds.
+WERROR ?= OFF
 
 .PHONY: all deps configure build test test-asan test-tsan fuzz-smoke ci bench run format clean
 
@@ -17,7 +19,7 @@ deps:
 	@scripts/install-deps
 
 configure: deps
-	@cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS) -DVRKMS_WERROR=$(WERROR) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
@@ -26,9 +28,11 @@ test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
 # Every unit and process-level test, built with AddressSanitizer and
-# UndefinedBehaviorSanitizer (any report fails the test).
+# UndefinedBehaviorSanitizer (any report fails the test). The benchmarks,
+# which it would not run, are left out of this build.
 test-asan: deps
-	@cmake -S . -B build-asan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=address,undefined >/dev/null
+	@cmake -S . -B build-asan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=address,undefined -DVRKMS_WERROR=$(WERROR) \
+	  -DCMAKE_DISABLE_FIND_PACKAGE_benchmark=ON >/dev/null
 	@cmake --build build-asan -j $(JOBS)
 	@cd build-asan && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
@@ -36,7 +40,7 @@ test-asan: deps
 
 # The concurrency tests, built with ThreadSanitizer.
 test-tsan: deps
-	@cmake -S . -B build-tsan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=thread >/dev/null
+	@cmake -S . -B build-tsan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=thread -DVRKMS_WERROR=$(WERROR) >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target keystore_tests server_tests vrkms vrkmsctl
 	@cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
@@ -46,7 +50,7 @@ fuzz-smoke: deps
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
 
 # What CI runs: the tests, the sanitizer builds and a short fuzzing run.
-ci: test test-asan test-tsan fuzz-smoke
+ci: test format-check test-long test-asan test-tsan fuzz-smoke
 
 bench: build
 	@scripts/run-benchmarks $(BUILD_DIR)
@@ -66,3 +70,17 @@ clean:
 package: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target vrkms vrkmsctl vrclusterutil
 	@cd $(BUILD_DIR) && cpack -G DEB -B package
+
+# The tests labelled long at full length (200 SIGKILLs of the service, 30 s
+# of load); every other run of them, `make test` and the sanitizer builds
+# included, is short.
+.PHONY: test-long
+LONG_TEST_ENV ?= VRKMS_KILLS=200 VRKMS_LOAD_SECONDS=30
+test-long: build
+	@cd $(BUILD_DIR) && $(LONG_TEST_ENV) ctest --output-on-failure -L long
+
+# Fails on any file `make format` would change.
+.PHONY: format-check
+format-check:
+	@find kms tests bench fuzz tools \( -name '*.h' -o -name '*.cpp' \) -print0 | \
+	  xargs -0 clang-format --dry-run -Werror

@@ -17,8 +17,8 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <regex>
 #include <memory>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
