@@ -225,6 +225,8 @@ class FuzzedService {
         << "SERVER = localhost\n"
         << "KMS_DIR = " << m_root << "/kms\n"
         << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:\n"
+        // The fuzzer calls from loopback, which holds only what it is granted.
+        << "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n"
         << "VRKMS_DEBUG_LEVEL = " << setting("GIOP_FUZZ_DEBUG_LEVEL", 4) << "\n";
   }
 
