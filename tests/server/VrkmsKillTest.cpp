@@ -500,7 +500,14 @@ class KillRun {
       // The run files of the dead service did not stand in the way, and now
       // name this one.
       EXPECT_EQ(m_sandbox.readFile("var/vrkms/vrkms.pid"), std::to_string(pid) + "\n");
-      EXPECT_EQ(m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
+      // The manager answers by its corbaloc name a moment before its IOR
+      // file has been renamed into place.
+      std::string ior;
+      for (auto until = Clock::now() + 10s; ior.empty() && Clock::now() < until;
+           std::this_thread::sleep_for(5ms)) {
+        ior = m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior");
+      }
+      EXPECT_EQ(ior.substr(0, 4), "IOR:");
       compare(actual);
       m_connection = std::move(service);
       return ::testing::Test::HasFailure() ? Start::Failed : Start::Serving;
