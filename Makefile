@@ -6,6 +6,11 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 # Tests that exercise threads against each other: run under ThreadSanitizer.
+# Tests run in a PID namespace of their own where the machine allows it: the
+# service and the administrator options refuse while another vrkms runs, so
+# a vrkms elsewhere on the machine must not be visible to them.
+ISOLATE ?= $(shell unshare --pid --fork --mount-proc true 2>/dev/null && echo unshare --pid --fork --mount-proc)
+
 TSAN_TESTS ?= StoreLock|Concurrent|CrypterPool|VrkmsLoad|Facet
 FUZZ_SECONDS ?= 15
 # ON in CI (.ci/run): compiler warnings are errors in the gcc builds.
@@ -25,7 +30,7 @@ build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
 
 test: build
-	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+	@cd $(BUILD_DIR) && $(ISOLATE) ctest --output-on-failure -j $(JOBS) --timeout 600
 
 # Every unit and process-level test, built with AddressSanitizer and
 # UndefinedBehaviorSanitizer (any report fails the test). The benchmarks,
@@ -36,14 +41,14 @@ test-asan: deps
 	@cmake --build build-asan -j $(JOBS)
 	@cd build-asan && ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-	  ctest --output-on-failure -j $(JOBS) --timeout 900
+	  $(ISOLATE) ctest --output-on-failure -j $(JOBS) --timeout 900
 
 # The concurrency tests, built with ThreadSanitizer.
 test-tsan: deps
 	@cmake -S . -B build-tsan $(CMAKE_FLAGS) -DVRKMS_SANITIZE=thread -DVRKMS_WERROR=$(WERROR) >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target keystore_tests server_tests vrkms vrkmsctl
 	@cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-	  ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
+	  $(ISOLATE) ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
 
 # Every fuzz target for FUZZ_SECONDS seconds (clang, ASan and UBSan).
 fuzz-smoke: deps
@@ -77,7 +82,7 @@ package: configure
 .PHONY: test-long
 LONG_TEST_ENV ?= VRKMS_KILLS=200 VRKMS_LOAD_SECONDS=30
 test-long: build
-	@cd $(BUILD_DIR) && $(LONG_TEST_ENV) ctest --output-on-failure -L long
+	@cd $(BUILD_DIR) && $(LONG_TEST_ENV) $(ISOLATE) ctest --output-on-failure -L long
 
 # Fails on any file `make format` would change.
 .PHONY: format-check
