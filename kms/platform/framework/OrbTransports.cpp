@@ -196,8 +196,8 @@ std::string OrbTransports::configure(ServiceContainer& container, Orb& orb) {
   const VrConfReader none;
   TlsContext::Files files;
   std::string tlsEndpoint;
-  const std::string problem = TlsContext::fromConfig(config ? config->reader : none,
-                                                     container.serviceName(), &files, &tlsEndpoint);
+  const std::string problem = TlsContext::fromConfig(
+      config ? config->reader : none, container.configKey("TLS_"), &files, &tlsEndpoint);
   if (!problem.empty()) {
     return problem;
   }

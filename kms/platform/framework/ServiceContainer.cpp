@@ -25,6 +25,10 @@ std::string upperCase(std::string text) {
 
 }  // namespace
 
+std::string ServiceContainer::configKey(const std::string& suffix) const {
+  return upperCase(m_serviceName) + "_" + suffix;
+}
+
 ServiceContainer::ServiceContainer(bool singleThreaded, const char* serviceName,
                                    unsigned long originator,
                                    const std::list<std::string>& directives, int stopTimeoutSeconds,
@@ -64,8 +68,7 @@ int ServiceContainer::registerAuthorizationTable(const authorization_entry_s* ta
 std::shared_ptr<PeerGrantsFile> ServiceContainer::grantsFile() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (!m_grants) {
-    m_grants = std::make_shared<PeerGrantsFile>(VR_master_config_path(),
-                                                upperCase(m_serviceName) + "_GRANT");
+    m_grants = std::make_shared<PeerGrantsFile>(VR_master_config_path(), configKey("GRANT"));
   }
   return m_grants;
 }
@@ -93,8 +96,7 @@ std::string ServiceContainer::endpoint() const {
   }
   VR_read_master_config();
   const std::shared_ptr<const VrMasterConfig> config = get_master_config_ptr();
-  const std::string configured =
-      config ? config->reader.get(upperCase(m_serviceName) + "_ENDPOINT") : "";
+  const std::string configured = config ? config->reader.get(configKey("ENDPOINT")) : "";
   return configured.empty() ? Orb::kDefaultEndpoint : configured;
 }
 

@@ -71,6 +71,9 @@ class ServiceContainer : public OrbService {
   bool authorizes(const std::string& key, const PeerRights& rights) const;
 
   const std::string& serviceName() const { return m_serviceName; }
+  // The master configuration key <NAME>_`suffix` of this service
+  // ("VRKMS_GRANT" for the suffix "GRANT").
+  std::string configKey(const std::string& suffix) const;
   unsigned long originator() const { return m_originator; }
   const std::list<std::string>& directives() const { return m_directives; }
   int stopTimeoutSeconds() const { return m_stopTimeoutSeconds; }

@@ -4,8 +4,6 @@
 #include <openssl/x509.h>
 #include <unistd.h>
 
-#include <cctype>
-
 #include "kms/platform/VrConfReader.h"
 #include "kms/platform/framework/FrameworkLog.h"
 
@@ -14,20 +12,8 @@ namespace Vaultrest {
 namespace TL {
 namespace Framework {
 
-namespace {
-
-std::string upperCase(std::string text) {
-  for (char& c : text) {
-    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  return text;
-}
-
-}  // namespace
-
-std::string TlsContext::fromConfig(const VrConfReader& config, const std::string& name,
+std::string TlsContext::fromConfig(const VrConfReader& config, const std::string& prefix,
                                    Files* files, std::string* endpoint) {
-  const std::string prefix = upperCase(name) + "_TLS_";
   files->certificate = config.get(prefix + "CERT");
   files->key = config.get(prefix + "KEY");
   files->ca = config.get(prefix + "CA");

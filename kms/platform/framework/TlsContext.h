@@ -33,13 +33,13 @@ class TlsContext : public sslContext {
     std::string ca;           // PEM: the CA(s) whose certificates are accepted
   };
 
-  // The TLS settings of service `name` in the master configuration:
-  // <NAME>_TLS_CERT, <NAME>_TLS_KEY, <NAME>_TLS_CA and <NAME>_TLS_ENDPOINT
+  // The TLS settings in the master configuration under `prefix`
+  // ("VRKMS_TLS_"): <prefix>CERT, <prefix>KEY, <prefix>CA and <prefix>ENDPOINT
   // (default kDefaultEndpoint). `*endpoint` is left empty when none of the
   // four is present: the service then has no TLS endpoint. Returns "" when
   // the settings can be used, otherwise what is wrong with them (one of the
   // three files missing or unreadable).
-  static std::string fromConfig(const VrConfReader& config, const std::string& name, Files* files,
+  static std::string fromConfig(const VrConfReader& config, const std::string& prefix, Files* files,
                                 std::string* endpoint);
 
   // Every interface, one port above the service's plain TCP port.
