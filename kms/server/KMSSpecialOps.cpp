@@ -348,94 +348,104 @@ int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
   });
 }
 
+// What differs between resetting the HMK file and the KPK file.
+struct KMSSpecialOps::MasterKeyReset {
+  const char* label;
+  const ErrorMap& errors;
+  AdminFlags::Operation operation;
+  // The KPK file is remade under the HMK, so that one must be there.
+  bool needsHmkFile;
+  KeyInfo (KeyStore::*info)();
+  int randomQuestion;
+  int randomRefused;
+  bool (KeyStore::*goodFileExists)();
+  int overwriteQuestion;
+  int overwriteRefused;
+  const std::optional<std::string>& (AdminFlags::*passphrase)() const;
+  int prompt;
+  int (KeyStore::*createFile)(const std::string& passphrase, bool overwrite, bool refuseRandom);
+};
+
+const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kHmkReset = {"KMSSpecialOps::resetHmk",
+                                                                kResetHmkErrors,
+                                                                AdminFlags::kResetHmk,
+                                                                false,
+                                                                &KeyStore::getHMKInfo,
+                                                                kMsgHmkIsRandom,
+                                                                kRandomHmk,
+                                                                &KeyStore::goodHMKFileExists,
+                                                                kMsgOverwriteHmkFile,
+                                                                kHmkFileExists,
+                                                                &AdminFlags::hmkPassphrase,
+                                                                kMsgHmkResetPrompt,
+                                                                &KeyStore::createHMKFile};
+
+const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kKpkReset = {"KMSSpecialOps::resetKpk",
+                                                                kResetKpkErrors,
+                                                                AdminFlags::kResetKpk,
+                                                                true,
+                                                                &KeyStore::getKPKInfo,
+                                                                kMsgKpkIsRandom,
+                                                                kRandomKpk,
+                                                                &KeyStore::goodKPKFileExists,
+                                                                kMsgOverwriteKpkFile,
+                                                                kKpkFileExists,
+                                                                &AdminFlags::kpkPassphrase,
+                                                                kMsgKpkResetPrompt,
+                                                                &KeyStore::createKPKFile};
+
 int KMSSpecialOps::resetHmk(ACE_Arg_Shifter_T<char>& shifter) {
-  static const char* const kLabel = "KMSSpecialOps::resetHmk";
-  KMS_TRACE(kLabel);
-  return runOperation(kLabel, kResetHmkErrors, [&shifter] {
-    AdminFlags flags;
-    int status = flags.parse(shifter, AdminFlags::kResetHmk);
-    if (status != EC_KS_success) {
-      return status;
-    }
-    KeyStore& store = *m_ks;
-
-    bool goOn = true;
-    if (store.getHMKInfo().random) {
-      status = decide(flags.ignoreRandom(), kMsgHmkIsRandom, goOn);
-      if (status != EC_KS_success) {
-        return status;
-      }
-      if (!goOn) {
-        return kRandomHmk;
-      }
-    }
-    if (store.goodHMKFileExists()) {
-      status = decide(flags.overwrite(), kMsgOverwriteHmkFile, goOn);
-      if (status != EC_KS_success) {
-        return status;
-      }
-      if (!goOn) {
-        return kHmkFileExists;
-      }
-    }
-
-    std::string passphrase = flags.hmkPassphrase().value_or("");
-    const Wiped wipe(passphrase);
-    if (!flags.hmkPassphrase()) {
-      status = getPassphrase(passphrase, kMsgHmkResetPrompt, false, 0);
-      if (status != EC_KS_success) {
-        return status;
-      }
-    }
-    return store.createHMKFile(passphrase, true, false);
-  });
+  return resetMasterKey(shifter, kHmkReset);
 }
 
 int KMSSpecialOps::resetKpk(ACE_Arg_Shifter_T<char>& shifter) {
-  static const char* const kLabel = "KMSSpecialOps::resetKpk";
-  KMS_TRACE(kLabel);
-  return runOperation(kLabel, kResetKpkErrors, [&shifter] {
+  return resetMasterKey(shifter, kKpkReset);
+}
+
+int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const MasterKeyReset& kind) {
+  KMS_TRACE(kind.label);
+  return runOperation(kind.label, kind.errors, [&shifter, &kind] {
     AdminFlags flags;
-    int status = flags.parse(shifter, AdminFlags::kResetKpk);
+    int status = flags.parse(shifter, kind.operation);
     if (status != EC_KS_success) {
       return status;
     }
     KeyStore& store = *m_ks;
 
-    // The KPK file is remade under the HMK, so that one must be there.
-    if (!store.goodHMKFileExists()) {
+    if (kind.needsHmkFile && !store.goodHMKFileExists()) {
       say(kMsgNoGoodHmkFile);
       return kWrongHmk;
     }
     bool goOn = true;
-    if (store.getKPKInfo().random) {
-      status = decide(flags.ignoreRandom(), kMsgKpkIsRandom, goOn);
+    if ((store.*kind.info)().random) {
+      status = decide(flags.ignoreRandom(), kind.randomQuestion, goOn);
       if (status != EC_KS_success) {
         return status;
       }
       if (!goOn) {
-        return kRandomKpk;
+        return kind.randomRefused;
       }
     }
-    if (store.goodKPKFileExists()) {
-      status = decide(flags.overwrite(), kMsgOverwriteKpkFile, goOn);
+    if ((store.*kind.goodFileExists)()) {
+      status = decide(flags.overwrite(), kind.overwriteQuestion, goOn);
       if (status != EC_KS_success) {
         return status;
       }
       if (!goOn) {
-        return kKpkFileExists;
+        return kind.overwriteRefused;
       }
     }
 
-    std::string passphrase = flags.kpkPassphrase().value_or("");
+    const std::optional<std::string>& given = (flags.*kind.passphrase)();
+    std::string passphrase = given.value_or("");
     const Wiped wipe(passphrase);
-    if (!flags.kpkPassphrase()) {
-      status = getPassphrase(passphrase, kMsgKpkResetPrompt, false, 0);
+    if (!given) {
+      status = getPassphrase(passphrase, kind.prompt, false, 0);
       if (status != EC_KS_success) {
         return status;
       }
     }
-    return store.createKPKFile(passphrase, true, false);
+    return (store.*kind.createFile)(passphrase, true, false);
   });
 }
 

@@ -81,6 +81,12 @@ class KMSSpecialOps {
   static void setIsRandom(bool random) { isRandomPassphrase = random; }
 
  private:
+  // The one body of resetHmk and resetKpk, and what differs between them.
+  struct MasterKeyReset;
+  static const MasterKeyReset kHmkReset;
+  static const MasterKeyReset kKpkReset;
+  static int resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const MasterKeyReset& kind);
+
   static bool isRandomPassphrase;
   // The store the operations work on; made by setupEnv, kept until the
   // process ends. Never initialized here: the operations use the calls made

@@ -267,10 +267,6 @@ class FileKeyStore : public KeyStore {
               std::unique_ptr<KPKMgr> kpkMgr, std::unique_ptr<KSMetadata> metadata,
               std::unique_ptr<KeyTable> keyTable, std::unique_ptr<GroupTable> groupTable);
 
-  // Key info of the live metadata (read lock held).
-  KeyInfo liveHmkInfo() const;
-  KeyInfo liveKpkInfo() const;
-
   // Master key files (FileKeyStoreMasterKeys.cpp): what differs between the
   // HMK's and the KPK's, and the one body of goodHMKFileExists /
   // goodKPKFileExists and of createHMKFile / createKPKFile. Both take the
@@ -279,6 +275,9 @@ class FileKeyStore : public KeyStore {
   static const MasterKeyKind kHmkKind;
   static const MasterKeyKind kKpkKind;
   bool goodKeyFileExists(const MasterKeyKind& kind);
+  // The one body of getHMKId / getHMKInfo and the KPK's; `label` names the
+  // caller in the trace and in errors.
+  KeyInfo masterKeyInfo(const MasterKeyKind& kind, const char* label);
   int createKeyFile(const MasterKeyKind& kind, const std::string& passphrase, bool overwrite,
                     bool refuseRandom);
 

@@ -428,6 +428,9 @@ KeyFile remakeKpkFile(const char* label, const std::string& passphrase, const KS
 struct FileKeyStore::MasterKeyKind {
   const char* goodLabel;
   const char* createLabel;
+  const char* idLabel;
+  const char* infoLabel;
+  KeyInfo (*info)(const KSMetadata& meta);
   const std::string& (KMSFileLocator::*path)() const;
   bool (KSMetadata::*random)() const;
   const ErrorMap& goodMap;
@@ -444,6 +447,9 @@ struct FileKeyStore::MasterKeyKind {
 
 const FileKeyStore::MasterKeyKind FileKeyStore::kHmkKind = {"FileKeyStore::goodHMKFileExists",
                                                             "FileKeyStore::createHMKFile",
+                                                            "FileKeyStore::getHMKId",
+                                                            "FileKeyStore::getHMKInfo",
+                                                            &hmkInfoOf,
                                                             &KMSFileLocator::hmkPath,
                                                             &KSMetadata::hmkRandom,
                                                             kGoodHmkFileMap,
@@ -457,6 +463,9 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kHmkKind = {"FileKeyStore::goodH
 
 const FileKeyStore::MasterKeyKind FileKeyStore::kKpkKind = {"FileKeyStore::goodKPKFileExists",
                                                             "FileKeyStore::createKPKFile",
+                                                            "FileKeyStore::getKPKId",
+                                                            "FileKeyStore::getKPKInfo",
+                                                            &kpkInfoOf,
                                                             &KMSFileLocator::kpkPath,
                                                             &KSMetadata::kpkRandom,
                                                             kGoodKpkFileMap,
@@ -470,48 +479,27 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kKpkKind = {"FileKeyStore::goodK
 
 // ---- Facts of the master keys ----
 
-KeyInfo FileKeyStore::liveHmkInfo() const {
-  return hmkInfoOf(*m_metadata);
-}
-
-KeyInfo FileKeyStore::liveKpkInfo() const {
-  return kpkInfoOf(*m_metadata);
+KeyInfo FileKeyStore::masterKeyInfo(const MasterKeyKind& kind, const char* label) {
+  KMS_TRACE_THIS(label);
+  StoreReadGuard guard(m_lock, m_writerTurnstile);
+  return metadataFact(label, m_initialized ? m_metadata.get() : nullptr,
+                      !m_initialized && fipsEnableFailed(), m_locator, kind.info);
 }
 
 std::string FileKeyStore::getHMKId() {
-  static const char* const kLabel = "FileKeyStore::getHMKId";
-  KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
-                      !m_initialized && fipsEnableFailed(), m_locator,
-                      [](const KSMetadata& meta) { return meta.hmkID(); });
+  return masterKeyInfo(kHmkKind, kHmkKind.idLabel).id;
 }
 
 KeyInfo FileKeyStore::getHMKInfo() {
-  static const char* const kLabel = "FileKeyStore::getHMKInfo";
-  KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
-                      !m_initialized && fipsEnableFailed(), m_locator,
-                      [](const KSMetadata& meta) { return hmkInfoOf(meta); });
+  return masterKeyInfo(kHmkKind, kHmkKind.infoLabel);
 }
 
 std::string FileKeyStore::getKPKId() {
-  static const char* const kLabel = "FileKeyStore::getKPKId";
-  KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
-                      !m_initialized && fipsEnableFailed(), m_locator,
-                      [](const KSMetadata& meta) { return meta.kpkID(); });
+  return masterKeyInfo(kKpkKind, kKpkKind.idLabel).id;
 }
 
 KeyInfo FileKeyStore::getKPKInfo() {
-  static const char* const kLabel = "FileKeyStore::getKPKInfo";
-  KMS_TRACE_THIS(kLabel);
-  StoreReadGuard guard(m_lock, m_writerTurnstile);
-  return metadataFact(kLabel, m_initialized ? m_metadata.get() : nullptr,
-                      !m_initialized && fipsEnableFailed(), m_locator,
-                      [](const KSMetadata& meta) { return kpkInfoOf(meta); });
+  return masterKeyInfo(kKpkKind, kKpkKind.infoLabel);
 }
 
 bool FileKeyStore::goodHMKFileExists() {
