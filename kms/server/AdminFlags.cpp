@@ -15,7 +15,6 @@ namespace KMS {
 namespace {
 
 constexpr const char* kLabel = "AdminFlags::parse";
-constexpr int kBadArgument = 1214;
 
 // Flags of one group answer the same question; only one of them may be given.
 enum Group {
@@ -107,16 +106,16 @@ int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
     const char* current = shifter.get_current();
     if (current[0] != '-') {
       KMS_DEBUG(kLabel, 1, "Argument is no flag: " << current);
-      return kBadArgument;
+      return EC_KS_bad_argument;
     }
     const FlagRule* rule = ruleOf(shifter);
     if (rule == nullptr || (rule->allowedIn & operation) == 0) {
       KMS_DEBUG(kLabel, 1, "Flag not allowed here: " << current);
-      return kBadArgument;
+      return EC_KS_bad_argument;
     }
     if (seen[rule->group]) {
       KMS_DEBUG(kLabel, 1, "Flag given twice, or with one that excludes it: " << rule->name);
-      return kBadArgument;
+      return EC_KS_bad_argument;
     }
     seen[rule->group] = true;
     shifter.consume_arg(1);
@@ -126,7 +125,7 @@ int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
       // The value is never logged: it may be a passphrase.
       if (!shifter.is_anything_left() || shifter.get_current()[0] == '\0') {
         KMS_DEBUG(kLabel, 1, "Flag without its value: " << rule->name);
-        return kBadArgument;
+        return EC_KS_bad_argument;
       }
       value = shifter.get_current();
       if (rule->flag == kHmkPass || rule->flag == kKpkPass) {

@@ -11,6 +11,7 @@
 #include "kms/server/KMSServiceExceptionHelper.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
 
@@ -29,8 +30,6 @@ constexpr int kMsgValueTypesNotRegistered = 35;
 constexpr int kMsgNoOrbService = 36;
 constexpr int kMsgStoreNotCreated = 37;
 constexpr int kMsgStoreNotOpened = 38;
-
-constexpr int kInternalError = 1200;
 
 template <typename Servant>
 void releaseServant(Servant*& servant) {
@@ -204,7 +203,7 @@ EximFacet_ptr KMSMgrImpl::getEximFacet() {
   int major, minor, patch;
   getPeerVRVersion(major, minor, patch);
   KMS_DEBUG("KMSMgrImpl::getEximFacet", 1, "EximFacet is not supported in this release");
-  KMSServiceExceptionHelper helper("KMSMgrImpl::getEximFacet", kInternalError);
+  KMSServiceExceptionHelper helper("KMSMgrImpl::getEximFacet", Store::EC_KS_internal_error);
   KMS_DEBUG("KMSMgrImpl::getEximFacet", 1, "Throwing a " << helper.str());
   helper.raise();
 }

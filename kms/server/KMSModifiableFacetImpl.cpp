@@ -7,6 +7,7 @@
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSOpStatus.h"
 #include "kms/server/keystore/SecureBytes.h"
@@ -106,7 +107,7 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::recoverKey(const char* passphras
     const Store::KeyRecord_v1 rec = RecordConvertor::toKsKeyRecord(record);
     // Also what a tag that is not strict hexadecimal has become.
     if (rec.tag().empty()) {
-      KS_THROW(1215, kLabel);
+      KS_THROW(Store::EC_KS_empty_tag, kLabel);
     }
     return m_keyStore->addKeyWithKnownTag(rec, secret);
   });

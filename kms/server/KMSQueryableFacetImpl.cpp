@@ -10,6 +10,7 @@
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSOpStatus.h"
 #include "kms/server/keystore/SecureBytes.h"
@@ -23,10 +24,6 @@ namespace Store = ::Vaultrest::DL::KMS;
 
 namespace {
 
-constexpr int kKadUnique = 1234;
-constexpr int kKadShared = 1235;
-constexpr int kKadAllUsable = 1243;
-constexpr int kKadSomeLeftOut = 1244;
 // A KAD is a prefix of a tag, and a tag has at most this many bytes.
 constexpr CORBA::Long kMaxKadLength = 4096;
 
@@ -183,12 +180,12 @@ CORBA::Long KMSQueryableFacetImpl::getKeyAndKad(const char* tag, CORBA::Long kad
   return facetCall(kLabel, *m_keyStore, [&] {
     const std::string binTag = RecordConvertor::hexToBin(tag);
     if (binTag.empty()) {
-      KS_THROW(1215, kLabel);
+      KS_THROW(Store::EC_KS_empty_tag, kLabel);
     }
     // The store pads a short tag up to the length asked for; a length no
     // tag can have would only make it allocate.
     if (kadLength < 0 || kadLength > kMaxKadLength) {
-      KS_THROW(1214, kLabel);
+      KS_THROW(Store::EC_KS_bad_argument, kLabel);
     }
     const Store::KeyRecord_v1 rec = m_keyStore->getKey(binTag);
     KMS_DEBUG(kLabel, 4, "KeyStore->getKey() successful");
@@ -197,7 +194,7 @@ CORBA::Long KMSQueryableFacetImpl::getKeyAndKad(const char* tag, CORBA::Long kad
     std::string binKad;
     const int status = m_keyStore->getKad(binTag, static_cast<unsigned long>(kadLength), binKad);
     KMS_DEBUG(kLabel, 4, "KeyStore->getKad() returned with " << status);
-    if (status != kKadUnique && status != kKadShared) {
+    if (status != Store::EC_KS_kad_unique && status != Store::EC_KS_kad_shared) {
       KS_THROW(status, kLabel);
     }
     TL::Framework::octetSeq_var kadOut = new TL::Framework::octetSeq();
@@ -207,7 +204,7 @@ CORBA::Long KMSQueryableFacetImpl::getKeyAndKad(const char* tag, CORBA::Long kad
     }
     kad = kadOut._retn();
     record = idlRecord._retn();
-    return static_cast<CORBA::Long>(status == kKadUnique ? 1 : 2);
+    return static_cast<CORBA::Long>(status == Store::EC_KS_kad_unique ? 1 : 2);
   });
 }
 
@@ -219,11 +216,11 @@ CORBA::Long KMSQueryableFacetImpl::getKeyRecordsByKad(const TL::Framework::octet
     std::list<Store::KeyRecord_v1> found;
     const int status = m_keyStore->getKeyRecordsByKad(toBytes(kad), found);
     KMS_DEBUG(kLabel, 4, "KeyStore->getKeyRecordsByKad() returned with " << status);
-    if (status != kKadAllUsable && status != kKadSomeLeftOut) {
+    if (status != Store::EC_KS_kad_all_usable && status != Store::EC_KS_kad_some_left_out) {
       KS_THROW(status, kLabel);
     }
     records = toIdlKeyRecords(found, kLabel);
-    return static_cast<CORBA::Long>(status == kKadAllUsable ? 3 : 4);
+    return static_cast<CORBA::Long>(status == Store::EC_KS_kad_all_usable ? 3 : 4);
   });
 }
 

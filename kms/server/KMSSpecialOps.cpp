@@ -35,18 +35,8 @@ namespace {
 constexpr int kThisProgram = 286;
 
 // Refusals of setupEnv.
-constexpr int kNotAdministrator = 1267;
-constexpr int kServiceRunning = 1272;
-constexpr int kInactiveClusterNode = 1281;
-constexpr int kNotMasterServer = 1271;
 
 // Refusals of the operations.
-constexpr int kStoreExists = 1268;
-constexpr int kHmkFileExists = 1209;
-constexpr int kKpkFileExists = 1251;
-constexpr int kRandomHmk = 1264;
-constexpr int kRandomKpk = 1265;
-constexpr int kWrongHmk = 1221;
 
 // Messages of this program.
 constexpr int kMsgPassphraseAgain = 2;
@@ -87,7 +77,6 @@ constexpr int kMsgFipsUnavailable = 93;
 
 // The store refuses every operation in a process asked for FIPS mode that
 // the crypto library cannot give.
-constexpr int kFipsUnavailable = 1286;
 
 // Codes each operation passes on unchanged; every other failure is 1200.
 const ErrorMap kSetupErrors{{1295}, {}};
@@ -209,7 +198,7 @@ bool readPassphrase(int promptId, char* buffer) {
 // An operation that does not pass 1286 on reports it as the internal error,
 // whose text says nothing of the cause: the operator is told it here.
 void explainFipsRefusal(const ErrorMap& errors, int status) {
-  if (status != kFipsUnavailable || translatedCode(errors, status) == status) {
+  if (status != EC_KS_fips_unavailable || translatedCode(errors, status) == status) {
     return;
   }
   try {
@@ -247,19 +236,19 @@ int KMSSpecialOps::setupEnv() {
   std::setlocale(LC_ALL, "");
   if (!is_user_admin()) {
     KMS_DEBUG(kLabel, 1, "The caller is no administrator");
-    return kNotAdministrator;
+    return EC_KS_not_administrator;
   }
   if (serviceAlreadyRunning()) {
     KMS_DEBUG(kLabel, 1, "The key management service is running");
-    return kServiceRunning;
+    return EC_KS_service_running;
   }
   if (onInactiveClusterNode()) {
     KMS_DEBUG(kLabel, 1, "This host is an inactive cluster node");
-    return kInactiveClusterNode;
+    return EC_KS_inactive_cluster_node;
   }
   if (!onMasterServer()) {
     KMS_DEBUG(kLabel, 1, "This host is not the master server");
-    return kNotMasterServer;
+    return EC_KS_not_master_server;
   }
   const int status = statusOf(kLabel, kSetupErrors, [] {
     const KMSFileLocator locator;
@@ -278,7 +267,7 @@ int KMSSpecialOps::setupEnv() {
 int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
   static const char* const kLabel = "KMSSpecialOps::createEmptyDB";
   KMS_TRACE(kLabel);
-  return runOperation(kLabel, kCreateErrors, [&shifter] {
+  return runOperation(kLabel, kCreateErrors, [&shifter]() -> int {
     AdminFlags flags;
     int status = flags.parse(shifter, AdminFlags::kCreateEmptyDB);
     if (status != EC_KS_success) {
@@ -303,7 +292,7 @@ int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
         return status;
       }
       if (!overwrite) {
-        return kStoreExists;
+        return EC_KS_store_exists;
       }
     }
 
@@ -366,33 +355,23 @@ struct KMSSpecialOps::MasterKeyReset {
   int (KeyStore::*createFile)(const std::string& passphrase, bool overwrite, bool refuseRandom);
 };
 
-const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kHmkReset = {"KMSSpecialOps::resetHmk",
-                                                                kResetHmkErrors,
-                                                                AdminFlags::kResetHmk,
-                                                                false,
-                                                                &KeyStore::getHMKInfo,
-                                                                kMsgHmkIsRandom,
-                                                                kRandomHmk,
-                                                                &KeyStore::goodHMKFileExists,
-                                                                kMsgOverwriteHmkFile,
-                                                                kHmkFileExists,
-                                                                &AdminFlags::hmkPassphrase,
-                                                                kMsgHmkResetPrompt,
-                                                                &KeyStore::createHMKFile};
+const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kHmkReset = {
+    "KMSSpecialOps::resetHmk",  kResetHmkErrors,
+    AdminFlags::kResetHmk,      false,
+    &KeyStore::getHMKInfo,      kMsgHmkIsRandom,
+    EC_KS_random_hmk,           &KeyStore::goodHMKFileExists,
+    kMsgOverwriteHmkFile,       EC_KS_hmk_file_exists,
+    &AdminFlags::hmkPassphrase, kMsgHmkResetPrompt,
+    &KeyStore::createHMKFile};
 
-const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kKpkReset = {"KMSSpecialOps::resetKpk",
-                                                                kResetKpkErrors,
-                                                                AdminFlags::kResetKpk,
-                                                                true,
-                                                                &KeyStore::getKPKInfo,
-                                                                kMsgKpkIsRandom,
-                                                                kRandomKpk,
-                                                                &KeyStore::goodKPKFileExists,
-                                                                kMsgOverwriteKpkFile,
-                                                                kKpkFileExists,
-                                                                &AdminFlags::kpkPassphrase,
-                                                                kMsgKpkResetPrompt,
-                                                                &KeyStore::createKPKFile};
+const KMSSpecialOps::MasterKeyReset KMSSpecialOps::kKpkReset = {
+    "KMSSpecialOps::resetKpk",  kResetKpkErrors,
+    AdminFlags::kResetKpk,      true,
+    &KeyStore::getKPKInfo,      kMsgKpkIsRandom,
+    EC_KS_random_kpk,           &KeyStore::goodKPKFileExists,
+    kMsgOverwriteKpkFile,       EC_KS_kpk_file_exists,
+    &AdminFlags::kpkPassphrase, kMsgKpkResetPrompt,
+    &KeyStore::createKPKFile};
 
 int KMSSpecialOps::resetHmk(ACE_Arg_Shifter_T<char>& shifter) {
   return resetMasterKey(shifter, kHmkReset);
@@ -404,7 +383,7 @@ int KMSSpecialOps::resetKpk(ACE_Arg_Shifter_T<char>& shifter) {
 
 int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const MasterKeyReset& kind) {
   KMS_TRACE(kind.label);
-  return runOperation(kind.label, kind.errors, [&shifter, &kind] {
+  return runOperation(kind.label, kind.errors, [&shifter, &kind]() -> int {
     AdminFlags flags;
     int status = flags.parse(shifter, kind.operation);
     if (status != EC_KS_success) {
@@ -414,7 +393,7 @@ int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const Master
 
     if (kind.needsHmkFile && !store.goodHMKFileExists()) {
       say(kMsgNoGoodHmkFile);
-      return kWrongHmk;
+      return EC_KS_wrong_hmk;
     }
     bool goOn = true;
     if ((store.*kind.info)().random) {
@@ -452,7 +431,7 @@ int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const Master
 int KMSSpecialOps::info() {
   static const char* const kLabel = "KMSSpecialOps::info";
   KMS_TRACE(kLabel);
-  return runOperation(kLabel, kInfoErrors, [] {
+  return runOperation(kLabel, kInfoErrors, []() -> int {
     KeyStore& store = *m_ks;
     const KeyInfo hmk = store.getHMKInfo();
     const KeyInfo kpk = store.getKPKInfo();

@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -12,7 +13,6 @@ namespace KMS {
 namespace {
 
 constexpr const char* kLabel = "GetCxULMessageBottom";
-constexpr int kCatalogueFailure = 1269;
 
 // " (<text>)" for a catalogue result, or nothing when the result has no text.
 std::string resultText(crvnLisResult_t result) {
@@ -49,7 +49,7 @@ std::string GetCxULMessageBottom(int originator, int messageId, crvnLisResult_t 
     KMS_DEBUG(kLabel, 1,
               "message catalog failure: crvnLis(mssgId=" << messageId << ") returned status "
                                                          << result << resultText(result));
-    KS_THROW(kCatalogueFailure, kLabel);
+    KS_THROW(EC_KS_catalogue_failure, kLabel);
   }
   char* text = nullptr;
   const crvnLisResult_t xlated = xlatemsg(originator, messageId, lis, &text);
@@ -59,13 +59,13 @@ std::string GetCxULMessageBottom(int originator, int messageId, crvnLisResult_t 
               "message catalog failure: xlatemsg(orgId=" << originator << ", mssgId=" << messageId
                                                          << ") returned status " << xlated
                                                          << resultText(xlated));
-    KS_THROW(kCatalogueFailure, kLabel);
+    KS_THROW(EC_KS_catalogue_failure, kLabel);
   }
   if (text == nullptr) {
     KMS_DEBUG(kLabel, 1,
               "message catalog failure: xlatemsg(orgId=" << originator << ", mssgId=" << messageId
                                                          << ") failed to set a message string");
-    KS_THROW(kCatalogueFailure, kLabel);
+    KS_THROW(EC_KS_catalogue_failure, kLabel);
   }
   std::string message(text);
   std::free(text);

@@ -1,10 +1,11 @@
 // The program's one way of raising an error and of failing an invariant.
 //
-//   KS_THROW(1202, "FileKeyStore::quiesce");   logs "Throwing Exception: ..." and throws
+//   KS_THROW(EC_KS_not_initialized, label);   logs "Throwing Exception: ..." and throws
 //   KS_ASSERT("RecordTable::add", n == m);     logs message 89 and aborts when false
 #pragma once
 
 #include "kms/server/diagnostics/KeyStoreError.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {

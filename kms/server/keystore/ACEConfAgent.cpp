@@ -6,6 +6,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileUtils.h"
 
 namespace Vaultrest {
@@ -15,7 +16,6 @@ namespace KMS {
 namespace {
 
 const char kSectionName[] = "KMSConfig";
-constexpr int kConfigFailure = 1257;
 constexpr int kMsgConfigNotRead = 112;
 
 // A valid file holds the one section "KMSConfig" with the thirteen keys of
@@ -59,7 +59,7 @@ void ACEConfAgent::reload() {
   auto config = std::make_unique<ACE_Configuration_Heap>();
   if (config->open() != 0) {
     KMS_DEBUG("ACEConfAgent::reload", 1, "FAILED to initialize Configuration_Heap");
-    KS_THROW(kConfigFailure, "ACEConfAgent::reload");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::reload");
   }
   // The file is opened as the store's files are (no symlink, no FIFO or
   // device, a file of this user that others cannot write, of bounded size)
@@ -90,7 +90,7 @@ void ACEConfAgent::reload() {
   ACE_Configuration_Section_Key section;
   if (config->open_section(config->root_section(), kSectionName, true, section) != 0) {
     KMS_DEBUG("ACEConfAgent::reload", 1, "FAILED to open KMSConfig section");
-    KS_THROW(kConfigFailure, "ACEConfAgent::reload");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::reload");
   }
   m_section = section;
   m_config = std::move(config);
@@ -106,13 +106,13 @@ void ACEConfAgent::save() {
     Utils::replaceFileDurably("ACEConfAgent::save", m_fileName, __LINE__, __FILE__, [&](FILE* out) {
       ACE_Registry_ImpExp exporter(*m_config);
       if (exporter.export_config(nameOfOpenFile(out).c_str()) != 0) {
-        KS_THROW(kConfigFailure, "ACEConfAgent::save");
+        KS_THROW(EC_KS_config_failure, "ACEConfAgent::save");
       }
     });
   } catch (const KeyStoreError& error) {
     KMS_DEBUG("ACEConfAgent::save", 1, "Exception Caught: " << error.str(true));
     KMS_DEBUG("ACEConfAgent::save", 1, "FAILED to save configuration to file: " << m_fileName);
-    KS_THROW(kConfigFailure, "ACEConfAgent::save");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::save");
   }
 }
 
@@ -122,7 +122,7 @@ int ACEConfAgent::getIntegerValue(const std::string& key) {
   u_int value = 0;
   if (m_config->get_integer_value(m_section, key.c_str(), value) != 0) {
     KMS_DEBUG("ACEConfAgent::getIntegerValue", 2, "No integer value for key: " << key);
-    KS_THROW(kConfigFailure, "ACEConfAgent::getIntegerValue");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::getIntegerValue");
   }
   // The file keeps the 32 bits of the int as they are.
   return static_cast<int>(value);
@@ -134,7 +134,7 @@ std::string ACEConfAgent::getStringValue(const std::string& key) {
   ACE_TString value;
   if (m_config->get_string_value(m_section, key.c_str(), value) != 0) {
     KMS_DEBUG("ACEConfAgent::getStringValue", 2, "No string value for key: " << key);
-    KS_THROW(kConfigFailure, "ACEConfAgent::getStringValue");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::getStringValue");
   }
   return std::string(value.c_str(), value.length());
 }
@@ -145,7 +145,7 @@ void ACEConfAgent::setIntegerValue(const std::string& key, int value) {
   if (m_config->set_integer_value(m_section, key.c_str(), static_cast<u_int>(value)) != 0) {
     KMS_DEBUG("ACEConfAgent::setIntegerValue", 1,
               "FAILED to set value: " << value << ", for key: " << key);
-    KS_THROW(kConfigFailure, "ACEConfAgent::setIntegerValue");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::setIntegerValue");
   }
 }
 
@@ -155,7 +155,7 @@ void ACEConfAgent::setStringValue(const std::string& key, const std::string& val
   if (m_config->set_string_value(m_section, key.c_str(), ACE_TString(value.c_str())) != 0) {
     KMS_DEBUG("ACEConfAgent::setStringValue", 1,
               "FAILED to set value: " << value << ", for key: " << key);
-    KS_THROW(kConfigFailure, "ACEConfAgent::setStringValue");
+    KS_THROW(EC_KS_config_failure, "ACEConfAgent::setStringValue");
   }
 }
 

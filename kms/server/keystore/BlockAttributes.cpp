@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -35,7 +36,7 @@ const std::string& requiredAttribute(const AttributeList& list, const char* name
   const auto iter = list.find(name);
   if (iter == list.end()) {
     KMS_DEBUG(function, 1, "Missing attribute " << name);
-    KS_THROW(1208, function);
+    KS_THROW(EC_KS_malformed, function);
   }
   return iter->second;
 }

@@ -5,6 +5,7 @@
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/ACEConfAgent.h"
 #include "kms/server/keystore/VRConfAgent.h"
 
@@ -15,9 +16,6 @@ namespace KMS {
 namespace {
 
 const char kEndOfTable[] = "EOTEOTEOT";
-constexpr int kConfigFailure = 1257;
-constexpr int kNoSuchKey = 1258;
-constexpr int kWrongType = 1259;
 
 // Makes one agent; a KeyStoreError leaves the slot empty.
 template <typename Make>
@@ -65,11 +63,11 @@ const config_row* ConfigMgr::rowFor(const std::string& name, int type, const cha
   const config_row* row = getConfEntry(name);
   if (row == nullptr) {
     KMS_DEBUG(function, 1, "No configuration entry for key: " << name);
-    KS_THROW(kNoSuchKey, function);
+    KS_THROW(EC_KS_no_such_config_key, function);
   }
   if (row->type != type) {
     KMS_DEBUG(function, 1, "Configuration entry of another type for key: " << name);
-    KS_THROW(kWrongType, function);
+    KS_THROW(EC_KS_config_wrong_type, function);
   }
   return row;
 }
@@ -118,7 +116,7 @@ void ConfigMgr::setIntegerValue(const std::string& name, int value) {
   ConfigurationAgent* agent = agentFor(row);
   if (agent == nullptr) {
     KMS_DEBUG("ConfigMgr::setIntegerValue", 1, "No configuration agent for key: " << name);
-    KS_THROW(kConfigFailure, "ConfigMgr::setIntegerValue");
+    KS_THROW(EC_KS_config_failure, "ConfigMgr::setIntegerValue");
   }
   agent->setIntegerValue(name, value);
 }
@@ -129,7 +127,7 @@ void ConfigMgr::setStringValue(const std::string& name, const std::string& value
   ConfigurationAgent* agent = agentFor(row);
   if (agent == nullptr) {
     KMS_DEBUG("ConfigMgr::setStringValue", 1, "No configuration agent for key: " << name);
-    KS_THROW(kConfigFailure, "ConfigMgr::setStringValue");
+    KS_THROW(EC_KS_config_failure, "ConfigMgr::setStringValue");
   }
   agent->setStringValue(name, value);
 }
@@ -149,7 +147,7 @@ void ConfigMgr::forEachAgent(const char* function, Operation operation) {
     }
   }
   if (failed) {
-    KS_THROW(kConfigFailure, function);
+    KS_THROW(EC_KS_config_failure, function);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/EVPCrypter.h"
 #include "kms/server/keystore/GCMCrypter.h"
 #include "kms/server/keystore/MangleCrypter.h"
@@ -30,7 +31,7 @@ KSCrypt* CryptFactory::createCrypter(KSCrypt::CryptType type, const std::string&
       return new GCMCrypter(key);
     default:
       KMS_DEBUG(kLabel, 1, "Unknown crypt type " << static_cast<int>(type));
-      KS_THROW(1223, kLabel);
+      KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/CryptFactory.h"
 #include "kms/server/keystore/SecureBytes.h"
 
@@ -55,7 +56,7 @@ CrypterPool::Lease CrypterPool::lease(Side side) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_keySet) {
-      KS_THROW(1223, "CrypterPool::lease");
+      KS_THROW(EC_KS_crypter_not_ready, "CrypterPool::lease");
     }
     if (!m_idle.empty()) {
       std::unique_ptr<KSCrypt> crypter = std::move(m_idle.back());

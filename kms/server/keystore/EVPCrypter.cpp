@@ -3,6 +3,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FetchedCipher.h"
 
 namespace Vaultrest {
@@ -21,7 +22,7 @@ EVPCrypter::EVPCrypter(EVPCryptType type, const std::string& key, const std::str
   }
   if (m_cipher == nullptr) {
     KMS_DEBUG(kLabel, 1, "EVPCryptType specified was incorrect " << static_cast<int>(type));
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
   const size_t keyLen = static_cast<size_t>(EVP_CIPHER_get_key_length(m_cipher));
   const size_t ivLen = static_cast<size_t>(EVP_CIPHER_get_iv_length(m_cipher));
@@ -29,7 +30,7 @@ EVPCrypter::EVPCrypter(EVPCryptType type, const std::string& key, const std::str
     KMS_DEBUG(kLabel, 1,
               "Key len: expected " << keyLen << ", got " << key.size() << ". IV len: expected "
                                    << ivLen << ", got " << iv.size());
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
   m_key = toSecureBytes(key);
   m_iv = iv;
@@ -37,7 +38,7 @@ EVPCrypter::EVPCrypter(EVPCryptType type, const std::string& key, const std::str
   m_enc.ctx.reset(EVP_CIPHER_CTX_new());
   m_dec.ctx.reset(EVP_CIPHER_CTX_new());
   if (!m_enc.ctx || !m_dec.ctx || reset() != 0) {
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
 }
 
@@ -81,10 +82,10 @@ int EVPCrypter::reset() {
 int EVPCrypter::run(Side& side, const unsigned char* data, unsigned long len, bool final,
                     bool decrypting, const char* function) {
   if (side.status != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   if (side.finalDone) {
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   side.output.beginCall();
   while (len > 0) {
@@ -95,7 +96,7 @@ int EVPCrypter::run(Side& side, const unsigned char* data, unsigned long len, bo
       KMS_DEBUG(function, 1, "EVP_CipherUpdate returned FAILURE");
       logOpenSSLErrors(function);
       side.status = 1223;
-      return 1224;
+      return EC_KS_crypter_failed;
     }
     side.output.append(m_work.data(), static_cast<unsigned long>(produced));
     data += chunk;

@@ -66,7 +66,7 @@ int FileKeyStore::init() {
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
-    return 1201;
+    return EC_KS_already_initialized;
   }
   try {
     auto hmkFile = std::make_unique<KeyFile>(kCurrentVersion);
@@ -83,7 +83,7 @@ int FileKeyStore::init() {
     readFromFile(*hmkFile, *kpkFile, *kpkMgr, *metadata, *keyTable, *groupTable, m_locator,
                  needsRewrite);
     if (fipsEnableFailed()) {
-      KS_THROW(1286, kLabel);
+      KS_THROW(EC_KS_fips_unavailable, kLabel);
     }
     if (needsRewrite) {
       // An upgraded store reaches the disk before it serves.
@@ -133,7 +133,7 @@ void FileKeyStore::installState(std::unique_ptr<KeyFile> hmkFile, std::unique_pt
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
-    KS_THROW(1201, kLabel);
+    KS_THROW(EC_KS_already_initialized, kLabel);
   }
   goLive(std::move(hmkFile), std::move(kpkFile), std::move(kpkMgr), std::move(metadata),
          std::move(keyTable), std::move(groupTable));
@@ -161,7 +161,7 @@ int FileKeyStore::shutdown() {
   KMS_TRACE_THIS("FileKeyStore::shutdown");
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    return 1202;
+    return EC_KS_not_initialized;
   }
   deinitialize();
   return 0;
@@ -171,10 +171,10 @@ int FileKeyStore::dbExists(bool& exists) {
   KMS_TRACE_THIS("FileKeyStore::dbExists");
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
-    return 1201;
+    return EC_KS_already_initialized;
   }
   if (fipsEnableFailed()) {
-    return 1286;
+    return EC_KS_fips_unavailable;
   }
   // A path that cannot be tested is a status here like any other failure.
   try {
@@ -210,7 +210,7 @@ std::pair<uint64_t, uint64_t> FileKeyStore::getStats() {
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   return std::make_pair(static_cast<uint64_t>(m_keyTable->size()),
                         static_cast<uint64_t>(m_groupTable->size()));
@@ -225,7 +225,7 @@ uint64_t FileKeyStore::quiesce() {
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   if (m_quiesceCount == std::numeric_limits<uint64_t>::max()) {
     KS_THROW(EC_KS_internal_error, kLabel);
@@ -238,7 +238,7 @@ uint64_t FileKeyStore::unquiesce(bool force) {
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   if (m_quiesceCount == 0) {
     KS_THROW(1280, kLabel);
@@ -256,7 +256,7 @@ uint64_t FileKeyStore::isQuiesced() {
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   return m_quiesceCount;
 }

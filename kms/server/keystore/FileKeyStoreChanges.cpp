@@ -35,27 +35,6 @@ namespace KMS {
 namespace {
 
 // Status codes used by number.
-constexpr int kNotInitialized = 1202;
-constexpr int kBadPassphrase = 1212;
-constexpr int kBadValue = 1214;
-constexpr int kEmptyTag = 1215;
-constexpr int kGroupNotEmpty = 1222;
-constexpr int kStaleRecord = 1228;
-constexpr int kUnknownGroup = 1229;
-constexpr int kCipherTypeDiffers = 1230;
-constexpr int kKeyNameExists = 1231;
-constexpr int kGroupNameExists = 1232;
-constexpr int kTagExists = 1233;
-constexpr int kStateChangeRefused = 1240;
-constexpr int kNothingToChange = 1241;
-constexpr int kNotDeletable = 1242;
-constexpr int kKpkChanged = 1253;
-constexpr int kUnknownKey = 1260;
-constexpr int kTooManyGroups = 1262;
-constexpr int kTooManyKeysInGroup = 1263;
-constexpr int kWriteFailedNothingChanged = 1276;
-constexpr int kQuiesced = 1279;
-constexpr int kBadName = 1287;
 
 // Catalogued message: a key could not be generated.
 constexpr int kMsgNoKey = 50;
@@ -79,7 +58,7 @@ const ErrorMap kInternalErrorMap = internalErrorMap();
 // A failed commit: 1276, 1277 and 1200 go on as they are, anything else
 // becomes 1200.
 const ErrorMap kCommitFailureMap{
-    {kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+    {EC_KS_write_failed_nothing_changed, EC_KS_db_write_fail_changed, EC_KS_internal_error},
     {},
     EC_KS_internal_error};
 
@@ -88,16 +67,16 @@ const ErrorMap kCommitFailureMap{
 void refuseOversizedAttributes(const char* label, const AttributeList& attributes) {
   if (!attributes.withinRecordBounds()) {
     KMS_DEBUG(label, 1, "Too many or too long attributes: " << attributes.size());
-    KS_THROW(kBadValue, label);
+    KS_THROW(EC_KS_bad_argument, label);
   }
 }
 
 void refuseClosedOrQuiesced(const char* label, bool initialized, uint64_t quiesceCount) {
   if (!initialized) {
-    KS_THROW(kNotInitialized, label);
+    KS_THROW(EC_KS_not_initialized, label);
   }
   if (quiesceCount != 0) {
-    KS_THROW(kQuiesced, label);
+    KS_THROW(EC_KS_quiesced, label);
   }
 }
 
@@ -122,7 +101,7 @@ void commitOrClose(const char* label, const KeyFile& hmk, const KeyFile& kpk,
   try {
     FileKeyStore::writeToFile(hmk, kpk, meta, keys, groups, locator);
   } catch (const KeyStoreError& error) {
-    if (error.status() != kWriteFailedNothingChanged) {
+    if (error.status() != EC_KS_write_failed_nothing_changed) {
       closeStore();
     }
     rethrowTranslated(label, error, kCommitFailureMap);
@@ -188,7 +167,7 @@ NewKey makeKey(const char* label, const KeyRecord_v1& rec, const std::string& pa
     made.key = KeyGen::passphraseToKey(passphrase, made.salt, length);
     if (FileKeyStore::isBadKey(made.key)) {
       wipeString(made.key);
-      KS_THROW(kBadPassphrase, label);
+      KS_THROW(EC_KS_bad_passphrase, label);
     }
   } else if (rec.attributes().find(kSaltAttribute) != rec.attributes().end()) {
     // A key known by its passphrase comes back with the value it had.
@@ -302,7 +281,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithKnownTag(const KeyRecord_v1& rec,
   refuseClosedOrQuiesced(kLabel, m_initialized, m_quiesceCount);
   // A key comes back with its tag only from the passphrase that made it.
   if (passphrase.empty()) {
-    KS_THROW(kBadPassphrase, kLabel);
+    KS_THROW(EC_KS_bad_passphrase, kLabel);
   }
   KeyRecord_v1 result = addKeyWithOrWithout(rec, passphrase, true);
   keyRecordFilter(result, true);
@@ -325,33 +304,33 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   KMS_TRACE_THIS(kLabel);
 
   if (rec.name().empty()) {
-    KS_THROW(kBadValue, kLabel);
+    KS_THROW(EC_KS_bad_argument, kLabel);
   }
   if (!IsValidName(rec.name())) {
-    KS_THROW(kBadName, kLabel);
+    KS_THROW(EC_KS_bad_name, kLabel);
   }
   refuseOversizedAttributes(kLabel, rec.attributes());
   if (withTag ? rec.state() != KEY_INACTIVE
               : rec.state() != KEY_ACTIVE && rec.state() != KEY_PRELIVE) {
-    KS_THROW(kBadValue, kLabel);
+    KS_THROW(EC_KS_bad_argument, kLabel);
   }
   if (withTag && rec.tag().empty()) {
-    KS_THROW(kEmptyTag, kLabel);
+    KS_THROW(EC_KS_empty_tag, kLabel);
   }
   const auto giter = m_groupTable->find(rec.keyGroup());
   if (giter == m_groupTable->end()) {
-    KS_THROW(kUnknownGroup, kLabel);
+    KS_THROW(EC_KS_unknown_group, kLabel);
   }
   if (limitReached(m_maxKeysPerGroup, m_keyTable->getNumKeysInGroup(rec.keyGroup()))) {
-    KS_THROW(kTooManyKeysInGroup, kLabel);
+    KS_THROW(EC_KS_too_many_keys_in_group, kLabel);
   }
   if (findKeyByName(*m_keyTable, rec.keyGroup(), rec.name()) != m_keyTable->end()) {
-    KS_THROW(kKeyNameExists, kLabel);
+    KS_THROW(EC_KS_key_name_exists, kLabel);
   }
   std::string tag;
   if (withTag) {
     if (m_keyTable->find(rec.tag()) != m_keyTable->end()) {
-      KS_THROW(kTagExists, kLabel);
+      KS_THROW(EC_KS_tag_exists, kLabel);
     }
     tag = rec.tag();
   } else {
@@ -401,15 +380,15 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   refuseClosedOrQuiesced(kLabel, m_initialized, m_quiesceCount);
 
   if (rec.name().empty() || !isValidKeyState(rec.state())) {
-    KS_THROW(kBadValue, kLabel);
+    KS_THROW(EC_KS_bad_argument, kLabel);
   }
   if (!IsValidName(rec.name())) {
-    KS_THROW(kBadName, kLabel);
+    KS_THROW(EC_KS_bad_name, kLabel);
   }
   refuseOversizedAttributes(kLabel, rec.attributes());
   const auto kiter = m_keyTable->find(rec.tag());
   if (kiter == m_keyTable->end()) {
-    KS_THROW(kUnknownKey, kLabel);
+    KS_THROW(EC_KS_unknown_key, kLabel);
   }
   const KeyRecord_v1 old = kiter->second;
   {
@@ -419,40 +398,40 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
     KeyRecord_v1 givenWithoutKey = rec;
     givenWithoutKey.setKey(std::string());
     if (storedWithoutKey == givenWithoutKey) {
-      KS_THROW(kNothingToChange, kLabel);
+      KS_THROW(EC_KS_nothing_to_change, kLabel);
     }
   }
   // The caller must have read the current record.
   if (rec.createTime() != old.createTime() || rec.updateTime() != old.updateTime() ||
       rec.rev() != old.rev()) {
-    KS_THROW(kStaleRecord, kLabel);
+    KS_THROW(EC_KS_stale_record, kLabel);
   }
   if (rec.kpkType() != old.kpkType() || rec.kpkTag() != old.kpkTag()) {
-    KS_THROW(kKpkChanged, kLabel);
+    KS_THROW(EC_KS_kpk_changed, kLabel);
   }
   if (!isValidKeyStateChange(old.state(), rec.state())) {
-    KS_THROW(kStateChangeRefused, kLabel);
+    KS_THROW(EC_KS_state_change_refused, kLabel);
   }
   const bool groupChanges = rec.keyGroup() != old.keyGroup();
   if (groupChanges) {
     const auto ngiter = m_groupTable->find(rec.keyGroup());
     if (ngiter == m_groupTable->end()) {
-      KS_THROW(kUnknownGroup, kLabel);
+      KS_THROW(EC_KS_unknown_group, kLabel);
     }
     if (limitReached(m_maxKeysPerGroup, m_keyTable->getNumKeysInGroup(rec.keyGroup()))) {
-      KS_THROW(kTooManyKeysInGroup, kLabel);
+      KS_THROW(EC_KS_too_many_keys_in_group, kLabel);
     }
     const auto ogiter = m_groupTable->find(old.keyGroup());
     if (ogiter == m_groupTable->end()) {
       assertionFailed(kLabel, "ogiter != m_kgtable->end()", __FILE__, __LINE__);
     }
     if (ngiter->second.cipherType() != ogiter->second.cipherType()) {
-      KS_THROW(kCipherTypeDiffers, kLabel);
+      KS_THROW(EC_KS_cipher_type_differs, kLabel);
     }
   }
   if ((groupChanges || rec.name() != old.name()) &&
       findKeyByName(*m_keyTable, rec.keyGroup(), rec.name()) != m_keyTable->end()) {
-    KS_THROW(kKeyNameExists, kLabel);
+    KS_THROW(EC_KS_key_name_exists, kLabel);
   }
 
   const uint64_t when = now();
@@ -489,11 +468,11 @@ void FileKeyStore::deleteKeyRecord(const std::string& tag) {
 
   const auto kiter = m_keyTable->find(tag);
   if (kiter == m_keyTable->end()) {
-    KS_THROW(kUnknownKey, kLabel);
+    KS_THROW(EC_KS_unknown_key, kLabel);
   }
   // Only the two ends of a key's life can go: never used, or used up.
   if (kiter->second.state() != KEY_PRELIVE && kiter->second.state() != KEY_TERMINATED) {
-    KS_THROW(kNotDeletable, kLabel);
+    KS_THROW(EC_KS_not_deletable, kLabel);
   }
   // A copy: `tag` may refer into the table that is replaced.
   const std::string doomed(tag);
@@ -516,17 +495,17 @@ KeyGrpRecord_v1 FileKeyStore::addKeyGroup(const KeyGrpRecord_v1& rec) {
   refuseClosedOrQuiesced(kLabel, m_initialized, m_quiesceCount);
 
   if (rec.name().empty() || !isValidCipherType(rec.cipherType())) {
-    KS_THROW(kBadValue, kLabel);
+    KS_THROW(EC_KS_bad_argument, kLabel);
   }
   if (!IsValidName(rec.name())) {
-    KS_THROW(kBadName, kLabel);
+    KS_THROW(EC_KS_bad_name, kLabel);
   }
   refuseOversizedAttributes(kLabel, rec.attributes());
   if (limitReached(m_maxKeyGroups, m_groupTable->size())) {
-    KS_THROW(kTooManyGroups, kLabel);
+    KS_THROW(EC_KS_too_many_groups, kLabel);
   }
   if (findKeyGroupByName(*m_groupTable, rec.name()) != m_groupTable->end()) {
-    KS_THROW(kGroupNameExists, kLabel);
+    KS_THROW(EC_KS_group_name_exists, kLabel);
   }
   // A group's tag is always the store's own; one in `rec` is ignored.
   const std::string tag = getNewTag();
@@ -554,28 +533,28 @@ KeyGrpRecord_v1 FileKeyStore::updateKeyGroupRecord(const KeyGrpRecord_v1& rec) {
   refuseClosedOrQuiesced(kLabel, m_initialized, m_quiesceCount);
 
   if (rec.name().empty()) {
-    KS_THROW(kBadValue, kLabel);
+    KS_THROW(EC_KS_bad_argument, kLabel);
   }
   if (!IsValidName(rec.name())) {
-    KS_THROW(kBadName, kLabel);
+    KS_THROW(EC_KS_bad_name, kLabel);
   }
   refuseOversizedAttributes(kLabel, rec.attributes());
   const auto giter = m_groupTable->find(rec.tag());
   if (giter == m_groupTable->end()) {
-    KS_THROW(kUnknownGroup, kLabel);
+    KS_THROW(EC_KS_unknown_group, kLabel);
   }
   const KeyGrpRecord_v1 old = giter->second;
   if (old == rec) {
-    KS_THROW(kNothingToChange, kLabel);
+    KS_THROW(EC_KS_nothing_to_change, kLabel);
   }
   // A group's cipher type never changes; trying is refused like a stale copy.
   if (rec.createTime() != old.createTime() || rec.updateTime() != old.updateTime() ||
       rec.rev() != old.rev() || rec.cipherType() != old.cipherType()) {
-    KS_THROW(kStaleRecord, kLabel);
+    KS_THROW(EC_KS_stale_record, kLabel);
   }
   if (rec.name() != old.name() &&
       findKeyGroupByName(*m_groupTable, rec.name()) != m_groupTable->end()) {
-    KS_THROW(kGroupNameExists, kLabel);
+    KS_THROW(EC_KS_group_name_exists, kLabel);
   }
 
   const uint64_t when = now();
@@ -604,11 +583,11 @@ void FileKeyStore::deleteKeyGroupRecord(const std::string& tagToDelete, bool for
   refuseClosedOrQuiesced(kLabel, m_initialized, m_quiesceCount);
 
   if (m_groupTable->find(tagToDelete) == m_groupTable->end()) {
-    KS_THROW(kUnknownGroup, kLabel);
+    KS_THROW(EC_KS_unknown_group, kLabel);
   }
   const bool hasKeys = m_keyTable->getNumKeysInGroup(tagToDelete) != 0;
   if (hasKeys && !force) {
-    KS_THROW(kGroupNotEmpty, kLabel);
+    KS_THROW(EC_KS_group_not_empty, kLabel);
   }
   // A copy: `tagToDelete` may refer into a table that is replaced.
   const std::string tag(tagToDelete);

@@ -28,10 +28,6 @@ namespace KMS {
 
 namespace {
 
-constexpr int kNotInitialized = 1202;
-constexpr int kUnknownName = 1214;
-constexpr int kStoreEmpty = 1285;
-
 // Runs `write` on a non-encrypting stream over `dest` and flushes it. On a
 // failure the stream's buffered bytes are dropped before it goes, as the
 // output is abandoned with the error.
@@ -63,7 +59,7 @@ int gatherSelection(const char* label, const ExportSelection::GroupMap& wanted,
     if (giter == liveGroups.end()) {
       KMS_DEBUG(label, 1, "ERR: KeyGroup " << groupName << " does not exist");
       status.addMessage(KSOpMessage(KSMSG_KEYGROUP_NOT_FOUND, groupName));
-      code = kUnknownName;
+      code = EC_KS_bad_argument;
       continue;
     }
     const KeyGrpRecord_v1& group = giter->second;
@@ -89,7 +85,7 @@ int gatherSelection(const char* label, const ExportSelection::GroupMap& wanted,
       if (kiter == liveKeys.end()) {
         KMS_DEBUG(label, 1, "ERR: Key " << keyName << " does not exist in Key Group " << groupName);
         status.addMessage(KSOpMessage(KSMSG_KEY_NOT_FOUND, keyName, groupName));
-        code = kUnknownName;
+        code = EC_KS_bad_argument;
       } else if (code == 0) {
         KMS_DEBUG(label, 1, "Exporting Key " << keyName << " in Key Group " << groupName);
         const bool added = keys.addRecord(kiter->second);
@@ -109,7 +105,7 @@ std::string FileKeyStore::exportToBuffer(
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(kNotInitialized, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   try {
     const ExportSelection::GroupMap wanted = ExportSelection::fold(selection);
@@ -118,8 +114,8 @@ std::string FileKeyStore::exportToBuffer(
 
     if (wanted.empty()) {
       if (m_groupTable->size() == 0) {
-        KMS_DEBUG(kLabel, 1, "The KMS DB is empty. Returning " << kStoreEmpty);
-        status.setErrCode(kStoreEmpty);
+        KMS_DEBUG(kLabel, 1, "The KMS DB is empty. Returning " << EC_KS_store_empty);
+        status.setErrCode(EC_KS_store_empty);
         return std::string();
       }
       KMS_DEBUG(kLabel, 1, "Exporting the entire KMS database");

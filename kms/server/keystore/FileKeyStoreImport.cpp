@@ -30,25 +30,18 @@ namespace KMS {
 
 namespace {
 
-constexpr int kNotInitialized = 1202;
-constexpr int kMalformed = 1208;
-constexpr int kInvalidEximMeta = 1207;
-constexpr int kNothingToImport = 1214;
-constexpr int kTooManyGroups = 1262;
-constexpr int kImportRefused = 1283;
-constexpr int kWriteFailedNothingChanged = 1276;
-
 const char* const kFipsAttribute = "KEY_FIPS";
 
 // The export metadata: a malformed list or a version other than 0x200 is a
 // damaged buffer; everything else an internal failure.
-const ErrorMap kReadEximMetaMap{
-    {EC_KS_internal_error}, {{{kMalformed, 1218}, kInvalidEximMeta}}, EC_KS_internal_error};
+const ErrorMap kReadEximMetaMap{{EC_KS_internal_error},
+                                {{{EC_KS_malformed, 1218}, EC_KS_invalid_store_file}},
+                                EC_KS_internal_error};
 
 // A failed commit: 1276, 1277 and 1200 go on as they are, anything else
 // becomes 1200.
 const ErrorMap kCommitFailureMap{
-    {kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+    {EC_KS_write_failed_nothing_changed, EC_KS_db_write_fail_changed, EC_KS_internal_error},
     {},
     EC_KS_internal_error};
 
@@ -70,7 +63,7 @@ void FileKeyStore::importFromBuffer(const std::string& buffer, std::string passp
   ScopedWipe wipePassphrase(passphrase);
   // Tested before the lock, which is taken only once the buffer is parsed.
   if (!m_initialized) {
-    KS_THROW(kNotInitialized, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   try {
     KeyTable kr(true);
@@ -88,13 +81,13 @@ void FileKeyStore::importFromBuffer(const std::string& buffer, std::string passp
     readKeyStore(content, kr, kg);
     if (kg.size() == 0) {
       KMS_DEBUG(kLabel, 1, "Keygroup table is empty: Nothing to import, cannot continue.");
-      KS_THROW(kNothingToImport, kLabel);
+      KS_THROW(EC_KS_bad_argument, kLabel);
     }
 
     StoreWriteGuard guard(m_lock, m_writerTurnstile);
     // The store may have closed while the buffer was being read.
     if (!m_initialized) {
-      KS_THROW(kNotInitialized, kLabel);
+      KS_THROW(EC_KS_not_initialized, kLabel);
     }
     validateImport(kr, kg, preserveNames, status);
     if (status.hasErrors()) {
@@ -135,11 +128,11 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
   static const char* const kLabel = "FileKeyStore::validateImport";
   KMS_TRACE_THIS(kLabel);
   if (limitExceeded(m_maxKeyGroups, m_groupTable->size() + kg.size())) {
-    KS_THROW(kTooManyGroups, kLabel);
+    KS_THROW(EC_KS_too_many_groups, kLabel);
   }
   if (!isKeyStoreSane(kr, kg)) {
     KMS_DEBUG(kLabel, 1, "Input tables fail the key store sanity test!");
-    KS_THROW(kMalformed, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
 
   removeDuplicateKeyRecords(kr, kg, status);
@@ -158,7 +151,7 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
       const auto byTag = m_groupTable->find(group.tag());
       if (byName != m_groupTable->end()) {
         KMS_DEBUG(kLabel, 1, "Key group [" << group.name() << "] already exists in the database");
-        status.setErrCode(kImportRefused);
+        status.setErrCode(EC_KS_import_refused);
         status.addMessage(KSOpMessage(KSMSG_KEYGROUP_EXISTS, group.name()));
       }
       if (byTag != m_groupTable->end()) {
@@ -167,7 +160,7 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
                   "Tag for key group [" << group.name()
                                         << "]  conflicts with the existing key group [" << other
                                         << "]");
-        status.setErrCode(kImportRefused);
+        status.setErrCode(EC_KS_import_refused);
         status.addMessage(KSOpMessage(KSMSG_KEYGROUP_TAG_CONFLICT, group.name(), other));
       }
       if (byName == m_groupTable->end() && byTag == m_groupTable->end()) {
@@ -185,7 +178,7 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
       if (limitExceeded(m_maxKeysPerGroup, kr.getNumKeysInGroup(group.tag()))) {
         KMS_DEBUG(kLabel, 1,
                   "Key group [" << group.name() << "] exceeds the limit of maximum allowed keys");
-        status.setErrCode(kImportRefused);
+        status.setErrCode(EC_KS_import_refused);
         status.addMessage(KSOpMessage(KSMSG_KEYGROUP_KEY_LIMIT, group.name()));
       }
     }
@@ -234,7 +227,7 @@ void FileKeyStore::importKeysAndKeyGroups(GroupTable& kg, KeyTable& kr) {
     writeToFile(*m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *kgtable, m_locator);
   } catch (const KeyStoreError& error) {
     // Only a write known to have left the disk alone keeps the store open.
-    if (error.status() != kWriteFailedNothingChanged) {
+    if (error.status() != EC_KS_write_failed_nothing_changed) {
       deinitialize();
     }
     rethrowTranslated(kLabel, error, kCommitFailureMap);

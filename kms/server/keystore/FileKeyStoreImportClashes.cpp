@@ -25,8 +25,6 @@ namespace KMS {
 
 namespace {
 
-constexpr int kImportRefused = 1283;
-
 const char* const kSuffixStem = "_IMPORTED_";
 
 // Equal byte strings, in a time that does not depend on where they differ.
@@ -73,7 +71,7 @@ void FileKeyStore::removeDuplicateKeyRecords(KeyTable& krtable, GroupTable& kgta
                 "Key [" << key << "] from group [" << group
                         << "] has the same tag as that of existing key [" << otherKey
                         << "] from group [" << otherGroup << "], but different value.");
-      status.setErrCode(kImportRefused);
+      status.setErrCode(EC_KS_import_refused);
       status.addMessage(KSOpMessage(KSMSG_KEY_TAG_CONFLICT, key, group, otherKey, otherGroup));
     }
     duplicate_tags.push_back(imported.tag());

@@ -12,6 +12,7 @@
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSMetadata.h"
 #include "kms/server/keystore/KeyFile.h"
@@ -77,15 +78,15 @@ template <typename Find>
 KeyRecord_v1 FileKeyStore::lookUpKey(const char* label, bool unwrap, Find&& find) const {
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, label);
+    KS_THROW(EC_KS_not_initialized, label);
   }
   const KeyTable& keys = *m_keyTable;
   const auto iter = find(keys);
   if (iter == keys.end()) {
-    KS_THROW(1260, label);
+    KS_THROW(EC_KS_unknown_key, label);
   }
   if (unwrap && !isUsable(iter->second.state())) {
-    KS_THROW(1242, label);
+    KS_THROW(EC_KS_not_deletable, label);
   }
   KeyRecord_v1 rec = iter->second;
   keyRecordFilter(rec, !unwrap);
@@ -96,12 +97,12 @@ template <typename Find>
 KeyGrpRecord_v1 FileKeyStore::lookUpGroup(const char* label, Find&& find) const {
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, label);
+    KS_THROW(EC_KS_not_initialized, label);
   }
   const GroupTable& groups = *m_groupTable;
   const auto iter = find(groups);
   if (iter == groups.end()) {
-    KS_THROW(1229, label);
+    KS_THROW(EC_KS_unknown_group, label);
   }
   KeyGrpRecord_v1 rec = iter->second;
   keyGroupRecordFilter(rec);
@@ -150,7 +151,7 @@ KeyRecord_v1 FileKeyStore::getKeyRecordByName(const std::string& _kgroup,
   KeyRecord_v1 rec = lookUpKey(kLabel, false, [&](const KeyTable& keys) {
     // An unknown group is told apart from an unknown name.
     if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
-      KS_THROW(1229, kLabel);
+      KS_THROW(EC_KS_unknown_group, kLabel);
     }
     return findKeyByName(keys, _kgroup, _name);
   });
@@ -164,10 +165,10 @@ KeyRecord_v1 FileKeyStore::getActiveKeyRecord(const std::string& _kgroup) const 
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
-    KS_THROW(1229, kLabel);
+    KS_THROW(EC_KS_unknown_group, kLabel);
   }
   const std::string& active = m_keyTable->getActiveKeyInGroup(_kgroup);
   if (active.empty()) {
@@ -186,7 +187,7 @@ void FileKeyStore::getAllKeyGroupRecords(std::list<KeyGrpRecord_v1>& out) const 
   out.clear();
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   for (auto iter = m_groupTable->begin(); iter != m_groupTable->end(); ++iter) {
     KeyGrpRecord_v1 rec = iter->second;
@@ -202,10 +203,10 @@ void FileKeyStore::getAllKeyRecordsInGroup(const std::string& group,
   out.clear();
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    KS_THROW(1202, kLabel);
+    KS_THROW(EC_KS_not_initialized, kLabel);
   }
   if (m_groupTable->find(group) == m_groupTable->end()) {
-    KS_THROW(1229, kLabel);
+    KS_THROW(EC_KS_unknown_group, kLabel);
   }
   for (const std::string& tag : m_keyTable->getTagsByGroup(group)) {
     KeyRecord_v1 rec = m_keyTable->getRecord(tag);
@@ -219,7 +220,7 @@ int FileKeyStore::getKad(const std::string& tag, unsigned long kadlength, std::s
   KMS_TRACE_THIS(kLabel);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    return 1202;
+    return EC_KS_not_initialized;
   }
   // A tag shorter than asked for is padded with the character '0'.
   if (tag.size() < kadlength) {
@@ -235,7 +236,7 @@ int FileKeyStore::getKad(const std::string& tag, unsigned long kadlength, std::s
     return status;
   }
   if (std::find(tags.begin(), tags.end(), tag) == tags.end()) {
-    return 1260;
+    return EC_KS_unknown_key;
   }
   KS_ASSERT(kLabel, tags.size() > 0);
   return tags.size() == 1 ? 1234 : 1235;
@@ -247,7 +248,7 @@ int FileKeyStore::getKeyRecordsByKad(const std::string& kad, std::list<KeyRecord
   out.clear();
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    return 1202;
+    return EC_KS_not_initialized;
   }
   KeyTable::TagList tags;
   const int status = m_keyTable->getTagsByKad(kad, tags);
@@ -359,7 +360,7 @@ int FileKeyStore::display() const {
   KMS_TRACE_THIS("FileKeyStore::display");
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   if (!m_initialized) {
-    return 1202;
+    return EC_KS_not_initialized;
   }
   std::printf(" *********************************** HMK FILE **********************************\n");
   m_hmkFile->attributes().display();

@@ -54,80 +54,56 @@ constexpr int kMsgNo = 26;
 constexpr int kOwnOriginator = 286;
 
 // Status codes used by number.
-constexpr int kAlreadyInitialized = 1201;
-constexpr int kNotInitialized = 1202;
-constexpr int kQuiesced = 1279;
-constexpr int kStoreFileOpenError = 1204;
-constexpr int kInvalidStoreFile = 1207;
-constexpr int kMalformed = 1208;
-constexpr int kHmkFileExists = 1209;
-constexpr int kFileWriteError = 1210;
-constexpr int kEmptyPassphrase = 1212;
-constexpr int kInvalidArgument = 1214;
-constexpr int kWrongHmk = 1221;
-constexpr int kCrypterNotReady = 1223;
-constexpr int kCrypterFailed = 1224;
-constexpr int kIntegrityFailed = 1225;
-constexpr int kDirCreateFailed = 1236;
-constexpr int kFileCreateFailed = 1237;
-constexpr int kFileRenameFailed = 1238;
-constexpr int kFileDeleteFailed = 1239;
-constexpr int kWrongKpk = 1249;
-constexpr int kKpkFileExists = 1251;
-constexpr int kOpenFailed = 1252;
-constexpr int kRandomHmk = 1264;
-constexpr int kRandomKpk = 1265;
-constexpr int kStoreExists = 1268;
-constexpr int kUnwrapFailed = 1270;
-constexpr int kRecoveryFailed = 1274;
-constexpr int kUnknownFileState = 1275;
-constexpr int kWriteFailedNothingChanged = 1276;
-constexpr int kFipsEnableFailed = 1286;
 
 // --- What each operation lets through, and what it turns the rest into ---
 
 // isGoodKeyFile. A malformed file (1208) is the answer "no" and never reaches
 // this map.
-const ErrorMap kGoodKeyFileMap{{kFileWriteError, EC_KS_internal_error, kOpenFailed}, {}};
+const ErrorMap kGoodKeyFileMap{{EC_KS_file_write_error, EC_KS_internal_error, EC_KS_open_failed},
+                               {}};
 // goodHMKFileExists, goodKPKFileExists.
-const ErrorMap kGoodHmkFileMap{{kFileWriteError, EC_KS_internal_error},
-                               {{{kOpenFailed}, EC_KS_HMKfile_open_error}}};
-const ErrorMap kGoodKpkFileMap{{kFileWriteError, EC_KS_internal_error},
-                               {{{kOpenFailed}, EC_KS_KPKfile_open_error}}};
+const ErrorMap kGoodHmkFileMap{{EC_KS_file_write_error, EC_KS_internal_error},
+                               {{{EC_KS_open_failed}, EC_KS_HMKfile_open_error}}};
+const ErrorMap kGoodKpkFileMap{{EC_KS_file_write_error, EC_KS_internal_error},
+                               {{{EC_KS_open_failed}, EC_KS_KPKfile_open_error}}};
 // getHMKId and its kin on a closed store.
-const ErrorMap kStoreMetaMap{
-    {kFileWriteError, kStoreFileOpenError, kInvalidStoreFile, EC_KS_internal_error}, {}};
+const ErrorMap kStoreMetaMap{{EC_KS_file_write_error, EC_KS_store_file_open_error,
+                              EC_KS_invalid_store_file, EC_KS_internal_error},
+                             {}};
 
 // createEmpty: a failed commit has deleted what it made, so every file error
 // is reported as a store that changed.
 const ErrorMap kCreateEmptyMap{
-    {EC_KS_internal_error, kStoreExists, kRecoveryFailed, kUnknownFileState},
-    {{{kDirCreateFailed, kFileCreateFailed, kFileDeleteFailed, kWriteFailedNothingChanged,
-       EC_KS_db_write_fail_changed},
+    {EC_KS_internal_error, EC_KS_store_exists, EC_KS_recovery_failed, EC_KS_unknown_file_state},
+    {{{EC_KS_dir_create_failed, EC_KS_file_create_failed, EC_KS_file_delete_failed,
+       EC_KS_write_failed_nothing_changed, EC_KS_db_write_fail_changed},
       EC_KS_db_write_fail_changed},
-     {{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+     {{EC_KS_bad_argument, EC_KS_crypter_not_ready, EC_KS_crypter_failed, EC_KS_integrity_failed},
       EC_KS_internal_error}}};
 
 // createHMKFile, createKPKFile.
 const ErrorMap kCreateHmkFileMap{
-    {kStoreFileOpenError, kInvalidStoreFile, kHmkFileExists, kFileWriteError, kWrongHmk, kRandomHmk,
-     EC_KS_internal_error, kRecoveryFailed, kUnknownFileState},
-    {{{kOpenFailed}, EC_KS_HMKfile_open_error}, {{kIntegrityFailed}, EC_KS_internal_error}}};
+    {EC_KS_store_file_open_error, EC_KS_invalid_store_file, EC_KS_hmk_file_exists,
+     EC_KS_file_write_error, EC_KS_wrong_hmk, EC_KS_random_hmk, EC_KS_internal_error,
+     EC_KS_recovery_failed, EC_KS_unknown_file_state},
+    {{{EC_KS_open_failed}, EC_KS_HMKfile_open_error},
+     {{EC_KS_integrity_failed}, EC_KS_internal_error}}};
 const ErrorMap kCreateKpkFileMap{
-    {EC_KS_HMKfile_open_error, kStoreFileOpenError, kInvalidStoreFile, kFileWriteError, kWrongHmk,
-     kWrongKpk, kKpkFileExists, kRandomKpk, EC_KS_internal_error, kRecoveryFailed,
-     kUnknownFileState},
-    {{{kOpenFailed}, EC_KS_KPKfile_open_error},
-     {{kMalformed}, EC_KS_invalid_HMKfile},
-     {{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+    {EC_KS_HMKfile_open_error, EC_KS_store_file_open_error, EC_KS_invalid_store_file,
+     EC_KS_file_write_error, EC_KS_wrong_hmk, EC_KS_wrong_kpk, EC_KS_kpk_file_exists,
+     EC_KS_random_kpk, EC_KS_internal_error, EC_KS_recovery_failed, EC_KS_unknown_file_state},
+    {{{EC_KS_open_failed}, EC_KS_KPKfile_open_error},
+     {{EC_KS_malformed}, EC_KS_invalid_HMKfile},
+     {{EC_KS_bad_argument, EC_KS_crypter_not_ready, EC_KS_crypter_failed, EC_KS_integrity_failed},
       EC_KS_internal_error}}};
 
 // Failures of rewriting a key file that are reported by whether the new file
 // had replaced the old one (1277) or not (1276).
-const std::vector<int> kHmkRewriteFailures{kDirCreateFailed, kFileCreateFailed, kFileRenameFailed,
-                                           EC_KS_HMKfile_open_error, kFileWriteError};
-const std::vector<int> kKpkRewriteFailures{kFileCreateFailed, kFileRenameFailed,
-                                           EC_KS_KPKfile_open_error, kFileWriteError};
+const std::vector<int> kHmkRewriteFailures{EC_KS_dir_create_failed, EC_KS_file_create_failed,
+                                           EC_KS_file_rename_failed, EC_KS_HMKfile_open_error,
+                                           EC_KS_file_write_error};
+const std::vector<int> kKpkRewriteFailures{EC_KS_file_create_failed, EC_KS_file_rename_failed,
+                                           EC_KS_KPKfile_open_error, EC_KS_file_write_error};
 
 // updateHMK, updateKPK: the code reported, and the codes after which the store
 // stays live on the old keys (nothing written, or nothing changed on disk).
@@ -138,17 +114,18 @@ struct RekeyFailures {
   std::vector<int> keepLive;
 };
 const RekeyFailures kUpdateHmkFailures{
-    {{kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
-     {{{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed, kUnwrapFailed},
+    {{EC_KS_write_failed_nothing_changed, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+     {{{EC_KS_bad_argument, EC_KS_crypter_not_ready, EC_KS_crypter_failed, EC_KS_integrity_failed,
+        EC_KS_unwrap_failed},
        EC_KS_internal_error}}},
-    {kWriteFailedNothingChanged, kInvalidArgument, kCrypterNotReady, kCrypterFailed,
-     kIntegrityFailed, kUnwrapFailed}};
+    {EC_KS_write_failed_nothing_changed, EC_KS_bad_argument, EC_KS_crypter_not_ready,
+     EC_KS_crypter_failed, EC_KS_integrity_failed, EC_KS_unwrap_failed}};
 const RekeyFailures kUpdateKpkFailures{
-    {{kWriteFailedNothingChanged, EC_KS_db_write_fail_changed, EC_KS_internal_error},
-     {{{kInvalidArgument, kCrypterNotReady, kCrypterFailed, kIntegrityFailed},
+    {{EC_KS_write_failed_nothing_changed, EC_KS_db_write_fail_changed, EC_KS_internal_error},
+     {{{EC_KS_bad_argument, EC_KS_crypter_not_ready, EC_KS_crypter_failed, EC_KS_integrity_failed},
        EC_KS_internal_error}}},
-    {kWriteFailedNothingChanged, kInvalidArgument, kCrypterNotReady, kCrypterFailed,
-     kIntegrityFailed}};
+    {EC_KS_write_failed_nothing_changed, EC_KS_bad_argument, EC_KS_crypter_not_ready,
+     EC_KS_crypter_failed, EC_KS_integrity_failed}};
 
 bool isOneOf(const std::vector<int>& codes, int code) {
   return std::find(codes.begin(), codes.end(), code) != codes.end();
@@ -158,12 +135,12 @@ bool isOneOf(const std::vector<int>& codes, int code) {
 // a quiesced one, an empty id. 0 when nothing does.
 int rekeyRefusal(bool initialized, uint64_t quiesceCount, const std::string& id) {
   if (!initialized) {
-    return kNotInitialized;
+    return EC_KS_not_initialized;
   }
   if (quiesceCount != 0) {
-    return kQuiesced;
+    return EC_KS_quiesced;
   }
-  return id.empty() ? kInvalidArgument : 0;
+  return id.empty() ? EC_KS_bad_argument : 0;
 }
 
 // Runs `body`, a re-key, under `failures`: gives 0 or the code to report, and
@@ -223,7 +200,7 @@ KSMetadata readStoreMetadata(const char* label, const KMSFileLocator& locator) {
       Utils::openForReading(label, locator.ksPath(), Utils::kMaxStoreFileBytes);
   if (file.get() == nullptr) {
     KMS_DEBUG(label, 1, "Cannot open " << locator.ksPath());
-    KS_THROW(kStoreFileOpenError, label);
+    KS_THROW(EC_KS_store_file_open_error, label);
   }
   KSInputBuffer buffer(readWhole(file, Utils::kMaxStoreFileBytes));
   return FileKeyStore::readKeyStoreMeta(buffer);
@@ -255,7 +232,7 @@ int rewriteKeyFile(const char* label, const std::string& path, const KeyFile& ke
       KMS_DEBUG(label, 1, "Rethrowing Exception");
       throw;
     }
-    const int result = replaced ? EC_KS_db_write_fail_changed : kWriteFailedNothingChanged;
+    const int result = replaced ? EC_KS_db_write_fail_changed : EC_KS_write_failed_nothing_changed;
     const char* text = getECmsg(result);
     KMS_DEBUG(label, 1,
               "Returning as " << (text != nullptr ? text : "") << " (" << error.status() << ")");
@@ -383,7 +360,7 @@ auto metadataFact(const char* label, const KSMetadata* live, bool fipsFailed,
     return fact(*live);
   }
   if (fipsFailed) {
-    KS_THROW(kFipsEnableFailed, label);
+    KS_THROW(EC_KS_fips_unavailable, label);
   }
   return translateErrors(label, kStoreMetaMap,
                          [&] { return fact(readStoreMetadata(label, locator)); });
@@ -454,8 +431,8 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kHmkKind = {"FileKeyStore::goodH
                                                             &KSMetadata::hmkRandom,
                                                             kGoodHmkFileMap,
                                                             kCreateHmkFileMap,
-                                                            kHmkFileExists,
-                                                            kRandomHmk,
+                                                            EC_KS_hmk_file_exists,
+                                                            EC_KS_random_hmk,
                                                             EC_KS_HMKfile_open_error,
                                                             true,
                                                             kHmkRewriteFailures,
@@ -470,8 +447,8 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kKpkKind = {"FileKeyStore::goodK
                                                             &KSMetadata::kpkRandom,
                                                             kGoodKpkFileMap,
                                                             kCreateKpkFileMap,
-                                                            kKpkFileExists,
-                                                            kRandomKpk,
+                                                            EC_KS_kpk_file_exists,
+                                                            EC_KS_random_kpk,
                                                             EC_KS_KPKfile_open_error,
                                                             false,
                                                             kKpkRewriteFailures,
@@ -517,7 +494,7 @@ bool FileKeyStore::goodKeyFileExists(const MasterKeyKind& kind) {
     return true;
   }
   if (fipsEnableFailed()) {
-    KS_THROW(kFipsEnableFailed, kind.goodLabel);
+    KS_THROW(EC_KS_fips_unavailable, kind.goodLabel);
   }
   return translateErrors(kind.goodLabel, kind.goodMap,
                          [&] { return isGoodKeyFile((m_locator.*kind.path)()); });
@@ -532,9 +509,9 @@ bool FileKeyStore::isGoodKeyFile(const std::string& path) {
     }
     // Only the form of the file is tested, not whether its key is right.
     try {
-      readKeyFileAt(kLabel, path, kOpenFailed);
+      readKeyFileAt(kLabel, path, EC_KS_open_failed);
     } catch (const KeyStoreError& error) {
-      if (error.status() != kMalformed) {
+      if (error.status() != EC_KS_malformed) {
         throw;
       }
       KMS_DEBUG(kLabel, 1, path << " is not a valid key file: " << error.str(true));
@@ -553,13 +530,13 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
   KMS_TRACE_THIS(kLabel);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
-    return kAlreadyInitialized;
+    return EC_KS_already_initialized;
   }
   if (fipsEnableFailed()) {
-    return kFipsEnableFailed;
+    return EC_KS_fips_unavailable;
   }
   if (hmkId.empty() || kpkId.empty()) {
-    return kInvalidArgument;
+    return EC_KS_bad_argument;
   }
   return statusOf(kLabel, kCreateEmptyMap, [&] {
     // A store about to be replaced is first recovered as a start would
@@ -574,7 +551,7 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
       // dbExists first.
       if (m_locator.anyFileExists()) {
         if (!overwrite) {
-          KS_THROW(kStoreExists, kLabel);
+          KS_THROW(EC_KS_store_exists, kLabel);
         }
         logAppMessage(kLabel, CRVN_SEV_INFO, kMsgDeletingOldStore);
         m_locator.deleteAllFiles();
@@ -652,13 +629,13 @@ int FileKeyStore::createKeyFile(const MasterKeyKind& kind, const std::string& pa
   KMS_TRACE_THIS(label);
   StoreWriteGuard guard(m_lock, m_writerTurnstile);
   if (m_initialized) {
-    return kAlreadyInitialized;
+    return EC_KS_already_initialized;
   }
   if (fipsEnableFailed()) {
-    return kFipsEnableFailed;
+    return EC_KS_fips_unavailable;
   }
   if (passphrase.empty()) {
-    return kEmptyPassphrase;
+    return EC_KS_bad_passphrase;
   }
   const std::string& path = (m_locator.*kind.path)();
   return statusOf(label, kind.createMap, [&] {

@@ -47,34 +47,25 @@ constexpr int kMsgStoreNotSane = 87;
 constexpr int kMsgKeptFilesBad = 111;
 
 // Status codes used by number.
-constexpr int kHmkFileOpenOnly = 1205;
-constexpr int kInvalidStoreFile = 1207;
-constexpr int kMalformed = 1208;
-constexpr int kFileWriteError = 1210;
-constexpr int kCrypterNotReady = 1223;
-constexpr int kCrypterFailed = 1224;
-constexpr int kInvalidKpkFile = 1256;
-constexpr int kUnknownFileState = 1275;
-constexpr int kWriteFailedNothingChanged = 1276;
-constexpr int kUntrustedPath = 1295;
 
 // --- What each function lets through, and what it turns the rest into ---
 
 // recoverDB: a failed rename, delete or directory sync is a failed recovery.
-const ErrorMap kRecoverMap{{kUnknownFileState}, {{{1238, 1239, kFileWriteError}, 1274}}};
+const ErrorMap kRecoverMap{{EC_KS_unknown_file_state},
+                           {{{1238, 1239, EC_KS_file_write_error}, 1274}}};
 
 // writeToFile while it writes the new files: every failure there leaves the
 // old files untouched.
-const ErrorMap kWriteNewFilesMap{{},
-                                 {{{1210, 1223, 1237, 1200, 1252}, kWriteFailedNothingChanged}}};
+const ErrorMap kWriteNewFilesMap{
+    {}, {{{1210, 1223, 1237, 1200, 1252}, EC_KS_write_failed_nothing_changed}}};
 // writeToFile as a whole: from the first rename on, a failure leaves a commit
 // half done, which the next init completes. A failed directory sync (1210)
 // comes after the renames: the change is on disk but maybe not durable. A
 // "dat" that is not the file the commit wrote (1295) stops the commit before
 // the old copies go.
 const ErrorMap kCommitMap{
-    {kWriteFailedNothingChanged, EC_KS_internal_error},
-    {{{1238, 1239, kFileWriteError, kUntrustedPath}, EC_KS_db_write_fail_changed}}};
+    {EC_KS_write_failed_nothing_changed, EC_KS_internal_error},
+    {{{1238, 1239, EC_KS_file_write_error, EC_KS_untrusted_path}, EC_KS_db_write_fail_changed}}};
 
 // readFromFile.
 const ErrorMap kReadMap{{1203, 1204, 1205, 1206, 1207, 1200, 1210, 1221, 1245, 1246, 1247, 1248,
@@ -83,20 +74,26 @@ const ErrorMap kReadMap{{1203, 1204, 1205, 1206, 1207, 1200, 1210, 1221, 1245, 1
 // Reading one key file inside readFromFile: a malformed file is named after
 // the file. The read gives 1210 and readKeyFile only 1200 and 1208, so the
 // pass list holds every other code that can arise.
-const ErrorMap kReadHmkFileMap{{1200, kFileWriteError}, {{{kMalformed}, EC_KS_invalid_HMKfile}}};
-const ErrorMap kReadKpkFileMap{{1200, kFileWriteError}, {{{kMalformed}, kInvalidKpkFile}}};
+const ErrorMap kReadHmkFileMap{{1200, EC_KS_file_write_error},
+                               {{{EC_KS_malformed}, EC_KS_invalid_HMKfile}}};
+const ErrorMap kReadKpkFileMap{{1200, EC_KS_file_write_error},
+                               {{{EC_KS_malformed}, EC_KS_invalid_kpk_file}}};
 
-const ErrorMap kReadKeyFileMap{{EC_KS_internal_error, kMalformed}, {{{1218}, kMalformed}}};
-const ErrorMap kReadMetaMap{{EC_KS_internal_error}, {{{kMalformed, 1218}, kInvalidStoreFile}}};
-const ErrorMap kReadStoreMap{{},
-                             {{{kMalformed, kCrypterFailed}, kInvalidStoreFile},
-                              {{EC_KS_internal_error, kCrypterNotReady}, EC_KS_internal_error}}};
-const ErrorMap kWriteStoreMap{{kFileWriteError, EC_KS_internal_error},
-                              {{{kCrypterFailed}, EC_KS_internal_error}}};
+const ErrorMap kReadKeyFileMap{{EC_KS_internal_error, EC_KS_malformed},
+                               {{{1218}, EC_KS_malformed}}};
+const ErrorMap kReadMetaMap{{EC_KS_internal_error},
+                            {{{EC_KS_malformed, 1218}, EC_KS_invalid_store_file}}};
+const ErrorMap kReadStoreMap{
+    {},
+    {{{EC_KS_malformed, EC_KS_crypter_failed}, EC_KS_invalid_store_file},
+     {{EC_KS_internal_error, EC_KS_crypter_not_ready}, EC_KS_internal_error}}};
+const ErrorMap kWriteStoreMap{{EC_KS_file_write_error, EC_KS_internal_error},
+                              {{{EC_KS_crypter_failed}, EC_KS_internal_error}}};
 
 // throwFileOpenErrors, by the mask of opened files (1 store, 2 HMK, 4 KPK).
 const int kOpenErrors[7] = {
-    1245, 1246, 1247, EC_KS_KPKfile_open_error, kHmkFileOpenOnly, EC_KS_HMKfile_open_error, 1204};
+    1245, 1246, 1247, EC_KS_KPKfile_open_error, EC_KS_hmk_file_open_only, EC_KS_HMKfile_open_error,
+    1204};
 
 // --- The nine paths ---
 
@@ -210,7 +207,7 @@ void writeNewFiles(const char* label, const KeyFile& hmk, const KeyFile& kpk,
   std::unique_ptr<KSCrypt> crypter(
       CryptFactory::createCrypter(meta.masterEncAlgo(), hmk.key(), meta.masterIV()));
   if (crypter->encryptReset() != 0) {
-    KS_THROW(kCrypterFailed, label);
+    KS_THROW(EC_KS_crypter_failed, label);
   }
   {
     // The record stream continues the store file behind the metadata.
@@ -298,7 +295,7 @@ KeyFile readKeyFileFrom(Utils::FileHolder& file) {
 std::string readKeptFile(const char* label, const std::string& path, off_t maxBytes) {
   Utils::FileHolder file = openForRead(label, path, maxBytes);
   if (file.get() == nullptr) {
-    KS_THROW(1204, label);
+    KS_THROW(EC_KS_store_file_open_error, label);
   }
   return readWhole(file, maxBytes);
 }
@@ -337,7 +334,7 @@ void verifyKeptFiles(const char* label, const std::string& hmkPath, const std::s
     KMS_DEBUG(label, 1, "Exception Caught: " << error.str(true));
     logAppMessage(label, CRVN_SEV_ERROR, kMsgKeptFilesBad, hmkPath,
                   kpkPath.empty() ? std::string("-") : kpkPath, storePath);
-    KS_THROW(kUnknownFileState, label);
+    KS_THROW(EC_KS_unknown_file_state, label);
   }
 }
 
@@ -441,7 +438,7 @@ void FileKeyStore::recoverDB(const KMSFileLocator& locator) {
         break;
     }
     logAppMessage(kLabel, CRVN_SEV_ERROR, kMsgUnknownFileState);
-    KS_THROW(kUnknownFileState, kLabel);
+    KS_THROW(EC_KS_unknown_file_state, kLabel);
   });
 }
 
@@ -464,7 +461,7 @@ void FileKeyStore::writeToFile(const KeyFile& hmk, const KeyFile& kpk, const KSM
       writeNewFiles(kLabel, hmk, kpk, meta, keys, groups, files);
     } catch (const KeyStoreError& error) {
       deleteNewFiles(kLabel, files);
-      if (error.status() == kFileWriteError) {
+      if (error.status() == EC_KS_file_write_error) {
         logAppMessage(kLabel, CRVN_SEV_ERROR, kMsgWriteFailedNothingChanged);
       }
       rethrowTranslated(kLabel, error, kWriteNewFilesMap);
@@ -517,7 +514,7 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
     }
     if (!isKeyStoreSane(keys, groups)) {
       logAppMessage(kLabel, CRVN_SEV_ERROR, kMsgStoreNotSane);
-      KS_THROW(kInvalidStoreFile, kLabel);
+      KS_THROW(EC_KS_invalid_store_file, kLabel);
     }
 
     // Older stores are brought up to the current version in memory; init
@@ -580,7 +577,7 @@ KeyFile FileKeyStore::readKeyFile(KSInputBuffer& buffer) {
     ReaderWriter::readAttributeList(buffer, list);
     if (buffer.remaining() != 0) {
       KMS_DEBUG(kLabel, 1, buffer.remaining() << " bytes after the key file's attribute list");
-      KS_THROW(kMalformed, kLabel);
+      KS_THROW(EC_KS_malformed, kLabel);
     }
     return KeyFile(list);
   });
@@ -603,15 +600,15 @@ void FileKeyStore::readKeyStore(const KSInputBuffer& buffer, KSCrypt& crypter, K
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kReadStoreMap, [&] {
     if (crypter.decryptReset() != 0) {
-      KS_THROW(kCrypterNotReady, kLabel);
+      KS_THROW(EC_KS_crypter_not_ready, kLabel);
     }
     if (crypter.decrypt(buffer.cursor(), buffer.remaining(), true) != 0) {
-      KS_THROW(kCrypterFailed, kLabel);
+      KS_THROW(EC_KS_crypter_failed, kLabel);
     }
     const unsigned char* plain = nullptr;
     unsigned long length = 0;
     if (crypter.getDecryptedData(&plain, &length) != 0) {
-      KS_THROW(kCrypterFailed, kLabel);
+      KS_THROW(EC_KS_crypter_failed, kLabel);
     }
     // Read where the crypter holds them, which wipes them.
     KSInputBuffer plainBytes(plain, length);

@@ -6,6 +6,7 @@
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KSMetadata.h"
 #include "kms/server/keystore/KeyWrap.h"
@@ -36,7 +37,7 @@ std::string keyDigest(const char* label, const std::string& key) {
   std::string digest;
   if (hash.update("Z", 1) != 0 || hash.update(key.data(), key.size()) != 0 ||
       hash.getHash(&digest) != 0) {
-    KS_THROW(1225, label);
+    KS_THROW(EC_KS_integrity_failed, label);
   }
   return digest;
 }
@@ -80,12 +81,12 @@ void FileKeyStore::verifyHmk(const std::string& key, const KSMetadata& meta) {
   KMS_TRACE(kLabel);
   if (provedByHash(meta.version())) {
     if (keyDigest(kLabel, key) != meta.hmkHash()) {
-      KS_THROW(1221, kLabel);
+      KS_THROW(EC_KS_wrong_hmk, kLabel);
     }
     return;
   }
   if (!isVerifierValid("HMKV", key, meta.hmkVerifier(), meta.masterEncAlgo(), meta.version())) {
-    KS_THROW(1221, kLabel);
+    KS_THROW(EC_KS_wrong_hmk, kLabel);
   }
 }
 
@@ -94,12 +95,12 @@ void FileKeyStore::verifyKpk(const std::string& key, const KSMetadata& meta) {
   KMS_TRACE(kLabel);
   if (provedByHash(meta.version())) {
     if (keyDigest(kLabel, key) != meta.kpkHash()) {
-      KS_THROW(1249, kLabel);
+      KS_THROW(EC_KS_wrong_kpk, kLabel);
     }
     return;
   }
   if (!isVerifierValid("KPKV", key, meta.kpkVerifier(), meta.keyEncAlgo(), meta.version())) {
-    KS_THROW(1249, kLabel);
+    KS_THROW(EC_KS_wrong_kpk, kLabel);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FileUtils.h"
 
 namespace Vaultrest {
@@ -11,7 +12,7 @@ namespace KMS {
 void FileOutDest::write(const void* data, unsigned long len) {
   KMS_TRACE_THIS("FileOutDest::write");
   if (Utils::fwriteall(m_file, data, len) == -1) {
-    KS_THROW(1210, "FileOutDest::write");
+    KS_THROW(EC_KS_file_write_error, "FileOutDest::write");
   }
 }
 

@@ -20,12 +20,6 @@ namespace Utils {
 
 namespace {
 
-constexpr int kFileWriteError = 1210;
-constexpr int kCreateDirError = 1236;
-constexpr int kCreateFileError = 1237;
-constexpr int kRenameError = 1238;
-constexpr int kDeleteError = 1239;
-
 constexpr int kMsgCreateDirFailed = 43;
 constexpr int kMsgCreateFileFailed = 44;
 constexpr int kMsgRenameFailed = 47;
@@ -35,8 +29,6 @@ constexpr int kMsgCloseFailed = 60;
 constexpr int kMsgReadFailed = 61;
 constexpr int kMsgWriteFailed = 62;
 constexpr int kMsgUntrustedPath = 110;
-
-constexpr int kUntrustedPath = 1295;
 
 constexpr size_t kReadPiece = 4096;
 
@@ -67,7 +59,7 @@ void FileHolder::close() {
     const int error = errno;
     KMS_DEBUG("FileHolder::close", 1, "Failed to close file: " << errnoText(error));
     logAppMessage("FileHolder::close", CRVN_SEV_ERROR, kMsgCloseFailed);
-    KS_THROW(kFileWriteError, "FileHolder::close");
+    KS_THROW(EC_KS_file_write_error, "FileHolder::close");
   }
 }
 
@@ -151,7 +143,7 @@ FileHolder createForWriting(const char* function, const std::string& path, unsig
     KMS_DEBUG(function, 1, "ACE_OS::open failed: " << errnoText(error));
   }
   logAppMessage(function, CRVN_SEV_ERROR, kMsgCreateFileFailed, path);
-  raiseKeyStoreError(kCreateFileError, function, file, line);
+  raiseKeyStoreError(EC_KS_file_create_failed, function, file, line);
 }
 
 void requireSameFile(const char* function, const std::string& path, FILE* stream,
@@ -166,7 +158,7 @@ void requireSameFile(const char* function, const std::string& path, FILE* stream
   }
   logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path,
                 std::string("it was replaced while it was being written"));
-  raiseKeyStoreError(kCreateFileError, function, file, line);
+  raiseKeyStoreError(EC_KS_file_create_failed, function, file, line);
 }
 
 void requireTrustedPath(const char* function, const std::string& path, bool directory,
@@ -181,12 +173,12 @@ void requireTrustedPath(const char* function, const std::string& path, bool dire
     KMS_DEBUG(function, 1, "lstat( " << path << ") failed: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path,
                   "its status cannot be read: " + errnoText(error));
-    raiseKeyStoreError(kUntrustedPath, function, file, line);
+    raiseKeyStoreError(EC_KS_untrusted_path, function, file, line);
   }
   const std::string reason = untrustedReason(st, directory);
   if (!reason.empty()) {
     logAppMessage(function, CRVN_SEV_ERROR, kMsgUntrustedPath, path, reason);
-    raiseKeyStoreError(kUntrustedPath, function, file, line);
+    raiseKeyStoreError(EC_KS_untrusted_path, function, file, line);
   }
 }
 
@@ -226,7 +218,7 @@ void createFile(const char* function, const char* path, unsigned long line, bool
   }
   if (CreateFileWithRootAccessOnly(path) != 0) {
     logAppMessage(function, CRVN_SEV_ERROR, kMsgCreateFileFailed, std::string(path));
-    raiseKeyStoreError(kCreateFileError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_create_failed, function, file, line);
   }
 }
 
@@ -240,7 +232,7 @@ void deleteFile(const char* function, const char* path, unsigned long line, bool
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to unlink file: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgDeleteFailed, std::string(path));
-    raiseKeyStoreError(kDeleteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_delete_failed, function, file, line);
   }
 }
 
@@ -251,7 +243,7 @@ void renameFile(const char* function, const char* from, const char* to, unsigned
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to rename file: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgRenameFailed, std::string(from), std::string(to));
-    raiseKeyStoreError(kRenameError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_rename_failed, function, file, line);
   }
 }
 
@@ -259,7 +251,7 @@ void createDir(const char* function, const char* path, unsigned long line, const
   KMS_TRACE("Utils::createDir");
   if (CreateDirWithRootAccessOnly(path) != 0) {
     logAppMessage(function, CRVN_SEV_ERROR, kMsgCreateDirFailed, std::string(path));
-    raiseKeyStoreError(kCreateDirError, function, file, line);
+    raiseKeyStoreError(EC_KS_dir_create_failed, function, file, line);
   }
 }
 
@@ -269,13 +261,13 @@ void flushFileToDisk(const char* function, FILE* stream, const char* file, unsig
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to flush file: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgFlushFailed);
-    raiseKeyStoreError(kFileWriteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_write_error, function, file, line);
   }
   if (FileFaults::syncFd(::fileno(stream)) != 0) {
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to sync file: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgFlushFailed);
-    raiseKeyStoreError(kFileWriteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_write_error, function, file, line);
   }
 }
 
@@ -286,20 +278,20 @@ void syncDirectory(const char* function, const char* path, unsigned long line, c
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to open directory <" << path << ">: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgFlushFailed);
-    raiseKeyStoreError(kFileWriteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_write_error, function, file, line);
   }
   if (FileFaults::syncDir(fd) != 0) {
     const int error = errno;
     FileFaults::closeFd(fd);
     KMS_DEBUG(function, 1, "Failed to sync directory <" << path << ">: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgFlushFailed);
-    raiseKeyStoreError(kFileWriteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_write_error, function, file, line);
   }
   if (FileFaults::closeFd(fd) != 0) {
     const int error = errno;
     KMS_DEBUG(function, 1, "Failed to close directory <" << path << ">: " << errnoText(error));
     logAppMessage(function, CRVN_SEV_ERROR, kMsgFlushFailed);
-    raiseKeyStoreError(kFileWriteError, function, file, line);
+    raiseKeyStoreError(EC_KS_file_write_error, function, file, line);
   }
 }
 
@@ -316,7 +308,7 @@ void readFileIntoString(FILE* stream, std::string& out, size_t maxBytes) {
     if (bytesread < 0 || total > maxBytes) {
       OPENSSL_cleanse(piece, sizeof(piece));
       logAppMessage("Utils::readFileIntoString", CRVN_SEV_ERROR, kMsgReadFailed);
-      KS_THROW(kFileWriteError, "Utils::readFileIntoString");
+      KS_THROW(EC_KS_file_write_error, "Utils::readFileIntoString");
     }
     KS_ASSERT("Utils::readFileIntoString", bytesread >= 0);
     out.append(reinterpret_cast<const char*>(piece), static_cast<size_t>(bytesread));
@@ -330,7 +322,7 @@ void writeStringIntoFile(const std::string& buf, FILE* stream) {
   const ssize_t written = fwriteall(stream, buf.data(), buf.size());
   if (written < 0) {
     logAppMessage("Utils::writeStringIntoFile", CRVN_SEV_ERROR, kMsgWriteFailed);
-    KS_THROW(kFileWriteError, "Utils::writeStringIntoFile");
+    KS_THROW(EC_KS_file_write_error, "Utils::writeStringIntoFile");
   }
   KS_ASSERT("Utils::writeStringIntoFile", (size_t)written == buf.size());
 }
@@ -365,14 +357,14 @@ int CreateFileWithRootAccessOnly(const char* path) {
     const int error = errno;
     KMS_DEBUG("Utils::CreateFileWithRootAccessOnly", 1,
               "ACE_OS::unlink() failed: " << errnoText(error));
-    return kCreateFileError;
+    return EC_KS_file_create_failed;
   }
   const int fd = FileFaults::openFd(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   if (fd < 0) {
     const int error = errno;
     KMS_DEBUG("Utils::CreateFileWithRootAccessOnly", 1,
               "ACE_OS::open failed: " << errnoText(error));
-    return kCreateFileError;
+    return EC_KS_file_create_failed;
   }
   // The file exists and is empty; a failed close of a descriptor that was
   // never written loses nothing.
@@ -391,7 +383,7 @@ int CreateDirWithRootAccessOnly(const char* path) {
     const int error = errno;
     KMS_DEBUG("Utils::CreateDirWithRootAccessOnly", 1,
               "ACE_OS::mkdir() failed: " << errnoText(error));
-    return kCreateDirError;
+    return EC_KS_dir_create_failed;
   }
   return 0;
 }

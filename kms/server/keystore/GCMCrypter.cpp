@@ -6,6 +6,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/FetchedCipher.h"
 
 namespace Vaultrest {
@@ -28,19 +29,19 @@ GCMCrypter::GCMCrypter(const std::string& key) {
   m_cipher = FetchedCipher::aes256Gcm();
   if (m_cipher == nullptr) {
     KMS_DEBUG(kLabel, 1, "Failed to obtain cipher function EVP_aes_256_gcm");
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
   const size_t keyLen = static_cast<size_t>(EVP_CIPHER_get_key_length(m_cipher));
   if (key.size() != keyLen) {
     KMS_DEBUG(kLabel, 1, "Key len: expected " << keyLen << ", got " << key.size());
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
   m_key = toSecureBytes(key);
   m_work.resize(static_cast<size_t>(EVP_CIPHER_get_block_size(m_cipher)) + kChunk);
   m_encCtx.reset(EVP_CIPHER_CTX_new());
   m_decCtx.reset(EVP_CIPHER_CTX_new());
   if (!m_encCtx || !m_decCtx || reset() != 0) {
-    KS_THROW(1223, kLabel);
+    KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
 }
 
@@ -103,7 +104,7 @@ int GCMCrypter::add_authenticated_data_encrypt(const unsigned char* data, unsign
   static const char* const kLabel = "GCMCrypter::add_authenticated_data_encrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_encStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   if (m_encState != RESET_DONE) {
     KMS_DEBUG(kLabel, 1, "Attempted to add AAD when it is not allowed");
@@ -122,7 +123,7 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
   static const char* const kLabel = "GCMCrypter::encrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_encStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   m_encOutput.beginCall();
   if (m_encState == RESET_DONE) {
@@ -200,7 +201,7 @@ int GCMCrypter::add_authenticated_data_decrypt(const unsigned char* data, unsign
   static const char* const kLabel = "GCMCrypter::add_authenticated_data_decrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_decStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   if (m_decState != RESET_DONE) {
     KMS_DEBUG(kLabel, 1, "Attempted to add AAD when it is not allowed");
@@ -241,7 +242,7 @@ int GCMCrypter::decrypt(const unsigned char* data, unsigned long len, bool final
   static const char* const kLabel = "GCMCrypter::decrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_decStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   m_decOutput.beginCall();
   if (m_decState == RESET_DONE) {

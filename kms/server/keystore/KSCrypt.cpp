@@ -55,20 +55,20 @@ const unsigned char KSCrypt::Output::kNoBytes = 0;
 KSCrypt::~KSCrypt() = default;
 
 int KSCrypt::add_authenticated_data_encrypt(const unsigned char*, unsigned long) {
-  return 1224;
+  return EC_KS_crypter_failed;
 }
 
 int KSCrypt::add_authenticated_data_decrypt(const unsigned char*, unsigned long) {
-  return 1224;
+  return EC_KS_crypter_failed;
 }
 
 int KSCrypt::fetchOutput(int status, Output& output, const unsigned char** data,
                          unsigned long* len) {
   if (status != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   if (data == nullptr || len == nullptr) {
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   output.fetch(data, len);
   return 0;

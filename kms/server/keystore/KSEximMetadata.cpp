@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BlockAttributes.h"
 
 namespace Vaultrest {
@@ -34,7 +35,7 @@ KSEximMetadata::KSEximMetadata(const AttributeList& list)
   }
   if (m_attrs.size() != 1) {
     KMS_DEBUG(kCtorLabel, 1, "Attribute count " << m_attrs.size() << " is not 1");
-    KS_THROW(1208, kCtorLabel);
+    KS_THROW(EC_KS_malformed, kCtorLabel);
   }
 }
 

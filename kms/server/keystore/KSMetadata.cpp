@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BlockAttributes.h"
 
 namespace Vaultrest {
@@ -138,7 +139,7 @@ KSMetadata::KSMetadata(const AttributeList& list)
   if (m_attrs.size() != attributeCount(m_version)) {
     KMS_DEBUG(kCtorLabel, 1,
               "Attribute count " << m_attrs.size() << " is not " << attributeCount(m_version));
-    KS_THROW(1208, kCtorLabel);
+    KS_THROW(EC_KS_malformed, kCtorLabel);
   }
 }
 
@@ -309,7 +310,7 @@ bool KSMetadata::stringToBool(const std::string& text) {
     return false;
   }
   KMS_DEBUG("KSMetadata::stringToBool", 1, "Not a boolean: " << text);
-  KS_THROW(1208, "KSMetadata::stringToBool");
+  KS_THROW(EC_KS_malformed, "KSMetadata::stringToBool");
 }
 
 }  // namespace KMS

@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -53,14 +54,14 @@ void KSOutStream::flush(bool final) {
     int rc = m_crypter->encrypt(plain, m_buf.size(), final);
     if (rc != 0) {
       KMS_DEBUG(kLabel, 1, "encrypt() failed with " << rc);
-      KS_THROW(1224, kLabel);
+      KS_THROW(EC_KS_crypter_failed, kLabel);
     }
     const unsigned char* encrypted = nullptr;
     unsigned long encryptedLen = 0;
     rc = m_crypter->getEncryptedData(&encrypted, &encryptedLen);
     if (rc != 0) {
       KMS_DEBUG(kLabel, 1, "getEncryptedData() failed with " << rc);
-      KS_THROW(1224, kLabel);
+      KS_THROW(EC_KS_crypter_failed, kLabel);
     }
     m_dest.write(encrypted, encryptedLen);
   }

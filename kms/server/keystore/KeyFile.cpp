@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BlockAttributes.h"
 #include "kms/server/keystore/SecureBytes.h"
 
@@ -38,7 +39,7 @@ KeyFile::KeyFile(const AttributeList& list) : m_version(0), m_attrs(list), m_out
   m_key = Utils::requiredAttribute(m_attrs, "THEKEY", kCtorLabel);
   if (m_attrs.size() != 2) {
     KMS_DEBUG(kCtorLabel, 1, "Attribute count " << m_attrs.size() << " is not 2");
-    KS_THROW(1208, kCtorLabel);
+    KS_THROW(EC_KS_malformed, kCtorLabel);
   }
 }
 
@@ -72,7 +73,7 @@ void KeyFile::setKey(const std::string& key) {
   KMS_TRACE_THIS("KeyFile::setKey");
   if (key.size() > kMaxKeyLength) {
     KMS_DEBUG("KeyFile::setKey", 1, "Encountered a Key of size: " << key.size());
-    KS_THROW(1214, "KeyFile::setKey");
+    KS_THROW(EC_KS_bad_argument, "KeyFile::setKey");
   }
   wipeString(m_key);
   m_key = key;

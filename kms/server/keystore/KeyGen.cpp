@@ -8,6 +8,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/RandData.h"
 #include "kms/server/keystore/SecureBytes.h"
 
@@ -20,7 +21,7 @@ bool KeyGen::s_use_weak_kdf = false;
 int KeyGen::ksLoadCipher(ks_ciphertype_t type, const EVP_CIPHER** cipher) {
   KMS_TRACE("KeyGen::ksLoadCipher");
   if (cipher == nullptr) {
-    return 1214;
+    return EC_KS_bad_argument;
   }
   switch (type) {
     case CT_AES128_CBC:
@@ -36,7 +37,7 @@ int KeyGen::ksLoadCipher(ks_ciphertype_t type, const EVP_CIPHER** cipher) {
       *cipher = EVP_bf_cbc();
       return 0;
     default:
-      return 1214;
+      return EC_KS_bad_argument;
   }
 }
 

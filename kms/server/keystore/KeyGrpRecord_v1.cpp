@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/RecordFields.h"
 #include "kms/server/keystore/RecordUtils.h"
 
@@ -21,7 +22,7 @@ void KeyGrpRecord_v1::setCipherType(ks_ciphertype_t type) {
   if (!isKnownCipherType(type)) {
     KMS_DEBUG("KeyGrpRecord_v1::setCipherType", 1,
               "Encounted an UNKNOWN CipherType: " << static_cast<int32_t>(type));
-    KS_THROW(1214, "KeyGrpRecord_v1::setCipherType");
+    KS_THROW(EC_KS_bad_argument, "KeyGrpRecord_v1::setCipherType");
   }
   m_ciphertype = type;
   testInvariant();

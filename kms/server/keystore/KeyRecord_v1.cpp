@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/RecordFields.h"
 #include "kms/server/keystore/RecordUtils.h"
 
@@ -26,7 +27,7 @@ void KeyRecord_v1::setState(ks_keystate_t state) {
   if (!isKnownKeyState(state)) {
     KMS_DEBUG("KeyRecord_v1::setState", 1,
               "Encounted an UNKNOWN KeyState: " << static_cast<int32_t>(state));
-    KS_THROW(1214, "KeyRecord_v1::setState");
+    KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setState");
   }
   m_state = state;
   testInvariant();
@@ -36,7 +37,7 @@ void KeyRecord_v1::setKpkType(ks_kpktype_t type) {
   if (!isKnownKpkType(type)) {
     KMS_DEBUG("KeyRecord_v1::setKpkType", 1,
               "Encounted an UNKNOWN KpkType: " << static_cast<int32_t>(type));
-    KS_THROW(1214, "KeyRecord_v1::setKpkType");
+    KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setKpkType");
   }
   m_kpktype = type;
   testInvariant();
@@ -50,7 +51,7 @@ void KeyRecord_v1::setKpkTag(std::string_view kpkTag) {
 void KeyRecord_v1::setKey(std::string_view key) {
   if (key.size() > kMaxRecordFieldLength) {
     KMS_DEBUG("KeyRecord_v1::setKey", 1, "Encountered Key of size: " << key.size());
-    KS_THROW(1214, "KeyRecord_v1::setKey");
+    KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setKey");
   }
   m_key.assign(key);
   testInvariant();
@@ -83,7 +84,7 @@ void KeyRecord_v1::addOrUpdateKRAttribute(std::string name, std::string value) {
     if (!m_attrs.updateAttribute(name, value)) {
       KMS_DEBUG("KeyRecord_v1::addOrUpdateKRAttribute", 1,
                 "Unable to update attribute: " << name << " = " << value);
-      KS_THROW(1200, "KeyRecord_v1::addOrUpdateKRAttribute");
+      KS_THROW(EC_KS_internal_error, "KeyRecord_v1::addOrUpdateKRAttribute");
     }
   }
   testInvariant();

@@ -33,12 +33,12 @@ std::string randomHalfAndKey(const std::string& keytoenc, const char* function) 
 
 std::string encryptWith(const std::string& datatoenc, KSCrypt& crypter, const char* function) {
   if (crypter.encrypt(bytes(datatoenc), datatoenc.size(), true) != 0) {
-    KS_THROW(1224, function);
+    KS_THROW(EC_KS_crypter_failed, function);
   }
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;
   if (crypter.getEncryptedData(&out, &outLen) != 0) {
-    KS_THROW(1224, function);
+    KS_THROW(EC_KS_crypter_failed, function);
   }
   return std::string(reinterpret_cast<const char*>(out), outLen);
 }
@@ -58,11 +58,11 @@ std::string decryptWith(const unsigned char* data, unsigned long len, KSCrypt& c
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;
   if (crypter.getDecryptedData(&out, &outLen) != 0) {
-    KS_THROW(1224, function);
+    KS_THROW(EC_KS_crypter_failed, function);
   }
   if (outLen % 2 != 0) {
     KMS_DEBUG(function, 1, "Unwrapped data of odd length " << outLen);
-    KS_THROW(1270, function);
+    KS_THROW(EC_KS_unwrap_failed, function);
   }
   // The first half is the random filler; the key is the second.
   return std::string(reinterpret_cast<const char*>(out) + outLen / 2, outLen / 2);

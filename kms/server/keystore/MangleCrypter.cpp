@@ -4,6 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -17,7 +18,7 @@ MangleCrypter::MangleCrypter(mangleCipherType type, const std::string& key)
   if (reset() != 0) {
     mangleEncryptFree(&m_encCtx);
     mangleDecryptFree(&m_decCtx);
-    KS_THROW(1223, "MangleCrypter::MangleCrypter");
+    KS_THROW(EC_KS_crypter_not_ready, "MangleCrypter::MangleCrypter");
   }
 }
 
@@ -68,14 +69,14 @@ int MangleCrypter::encrypt(const unsigned char* data, unsigned long len, bool fi
   static const char* const kLabel = "MangleCrypter::encrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_encStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   m_encOutput.beginCall();
   int rc = mangleEncrypt(data, len, final ? 1 : 0, &m_encCtx);
   if (rc != 0) {
     KMS_DEBUG(kLabel, 1, "mangleEncrypt returned FAILURE : " << rc);
     m_encStatus = 1223;
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;
@@ -83,7 +84,7 @@ int MangleCrypter::encrypt(const unsigned char* data, unsigned long len, bool fi
   if (rc != 0) {
     KMS_DEBUG(kLabel, 1, "mangleGetEncryptedData returned FAILURE : " << rc);
     m_encStatus = 1223;
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   m_encOutput.append(out, outLen);
   m_encOutput.endCall();
@@ -98,7 +99,7 @@ int MangleCrypter::decrypt(const unsigned char* data, unsigned long len, bool fi
   static const char* const kLabel = "MangleCrypter::decrypt";
   KMS_TRACE_THIS(kLabel);
   if (m_decStatus != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   m_decOutput.beginCall();
   int rc = mangleDecrypt(data, len, final ? 1 : 0, &m_decCtx);
@@ -113,7 +114,7 @@ int MangleCrypter::decrypt(const unsigned char* data, unsigned long len, bool fi
   if (rc != 0) {
     KMS_DEBUG(kLabel, 1, "mangleGetDecryptedData returned FAILURE : " << rc);
     m_decStatus = 1223;
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   m_decOutput.append(out, outLen);
   m_decOutput.endCall();

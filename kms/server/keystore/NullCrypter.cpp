@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -10,7 +11,7 @@ namespace KMS {
 NullCrypter::NullCrypter() {
   KMS_TRACE_THIS("NullCrypter::NullCrypter");
   if (reset() != 0) {
-    KS_THROW(1223, "NullCrypter::NullCrypter");
+    KS_THROW(EC_KS_crypter_not_ready, "NullCrypter::NullCrypter");
   }
 }
 
@@ -18,10 +19,10 @@ NullCrypter::~NullCrypter() = default;
 
 int NullCrypter::copy(Side& side, const unsigned char* data, unsigned long len, bool final) {
   if (side.finalDone) {
-    return 1224;
+    return EC_KS_crypter_failed;
   }
   if (side.status != 0) {
-    return 1223;
+    return EC_KS_crypter_not_ready;
   }
   side.output.beginCall();
   if (final) {

@@ -11,6 +11,7 @@
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BigEndian.h"
 #include "kms/server/keystore/CryptFactory.h"
 #include "kms/server/keystore/Hmac.h"
@@ -49,7 +50,7 @@ uint32_t readLengthField(KSInputBuffer& in, const char* function) {
   unsigned char be[4];
   if (ReaderWriter::readRecordField(in, be, sizeof be) != 4) {
     KMS_DEBUG(function, 1, "Length field is not 4 bytes long");
-    KS_THROW(1208, function);
+    KS_THROW(EC_KS_malformed, function);
   }
   return static_cast<uint32_t>(Utils::loadBigEndian(be, 4));
 }
@@ -176,7 +177,7 @@ void ReaderWriter::readDataPasswordSecured(KSInputBuffer& in, const std::string&
   const uint32_t regionLen = readLengthField(in, kLabel);
   if (in.remaining() < regionLen) {
     KMS_DEBUG(kLabel, 1, "Block of " << regionLen << " bytes with " << in.remaining() << " left");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   const unsigned char* const region = in.cursor();
   const unsigned long remainingAtRegion = in.remaining();
@@ -212,13 +213,13 @@ void ReaderWriter::readDataPasswordSecured(KSInputBuffer& in, const std::string&
   const unsigned long consumed = remainingAtRegion - in.remaining();
   if (consumed > regionLen || encryptedLen > regionLen - consumed) {
     KMS_DEBUG(kLabel, 1, "Ciphertext of " << encryptedLen << " bytes runs past the block");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   // The HMAC vouches for the header, so only a block sealed with this
   // passphrase but built wrongly gets here with an IV of another length.
   if (header.iv().size() != static_cast<size_t>(KSCrypt::cryptTypeToIVLen(enc_algo))) {
     KMS_DEBUG(kLabel, 1, "IV of " << header.iv().size() << " bytes");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
 
   std::unique_ptr<KSCrypt> crypter = makeCrypter(kLabel, keys.enc_key, header.iv());

@@ -15,6 +15,7 @@
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BigEndian.h"
 #include "kms/server/keystore/KeyRecordTable.h"
 #include "kms/server/keystore/RecordTable.h"
@@ -101,7 +102,7 @@ class Scratch {
       return hash->generateBinaryHash(out);
     } catch (const CmnCrypto::CmnException& e) {
       KMS_DEBUG(m_function, 1, "Digest failed: " << e.what());
-      KS_THROW(1225, m_function);
+      KS_THROW(EC_KS_integrity_failed, m_function);
     }
   }
 
@@ -161,16 +162,16 @@ std::string_view fieldView(KSInputBuffer& in, unsigned long maxsize) {
   static const char* const kLabel = "ReaderWriter::readRecordField";
   if (in.remaining() < 2) {
     KMS_DEBUG(kLabel, 1, "Only " << in.remaining() << " bytes left for a field length");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   const unsigned long n = static_cast<unsigned long>(Utils::loadBigEndian(in.cursor(), 2));
   if (n > maxsize) {
     KMS_DEBUG(kLabel, 1, "Field of " << n << " bytes where at most " << maxsize << " fit");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   if (n + 2 > in.remaining()) {
     KMS_DEBUG(kLabel, 1, "Field of " << n << " bytes with " << in.remaining() << " bytes left");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   const std::string_view view(reinterpret_cast<const char*>(in.cursor()) + 2, n);
   in.advance(n + 2);
@@ -194,7 +195,7 @@ class DigestingReader {
     const std::string_view mark = raw();
     if (mark.size() != 2) {
       KMS_DEBUG(m_function, 1, "Marker field is not 2 bytes long");
-      KS_THROW(1208, m_function);
+      KS_THROW(EC_KS_malformed, m_function);
     }
     m_algo = verify(reinterpret_cast<const unsigned char*>(mark.data()));
     m_scratch.beginDigest();
@@ -213,7 +214,7 @@ class DigestingReader {
     if (field.size() != len) {
       KMS_DEBUG(m_function, 1,
                 "Integer field of " << field.size() << " bytes where " << len << " belong");
-      KS_THROW(1208, m_function);
+      KS_THROW(EC_KS_malformed, m_function);
     }
     m_scratch.addDigested(field.data(), field.size());
     return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(field.data()), len);
@@ -223,7 +224,7 @@ class DigestingReader {
     const std::string_view field = raw();
     if (field.size() != 4) {
       KMS_DEBUG(m_function, 1, "Count field is not 4 bytes long");
-      KS_THROW(1208, m_function);
+      KS_THROW(EC_KS_malformed, m_function);
     }
     return static_cast<uint32_t>(
         Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(field.data()), 4));
@@ -235,7 +236,7 @@ class DigestingReader {
     const std::string_view stored = raw();
     if (stored.size() != length || std::memcmp(stored.data(), computed, length) != 0) {
       KMS_DEBUG(m_function, 1, "Digest mismatch");
-      KS_THROW(1208, m_function);
+      KS_THROW(EC_KS_malformed, m_function);
     }
   }
 
@@ -305,7 +306,7 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
     if (count > ReaderWriter::kMaxAttributeCount) {
       KMS_DEBUG(kLabel, 1,
                 "Attribute count " << count << " is above " << ReaderWriter::kMaxAttributeCount);
-      KS_THROW(1208, kLabel);
+      KS_THROW(EC_KS_malformed, kLabel);
     }
     for (uint32_t i = 0; i < count; ++i) {
       std::string name = fields.string();
@@ -314,7 +315,7 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
       wipeString(value);
       if (!added) {
         KMS_DEBUG(kLabel, 1, "Duplicate attribute " << name);
-        KS_THROW(1208, kLabel);
+        KS_THROW(EC_KS_malformed, kLabel);
       }
     }
     fields.checkDigest();
@@ -338,7 +339,7 @@ CmnCrypto::_HASH_ALGO ReaderWriter::verifyRecordMarkerAndGetHashAlgo(const unsig
     return CmnCrypto::HASH_SHA1;
   }
   KMS_DEBUG("ReaderWriter::verifyRecordMarkerAndGetHashAlgo", 1, "Not a record marker");
-  KS_THROW(1208, "ReaderWriter::verifyRecordMarkerAndGetHashAlgo");
+  KS_THROW(EC_KS_malformed, "ReaderWriter::verifyRecordMarkerAndGetHashAlgo");
 }
 
 CmnCrypto::_HASH_ALGO ReaderWriter::verifyAttrMarkerAndGetHashAlgo(const unsigned char* mark) {
@@ -349,7 +350,7 @@ CmnCrypto::_HASH_ALGO ReaderWriter::verifyAttrMarkerAndGetHashAlgo(const unsigne
     return CmnCrypto::HASH_SHA1;
   }
   KMS_DEBUG("ReaderWriter::verifyAttrMarkerAndGetHashAlgo", 1, "Not an attribute list marker");
-  KS_THROW(1208, "ReaderWriter::verifyAttrMarkerAndGetHashAlgo");
+  KS_THROW(EC_KS_malformed, "ReaderWriter::verifyAttrMarkerAndGetHashAlgo");
 }
 
 void ReaderWriter::writeAttributeList(KSOutStream& out, const AttributeList& list) {
@@ -503,11 +504,11 @@ void ReaderWriter::readRecordTable(KSInputBuffer& in, Table& table) {
   unsigned char field[4];
   if (readRecordField(in, field, sizeof field) != 2 || std::memcmp(field, s_tablemark, 2) != 0) {
     KMS_DEBUG(kLabel, 1, "No table marker");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   if (readRecordField(in, field, sizeof field) != 4) {
     KMS_DEBUG(kLabel, 1, "Record count field is not 4 bytes long");
-    KS_THROW(1208, kLabel);
+    KS_THROW(EC_KS_malformed, kLabel);
   }
   const uint32_t count = static_cast<uint32_t>(Utils::loadBigEndian(field, 4));
   KMS_DEBUG(kLabel, 4, "Reading " << count << " records");
@@ -517,7 +518,7 @@ void ReaderWriter::readRecordTable(KSInputBuffer& in, Table& table) {
     readAnyRecord(in, rec, scratch);
     if (!table.addRecord(std::move(rec))) {
       KMS_DEBUG(kLabel, 1, "The table refused record " << i);
-      KS_THROW(1208, kLabel);
+      KS_THROW(EC_KS_malformed, kLabel);
     }
   }
 }

@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -11,7 +12,7 @@ void assignBoundedField(const char* function, const char* what, std::string& fie
                         std::string_view value) {
   if (value.size() > kMaxRecordFieldLength) {
     KMS_DEBUG(function, 1, what << value.size());
-    KS_THROW(1214, function);
+    KS_THROW(EC_KS_bad_argument, function);
   }
   field.assign(value);
 }

@@ -2,6 +2,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/BlockAttributes.h"
 
 namespace Vaultrest {
@@ -38,7 +39,7 @@ SecuredDataHeader::SecuredDataHeader(const AttributeList& list)
   m_iv = Utils::requiredAttribute(m_attrs, "IV", kCtorLabel);
   if (m_attrs.size() != 3) {
     KMS_DEBUG(kCtorLabel, 1, "Attribute count " << m_attrs.size() << " is not 3");
-    KS_THROW(1208, kCtorLabel);
+    KS_THROW(EC_KS_malformed, kCtorLabel);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -14,7 +15,6 @@ namespace KMS {
 
 namespace {
 
-constexpr int kConfigFailure = 1257;
 const char kUseCxss[] = "use_cxss";
 const char kVerbose[] = "verbose";
 const char kEmmServer[] = "emm_server";
@@ -49,7 +49,7 @@ void VRConfAgent::reload() {
   if (rc != 0) {
     vrconf_free_info(&fresh);
     KMS_DEBUG("VRConfAgent::reload", 1, "vrconf_get_info FAILED with " << rc);
-    KS_THROW(kConfigFailure, "VRConfAgent::reload");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::reload");
   }
   vrconf_free_info(&m_info);
   m_info = fresh;
@@ -61,7 +61,7 @@ void VRConfAgent::save() {
   const int rc = vrconf_set_info(&m_info);
   if (rc != 0) {
     KMS_DEBUG("VRConfAgent::save", 1, "vrconf_set_info FAILED with " << rc);
-    KS_THROW(kConfigFailure, "VRConfAgent::save");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::save");
   }
 }
 
@@ -71,7 +71,7 @@ int VRConfAgent::getIntegerValue(const std::string& key) {
   const int* field = integerField(m_info, key);
   if (field == nullptr) {
     KMS_DEBUG("VRConfAgent::getIntegerValue", 1, "Unknown integer key: " << key);
-    KS_THROW(kConfigFailure, "VRConfAgent::getIntegerValue");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::getIntegerValue");
   }
   return *field;
 }
@@ -81,7 +81,7 @@ std::string VRConfAgent::getStringValue(const std::string& key) {
   ACE_Read_Guard<ACE_RW_Thread_Mutex> guard(m_lock);
   if (key != kEmmServer) {
     KMS_DEBUG("VRConfAgent::getStringValue", 1, "Unknown string key: " << key);
-    KS_THROW(kConfigFailure, "VRConfAgent::getStringValue");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::getStringValue");
   }
   return m_info.emm_server != nullptr ? m_info.emm_server : "";
 }
@@ -92,7 +92,7 @@ void VRConfAgent::setIntegerValue(const std::string& key, int value) {
   int* field = integerField(m_info, key);
   if (field == nullptr) {
     KMS_DEBUG("VRConfAgent::setIntegerValue", 1, "Unknown integer key: " << key);
-    KS_THROW(kConfigFailure, "VRConfAgent::setIntegerValue");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::setIntegerValue");
   }
   *field = value;
 }
@@ -102,13 +102,13 @@ void VRConfAgent::setStringValue(const std::string& key, const std::string& valu
   ACE_Write_Guard<ACE_RW_Thread_Mutex> guard(m_lock);
   if (key != kEmmServer) {
     KMS_DEBUG("VRConfAgent::setStringValue", 1, "Unknown string key: " << key);
-    KS_THROW(kConfigFailure, "VRConfAgent::setStringValue");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::setStringValue");
   }
   // The record owns its string as malloc memory (vrconf_free_info frees it).
   char* copy = static_cast<char*>(std::malloc(value.size() + 1));
   if (copy == nullptr) {
     KMS_DEBUG("VRConfAgent::setStringValue", 1, "Out of memory for key: " << key);
-    KS_THROW(kConfigFailure, "VRConfAgent::setStringValue");
+    KS_THROW(EC_KS_config_failure, "VRConfAgent::setStringValue");
   }
   std::memcpy(copy, value.c_str(), value.size() + 1);
   std::free(m_info.emm_server);
