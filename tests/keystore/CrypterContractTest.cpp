@@ -8,10 +8,6 @@
 
 #include "CryptoTestUtil.h"
 #include "kms/server/keystore/CryptFactory.h"
-#include "kms/server/keystore/EVPCrypter.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/MangleCrypter.h"
-#include "kms/server/keystore/NullCrypter.h"
 
 using namespace Vaultrest::DL::KMS;
 using cryptotest::decryptAll;
@@ -120,13 +116,7 @@ TEST(CryptType, TableNamesAndColumns) {
   }
 }
 
-TEST(CryptFactory, MakesTheCrypterOfEachTypeAndRefusesTheRest) {
-  EXPECT_NE(dynamic_cast<NullCrypter*>(make(KSCrypt::CRYPT_NONE).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_256_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_192_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_128_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<EVPCrypter*>(make(KSCrypt::AES_256_CBC_EVP).get()), nullptr);
-  EXPECT_NE(dynamic_cast<GCMCrypter*>(make(KSCrypt::AES_256_GCM).get()), nullptr);
+TEST(CryptFactory, RefusesUnknownTypesAndBadKeysOrIvs) {
   for (int bad : {0, 7, -3}) {
     EXPECT_EQ(ksStatus([&] { make(asType(bad)); }), 1223) << bad;
   }

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,18 +40,6 @@ class RecordingDest : public KSOutDest {
   std::vector<unsigned long> calls;
   std::string bytes;
 };
-
-std::string readFile(const std::string& path) {
-  std::string out;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  for (int c; f != nullptr && (c = std::fgetc(f)) != EOF;) {
-    out.push_back(static_cast<char>(c));
-  }
-  if (f != nullptr) {
-    std::fclose(f);
-  }
-  return out;
-}
 
 }  // namespace
 
@@ -121,7 +111,8 @@ TEST(KSOutStream, FailingFileWriteGives1210AndKeepsTheBytes) {
     out.flush(true);
   }
   std::fclose(file);
-  EXPECT_EQ(readFile(path), "payload");
+  std::ifstream in(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
 }
 
 TEST(KSOutStream, EmptyFinalFlushOfAGcmStreamIsIvAndTagAndEndsTheStream) {
