@@ -33,14 +33,6 @@ namespace {
 typedef KeyRecordTable<KeyRecord_v1> KeyTable;
 typedef RecordTable<KeyGrpRecord_v1> GroupTable;
 
-AttributeList listOf(const std::vector<std::pair<std::string, std::string>>& attrs) {
-  AttributeList list;
-  for (const auto& attr : attrs) {
-    list.addAttribute(attr.first, attr.second);
-  }
-  return list;
-}
-
 KeyRecord_v1 fullKey(unsigned n, const std::string& group, ks_keystate_t state) {
   KeyRecord_v1 rec = recordtest::keyRecord(recordtest::tagOf(n), group, state);
   rec.setName(std::string("key\0name", 8) + std::to_string(n));
@@ -161,24 +153,6 @@ TEST(ReaderWriter, HmkFileLayoutByteForByte) {
   const KeyFile back(list);
   EXPECT_EQ(back.version(), KS_VERSION_300);
   EXPECT_EQ(back.key(), hmk.key());
-}
-
-TEST(ReaderWriter, AttributeListsRoundTripWithBinaryNamesAndValues) {
-  const AttributeList list = listOf({{"b", ""},
-                                     {std::string("\0a", 2), std::string(4096, '\0')},
-                                     {std::string(4096, 'n'), "v"},
-                                     {"a", std::string("\xff\x00\x01", 3)}});
-  const std::string bytes =
-      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, list); });
-  KSInputBuffer in(bytes + "next");
-  AttributeList back;
-  ReaderWriter::readAttributeList(in, back);
-  EXPECT_EQ(back, list);
-  EXPECT_EQ(in.remaining(), 4u);
-  // The writer lays the attributes out in the list's order, as the hand
-  // encoder does with the same order.
-  std::vector<std::pair<std::string, std::string>> sorted(list.begin(), list.end());
-  EXPECT_EQ(bytes, handList(sorted));
 }
 
 TEST(ReaderWriter, BothRecordKindsRoundTrip) {
