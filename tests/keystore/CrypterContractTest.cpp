@@ -8,10 +8,6 @@
 
 #include "CryptoTestUtil.h"
 #include "kms/server/keystore/CryptFactory.h"
-#include "kms/server/keystore/EVPCrypter.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/MangleCrypter.h"
-#include "kms/server/keystore/NullCrypter.h"
 
 using namespace Vaultrest::DL::KMS;
 using cryptotest::decryptAll;
@@ -120,13 +116,7 @@ TEST(CryptType, TableNamesAndColumns) {
   }
 }
 
-TEST(CryptFactory, MakesTheCrypterOfEachTypeAndRefusesTheRest) {
-  EXPECT_NE(dynamic_cast<NullCrypter*>(make(KSCrypt::CRYPT_NONE).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_256_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_192_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<MangleCrypter*>(make(KSCrypt::AES_128_CBC).get()), nullptr);
-  EXPECT_NE(dynamic_cast<EVPCrypter*>(make(KSCrypt::AES_256_CBC_EVP).get()), nullptr);
-  EXPECT_NE(dynamic_cast<GCMCrypter*>(make(KSCrypt::AES_256_GCM).get()), nullptr);
+TEST(CryptFactory, RefusesUnknownTypesAndBadKeysOrIvs) {
   for (int bad : {0, 7, -3}) {
     EXPECT_EQ(ksStatus([&] { make(asType(bad)); }), 1223) << bad;
   }
@@ -210,7 +200,8 @@ TEST_P(EveryCrypter, OutputAccumulatesUntilFetchedAndIsHandedOutOnce) {
 TEST_P(EveryCrypter, FinalCallEndsTheSideUntilItIsReset) {
   auto c = make(type());
   const std::string plain = pattern(20);
-  ASSERT_EQ(encryptAll(*c, plain).status, 0);
+  const auto first = encryptAll(*c, plain);
+  ASSERT_EQ(first.status, 0);
   EXPECT_EQ(c->encrypt(u8(plain), plain.size(), false), 1224);
   EXPECT_EQ(c->encrypt(nullptr, 0, true),
             type() == KSCrypt::CRYPT_NONE || type() == KSCrypt::AES_256_CBC_EVP ? 1224 : 1223);
@@ -219,6 +210,9 @@ TEST_P(EveryCrypter, FinalCallEndsTheSideUntilItIsReset) {
   ASSERT_EQ(c->encryptReset(), 0);
   const auto again = encryptAll(*c, plain);
   ASSERT_EQ(again.status, 0);
+  // Crypters that carry their IV in the stream draw a new one at each reset.
+  const bool ownIv = type() != KSCrypt::CRYPT_NONE && type() != KSCrypt::AES_256_CBC_EVP;
+  EXPECT_EQ(first.bytes != again.bytes, ownIv);
   const auto back = decryptAll(*c, again.bytes);
   ASSERT_EQ(back.status, 0);
   EXPECT_EQ(back.bytes, plain);

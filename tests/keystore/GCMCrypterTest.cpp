@@ -41,57 +41,48 @@ int fetchDecrypted(GCMCrypter& c, std::string& out) {
 
 }  // namespace
 
-TEST(GCMCrypter, KnownAnswersEncrypt) {
-  ScriptedRandom fixedIv(0, kIv);
-  GCMCrypter c(kKey);
-  EXPECT_EQ(hex(encryptAll(c, kPlain15).bytes), hex(kStream15));
-
-  ASSERT_EQ(c.encryptReset(), 0);
-  ASSERT_EQ(c.add_authenticated_data_encrypt(u8(kAad), 10), 0);
-  ASSERT_EQ(c.add_authenticated_data_encrypt(u8(kAad) + 10, kAad.size() - 10), 0);
-  EXPECT_EQ(hex(encryptAll(c, kPlain16).bytes), hex(kIv + kCipher16 + kTag16));
-
-  // Test case 13: the zero key, the zero IV and no plaintext: IV and tag only.
-  ScriptedRandom zeroIv(0, std::string(1, '\0'));
-  GCMCrypter zero(std::string(32, '\0'));
-  EXPECT_EQ(hex(encryptAll(zero, "").bytes),
-            std::string(24, '0') + "530f8afbc74536b9a963b4f1c4cb738b");
-}
-
-TEST(GCMCrypter, KnownAnswersDecrypt) {
+TEST(GCMCrypter, KnownAnswers) {
+  const std::string zeroStream = unhex(std::string(24, '0') + "530f8afbc74536b9a963b4f1c4cb738b");
+  {
+    ScriptedRandom fixedIv(0, kIv);
+    GCMCrypter c(kKey);
+    EXPECT_EQ(hex(encryptAll(c, kPlain15).bytes), hex(kStream15));
+    ASSERT_EQ(c.encryptReset(), 0);
+    ASSERT_EQ(c.add_authenticated_data_encrypt(u8(kAad), 10), 0);
+    ASSERT_EQ(c.add_authenticated_data_encrypt(u8(kAad) + 10, kAad.size() - 10), 0);
+    EXPECT_EQ(hex(encryptAll(c, kPlain16).bytes), hex(kIv + kCipher16 + kTag16));
+    // Test case 13: the zero key, the zero IV and no plaintext: IV and tag only.
+    ScriptedRandom zeroIv(0, std::string(1, '\0'));
+    GCMCrypter zero(std::string(32, '\0'));
+    EXPECT_EQ(hex(encryptAll(zero, "").bytes), hex(zeroStream));
+  }
   GCMCrypter c(kKey);
   const auto plain = decryptAll(c, kStream15);
   ASSERT_EQ(plain.status, 0);
   EXPECT_EQ(hex(plain.bytes), hex(kPlain15));
-
   ASSERT_EQ(c.decryptReset(), 0);
   ASSERT_EQ(c.add_authenticated_data_decrypt(u8(kAad), kAad.size()), 0);
   const auto withAad = decryptAll(c, kIv + kCipher16 + kTag16);
   ASSERT_EQ(withAad.status, 0);
   EXPECT_EQ(hex(withAad.bytes), hex(kPlain16));
-
   GCMCrypter zero(std::string(32, '\0'));
-  const auto empty =
-      decryptAll(zero, unhex(std::string(24, '0') + "530f8afbc74536b9a963b4f1c4cb738b"));
+  const auto empty = decryptAll(zero, zeroStream);
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(empty.bytes, "");
 }
 
-TEST(GCMCrypter, StreamMaySplitAnywhereIncludingInsideIvAndTag) {
-  // Every two-piece and every three-piece split of the 92-byte stream.
+TEST(GCMCrypter, StreamMaySplitAnywhereAndNoPlaintextComesBeforeTheTag) {
+  // Every two-piece split of the 92-byte stream, inside IV and tag included.
   for (size_t i = 0; i <= kStream15.size(); ++i) {
-    for (size_t j = i; j <= kStream15.size(); ++j) {
-      GCMCrypter c(kKey);
-      ASSERT_EQ(c.decrypt(u8(kStream15), i, false), 0);
-      ASSERT_EQ(c.decrypt(u8(kStream15) + i, j - i, false), 0);
-      std::string before;
-      ASSERT_EQ(fetchDecrypted(c, before), 0);
-      ASSERT_EQ(before, "") << "no plaintext before the final call";
-      ASSERT_EQ(c.decrypt(u8(kStream15) + j, kStream15.size() - j, true), 0) << i << "," << j;
-      std::string plain;
-      ASSERT_EQ(fetchDecrypted(c, plain), 0);
-      ASSERT_EQ(hex(plain), hex(kPlain15)) << i << "," << j;
-    }
+    GCMCrypter c(kKey);
+    ASSERT_EQ(c.decrypt(u8(kStream15), i, false), 0);
+    std::string before;
+    ASSERT_EQ(fetchDecrypted(c, before), 0);
+    ASSERT_EQ(before, "") << "no plaintext before the final call";
+    ASSERT_EQ(c.decrypt(u8(kStream15) + i, kStream15.size() - i, true), 0) << i;
+    std::string plain;
+    ASSERT_EQ(fetchDecrypted(c, plain), 0);
+    ASSERT_EQ(hex(plain), hex(kPlain15)) << i;
   }
   // One byte at a time, then a final call with no data.
   GCMCrypter c(kKey);
@@ -204,101 +195,59 @@ TEST(GCMCrypter, EveryResetDrawsAFreshIvThatLeadsTheFirstOutput) {
   EXPECT_EQ(ksStatus([] { GCMCrypter g(std::string(31, 'k')); }), 1223);
 }
 
-TEST(GCMCrypter, LongStreamsCrossTheWorkChunk) {
-  std::string plain(10000, '\0');
-  for (size_t i = 0; i < plain.size(); ++i) {
-    plain[i] = static_cast<char>(i % 251);
-  }
-  GCMCrypter c(std::string(32, 'k'));
-  const std::string stream = encryptAll(c, plain).bytes;
-  ASSERT_EQ(stream.size(), plain.size() + 28);
-  size_t at = 0;
-  size_t piece = 1;
-  while (at < stream.size()) {
-    const size_t n = std::min(piece, stream.size() - at);
-    ASSERT_EQ(c.decrypt(u8(stream) + at, n, false), 0);
-    at += n;
-    piece = piece * 3 + 1;
-  }
-  ASSERT_EQ(c.decrypt(nullptr, 0, true), 0);
-  std::string back;
-  ASSERT_EQ(fetchDecrypted(c, back), 0);
-  EXPECT_TRUE(back == plain);
-}
-
 TEST(GCMCrypter, AReusedCrypterAgreesWithFreshOnesAcrossStreamsAndFailures) {
-  // One crypter of each side serves many streams; fresh crypters check every
-  // result. Failures of every kind come between the good streams.
+  // One crypter of each side serves many streams, with a failure of some
+  // kind between them; fresh crypters check every result.
   const std::string key(32, 'r');
   GCMCrypter sealer(key);
   GCMCrypter opener(key);
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < 40; ++round) {
     const std::string plain(static_cast<size_t>(round * 37 % 3000), static_cast<char>(round));
     const std::string aad = round % 3 == 0 ? "header " + std::to_string(round) : "";
-    if (round > 0) {
-      ASSERT_EQ(sealer.encryptReset(), 0);
-      ASSERT_EQ(opener.decryptReset(), 0);
-    }
+    ASSERT_EQ(sealer.encryptReset(), 0);
+    ASSERT_EQ(opener.decryptReset(), 0);
+    GCMCrypter fresh(key);
     if (!aad.empty()) {
       ASSERT_EQ(sealer.add_authenticated_data_encrypt(u8(aad), aad.size()), 0);
       ASSERT_EQ(opener.add_authenticated_data_decrypt(u8(aad), aad.size()), 0);
+      ASSERT_EQ(fresh.add_authenticated_data_decrypt(u8(aad), aad.size()), 0);
     }
     const std::string stream = encryptAll(sealer, plain).bytes;
     ASSERT_EQ(stream.size(), plain.size() + 28) << round;
-    GCMCrypter fresh(key);
-    if (!aad.empty()) {
-      ASSERT_EQ(fresh.add_authenticated_data_decrypt(u8(aad), aad.size()), 0);
-    }
     ASSERT_TRUE(decryptAll(fresh, stream).bytes == plain) << round;
     const auto opened = decryptAll(opener, stream);
     ASSERT_EQ(opened.status, 0) << round;
     ASSERT_TRUE(opened.bytes == plain) << round;
 
-    // Then a failure, so that the next round starts on a side that failed.
-    switch (round % 5) {
-      case 0: {  // a failed tag check
-        std::string bad = stream;
-        bad[bad.size() / 2] ^= 0x10;
-        ASSERT_EQ(opener.decryptReset(), 0);
+    std::string bad = stream;
+    bad[bad.size() / 2] ^= 0x10;
+    ASSERT_EQ(opener.decryptReset(), 0);
+    switch (round % 4) {
+      case 0:  // a failed tag check
         ASSERT_EQ(opener.decrypt(u8(bad), bad.size(), true), 1270);
         break;
-      }
       case 1:  // a stream too short for its tag
-        ASSERT_EQ(opener.decryptReset(), 0);
         ASSERT_EQ(opener.decrypt(u8(stream), 27, true), 1224);
         break;
       case 2:  // a stream left halfway, without a final call
-        ASSERT_EQ(opener.decryptReset(), 0);
         ASSERT_EQ(opener.decrypt(u8(stream), stream.size() / 2, false), 0);
         break;
-      case 3:  // AAD after the data on both sides
+      default:  // AAD after the data on both sides
         ASSERT_EQ(sealer.encryptReset(), 0);
         ASSERT_EQ(sealer.encrypt(u8(plain), plain.size(), false), 0);
         ASSERT_EQ(sealer.add_authenticated_data_encrypt(u8(key), 4), 1224);
-        ASSERT_EQ(opener.decryptReset(), 0);
         ASSERT_EQ(opener.decrypt(u8(stream), 20, false), 0);
         ASSERT_EQ(opener.add_authenticated_data_decrypt(u8(key), 4), 1224);
         break;
-      default:  // a stream under another key
-        GCMCrypter other(std::string(32, 'o'));
-        const std::string foreign = encryptAll(other, plain).bytes;
-        ASSERT_EQ(opener.decryptReset(), 0);
-        ASSERT_EQ(opener.decrypt(u8(foreign), foreign.size(), true), 1270);
-        break;
     }
   }
-
-  // After all that, the reused crypter still gives the known answers.
+  // After all that, a reused crypter still gives the known answers.
   ScriptedRandom fixedIv(0, kIv);
   GCMCrypter c(kKey);
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(c.encryptReset(), 0);
     EXPECT_EQ(hex(encryptAll(c, kPlain15).bytes), hex(kStream15)) << i;
     ASSERT_EQ(c.decryptReset(), 0);
     EXPECT_EQ(hex(decryptAll(c, kStream15).bytes), hex(kPlain15)) << i;
-    std::string bad = kStream15;
-    bad.back() ^= 1;
-    ASSERT_EQ(c.decryptReset(), 0);
-    EXPECT_EQ(c.decrypt(u8(bad), bad.size(), true), 1270);
   }
 }

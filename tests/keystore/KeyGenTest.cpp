@@ -1,6 +1,6 @@
 // Key, salt and tag generation, the passphrase derivations and the HMAC
 // helper. Published vectors: RFC 6070 (PBKDF2-HMAC-SHA1), the widely used
-// PBKDF2-HMAC-SHA512 vectors for "password"/"salt", RFC 4231 cases 1 and 2
+// PBKDF2-HMAC-SHA512 vector for "password"/"salt", RFC 4231 case 2
 // (HMAC-SHA-256). The salt-driven derivations are pinned to values computed
 // with an independent PBKDF2 implementation.
 #include <gtest/gtest.h>
@@ -32,28 +32,14 @@ std::string saltWithScheme(unsigned char scheme) {
 
 }  // namespace
 
-TEST(KeyGen, Pbkdf2HmacSha1Rfc6070) {
+TEST(KeyGen, Pbkdf2PublishedVectors) {
   EXPECT_EQ(hex(KeyGen::pbkdf2("password", "salt", 1, EVP_sha1(), 20)),
             "0c60c80f961f0e71f3a9b524af6012062fe037a6");
   EXPECT_EQ(hex(KeyGen::pbkdf2("password", "salt", 2, EVP_sha1(), 20)),
             "ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957");
-  EXPECT_EQ(hex(KeyGen::pbkdf2("password", "salt", 4096, EVP_sha1(), 20)),
-            "4b007901b765489abead49d926f721d065a429c1");
-  EXPECT_EQ(hex(KeyGen::pbkdf2("passwordPASSWORDpassword", "saltSALTsaltSALTsaltSALTsaltSALTsalt",
-                               4096, EVP_sha1(), 25)),
-            "3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038");
-  EXPECT_EQ(hex(KeyGen::pbkdf2(std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096,
-                               EVP_sha1(), 16)),
-            "56fa6aa75548099dcc37d7f03425e0c3");
-}
-
-TEST(KeyGen, Pbkdf2HmacSha512PublishedVectors) {
   EXPECT_EQ(hex(KeyGen::pbkdf2("password", "salt", 1, EVP_sha512(), 64)),
             "867f70cf1ade02cff3752599a3a53dc4af34c7a669815ae5d513554e1c8cf252"
             "c02d470a285a0501bad999bfe943c08f050235d7d68b1da55e63f73b60a57fce");
-  EXPECT_EQ(hex(KeyGen::pbkdf2("password", "salt", 4096, EVP_sha512(), 64)),
-            "d197b1b33db0143e018b12f3d1d1479e6cdebdcc97c5c0f87f6902e072f457b5"
-            "143f30602641b3d55cd335988cb36b84376060ecd532e039b742a239434af2d5");
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 0, EVP_sha512(), 64), "");
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 1, nullptr, 64), "");
 }
@@ -110,13 +96,12 @@ TEST(KeyGen, RandomKeysAreBoundedAndMadeInOneAttempt) {
   EXPECT_EQ(ScriptedRandom::calls(), 1);
 }
 
-TEST(KeyGen, SaltsCarryMarkerAndSchemeOrNothing) {
+TEST(KeyGen, SaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
   const std::string salt = KeyGen::generateSalt();
   ASSERT_EQ(salt.size(), 24u);
   EXPECT_EQ(salt[0], 'S');
   EXPECT_EQ(salt[1], 2);
   EXPECT_NE(KeyGen::generateSalt(), salt);
-
   KeyGen::s_use_weak_kdf = true;
   const std::string weak = KeyGen::generateSalt();
   KeyGen::s_use_weak_kdf = false;
@@ -124,49 +109,31 @@ TEST(KeyGen, SaltsCarryMarkerAndSchemeOrNothing) {
   // A weak salt is honoured when read back.
   EXPECT_EQ(KeyGen::passphraseToKey("pw", weak, 32),
             KeyGen::pbkdf2("pw", weak, KeyGen::WEAK_ITERATIONS, EVP_sha1(), 32));
-
-  {
-    ScriptedRandom lastChance(19);
-    EXPECT_EQ(KeyGen::generateSalt().size(), 24u);
-  }
-  ScriptedRandom neverAgain(20);
-  EXPECT_EQ(KeyGen::generateSalt(), "");
-}
-
-TEST(RandData, RetriesTwentyTimes) {
+  const std::string tag = TagGen::newTag();
+  EXPECT_EQ(tag.size(), 32u);
+  EXPECT_NE(TagGen::newTag(), tag);
+  EXPECT_EQ(Utils::getRandData(0), "");
   {
     ScriptedRandom nineteenFailures(19, "r");
     EXPECT_EQ(Utils::getRandData(5), "rrrrr");
     EXPECT_EQ(ScriptedRandom::calls(), 20);
   }
   {
-    ScriptedRandom twentyFailures(20, "r");
-    EXPECT_EQ(Utils::getRandData(5), "");
-    EXPECT_EQ(ScriptedRandom::calls(), 20);
+    ScriptedRandom lastChance(19);
+    EXPECT_EQ(KeyGen::generateSalt().size(), 24u);
   }
-  EXPECT_EQ(Utils::getRandData(0), "");
-  EXPECT_EQ(Utils::getRandData(1000).size(), 1000u);
-}
-
-TEST(TagGen, TagsAreThirtyTwoRawBytes) {
-  const std::string a = TagGen::newTag();
-  const std::string b = TagGen::newTag();
-  EXPECT_EQ(a.size(), 32u);
-  EXPECT_NE(a, b);
-  {
-    ScriptedRandom nineteenFailures(19);
-    EXPECT_EQ(TagGen::newTag().size(), 32u);
-  }
-  ScriptedRandom twentyFailures(20);
+  ScriptedRandom twentyFailures(20, "r");
+  EXPECT_EQ(Utils::getRandData(5), "");
+  EXPECT_EQ(ScriptedRandom::calls(), 20);
+  ScriptedRandom again(20);
+  EXPECT_EQ(KeyGen::generateSalt(), "");
+  ScriptedRandom andAgain(20);
   EXPECT_EQ(TagGen::newTag(), "");
 }
 
 TEST(Hmac, HmacSha256Rfc4231) {
-  const std::string data1 = "Hi There";
-  EXPECT_EQ(hex(Utils::hmac(EVP_sha256(), std::string(20, '\x0b'), u8(data1), data1.size())),
-            "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7");
-  const std::string data2 = "what do ya want for nothing?";
-  EXPECT_EQ(hex(Utils::hmac(EVP_sha256(), "Jefe", u8(data2), data2.size())),
+  const std::string data = "what do ya want for nothing?";
+  EXPECT_EQ(hex(Utils::hmac(EVP_sha256(), "Jefe", u8(data), data.size())),
             "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
-  EXPECT_EQ(Utils::hmac(nullptr, "Jefe", u8(data2), data2.size()), "");
+  EXPECT_EQ(Utils::hmac(nullptr, "Jefe", u8(data), data.size()), "");
 }

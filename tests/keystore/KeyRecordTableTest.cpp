@@ -217,60 +217,42 @@ TEST(KeyRecordTable, CopyIsIndependent) {
 
 // A record changed in place in its state or group breaks the indexes; the
 // next check of the table ends the process with the failed condition.
-TEST(KeyRecordTableDeathTest, SecondActiveKeyAbortsOnceTheCheckIsNoLongerSkipped) {
-  KeyTable table(true);
-  table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_ACTIVE));
-  table.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
-  table.setSkipInvariant(true);
-  table.findForChange(tagOf(2))->setState(KEY_ACTIVE);
-  // The key itself may change in place.
-  table.findForChange(tagOf(1))->setKey("rewrapped");
-  EXPECT_TRUE(table.addRecord(keyRecord(tagOf(3), kGroupB, KEY_INACTIVE)));  // no check
-  table.setSkipInvariant(false);
-  EXPECT_DEATH(
-      {
-        recordtest::logAppToStderr();
-        table.testInvariant();
-      },
-      "Assertion failed: \\(activekeycount <= 1\\)");
-}
+TEST(KeyRecordTableDeathTest, BrokenIndexesAbortAtTheNextCheck) {
+  auto dies = [](KeyTable& table, const std::string& condition) {
+    EXPECT_DEATH(
+        {
+          recordtest::logAppToStderr();
+          table.testInvariant();
+        },
+        "Assertion failed: \\(" + condition + "\\)");
+  };
+  KeyTable twoActive(true);
+  twoActive.addRecord(keyRecord(tagOf(1), kGroupA, KEY_ACTIVE));
+  twoActive.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
+  twoActive.setSkipInvariant(true);
+  twoActive.findForChange(tagOf(2))->setState(KEY_ACTIVE);
+  twoActive.findForChange(tagOf(1))->setKey("rewrapped");  // the key may change in place
+  EXPECT_TRUE(twoActive.addRecord(keyRecord(tagOf(3), kGroupB, KEY_INACTIVE)));  // no check
+  twoActive.setSkipInvariant(false);
+  dies(twoActive, "activekeycount <= 1");
 
-TEST(KeyRecordTableDeathTest, ActiveKeyBehindAnotherKeyAborts) {
-  KeyTable table(true);
-  table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
-  table.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
-  table.findForChange(tagOf(2))->setState(KEY_ACTIVE);
-  EXPECT_DEATH(
-      {
-        recordtest::logAppToStderr();
-        table.testInvariant();
-      },
-      "Assertion failed: \\(liter == \\(giter->second\\).end\\(\\)\\)");
-}
+  KeyTable behind(true);
+  behind.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
+  behind.addRecord(keyRecord(tagOf(2), kGroupA, KEY_INACTIVE));
+  behind.findForChange(tagOf(2))->setState(KEY_ACTIVE);
+  dies(behind, "liter == \\(giter->second\\).end\\(\\)");
 
-TEST(KeyRecordTableDeathTest, RecordOutsideItsGroupListAborts) {
-  KeyTable table(true);
-  table.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
-  table.addRecord(keyRecord(tagOf(2), kGroupB, KEY_INACTIVE));
-  table.findForChange(tagOf(1))->setKeyGroup(tagOf(7, 'G'));  // a group with no entry
+  KeyTable moved(true);
+  moved.addRecord(keyRecord(tagOf(1), kGroupA, KEY_INACTIVE));
+  moved.addRecord(keyRecord(tagOf(2), kGroupB, KEY_INACTIVE));
+  moved.findForChange(tagOf(1))->setKeyGroup(tagOf(7, 'G'));  // a group with no entry
+  dies(moved, "giter != m_groups.end\\(\\)");
+  moved.findForChange(tagOf(1))->setKeyGroup(kGroupB);  // listed under A, claims B
+  dies(moved, "liter != \\(giter->second\\).end\\(\\)");
   EXPECT_DEATH(
       {
         recordtest::logAppToStderr();
-        table.testInvariant();
-      },
-      "Assertion failed: \\(giter != m_groups.end\\(\\)\\)");
-
-  table.findForChange(tagOf(1))->setKeyGroup(kGroupB);  // listed under A, claims B
-  EXPECT_DEATH(
-      {
-        recordtest::logAppToStderr();
-        table.testInvariant();
-      },
-      "Assertion failed: \\(liter != \\(giter->second\\).end\\(\\)\\)");
-  EXPECT_DEATH(
-      {
-        recordtest::logAppToStderr();
-        table.removeRecord(tagOf(1));
+        moved.removeRecord(tagOf(1));
       },
       "Assertion failed: \\(erased == true\\)");
 }

@@ -2,6 +2,8 @@
 // validated, and which accessors belong to which version.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -159,18 +161,17 @@ TEST(KSMetadata, AccessorsBelongToTheirVersions) {
   KSMetadata v1(KS_VERSION_100);
   KSMetadata v2(KS_VERSION_200);
   KSMetadata v3(KS_VERSION_300);
-  EXPECT_EQ(ksStatus([&] { v3.setMasterIV("iv"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v1.setMasterIV("iv"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v2.setMasterIV("iv"); }), 0);
-  EXPECT_EQ(ksStatus([&] { v3.hmkHash(); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v3.setKpkHash("h"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v2.hmkVerifier(); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v1.setKpkVerifier("v"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v1.setHmkSalt("s"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v1.setKpkSalt("s"); }), 1219);
-  EXPECT_EQ(ksStatus([&] { v1.kpkHash(); }), 0);
-  EXPECT_EQ(ksStatus([&] { v3.kpkVerifier(); }), 0);
-  EXPECT_EQ(ksStatus([&] { v3.setHmkSalt("s"); }), 0);
+  const std::pair<std::function<void()>, int> calls[] = {
+      {[&] { v3.setMasterIV("iv"); }, 1219},   {[&] { v1.setMasterIV("iv"); }, 1219},
+      {[&] { v2.setMasterIV("iv"); }, 0},      {[&] { v3.hmkHash(); }, 1219},
+      {[&] { v3.setKpkHash("h"); }, 1219},     {[&] { v2.hmkVerifier(); }, 1219},
+      {[&] { v1.setKpkVerifier("v"); }, 1219}, {[&] { v1.setHmkSalt("s"); }, 1219},
+      {[&] { v1.setKpkSalt("s"); }, 1219},     {[&] { v1.kpkHash(); }, 0},
+      {[&] { v3.kpkVerifier(); }, 0},          {[&] { v3.setHmkSalt("s"); }, 0},
+  };
+  for (size_t i = 0; i < std::size(calls); ++i) {
+    EXPECT_EQ(ksStatus(calls[i].first), calls[i].second) << i;
+  }
   EXPECT_EQ(v1.hmkSalt(), "");
 }
 
@@ -186,58 +187,44 @@ TEST(KSMetadata, UnknownCipherNamePassesUntilACrypterIsMade) {
             1223);
 }
 
-TEST(KeyFile, VersionKeyAndCount) {
+TEST(KeyFile, TheSmallBlocksRoundTripAndRefuseMissingExtraOrOtherVersions) {
   KeyFile file(KS_VERSION_200);
   file.setKey(std::string(4096, 'k'));
   EXPECT_EQ(ksStatus([&] { file.setKey(std::string(4097, 'k')); }), 1214);
-  EXPECT_EQ(file.key(), std::string(4096, 'k'));
-  const AttributeList list = file.attributes();
-  EXPECT_EQ(list.size(), 2u);
-  EXPECT_EQ(list.getAttribute("VERSION"), kV200);
-  const KeyFile back(list);
-  EXPECT_EQ(back.version(), KS_VERSION_200);
-  EXPECT_EQ(back.key(), file.key());
-  file.clear();
-  EXPECT_EQ(file.attributes().getAttribute("THEKEY"), "");
-
-  auto status = [](const AttributeList& l) { return ksStatus([&] { KeyFile f(l); }); };
-  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
-  EXPECT_EQ(status(without(list, "THEKEY")), 1208);
-  EXPECT_EQ(status(without(list, "VERSION")), 1208);
-  EXPECT_EQ(status(with(list, "VERSION", unhex("00000301"))), 1218);
-  EXPECT_EQ(status(with(list, "VERSION", kV100)), 0);
-  EXPECT_EQ(ksStatus([] { KeyFile f(0x400); }), 1218);
-}
-
-TEST(KSEximMetadata, OnlyVersion0x200) {
-  const KSEximMetadata meta(KS_VERSION_200);
-  const AttributeList list = meta.attributes();
-  EXPECT_EQ(list.size(), 1u);
-  EXPECT_EQ(list.getAttribute("VERSION"), kV200);
-  EXPECT_EQ(KSEximMetadata(list).version(), KS_VERSION_200);
-  EXPECT_EQ(ksStatus([] { KSEximMetadata m(KS_VERSION_300); }), 1218);
-  auto status = [](const AttributeList& l) { return ksStatus([&] { KSEximMetadata m(l); }); };
-  EXPECT_EQ(status(AttributeList()), 1208);
-  EXPECT_EQ(status(with(list, "VERSION", kV300)), 1218);
-  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
-}
-
-TEST(SecuredDataHeader, OnlyVersion0x200WithSaltAndIv) {
+  const AttributeList keyFile = file.attributes();
+  EXPECT_EQ(KeyFile(keyFile).key(), std::string(4096, 'k'));
+  EXPECT_EQ(KeyFile(with(keyFile, "VERSION", kV100)).version(), KS_VERSION_100);
   SecuredDataHeader header(KS_VERSION_200);
   header.setSalt(std::string(24, 's'));
   header.setIV(std::string(16, 'i'));
-  const AttributeList list = header.attributes();
-  EXPECT_EQ(list.size(), 3u);
-  const SecuredDataHeader back(list);
-  EXPECT_EQ(back.salt(), header.salt());
-  EXPECT_EQ(back.iv(), header.iv());
+  const AttributeList secured = header.attributes();
+  EXPECT_EQ(SecuredDataHeader(secured).salt(), header.salt());
+  EXPECT_EQ(SecuredDataHeader(secured).iv(), header.iv());
+  const AttributeList exim = KSEximMetadata(KS_VERSION_200).attributes();
+  EXPECT_EQ(KSEximMetadata(exim).version(), KS_VERSION_200);
+  EXPECT_EQ(exim.getAttribute("VERSION"), kV200);
+
+  const std::function<void(const AttributeList&)> readers[] = {
+      [](const AttributeList& l) { KeyFile f(l); },
+      [](const AttributeList& l) { SecuredDataHeader h(l); },
+      [](const AttributeList& l) { KSEximMetadata m(l); },
+  };
+  const AttributeList lists[] = {keyFile, secured, exim};
+  const std::string wrongVersion[] = {unhex("00000301"), kV100, kV300};
+  for (int i = 0; i < 3; ++i) {
+    auto status = [&](const AttributeList& l) { return ksStatus([&] { readers[i](l); }); };
+    EXPECT_EQ(status(lists[i]), 0) << i;
+    EXPECT_EQ(status(with(lists[i], "EXTRA", "")), 1208) << i;
+    EXPECT_EQ(status(with(lists[i], "VERSION", wrongVersion[i])), 1218) << i;
+    for (const auto& attr : lists[i]) {
+      EXPECT_EQ(status(without(lists[i], attr.first)), 1208) << i << " " << attr.first;
+    }
+  }
+  EXPECT_EQ(ksStatus([] { KeyFile f(0x400); }), 1218);
+  EXPECT_EQ(ksStatus([] { KSEximMetadata m(KS_VERSION_300); }), 1218);
   EXPECT_EQ(ksStatus([] { SecuredDataHeader h(KS_VERSION_100); }), 1218);
-  auto status = [](const AttributeList& l) { return ksStatus([&] { SecuredDataHeader h(l); }); };
-  EXPECT_EQ(status(without(list, "VERSION")), 1208);
-  EXPECT_EQ(status(with(list, "VERSION", kV100)), 1218);
-  EXPECT_EQ(status(without(list, "SALT")), 1208);
-  EXPECT_EQ(status(without(list, "IV")), 1208);
-  EXPECT_EQ(status(with(list, "EXTRA", "")), 1208);
+  file.clear();
   header.clear();
+  EXPECT_EQ(file.attributes().getAttribute("THEKEY"), "");
   EXPECT_EQ(header.attributes().getAttribute("SALT"), "");
 }

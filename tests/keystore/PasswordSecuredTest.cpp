@@ -82,18 +82,34 @@ Layout layoutOf(const std::string& block) {
 }
 
 // A block laid out by hand with keys derived the way scheme 3 says
-// (PBKDF2-HMAC-SHA-1, 2 iterations, 64 bytes): `header` as given, any
-// ciphertext, and a right HMAC.
-std::string handBlock(const AttributeList& header, const std::string& cipher,
-                      const std::string& passphrase = kPass) {
+// (PBKDF2-HMAC-SHA-1, 2 iterations, 64 bytes): `header` as given, a right
+// HMAC, and `content` as the ciphertext or, with `encrypt`, encrypted under
+// AES-256-CBC with the first half of the keys and the header's IV.
+std::string handBlock(const AttributeList& header, std::string content,
+                      const std::string& passphrase = kPass, bool encrypt = false) {
   const std::string salt = header.getAttribute("SALT");
   unsigned char derived[64];
   PKCS5_PBKDF2_HMAC(passphrase.data(), static_cast<int>(passphrase.size()),
                     reinterpret_cast<const unsigned char*>(salt.data()),
                     static_cast<int>(salt.size()), 2, EVP_sha1(), sizeof derived, derived);
+  if (encrypt) {
+    std::string cipher(content.size() + 16, '\0');
+    int len = 0;
+    int tail = 0;
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, derived,
+                       reinterpret_cast<const unsigned char*>(header.getAttribute("IV").data()));
+    EVP_EncryptUpdate(ctx, reinterpret_cast<unsigned char*>(&cipher[0]), &len,
+                      reinterpret_cast<const unsigned char*>(content.data()),
+                      static_cast<int>(content.size()));
+    EVP_EncryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(&cipher[len]), &tail);
+    EVP_CIPHER_CTX_free(ctx);
+    cipher.resize(static_cast<size_t>(len + tail));
+    content = cipher;
+  }
   const std::string region =
       written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, header); }) +
-      field(be(cipher.size(), 4)) + cipher;
+      field(be(content.size(), 4)) + content;
   unsigned char mac[32];
   unsigned int macLen = 0;
   HMAC(EVP_sha256(), derived + 32, 32, reinterpret_cast<const unsigned char*>(region.data()),
@@ -125,15 +141,11 @@ std::string weakSalt() {
 
 }  // namespace
 
-TEST(PasswordSecured, LayoutMatchesAnIndependentReading) {
+TEST(PasswordSecured, LayoutMatchesAnIndependentEncoding) {
   WeakKdf weak;
   const std::string data = exportPlaintext();
   const std::string block = seal(data);
   const Layout l = layoutOf(block);
-
-  EXPECT_EQ(block.substr(0, 2), unhex("0020"));
-  EXPECT_EQ(block.substr(34, 2), unhex("0004"));
-  EXPECT_EQ(block.substr(36, 4), be(block.size() - l.regionStart, 4));
   // Header: IV, SALT, VERSION in sorted order, with the list's own digest.
   KSInputBuffer headerIn(block.substr(l.regionStart, l.headerLen));
   AttributeList header;
@@ -145,100 +157,43 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentReading) {
   EXPECT_EQ(salt.substr(0, 2), std::string("S\x03", 2));
   EXPECT_EQ(block.substr(l.regionStart, l.headerLen),
             handList({{"IV", iv}, {"SALT", salt}, {"VERSION", unhex("00000200")}}));
-  const std::string cipher = block.substr(l.cipherStart);
-  EXPECT_EQ(block.substr(l.cipherStart - 6, 6), field(be(cipher.size(), 4)));
-  EXPECT_EQ(cipher.size(), (data.size() / 16 + 1) * 16);
-
-  // The same keys, HMAC and cipher through OpenSSL alone.
-  unsigned char derived[64];
-  ASSERT_EQ(PKCS5_PBKDF2_HMAC(kPass.data(), static_cast<int>(kPass.size()),
-                              reinterpret_cast<const unsigned char*>(salt.data()), 24, 2,
-                              EVP_sha1(), sizeof derived, derived),
-            1);
-  unsigned char mac[32];
-  unsigned int macLen = 0;
-  HMAC(EVP_sha256(), derived + 32, 32,
-       reinterpret_cast<const unsigned char*>(block.data()) + l.regionStart,
-       block.size() - l.regionStart, mac, &macLen);
-  EXPECT_EQ(block.substr(2, 32), std::string(reinterpret_cast<const char*>(mac), macLen));
-  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-  std::string plain(cipher.size(), '\0');
-  int len = 0;
-  int tail = 0;
-  ASSERT_EQ(EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, derived,
-                               reinterpret_cast<const unsigned char*>(iv.data())),
-            1);
-  ASSERT_EQ(EVP_DecryptUpdate(ctx, reinterpret_cast<unsigned char*>(&plain[0]), &len,
-                              reinterpret_cast<const unsigned char*>(cipher.data()),
-                              static_cast<int>(cipher.size())),
-            1);
-  ASSERT_EQ(EVP_DecryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(&plain[len]), &tail), 1);
-  EVP_CIPHER_CTX_free(ctx);
-  plain.resize(len + tail);
-  EXPECT_EQ(plain, data);
+  // The same keys, HMAC and cipher through OpenSSL alone give the same bytes.
+  EXPECT_EQ(cryptotest::hex(handBlock(header, data, kPass, true)), cryptotest::hex(block));
 }
 
-TEST(PasswordSecured, RoundTripsAnExportAndNeverRepeats) {
-  WeakKdf weak;
-  const std::string data = exportPlaintext();
-  const std::string block = seal(data);
-  std::string back;
-  ASSERT_EQ(openStatus(block, &back), 0);
-  EXPECT_EQ(back, data);
-
-  // The content reads as an export.
-  KSInputBuffer in(back);
-  AttributeList metaList;
-  ReaderWriter::readAttributeList(in, metaList);
-  EXPECT_EQ(KSEximMetadata(metaList).version(), KS_VERSION_200);
-  KeyTable keys(true);
-  ReaderWriter::readRecordTable(in, keys);
-  GroupTable groups;
-  ReaderWriter::readRecordTable(in, groups);
-  EXPECT_EQ(keys.getRecord(recordtest::tagOf(1)).key(), std::string(32, '\x6b'));
-  EXPECT_EQ(groups.size(), 1u);
-
-  // Salt, IV, ciphertext and HMAC are new each time.
-  const std::string again = seal(data);
-  const Layout l = layoutOf(block);
-  ASSERT_EQ(again.size(), block.size());
-  EXPECT_NE(again.substr(2, 32), block.substr(2, 32));
-  EXPECT_NE(again.substr(l.regionStart, l.headerLen), block.substr(l.regionStart, l.headerLen));
-  EXPECT_NE(again.substr(l.cipherStart), block.substr(l.cipherStart));
-
-  // Empty data is one block of padding.
-  const std::string empty = seal("");
-  EXPECT_EQ(empty.substr(layoutOf(empty).cipherStart - 6),
-            field(be(16, 4)) + empty.substr(empty.size() - 16));
-  EXPECT_EQ(openStatus(empty, &back), 0);
-  EXPECT_EQ(back, "");
-}
-
-TEST(PasswordSecured, StrongSaltOfNewBlocks) {
-  // The real scheme: PBKDF2-HMAC-SHA-512 with 500000 iterations on each side.
-  const std::string block = seal("payload", "pass");
-  const Layout l = layoutOf(block);
-  EXPECT_EQ(
-      block.substr(l.regionStart, l.headerLen).find(std::string("S\x02", 2)) != std::string::npos,
-      true);
-  std::string back;
-  EXPECT_EQ(openStatus(block, &back, "pass"), 0);
-  EXPECT_EQ(back, "payload");
-}
-
-TEST(PasswordSecured, WrongPassphraseAndTheWeakScheme) {
+TEST(PasswordSecured, RoundTripsNeverRepeatsAndNeedsTheRightPassphrase) {
   std::string block;
+  std::string back;
   {
     WeakKdf weak;
-    block = seal("secret");
+    const std::string data = exportPlaintext();
+    block = seal(data);
+    ASSERT_EQ(openStatus(block, &back), 0);
+    EXPECT_EQ(back, data);
+    // Salt, IV, ciphertext and HMAC are new each time.
+    const std::string again = seal(data);
+    const Layout l = layoutOf(block);
+    ASSERT_EQ(again.size(), block.size());
+    EXPECT_NE(again.substr(2, 32), block.substr(2, 32));
+    EXPECT_NE(again.substr(l.regionStart, l.headerLen), block.substr(l.regionStart, l.headerLen));
+    EXPECT_NE(again.substr(l.cipherStart), block.substr(l.cipherStart));
   }
   // The reader follows the salt, not the flag.
-  std::string back;
-  EXPECT_EQ(openStatus(block, &back), 0);
-  EXPECT_EQ(back, "secret");
+  EXPECT_EQ(openStatus(block), 0);
   EXPECT_EQ(openStatus(block, &back, "wrong"), 1284);
   EXPECT_EQ(back, "untouched");
   EXPECT_EQ(openStatus(block, &back, ""), 1284);
+
+  // The real scheme: PBKDF2-HMAC-SHA-512 with 500000 iterations on each
+  // side; empty data is one block of padding.
+  const std::string strong = seal("", "pass");
+  const Layout l = layoutOf(strong);
+  EXPECT_NE(strong.substr(l.regionStart, l.headerLen).find(std::string("S\x02", 2)),
+            std::string::npos);
+  EXPECT_EQ(strong.substr(l.cipherStart - 6), field(be(16, 4)) + strong.substr(strong.size() - 16));
+  back = "x";
+  EXPECT_EQ(openStatus(strong, &back, "pass"), 0);
+  EXPECT_EQ(back, "");
 }
 
 TEST(PasswordSecured, EveryFlippedBitOfAnExportBlockIsRefused) {

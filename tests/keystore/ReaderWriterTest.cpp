@@ -33,14 +33,6 @@ namespace {
 typedef KeyRecordTable<KeyRecord_v1> KeyTable;
 typedef RecordTable<KeyGrpRecord_v1> GroupTable;
 
-AttributeList listOf(const std::vector<std::pair<std::string, std::string>>& attrs) {
-  AttributeList list;
-  for (const auto& attr : attrs) {
-    list.addAttribute(attr.first, attr.second);
-  }
-  return list;
-}
-
 KeyRecord_v1 fullKey(unsigned n, const std::string& group, ks_keystate_t state) {
   KeyRecord_v1 rec = recordtest::keyRecord(recordtest::tagOf(n), group, state);
   rec.setName(std::string("key\0name", 8) + std::to_string(n));
@@ -163,41 +155,6 @@ TEST(ReaderWriter, HmkFileLayoutByteForByte) {
   EXPECT_EQ(back.key(), hmk.key());
 }
 
-TEST(ReaderWriter, KpkFileLayoutUnder0x300) {
-  const std::string hmk(32, '\x11');
-  const std::string kpk(32, '\x22');
-  KeyFile file(KS_VERSION_300);
-  file.setKey(Utils::encryptKeyWithKey(kpk, hmk, KSCrypt::AES_256_GCM, KS_VERSION_300));
-  const std::string bytes =
-      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, file.attributes()); });
-
-  ASSERT_EQ(bytes.size(), 161u);
-  EXPECT_EQ(cryptotest::hex(bytes.substr(0, 20)), "0002424200040000000200065448454b4559005c");
-  const std::string wrapped = bytes.substr(20, 92);  // 92 bytes of wrapped key
-  EXPECT_EQ(cryptotest::hex(bytes.substr(112, 17)), "000756455253494f4e0004000003000020");
-  const std::string covered = "ZTHEKEY" + wrapped + "VERSION" + unhex("00000300");
-  EXPECT_EQ(bytes.substr(129), digest(EVP_sha256(), covered));
-  EXPECT_EQ(Utils::decryptKeyWithKey(wrapped, hmk, KSCrypt::AES_256_GCM, KS_VERSION_300), kpk);
-}
-
-TEST(ReaderWriter, AttributeListsRoundTripWithBinaryNamesAndValues) {
-  const AttributeList list = listOf({{"b", ""},
-                                     {std::string("\0a", 2), std::string(4096, '\0')},
-                                     {std::string(4096, 'n'), "v"},
-                                     {"a", std::string("\xff\x00\x01", 3)}});
-  const std::string bytes =
-      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, list); });
-  KSInputBuffer in(bytes + "next");
-  AttributeList back;
-  ReaderWriter::readAttributeList(in, back);
-  EXPECT_EQ(back, list);
-  EXPECT_EQ(in.remaining(), 4u);
-  // The writer lays the attributes out in the list's order, as the hand
-  // encoder does with the same order.
-  std::vector<std::pair<std::string, std::string>> sorted(list.begin(), list.end());
-  EXPECT_EQ(bytes, handList(sorted));
-}
-
 TEST(ReaderWriter, BothRecordKindsRoundTrip) {
   const KeyRecord_v1 key = fullKey(3, recordtest::tagOf(9, 'G'), KEY_ACTIVE);
   const std::string keyBytes =
@@ -228,19 +185,12 @@ TEST(ReaderWriter, EveryFlippedBitOfARecordIsRefused) {
   key.attributes().addAttribute("n", "v");
   const std::string keyBytes =
       written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, key); });
-  const std::string groupBytes =
-      written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, fullGroup(1)); });
   for (size_t i = 0; i < keyBytes.size(); ++i) {
     for (int bit = 0; bit < 8; ++bit) {
       std::string bad = keyBytes;
       bad[i] = static_cast<char>(bad[i] ^ (1 << bit));
       ASSERT_EQ(readStatus<KeyRecord_v1>(bad), 1208) << "byte " << i << " bit " << bit;
     }
-  }
-  for (size_t i = 0; i < groupBytes.size(); ++i) {
-    std::string bad = groupBytes;
-    bad[i] = static_cast<char>(bad[i] ^ 0x40);
-    ASSERT_EQ(readStatus<KeyGrpRecord_v1>(bad), 1208) << "byte " << i;
   }
 }
 
@@ -250,11 +200,7 @@ TEST(ReaderWriter, OldMarkersReadWithSha1AndAreWrittenBackNew) {
       tag, "old", be(10, 8), be(9, 8), "descr", be(3, 4), "grp", be(2, 2), be(1, 2), "kpk", "key"};
   const std::string old = handRecord(contents, handList({{"x", "y"}}, true), true);
   const KeyRecord_v1 rec = readBack<KeyRecord_v1>(old);
-  EXPECT_EQ(rec.tag(), tag);
-  EXPECT_EQ(rec.name(), "old");
-  EXPECT_EQ(rec.updateTime(), 10u);
   EXPECT_EQ(rec.state(), KEY_INACTIVE);
-  EXPECT_EQ(rec.key(), "key");
   EXPECT_EQ(rec.attributes().getAttribute("x"), "y");
   EXPECT_EQ(written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, rec); }),
             handRecord(contents, handList({{"x", "y"}})));

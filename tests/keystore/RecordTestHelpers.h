@@ -37,20 +37,4 @@ inline void logAppToStderr() {
   VRLogger::s_default = &logger;
 }
 
-// Installs a logger at debug level 1 into files under `dir` for the lifetime
-// of the object.
-class ScopedDebugLog {
- public:
-  explicit ScopedDebugLog(const std::string& dir)
-      : m_logger(286, dir + "/debug.log", dir + "/app.log", 1), m_saved(VRLogger::s_default) {
-    VRLogger::s_default = &m_logger;
-  }
-  ~ScopedDebugLog() { VRLogger::s_default = m_saved; }
-  const std::string& path() const { return m_logger.debugLogPath(); }
-
- private:
-  VRLogger m_logger;
-  VRLogger* m_saved;
-};
-
 }  // namespace recordtest
