@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <string>
 
+#include "kms/platform/OpenSslPtr.h"
+
 // Digest types. Type 1 is SHA-1 (20 bytes).
 enum mangleHashType {
   MANGLE_HASH_SHA1 = 1,
@@ -34,6 +36,6 @@ class Hash {
   int getHash(std::string* out);
 
  private:
-  EVP_MD_CTX* m_ctx = nullptr;
+  CmnCrypto::DigestCtxPtr m_ctx;
   int m_status;  // 0 while usable
 };

@@ -34,34 +34,30 @@ const EVP_MD* digestOf(_HASH_ALGO algo) {
 
 }  // namespace
 
-HashGenerator::HashGenerator(_HASH_ALGO algo) : m_ctx(nullptr), m_algo(algo) {
+HashGenerator::HashGenerator(_HASH_ALGO algo) : m_ctx(EVP_MD_CTX_new()), m_algo(algo) {
   const EVP_MD* md = digestOf(algo);
-  m_ctx = EVP_MD_CTX_new();
   if (m_ctx == nullptr) {
     throw CmnException("HashGenerator: out of memory");
   }
-  if (EVP_DigestInit_ex2(m_ctx, md, nullptr) != 1) {
-    EVP_MD_CTX_free(m_ctx);
+  if (EVP_DigestInit_ex2(m_ctx.get(), md, nullptr) != 1) {
     throw CmnException("HashGenerator: digest initialisation failed");
   }
 }
 
 void HashGenerator::restart() {
-  if (EVP_DigestInit_ex2(m_ctx, digestOf(m_algo), nullptr) != 1) {
+  if (EVP_DigestInit_ex2(m_ctx.get(), digestOf(m_algo), nullptr) != 1) {
     throw CmnException("HashGenerator: digest initialisation failed");
   }
   m_finished = false;
 }
 
-HashGenerator::~HashGenerator() {
-  EVP_MD_CTX_free(m_ctx);
-}
+HashGenerator::~HashGenerator() = default;
 
 void HashGenerator::addData(const void* data, size_t len) {
   if (m_finished) {
     throw CmnException("HashGenerator: data added after the digest was generated");
   }
-  if (len > 0 && EVP_DigestUpdate(m_ctx, data, len) != 1) {
+  if (len > 0 && EVP_DigestUpdate(m_ctx.get(), data, len) != 1) {
     throw CmnException("HashGenerator: digest update failed");
   }
 }
@@ -78,7 +74,7 @@ size_t HashGenerator::generateBinaryHash(unsigned char* out) {
   }
   m_finished = true;
   unsigned int len = 0;
-  if (EVP_DigestFinal_ex(m_ctx, out, &len) != 1) {
+  if (EVP_DigestFinal_ex(m_ctx.get(), out, &len) != 1) {
     throw CmnException("HashGenerator: digest finalisation failed");
   }
   return len;

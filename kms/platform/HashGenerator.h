@@ -12,6 +12,7 @@
 #include <string>
 
 #include "kms/platform/CmnException.h"
+#include "kms/platform/OpenSslPtr.h"
 
 namespace CmnCrypto {
 
@@ -50,7 +51,7 @@ class HashGenerator {
   static size_t digestLength(_HASH_ALGO algo);
 
  private:
-  EVP_MD_CTX* m_ctx;
+  DigestCtxPtr m_ctx;
   _HASH_ALGO m_algo;
   bool m_finished = false;
 };

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "kms/platform/MangleRandom.h"
+#include "kms/platform/OpenSslPtr.h"
 
 namespace {
 
@@ -89,15 +90,12 @@ struct MangleState {
   bool decrypting = false;
   bool finished = false;
   bool fetched = false;
-  EVP_CIPHER_CTX* evp = nullptr;
+  CmnCrypto::CipherCtxPtr evp;
   unsigned char iv[kIvLen] = {};
   size_t ivHave = 0;  // decryption: IV bytes collected so far
   WipedBuffer out;
 
-  ~MangleState() {
-    EVP_CIPHER_CTX_free(evp);
-    OPENSSL_cleanse(iv, sizeof iv);
-  }
+  ~MangleState() { OPENSSL_cleanse(iv, sizeof iv); }
 };
 
 static_assert(sizeof(MangleState*) <= MANGLE_CTX_SIZE, "context block too small");
@@ -136,14 +134,14 @@ int setup(const unsigned char* key, unsigned long keylen, int type, mangleCipher
     return MANGLE_ERR_CIPHER;
   }
   state->decrypting = decrypting;
-  state->evp = EVP_CIPHER_CTX_new();
+  state->evp.reset(EVP_CIPHER_CTX_new());
   bool ok = state->evp != nullptr;
   if (ok && decrypting) {
     // The IV arrives with the stream; the key goes in now.
-    ok = EVP_DecryptInit_ex(state->evp, cipher, nullptr, key, nullptr) == 1;
+    ok = EVP_DecryptInit_ex(state->evp.get(), cipher, nullptr, key, nullptr) == 1;
   } else if (ok) {
     ok = mangleGetRandom(state->iv, kIvLen) == 0 &&
-         EVP_EncryptInit_ex(state->evp, cipher, nullptr, key, state->iv) == 1 &&
+         EVP_EncryptInit_ex(state->evp.get(), cipher, nullptr, key, state->iv) == 1 &&
          state->out.append(state->iv, kIvLen);
   }
   if (!ok) {
@@ -170,8 +168,8 @@ int update(MangleState* state, const unsigned char* data, unsigned long len) {
       return MANGLE_ERR_CIPHER;
     }
     int produced = 0;
-    if (EVP_CipherUpdate(state->evp, state->out.end(), &produced, data, static_cast<int>(chunk)) !=
-        1) {
+    if (EVP_CipherUpdate(state->evp.get(), state->out.end(), &produced, data,
+                         static_cast<int>(chunk)) != 1) {
       return MANGLE_ERR_CIPHER;
     }
     state->out.grow(static_cast<size_t>(produced));
@@ -186,7 +184,7 @@ int finish(MangleState* state) {
     return MANGLE_ERR_CIPHER;
   }
   int produced = 0;
-  if (EVP_CipherFinal_ex(state->evp, state->out.end(), &produced) != 1) {
+  if (EVP_CipherFinal_ex(state->evp.get(), state->out.end(), &produced) != 1) {
     return state->decrypting ? MANGLE_ERR_CHECK : MANGLE_ERR_CIPHER;
   }
   state->out.grow(static_cast<size_t>(produced));
@@ -287,7 +285,7 @@ int mangleDecrypt(const unsigned char* data, unsigned long len, int final, mangl
     data += take;
     len -= take;
     if (state->ivHave == kIvLen &&
-        EVP_DecryptInit_ex(state->evp, nullptr, nullptr, nullptr, state->iv) != 1) {
+        EVP_DecryptInit_ex(state->evp.get(), nullptr, nullptr, nullptr, state->iv) != 1) {
       return MANGLE_ERR_CIPHER;
     }
   }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "kms/platform/OpenSslPtr.h"
 #include "kms/server/keystore/KSCrypt.h"
 
 namespace Vaultrest {
@@ -38,10 +39,7 @@ class EVPCrypter : public KSCrypt {
   int decryptReset() override;
 
  private:
-  struct CtxFree {
-    void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-  };
-  using CtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CtxFree>;
+  using CtxPtr = CmnCrypto::CipherCtxPtr;
 
   struct Side {
     CtxPtr ctx;

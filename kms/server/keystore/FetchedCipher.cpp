@@ -1,19 +1,12 @@
 #include "kms/server/keystore/FetchedCipher.h"
 
-#include <memory>
+#include "kms/platform/OpenSslPtr.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-namespace {
-
-struct CipherFree {
-  void operator()(EVP_CIPHER* cipher) const { EVP_CIPHER_free(cipher); }
-};
-using CipherPtr = std::unique_ptr<EVP_CIPHER, CipherFree>;
-
-}  // namespace
+using CmnCrypto::CipherPtr;
 
 const EVP_CIPHER* FetchedCipher::aes256Gcm() {
   static const CipherPtr cipher(EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr));

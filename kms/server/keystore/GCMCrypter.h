@@ -23,6 +23,7 @@
 #include <memory>
 #include <string>
 
+#include "kms/platform/OpenSslPtr.h"
 #include "kms/server/keystore/KSCrypt.h"
 
 namespace Vaultrest {
@@ -67,10 +68,7 @@ class GCMCrypter : public KSCrypt {
     FINAL_DONE = 5,
   };
 
-  struct CtxFree {
-    void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-  };
-  using CtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CtxFree>;
+  using CtxPtr = CmnCrypto::CipherCtxPtr;
 
   // Splits the rest of the input between the pending ciphertext and the
   // candidate tag, keeping the last 16 bytes seen in the tag.

@@ -57,9 +57,8 @@ uint32_t readLengthField(KSInputBuffer& in, const char* function) {
 
 std::unique_ptr<KSCrypt> makeCrypter(const char* function, const std::string& key,
                                      const std::string& iv) {
-  return translateErrors(function, kCrypterMap, [&] {
-    return std::unique_ptr<KSCrypt>(CryptFactory::createCrypter(enc_algo, key, iv));
-  });
+  return translateErrors(function, kCrypterMap,
+                         [&] { return CryptFactory::createCrypter(enc_algo, key, iv); });
 }
 
 // The encryption key and the HMAC key, wiped when they go.
