@@ -130,41 +130,34 @@ TEST(FileFaults, FailsTheNthOperationOnlyCountingItsKind) {
 }
 
 TEST(FileFaults, CrashEndsAForkedChildJustBeforeTheOperation) {
-  {
-    // Before the rename: the new file is complete, the old name untouched.
+  const struct {
+    size_t n;
+    std::optional<FileOp> kind;
+    bool crashes;
+    const char* dat;  // nullptr: missing
+    const char* next;
+  } rows[] = {
+      // Before the rename: the new file is complete, the old name untouched.
+      {1, FileOp::Rename, true, "old state", "new state"},
+      // Before the flush: what sat in the stream's buffer is lost.
+      {1, FileOp::Fflush, true, nullptr, ""},
+      // Counting all operations: the second is the open that creates the file.
+      {2, std::nullopt, true, nullptr, nullptr},
+      // A crash point past the end is never reached.
+      {13, std::nullopt, false, "new state", nullptr},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.n);
     TempRoot dir;
-    std::ofstream(dir.file("data.dat")) << "old state";
-    const int status = crashChildAt(dir.path(), 1, FileOp::Rename);
+    if (row.kind == FileOp::Rename) {
+      std::ofstream(dir.file("data.dat")) << "old state";
+    }
+    const int status = crashChildAt(dir.path(), row.n, row.kind);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), FileFaults::kCrashExitStatus);
-    EXPECT_EQ(readFile(dir.file("data.dat")), "old state");
-    EXPECT_EQ(readFile(dir.file("data.new")), "new state");
-  }
-  {
-    // Before the flush: what sat in the stream's buffer is lost, as in a
-    // real crash.
-    TempRoot dir;
-    const int status = crashChildAt(dir.path(), 1, FileOp::Fflush);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), FileFaults::kCrashExitStatus);
-    EXPECT_TRUE(exists(dir.file("data.new")));
-    EXPECT_EQ(readFile(dir.file("data.new")), "");
-    EXPECT_FALSE(exists(dir.file("data.dat")));
-  }
-  {
-    // Counting all operations: the second is the open that creates the file.
-    TempRoot dir;
-    const int status = crashChildAt(dir.path(), 2, std::nullopt);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), FileFaults::kCrashExitStatus);
-    EXPECT_FALSE(exists(dir.file("data.new")));
-  }
-  {
-    // A crash point past the end is never reached.
-    TempRoot dir;
-    const int status = crashChildAt(dir.path(), 13, std::nullopt);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(readFile(dir.file("data.dat")), "new state");
+    EXPECT_EQ(WEXITSTATUS(status), row.crashes ? FileFaults::kCrashExitStatus : 0);
+    EXPECT_EQ(exists(dir.file("data.dat")), row.dat != nullptr);
+    EXPECT_EQ(exists(dir.file("data.new")), row.next != nullptr);
+    EXPECT_EQ(readFile(dir.file("data.dat")), row.dat ? row.dat : "");
+    EXPECT_EQ(readFile(dir.file("data.new")), row.next ? row.next : "");
   }
 }
