@@ -219,28 +219,37 @@ TEST_F(FileKeyStoreLookupTest, GetKeyRecordsByKadGivesOnlyUsableKeysInThePlain) 
 TEST(FileKeyStoreChecksTest, BadTagsAndBadKeys) {
   const std::string zeros12(12, '\0');
   const std::string ones12(12, '\xff');
-  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12 + "rest of the tag...."));
-  EXPECT_TRUE(FileKeyStore::isBadTag(ones12 + std::string(20, 'x')));
-  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12));
-  EXPECT_TRUE(FileKeyStore::isBadTag(std::string(32, '\xff')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\0')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\xff')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(""));
-  std::string almost = zeros12 + std::string(20, '\0');
-  almost[11] = 1;
-  EXPECT_FALSE(FileKeyStore::isBadTag(almost)) << "the 12th byte counts";
-  almost = ones12;
-  almost[0] = '\xfe';
-  EXPECT_FALSE(FileKeyStore::isBadTag(almost));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(6, '\0') + std::string(6, '\xff')));
-
-  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(16, '\xff')));
-  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(32, '\0')));
-  EXPECT_TRUE(FileKeyStore::isBadKey(""));
+  std::string byte12 = zeros12 + std::string(20, '\0');
+  byte12[11] = 1;  // the 12th byte counts
+  std::string byte1 = ones12;
+  byte1[0] = '\xfe';
+  const std::pair<std::string, bool> tags[] = {
+      {zeros12 + "rest of the tag....", true},
+      {ones12 + std::string(20, 'x'), true},
+      {zeros12, true},
+      {std::string(32, '\xff'), true},
+      {std::string(11, '\0'), false},
+      {std::string(11, '\xff'), false},
+      {"", false},
+      {byte12, false},
+      {byte1, false},
+      {std::string(6, '\0') + std::string(6, '\xff'), false},
+  };
+  for (const auto& [tag, bad] : tags) {
+    EXPECT_EQ(FileKeyStore::isBadTag(tag), bad) << Utils::binToHex(tag);
+  }
   std::string key(32, '\0');
   key[31] = 1;
-  EXPECT_FALSE(FileKeyStore::isBadKey(key));
-  EXPECT_FALSE(FileKeyStore::isBadKey(std::string(16, '\0') + std::string(16, '\xff')));
+  const std::pair<std::string, bool> keys[] = {
+      {std::string(16, '\xff'), true},
+      {std::string(32, '\0'), true},
+      {"", true},
+      {key, false},
+      {std::string(16, '\0') + std::string(16, '\xff'), false},
+  };
+  for (const auto& [value, bad] : keys) {
+    EXPECT_EQ(FileKeyStore::isBadKey(value), bad) << Utils::binToHex(value);
+  }
 }
 
 TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
@@ -262,53 +271,20 @@ TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
 
   LogCapture log(1);
   EXPECT_FALSE(FileKeyStore::isKeyStoreSane(keys, content.groups()));
-  const auto lines = log.debugLines();
-  EXPECT_EQ(LogCapture::containing(
-                lines, "KeyGroup record " + Utils::binToHex(badGroup) + " had INVALID cipherType")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(
-                lines, "Key record " + Utils::binToHex(kInactive) + " had INVALID state")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(
-                lines, "Key record " + Utils::binToHex(kTwin1) + " had INVALID KPK Type")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(lines, "Key record " + Utils::binToHex(tagOf('O', 'o')) +
-                                              " was member of a non-existent KeyGroup " +
-                                              Utils::binToHex(orphanGroup))
-                .size(),
-            1u);
+  for (const std::string& finding :
+       {"KeyGroup record " + Utils::binToHex(badGroup) + " had INVALID cipherType",
+        "Key record " + Utils::binToHex(kInactive) + " had INVALID state",
+        "Key record " + Utils::binToHex(kTwin1) + " had INVALID KPK Type",
+        "Key record " + Utils::binToHex(tagOf('O', 'o')) +
+            " was member of a non-existent KeyGroup " + Utils::binToHex(orphanGroup)}) {
+    EXPECT_EQ(LogCapture::containing(log.debugLines(), finding).size(), 1u) << finding;
+  }
 
   // Each fault alone is enough.
   FileKeyStore::GroupTable groupsOnly = lookupContent().groups();
   EXPECT_FALSE(FileKeyStore::isKeyStoreSane(content.keys(), groupsOnly)) << "orphan key";
   EXPECT_FALSE(FileKeyStore::isKeyStoreSane(lookupContent().keys(), content.groups()))
       << "group of cipher type 0";
-}
-
-TEST(FileKeyStoreChecksTest, FindByNameWalksOnlyTheGivenTables) {
-  const StoreContent content = lookupContent();
-  const auto found = FileKeyStore::findKeyByName(content.keys(), kG1, "deprecated");
-  ASSERT_NE(found, content.keys().end());
-  EXPECT_EQ(found->first, kDeprecated);
-  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG2, "deprecated"), content.keys().end());
-  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG3, "deprecated"), content.keys().end());
-  const auto group = FileKeyStore::findKeyGroupByName(content.groups(), "three");
-  ASSERT_NE(group, content.groups().end());
-  EXPECT_EQ(group->first, kG3);
-  EXPECT_EQ(FileKeyStore::findKeyGroupByName(content.groups(), "thre"), content.groups().end());
-}
-
-TEST_F(FileKeyStoreLookupTest, DisplayDumpsEveryPartOfTheState) {
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(m_store.display(), 0);
-  const std::string out = ::testing::internal::GetCapturedStdout();
-  for (const char* banner :
-       {" HMK FILE ", " KPK FILE ", " KEY STORE METADATA ", " KEY GROUP TABLE ", " KEY TABLE "}) {
-    EXPECT_NE(out.find(banner), std::string::npos) << banner;
-  }
 }
 
 }  // namespace

@@ -130,7 +130,6 @@ TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
   const long target = lookups + 2000;
   Clock::duration longestChange{};
   int rounds = 0;
-  const auto start = Clock::now();
   for (; (rounds < 200 || lookups < target) && Clock::now() < giveUp; ++rounds) {
     const auto asked = Clock::now();
     EXPECT_EQ(store.quiesce(), 1u);
@@ -138,7 +137,6 @@ TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
     EXPECT_EQ(codeOf([&] { store.deleteKeyRecord(keyTags[0]); }), 1279);
     EXPECT_EQ(store.unquiesce(false), 0u);
   }
-  const auto total = Clock::now() - start;
   stop = true;
   for (std::thread& reader : readers) {
     reader.join();
@@ -150,12 +148,6 @@ TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
   // reader-preferring lock alone a single change waits for seconds.
   EXPECT_LT(millis(longestChange), 1000);
   EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{96}, uint64_t{8}));
-  RecordProperty("writer_ms", std::to_string(millis(total)));
-  RecordProperty("lookups", std::to_string(lookups.load()));
-  RecordProperty("rounds", std::to_string(rounds));
-  RecordProperty(
-      "longest_change_us",
-      std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(longestChange).count()));
 }
 
 }  // namespace
