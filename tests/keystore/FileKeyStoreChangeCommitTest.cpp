@@ -25,10 +25,8 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::filesOf;
 using changetest::FipsDecisionOff;
 using changetest::LiveStore;
-using changetest::readFile;
 using changetest::Snapshot;
 using changetest::snapshotOf;
 using storetest::codeOf;
@@ -139,8 +137,8 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
 
   // No key in any form, nor the passphrase, in either log.
-  const std::string logs =
-      readFile(log.logger().debugLogPath()) + readFile(log.logger().appLogPath());
+  const std::string logs = storefiles::readBytes(log.logger().debugLogPath()) +
+                           storefiles::readBytes(log.logger().appLogPath());
   ASSERT_NE(logs.find("Key added:"), std::string::npos);
   for (const std::string& key : plainKeys) {
     ASSERT_EQ(key.size(), 32u);
@@ -180,7 +178,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
       {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(g.tag(), true); }},
   };
   const Snapshot before = snapshotOf(store);
-  const std::vector<std::string> filesBefore = filesOf(live.locator());
+  const std::vector<std::string> filesBefore = live.files();
   for (const auto& change : changes) {
     LogCapture log;
     {
@@ -191,7 +189,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
     }
     EXPECT_TRUE(store.isInitialized()) << change.first;
     EXPECT_TRUE(snapshotOf(store) == before) << change.first;
-    EXPECT_EQ(filesOf(live.locator()), filesBefore) << change.first;
+    EXPECT_EQ(live.files(), filesBefore) << change.first;
     // The entries were written before the write.
     EXPECT_FALSE(auditEntries(log).empty()) << change.first;
   }
