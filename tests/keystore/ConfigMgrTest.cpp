@@ -15,13 +15,11 @@
 #include <gtest/gtest.h>
 
 #include "kms/platform/InstallRoot.h"
-#include "kms/platform/VRLogger.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/ACEConfAgent.h"
 #include "kms/server/keystore/FileFaults.h"
 #include "kms/server/keystore/KMSConfig.h"
-#include "kms/server/keystore/VRConfAgent.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {
@@ -303,35 +301,6 @@ TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {
   std::filesystem::remove(vrconf);
   EXPECT_EQ(statusThrownBy([&] { again.reload(); }), 1257);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);
-}
-
-TEST(ConfigMgrTest, BackEndFailuresAreLogged) {
-  ScopedRoot root;
-  const std::string log = root.file("debug.log");
-  VRLogger logger(286, log, root.file("app.log"), 2);
-  VRLogger* saved = VRLogger::s_default;
-  VRLogger::s_default = &logger;
-  {
-    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
-    EXPECT_EQ(mgr.getIntegerValue("timeout"), 10);
-    mgr.setIntegerValue("timeout", 12);
-    EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
-    EXPECT_EQ(statusThrownBy([] { VRConfAgent agent; }), 1257);
-  }
-  VRLogger::s_default = saved;
-
-  const std::string text = readFile(log);
-  for (const char* expected : {
-           "FAILED to read from config file. Ignoring error",
-           "vrconf_get_info FAILED with 2",
-           "Throwing Exception: Status=1257",
-           "FAILED to create VRConfAgent. Will serve default values.",
-           "Serving default value 10 for key: timeout",
-           "FAILED to save configuration to file: ",
-       }) {
-    EXPECT_NE(text.find(expected), std::string::npos) << expected;
-  }
-  EXPECT_EQ(text.find("FAILED to create ACEConfAgent"), std::string::npos);
 }
 
 }  // namespace
