@@ -49,10 +49,11 @@ std::vector<std::pair<int, std::string>> auditEntries(const LogCapture& log) {
   return entries;
 }
 
-std::vector<int> idsOf(const std::vector<std::pair<int, std::string>>& entries) {
-  std::vector<int> ids;
+// The ids of the entries, space-separated.
+std::string idsOf(const std::vector<std::pair<int, std::string>>& entries) {
+  std::string ids;
   for (const auto& entry : entries) {
-    ids.push_back(entry.first);
+    ids += (ids.empty() ? "" : " ") + std::to_string(entry.first);
   }
   return ids;
 }
@@ -94,23 +95,13 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
                                               store.getKey(b.tag()).key()};
   store.deleteKeyGroupRecord(g.tag(), true);
 
-  const std::vector<int> keyAdded = {81, 71, 72, 77, 78, 74, 92};
-  std::vector<int> expected = {70, 71, 72, 73, 74};                   // group added
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // a
-  for (int id : {76, 71, 67, 77, 68, 77}) {                           // a demoted
-    expected.push_back(id);
-  }
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // b
-  for (int id : {76, 71, 67, 72, 77, 78, 74, 68, 72, 77, 78, 74}) {   // b described
-    expected.push_back(id);
-  }
-  for (int id : {76, 71, 67, 72, 77, 78, 68, 72, 77, 78}) {  // a renamed
-    expected.push_back(id);
-  }
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // p
-  for (int id : {75, 71, 80, 71, 67, 72, 74, 68, 72, 74, 79, 71}) {   // p, g, g
-    expected.push_back(id);
-  }
+  const std::string keyAdded = " 81 71 72 77 78 74 92";
+  const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
+                               " 76 71 67 77 68 77" + keyAdded +        // a demoted, b added
+                               " 76 71 67 72 77 78 74 68 72 77 78 74"   // b described
+                               " 76 71 67 72 77 78 68 72 77 78" +       // a renamed
+                               keyAdded +                               // p added
+                               " 75 71 80 71 67 72 74 68 72 74 79 71";  // p, g, g
   const auto entries = auditEntries(log);
   ASSERT_EQ(idsOf(entries), expected);
 

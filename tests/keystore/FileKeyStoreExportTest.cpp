@@ -27,7 +27,6 @@ using eximtest::exportOf;
 using eximtest::ExportRoot;
 using eximtest::kPassphrase;
 using eximtest::text;
-using storetest::codeOf;
 using storetest::StoreContent;
 
 typedef std::list<std::pair<std::string, std::string>> Selection;
@@ -135,11 +134,6 @@ TEST_F(FileKeyStoreExportTest, RefusalsNameEveryUnknownNameAndGiveNoBuffer) {
   groupsOnly.addGroup(tag('G', 1), "lonely");
   ExportRoot bare(groupsOnly);
   EXPECT_EQ(eximtest::openExport(exportOf(bare.store())).groups.size(), 1u);
-
-  // A closed store throws.
-  TempRoot root("vrkms-exim-closed");
-  FileKeyStore closed{KMSFileLocator(root.path())};
-  EXPECT_EQ(codeOf([&] { closed.exportToBuffer({}, kPassphrase, status); }), 1202);
 }
 
 // Only a selection is checked for sanity: a whole store is exported as it

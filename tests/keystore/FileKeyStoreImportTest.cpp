@@ -24,7 +24,6 @@
 #include "kms/server/keystore/KPKMgr.h"
 #include "kms/server/keystore/RecordUtils.h"
 #include "support/LogCapture.h"
-#include "support/TempRoot.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -37,7 +36,6 @@ using eximtest::ExportRoot;
 using eximtest::importChecked;
 using eximtest::kPassphrase;
 using eximtest::text;
-using storetest::codeOf;
 using storetest::StoreContent;
 
 // The import clock of the tests that need to know the suffix.
@@ -369,13 +367,6 @@ TEST_F(FileKeyStoreImportTest, WrongAndDamagedBuffersChangeNothing) {
 
   EXPECT_EQ(dest.files(), files);
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
-
-  // A closed store throws.
-  TempRoot root("vrkms-exim-closed");
-  FileKeyStore closed{KMSFileLocator(root.path())};
-  KSOpStatus status;
-  EXPECT_EQ(codeOf([&] { closed.importFromBuffer(buffer, kPassphrase, false, "", status, false); }),
-            1202);
 }
 
 // The commit of an import fails as a change's does: a write that changed

@@ -143,13 +143,6 @@ TEST_F(MasterKeyFiles, CreateEmptyRefusals) {
   EXPECT_EQ(store().createKPKFile("", true, false), 1212);
 
   makePassphraseStore();
-  ASSERT_EQ(store().init(), 0);
-  const std::vector<std::string> files = contentsOf(locator());
-  EXPECT_EQ(store().createEmpty(kHmkPass, "hmk-2", kKpkPass, "kpk-2", true), 1201);
-  EXPECT_EQ(store().createHMKFile(kHmkPass, true, false), 1201);
-  EXPECT_EQ(store().createKPKFile(kKpkPass, true, false), 1201);
-  EXPECT_EQ(contentsOf(locator()), files);
-  ASSERT_EQ(store().shutdown(), 0);
 
   // Overwriting replaces the store with an empty one under the new ids.
   ASSERT_EQ(store().createEmpty("", "hmk-2", "", "kpk-2", true), 0);
