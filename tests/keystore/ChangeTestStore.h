@@ -7,6 +7,7 @@
 //   KeyGrpRecord_v1 g = live.addGroup("g1");
 //   KeyRecord_v1 k = live.addKey(g.tag(), "k1", KEY_ACTIVE);
 //   Snapshot before = snapshotOf(*live);
+//   std::vector<std::string> files = live.files();   // the nine paths' bytes
 #pragma once
 
 #include <gtest/gtest.h>
@@ -79,22 +80,34 @@ class ConfiguredLimits : public ServiceConfFile {
   }
 };
 
-// A store under a root of its own, made by committing an empty state (random
-// master keys, no groups, no keys) and brought up by init.
+// A store whose import clock a test may fix.
+class ClockedStore : public FileKeyStore {
+ public:
+  explicit ClockedStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
+  using FileKeyStore::setImportClock;
+};
+
+// A store under a root of its own, made by committing `content` (by default
+// random master keys, no groups, no keys) and brought up by init. The
+// configured limits are those in force when it is made.
 class LiveStore {
  public:
-  LiveStore() : m_locator(m_root.path()) {
+  explicit LiveStore(const storetest::StoreContent& content = storetest::StoreContent())
+      : m_locator(m_root.path()) {
     m_locator.createMissingDirectories();
     // A first commit needs the three final names to exist.
     storefiles::StoreSnapshot::placeEmptyDat(m_locator);
-    storefiles::CommitInput(storetest::StoreContent()).commit(m_locator);
-    m_store = std::make_unique<FileKeyStore>(m_locator);
+    storefiles::CommitInput(content).commit(m_locator);
+    m_store = std::make_unique<ClockedStore>(m_locator);
     EXPECT_EQ(m_store->init(), 0);
   }
 
+  ClockedStore& store() { return *m_store; }
   FileKeyStore& operator*() { return *m_store; }
   FileKeyStore* operator->() { return m_store.get(); }
   const KMSFileLocator& locator() const { return m_locator; }
+  // The bytes of the store's nine paths.
+  std::vector<std::string> files() const { return storefiles::contentsOf(m_locator); }
 
   KeyGrpRecord_v1 addGroup(const std::string& name, ks_ciphertype_t cipher = CT_AES256_CBC) {
     KeyGrpRecord_v1 rec;
@@ -124,7 +137,7 @@ class LiveStore {
  private:
   TempRoot m_root{"vrkms-changes"};
   KMSFileLocator m_locator;
-  std::unique_ptr<FileKeyStore> m_store;
+  std::unique_ptr<ClockedStore> m_store;
 };
 
 // Everything a store serves, as its readers see it: the groups with their
@@ -148,16 +161,6 @@ inline Snapshot snapshotOf(FileKeyStore& store) {
     store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
   }
   return snap;
-}
-
-inline std::string readFile(const std::string& path) {
-  return storefiles::readBytes(path);
-}
-
-// The bytes of the nine paths of a store, "" for a missing one and "+" in
-// front of an existing one's bytes.
-inline std::vector<std::string> filesOf(const KMSFileLocator& locator) {
-  return storefiles::contentsOf(locator);
 }
 
 }  // namespace changetest

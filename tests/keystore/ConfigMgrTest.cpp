@@ -6,25 +6,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "kms/platform/InstallRoot.h"
-#include "kms/platform/VRLogger.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/ACEConfAgent.h"
 #include "kms/server/keystore/FileFaults.h"
 #include "kms/server/keystore/KMSConfig.h"
-#include "kms/server/keystore/VRConfAgent.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {
@@ -74,125 +69,90 @@ class ScopedRoot {
 class ScriptedAgent : public ConfigurationAgent {
  public:
   struct Script {
-    bool failGets = false;
-    bool failSets = false;
-    bool failReload = false;
-    bool failSave = false;
-    int reloads = 0;
-    int saves = 0;
+    bool failGets = false, failSets = false, failReload = false, failSave = false;
+    int reloads = 0, saves = 0;
     std::map<std::string, int> integers;
   };
   explicit ScriptedAgent(Script* script) : m_script(script) {}
 
   int getIntegerValue(const std::string& key) override {
-    auto it = m_script->integers.find(key);
-    if (m_script->failGets || it == m_script->integers.end()) {
-      KS_THROW(1257, "ScriptedAgent::getIntegerValue");
-    }
-    return it->second;
+    failIf(m_script->failGets || m_script->integers.count(key) == 0);
+    return m_script->integers[key];
   }
   std::string getStringValue(const std::string&) override {
-    KS_THROW(1257, "ScriptedAgent::getStringValue");
+    failIf(true);
+    return "";
   }
   void setIntegerValue(const std::string& key, int value) override {
-    if (m_script->failSets) {
-      KS_THROW(1257, "ScriptedAgent::setIntegerValue");
-    }
+    failIf(m_script->failSets);
     m_script->integers[key] = value;
   }
-  void setStringValue(const std::string&, const std::string&) override {
-    KS_THROW(1257, "ScriptedAgent::setStringValue");
-  }
-  void reload() override {
-    ++m_script->reloads;
-    if (m_script->failReload) {
-      KS_THROW(1257, "ScriptedAgent::reload");
-    }
-  }
-  void save() override {
-    ++m_script->saves;
-    if (m_script->failSave) {
-      KS_THROW(1257, "ScriptedAgent::save");
-    }
-  }
+  void setStringValue(const std::string&, const std::string&) override { failIf(true); }
+  void reload() override { failIf(++m_script->reloads, m_script->failReload); }
+  void save() override { failIf(++m_script->saves, m_script->failSave); }
 
  private:
+  static void failIf(bool fail) {
+    if (fail) {
+      KS_THROW(1257, "ScriptedAgent");
+    }
+  }
+  static void failIf(int, bool fail) { failIf(fail); }
   Script* m_script;
 };
 
-TEST(ConfigMgrTest, LooksUpRowsByExactNameAndChecksType) {
-  TempRoot dir;
-  ConfigMgr mgr(table(), dir.file("vrkms.conf"));
-
-  ASSERT_NE(mgr.getConfEntry("timeout"), nullptr);
-  EXPECT_EQ(mgr.getConfEntry("timeout")->intDefault, 10);
-  EXPECT_EQ(mgr.getConfEntry("Timeout"), nullptr);
-  EXPECT_EQ(mgr.getConfEntry("EOTEOTEOT"), nullptr);
-  EXPECT_EQ(mgr.getConfEntry(""), nullptr);
-
-  EXPECT_EQ(statusThrownBy([&] { mgr.getIntegerValue("emm_server"); }), 1259);
-  EXPECT_EQ(statusThrownBy([&] { mgr.getStringValue("timeout"); }), 1259);
-  EXPECT_EQ(statusThrownBy([&] { mgr.setStringValue("timeout", "5"); }), 1259);
-  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("home_page", 5); }), 1259);
-  EXPECT_EQ(statusThrownBy([&] { mgr.getIntegerValue("nothing"); }), 1258);
-  EXPECT_EQ(statusThrownBy([&] { mgr.getStringValue("nothing"); }), 1258);
-  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("nothing", 1); }), 1258);
-
-  // Memory rows are read-only defaults.
-  EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("memint", 21); }), 1257);
-  EXPECT_EQ(statusThrownBy([&] { mgr.setStringValue("memstr", "x"); }), 1257);
-  EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
-  EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
-}
-
-TEST(ConfigMgrTest, FileServesItsValuesAndDefaultsForTheRest) {
+TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
   TempRoot dir;
   const std::string conf = dir.file("vrkms.conf");
   writeFile(conf,
-            "[KMSConfig]\n"
-            "\"timeout\"=dword:0000001e\n"
-            "\"hash_debug\"=\"not a number\"\n"
-            "[Other]\n"
-            "\"max_key_groups\"=dword:00000005\n");
-  ConfigMgr mgr(table(), conf);
+            "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a number\"\n"
+            "[Other]\n\"max_key_groups\"=dword:00000005\n");
+  ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
+  ASSERT_NE(mgr.getConfEntry("timeout"), nullptr);
+  EXPECT_EQ(mgr.getConfEntry("Timeout"), nullptr);
+  EXPECT_EQ(mgr.getConfEntry("EOTEOTEOT"), nullptr);
+  const struct {
+    std::function<void()> call;
+    int status;
+  } refusals[] = {
+      {[&] { mgr.getIntegerValue("emm_server"); }, 1259},
+      {[&] { mgr.getStringValue("timeout"); }, 1259},
+      {[&] { mgr.setStringValue("timeout", "5"); }, 1259},
+      {[&] { mgr.setIntegerValue("home_page", 5); }, 1259},
+      {[&] { mgr.getIntegerValue("nothing"); }, 1258},
+      {[&] { mgr.getStringValue("nothing"); }, 1258},
+      {[&] { mgr.setIntegerValue("nothing", 1); }, 1258},
+      // Memory rows are read-only defaults.
+      {[&] { mgr.setIntegerValue("memint", 21); }, 1257},
+      {[&] { mgr.setStringValue("memstr", "x"); }, 1257},
+  };
+  for (const auto& refusal : refusals) {
+    EXPECT_EQ(statusThrownBy(refusal.call), refusal.status);
+  }
+  EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
+  EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
   EXPECT_EQ(mgr.getIntegerValue("timeout"), 30);
   // A value of the wrong type, and one in another section, are not served.
   EXPECT_EQ(mgr.getIntegerValue("hash_debug"), 0);
   EXPECT_EQ(mgr.getIntegerValue("max_key_groups"), 100);
-  EXPECT_EQ(mgr.getIntegerValue("max_keys_per_group"), 30);
-  EXPECT_EQ(mgr.getStringValue("home_page"), "www.example.com");
   EXPECT_EQ(mgr.getStringValue("key_encrypt_algo"), "AES_256_CBC_EVP");
-}
 
-TEST(ConfigMgrTest, SetReachesTheFileOnlyThroughSave) {
-  TempRoot dir;
-  const std::string conf = dir.file("vrkms.conf");
-  {
-    ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
-    mgr.setIntegerValue("timeout", 42);
-    mgr.setIntegerValue("file_rw_debug", -5);
-    mgr.setStringValue("home_page", "kms.example.org");
-    EXPECT_EQ(mgr.getIntegerValue("timeout"), 42);
-    EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 10);
-
-    // A reload drops what was set and not saved.
-    mgr.reload();
-    EXPECT_EQ(mgr.getIntegerValue("timeout"), 10);
-
-    mgr.setIntegerValue("timeout", 42);
-    mgr.setIntegerValue("file_rw_debug", -5);
-    mgr.setStringValue("home_page", "kms.example.org");
-    mgr.save();
-  }
-  const std::string text = readFile(conf);
-  EXPECT_NE(text.find("[KMSConfig]"), std::string::npos) << text;
-  EXPECT_NE(text.find("\"timeout\"=dword:0000002a"), std::string::npos) << text;
-
+  // A set reaches the file only through save; a reload drops it.
+  mgr.setIntegerValue("timeout", 42);
+  EXPECT_EQ(mgr.getIntegerValue("timeout"), 42);
+  EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 30);
+  mgr.reload();
+  EXPECT_EQ(mgr.getIntegerValue("timeout"), 30);
+  mgr.setIntegerValue("timeout", 42);
+  mgr.setIntegerValue("file_rw_debug", -5);
+  mgr.setStringValue("home_page", "kms.example.org");
+  mgr.save();
+  EXPECT_NE(readFile(conf).find("\"timeout\"=dword:0000002a"), std::string::npos);
   ConfigMgr again(table(), conf);
   EXPECT_EQ(again.getIntegerValue("timeout"), 42);
   EXPECT_EQ(again.getIntegerValue("file_rw_debug"), -5);
   EXPECT_EQ(again.getStringValue("home_page"), "kms.example.org");
-  EXPECT_EQ(again.getIntegerValue("max_key_groups"), 100);
+  EXPECT_EQ(again.getIntegerValue("max_keys_per_group"), 30);
 }
 
 TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
@@ -341,86 +301,6 @@ TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {
   std::filesystem::remove(vrconf);
   EXPECT_EQ(statusThrownBy([&] { again.reload(); }), 1257);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);
-}
-
-TEST(ConfigMgrTest, BackEndFailuresAreLogged) {
-  ScopedRoot root;
-  const std::string log = root.file("debug.log");
-  VRLogger logger(286, log, root.file("app.log"), 2);
-  VRLogger* saved = VRLogger::s_default;
-  VRLogger::s_default = &logger;
-  {
-    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
-    EXPECT_EQ(mgr.getIntegerValue("timeout"), 10);
-    mgr.setIntegerValue("timeout", 12);
-    EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
-    EXPECT_EQ(statusThrownBy([] { VRConfAgent agent; }), 1257);
-  }
-  VRLogger::s_default = saved;
-
-  const std::string text = readFile(log);
-  for (const char* expected : {
-           "FAILED to read from config file. Ignoring error",
-           "vrconf_get_info FAILED with 2",
-           "Throwing Exception: Status=1257",
-           "FAILED to create VRConfAgent. Will serve default values.",
-           "Serving default value 10 for key: timeout",
-           "FAILED to save configuration to file: ",
-       }) {
-    EXPECT_NE(text.find(expected), std::string::npos) << expected;
-  }
-  EXPECT_EQ(text.find("FAILED to create ACEConfAgent"), std::string::npos);
-}
-
-TEST(ConfigMgrTest, ConcurrentReadersWhileOneThreadSetsAndSaves) {
-  TempRoot dir;
-  const std::string conf = dir.file("vrkms.conf");
-  ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
-  constexpr int kReaders = 4;
-  constexpr int kRounds = 100;
-  std::atomic<bool> done{false};
-  std::atomic<int> reads{0};
-  std::atomic<int> badReads{0};
-
-  std::vector<std::thread> readers;
-  for (int t = 0; t < kReaders; ++t) {
-    readers.emplace_back([&] {
-      while (!done.load()) {
-        const int timeout = mgr.getIntegerValue("timeout");
-        const std::string page = mgr.getStringValue("home_page");
-        if (timeout != 10 && (timeout < 0 || timeout >= kRounds)) {
-          ++badReads;
-        }
-        if (page != "www.example.com" && page.compare(0, 5, "host-") != 0) {
-          ++badReads;
-        }
-        if (mgr.getIntegerValue("max_keys_per_group") != 30) {
-          ++badReads;
-        }
-        ++reads;
-        // The lock favours readers: readers that never pause would starve
-        // the writer.
-        std::this_thread::sleep_for(std::chrono::microseconds(20));
-      }
-    });
-  }
-  for (int round = 0; round < kRounds; ++round) {
-    mgr.setIntegerValue("timeout", round);
-    mgr.setStringValue("home_page", "host-" + std::to_string(round));
-    mgr.save();
-    if (round % 20 == 0) {
-      mgr.reload();
-    }
-  }
-  done = true;
-  for (auto& reader : readers) {
-    reader.join();
-  }
-  EXPECT_GT(reads.load(), 0);
-  EXPECT_EQ(badReads.load(), 0);
-  ConfigMgr again(table(), conf);
-  EXPECT_EQ(again.getIntegerValue("timeout"), kRounds - 1);
-  EXPECT_EQ(again.getStringValue("home_page"), "host-" + std::to_string(kRounds - 1));
 }
 
 }  // namespace

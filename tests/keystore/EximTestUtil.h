@@ -1,9 +1,9 @@
-// Helpers of the export and import tests: live stores on real files under
-// roots of their own, made from a StoreContent; the plaintext of an export
+// Helpers of the export and import tests: live stores on real files (see
+// ChangeTestStore.h), made from a StoreContent; the plaintext of an export
 // buffer read back with the format's own readers; buffers sealed by hand;
 // and an import that always runs as a preview first.
 //
-//   ExportRoot source(content);                       // live store
+//   ExportRoot source(content);                       // a LiveStore
 //   std::string buffer = exportOf(source.store());    // whole store
 //   ExportRoot dest;                                  // empty, live
 //   KSOpStatus status = importChecked(dest, buffer);  // preview, then import
@@ -11,9 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <list>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -37,42 +35,7 @@ using namespace Vaultrest::DL::KMS;
 
 const std::string kPassphrase = "export words";
 
-// A store whose import clock a test may fix.
-class ClockedStore : public FileKeyStore {
- public:
-  explicit ClockedStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
-  using FileKeyStore::setImportClock;
-};
-
-// A live store made by committing `content` under a root of its own and
-// bringing it up by init. The configured limits are those in force when it
-// is made.
-class ExportRoot {
- public:
-  explicit ExportRoot(const storetest::StoreContent& content = storetest::StoreContent())
-      : m_locator(m_root.path()) {
-    m_locator.createMissingDirectories();
-    // A first commit needs the three final names to exist.
-    for (const std::string* path :
-         {&m_locator.hmkPath(), &m_locator.kpkPath(), &m_locator.ksPath()}) {
-      std::ofstream(*path, std::ios::trunc);
-    }
-    FileKeyStore::writeToFile(*content.hmkFile(), *content.kpkFile(), *content.metadata(),
-                              content.keys(), content.groups(), m_locator);
-    m_store = std::make_unique<ClockedStore>(m_locator);
-    EXPECT_EQ(m_store->init(), 0);
-  }
-
-  ClockedStore& store() { return *m_store; }
-  const KMSFileLocator& locator() const { return m_locator; }
-  // The bytes of the store's nine paths.
-  std::vector<std::string> files() const { return changetest::filesOf(m_locator); }
-
- private:
-  TempRoot m_root{"vrkms-exim"};
-  KMSFileLocator m_locator;
-  std::unique_ptr<ClockedStore> m_store;
-};
+using ExportRoot = changetest::LiveStore;
 
 // "<code>" and " <message code>(<args>,...)" for each message: a form whose
 // differences a failed comparison shows at a glance.

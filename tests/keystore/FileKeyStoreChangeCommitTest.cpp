@@ -25,10 +25,8 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::filesOf;
 using changetest::FipsDecisionOff;
 using changetest::LiveStore;
-using changetest::readFile;
 using changetest::Snapshot;
 using changetest::snapshotOf;
 using storetest::codeOf;
@@ -51,10 +49,11 @@ std::vector<std::pair<int, std::string>> auditEntries(const LogCapture& log) {
   return entries;
 }
 
-std::vector<int> idsOf(const std::vector<std::pair<int, std::string>>& entries) {
-  std::vector<int> ids;
+// The ids of the entries, space-separated.
+std::string idsOf(const std::vector<std::pair<int, std::string>>& entries) {
+  std::string ids;
   for (const auto& entry : entries) {
-    ids.push_back(entry.first);
+    ids += (ids.empty() ? "" : " ") + std::to_string(entry.first);
   }
   return ids;
 }
@@ -96,23 +95,13 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
                                               store.getKey(b.tag()).key()};
   store.deleteKeyGroupRecord(g.tag(), true);
 
-  const std::vector<int> keyAdded = {81, 71, 72, 77, 78, 74, 92};
-  std::vector<int> expected = {70, 71, 72, 73, 74};                   // group added
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // a
-  for (int id : {76, 71, 67, 77, 68, 77}) {                           // a demoted
-    expected.push_back(id);
-  }
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // b
-  for (int id : {76, 71, 67, 72, 77, 78, 74, 68, 72, 77, 78, 74}) {   // b described
-    expected.push_back(id);
-  }
-  for (int id : {76, 71, 67, 72, 77, 78, 68, 72, 77, 78}) {  // a renamed
-    expected.push_back(id);
-  }
-  expected.insert(expected.end(), keyAdded.begin(), keyAdded.end());  // p
-  for (int id : {75, 71, 80, 71, 67, 72, 74, 68, 72, 74, 79, 71}) {   // p, g, g
-    expected.push_back(id);
-  }
+  const std::string keyAdded = " 81 71 72 77 78 74 92";
+  const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
+                               " 76 71 67 77 68 77" + keyAdded +        // a demoted, b added
+                               " 76 71 67 72 77 78 74 68 72 77 78 74"   // b described
+                               " 76 71 67 72 77 78 68 72 77 78" +       // a renamed
+                               keyAdded +                               // p added
+                               " 75 71 80 71 67 72 74 68 72 74 79 71";  // p, g, g
   const auto entries = auditEntries(log);
   ASSERT_EQ(idsOf(entries), expected);
 
@@ -139,8 +128,8 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
 
   // No key in any form, nor the passphrase, in either log.
-  const std::string logs =
-      readFile(log.logger().debugLogPath()) + readFile(log.logger().appLogPath());
+  const std::string logs = storefiles::readBytes(log.logger().debugLogPath()) +
+                           storefiles::readBytes(log.logger().appLogPath());
   ASSERT_NE(logs.find("Key added:"), std::string::npos);
   for (const std::string& key : plainKeys) {
     ASSERT_EQ(key.size(), 32u);
@@ -180,7 +169,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
       {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(g.tag(), true); }},
   };
   const Snapshot before = snapshotOf(store);
-  const std::vector<std::string> filesBefore = filesOf(live.locator());
+  const std::vector<std::string> filesBefore = live.files();
   for (const auto& change : changes) {
     LogCapture log;
     {
@@ -191,7 +180,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
     }
     EXPECT_TRUE(store.isInitialized()) << change.first;
     EXPECT_TRUE(snapshotOf(store) == before) << change.first;
-    EXPECT_EQ(filesOf(live.locator()), filesBefore) << change.first;
+    EXPECT_EQ(live.files(), filesBefore) << change.first;
     // The entries were written before the write.
     EXPECT_FALSE(auditEntries(log).empty()) << change.first;
   }

@@ -29,7 +29,6 @@ namespace KMS {
 namespace {
 
 using changetest::ConfiguredLimits;
-using changetest::filesOf;
 using changetest::FipsDecisionOff;
 using changetest::LiveStore;
 using changetest::Snapshot;
@@ -244,12 +243,12 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   };
 
   const Snapshot before = snapshotOf(store);
-  const std::vector<std::string> filesBefore = filesOf(live.locator());
+  const std::vector<std::string> filesBefore = live.files();
   ASSERT_EQ(before.groups.size(), 3u);
   for (const Case& c : cases) {
     EXPECT_EQ(codeOf(c.call), c.expected) << c.what;
     EXPECT_TRUE(snapshotOf(store) == before) << c.what;
-    EXPECT_EQ(filesOf(live.locator()), filesBefore) << c.what;
+    EXPECT_EQ(live.files(), filesBefore) << c.what;
   }
 }
 

@@ -1,6 +1,8 @@
 // Lookups of keys and groups on a live store, KAD handles, the filters that
-// keep wrapped and plain keys from leaking, and the tag, key and table
-// checks.
+// keep wrapped and plain keys from leaking, and the tag, key, table and
+// master key checks.
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <list>
 #include <string>
@@ -9,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "keystore/StoreTestState.h"
+#include "kms/server/keystore/KSMetadata.h"
+#include "kms/server/keystore/RandData.h"
 #include "kms/server/keystore/RecordUtils.h"
 #include "support/LogCapture.h"
 #include "support/TempRoot.h"
@@ -219,28 +223,37 @@ TEST_F(FileKeyStoreLookupTest, GetKeyRecordsByKadGivesOnlyUsableKeysInThePlain) 
 TEST(FileKeyStoreChecksTest, BadTagsAndBadKeys) {
   const std::string zeros12(12, '\0');
   const std::string ones12(12, '\xff');
-  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12 + "rest of the tag...."));
-  EXPECT_TRUE(FileKeyStore::isBadTag(ones12 + std::string(20, 'x')));
-  EXPECT_TRUE(FileKeyStore::isBadTag(zeros12));
-  EXPECT_TRUE(FileKeyStore::isBadTag(std::string(32, '\xff')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\0')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(11, '\xff')));
-  EXPECT_FALSE(FileKeyStore::isBadTag(""));
-  std::string almost = zeros12 + std::string(20, '\0');
-  almost[11] = 1;
-  EXPECT_FALSE(FileKeyStore::isBadTag(almost)) << "the 12th byte counts";
-  almost = ones12;
-  almost[0] = '\xfe';
-  EXPECT_FALSE(FileKeyStore::isBadTag(almost));
-  EXPECT_FALSE(FileKeyStore::isBadTag(std::string(6, '\0') + std::string(6, '\xff')));
-
-  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(16, '\xff')));
-  EXPECT_TRUE(FileKeyStore::isBadKey(std::string(32, '\0')));
-  EXPECT_TRUE(FileKeyStore::isBadKey(""));
+  std::string byte12 = zeros12 + std::string(20, '\0');
+  byte12[11] = 1;  // the 12th byte counts
+  std::string byte1 = ones12;
+  byte1[0] = '\xfe';
+  const std::pair<std::string, bool> tags[] = {
+      {zeros12 + "rest of the tag....", true},
+      {ones12 + std::string(20, 'x'), true},
+      {zeros12, true},
+      {std::string(32, '\xff'), true},
+      {std::string(11, '\0'), false},
+      {std::string(11, '\xff'), false},
+      {"", false},
+      {byte12, false},
+      {byte1, false},
+      {std::string(6, '\0') + std::string(6, '\xff'), false},
+  };
+  for (const auto& [tag, bad] : tags) {
+    EXPECT_EQ(FileKeyStore::isBadTag(tag), bad) << Utils::binToHex(tag);
+  }
   std::string key(32, '\0');
   key[31] = 1;
-  EXPECT_FALSE(FileKeyStore::isBadKey(key));
-  EXPECT_FALSE(FileKeyStore::isBadKey(std::string(16, '\0') + std::string(16, '\xff')));
+  const std::pair<std::string, bool> keys[] = {
+      {std::string(16, '\xff'), true},
+      {std::string(32, '\0'), true},
+      {"", true},
+      {key, false},
+      {std::string(16, '\0') + std::string(16, '\xff'), false},
+  };
+  for (const auto& [value, bad] : keys) {
+    EXPECT_EQ(FileKeyStore::isBadKey(value), bad) << Utils::binToHex(value);
+  }
 }
 
 TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
@@ -262,24 +275,14 @@ TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
 
   LogCapture log(1);
   EXPECT_FALSE(FileKeyStore::isKeyStoreSane(keys, content.groups()));
-  const auto lines = log.debugLines();
-  EXPECT_EQ(LogCapture::containing(
-                lines, "KeyGroup record " + Utils::binToHex(badGroup) + " had INVALID cipherType")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(
-                lines, "Key record " + Utils::binToHex(kInactive) + " had INVALID state")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(
-                lines, "Key record " + Utils::binToHex(kTwin1) + " had INVALID KPK Type")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(lines, "Key record " + Utils::binToHex(tagOf('O', 'o')) +
-                                              " was member of a non-existent KeyGroup " +
-                                              Utils::binToHex(orphanGroup))
-                .size(),
-            1u);
+  for (const std::string& finding :
+       {"KeyGroup record " + Utils::binToHex(badGroup) + " had INVALID cipherType",
+        "Key record " + Utils::binToHex(kInactive) + " had INVALID state",
+        "Key record " + Utils::binToHex(kTwin1) + " had INVALID KPK Type",
+        "Key record " + Utils::binToHex(tagOf('O', 'o')) +
+            " was member of a non-existent KeyGroup " + Utils::binToHex(orphanGroup)}) {
+    EXPECT_EQ(LogCapture::containing(log.debugLines(), finding).size(), 1u) << finding;
+  }
 
   // Each fault alone is enough.
   FileKeyStore::GroupTable groupsOnly = lookupContent().groups();
@@ -288,26 +291,76 @@ TEST(FileKeyStoreChecksTest, SanityReportsEveryFinding) {
       << "group of cipher type 0";
 }
 
-TEST(FileKeyStoreChecksTest, FindByNameWalksOnlyTheGivenTables) {
-  const StoreContent content = lookupContent();
-  const auto found = FileKeyStore::findKeyByName(content.keys(), kG1, "deprecated");
-  ASSERT_NE(found, content.keys().end());
-  EXPECT_EQ(found->first, kDeprecated);
-  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG2, "deprecated"), content.keys().end());
-  EXPECT_EQ(FileKeyStore::findKeyByName(content.keys(), kG3, "deprecated"), content.keys().end());
-  const auto group = FileKeyStore::findKeyGroupByName(content.groups(), "three");
-  ASSERT_NE(group, content.groups().end());
-  EXPECT_EQ(group->first, kG3);
-  EXPECT_EQ(FileKeyStore::findKeyGroupByName(content.groups(), "thre"), content.groups().end());
+// Master key verifiers of version 0x300 stores and the key digests of older
+// ones.
+// SHA-1 of the byte "Z" and the key, made here without the store's code.
+std::string zDigest(const std::string& key) {
+  const std::string input = "Z" + key;
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EXPECT_EQ(EVP_Digest(input.data(), input.size(), md, &len, EVP_sha1(), nullptr), 1);
+  return std::string(reinterpret_cast<const char*>(md), len);
 }
 
-TEST_F(FileKeyStoreLookupTest, DisplayDumpsEveryPartOfTheState) {
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(m_store.display(), 0);
-  const std::string out = ::testing::internal::GetCapturedStdout();
-  for (const char* banner :
-       {" HMK FILE ", " KPK FILE ", " KEY STORE METADATA ", " KEY GROUP TABLE ", " KEY TABLE "}) {
-    EXPECT_NE(out.find(banner), std::string::npos) << banner;
+bool valid(const char* prefix, const std::string& key, const std::string& verifier,
+           KSCrypt::CryptType type = KSCrypt::AES_256_GCM, ks_version_t version = KS_VERSION_300) {
+  return FileKeyStore::isVerifierValid(prefix, key, verifier, type, version);
+}
+
+TEST(FileKeyStoreVerifierTest, AVerifierProvesOnlyItsOwnKeyAndPrefix) {
+  const std::string key = Utils::getRandData(32);
+  const std::string other = Utils::getRandData(32);
+  const std::string verifier =
+      FileKeyStore::generateVerifier("HMKV", key, KSCrypt::AES_256_GCM, KS_VERSION_300);
+  EXPECT_EQ(verifier.size(), 92u) << "32 bytes of text wrapped under GCM";
+  EXPECT_TRUE(valid("HMKV", key, verifier));
+  EXPECT_FALSE(valid("KPKV", key, verifier)) << "same key, other prefix";
+  EXPECT_FALSE(valid("HMKV", other, verifier));
+
+  // Any flipped bit makes the verifier fail, never pass.
+  for (size_t byte = 0; byte < verifier.size(); byte += 7) {
+    std::string flipped = verifier;
+    flipped[byte] = static_cast<char>(flipped[byte] ^ 0x10);
+    EXPECT_FALSE(valid("HMKV", key, flipped)) << "byte " << byte;
+  }
+
+  // Version 0x200 wraps under the CBC type the caller names.
+  const std::string cbc =
+      FileKeyStore::generateVerifier("KPKV", key, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200);
+  EXPECT_TRUE(valid("KPKV", key, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
+  EXPECT_FALSE(valid("HMKV", key, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
+  EXPECT_FALSE(valid("KPKV", other, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
+
+  // A failure that is no wrong key is an internal error, not "invalid".
+  EXPECT_EQ(codeOf([&] { valid("HMKV", std::string(5, 'k'), verifier); }), 1200);
+  EXPECT_EQ(codeOf([&] {
+              FileKeyStore::generateVerifier("HMKV", std::string(5, 'k'), KSCrypt::AES_256_GCM,
+                                             KS_VERSION_300);
+            }),
+            1223);
+}
+
+TEST(FileKeyStoreVerifierTest, OlderStoresProveKeysByTheDigestOfZAndTheKey) {
+  const std::string hmk = Utils::getRandData(32);
+  const std::string kpk = Utils::getRandData(32);
+  for (const ks_version_t version : {KS_VERSION_100, KS_VERSION_200}) {
+    KSMetadata meta(version);
+    meta.setHmkHash(zDigest(hmk));
+    meta.setKpkHash(zDigest(kpk));
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyHmk(hmk, meta); }), 0) << version;
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyKpk(kpk, meta); }), 0) << version;
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyHmk(kpk, meta); }), 1221) << version;
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyKpk(hmk, meta); }), 1249) << version;
+
+    // Without the leading "Z", or cut short, the digest no longer matches.
+    std::string plain(20, '\0');
+    unsigned int len = 0;
+    EVP_Digest(hmk.data(), hmk.size(), reinterpret_cast<unsigned char*>(&plain[0]), &len,
+               EVP_sha1(), nullptr);
+    meta.setHmkHash(plain);
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyHmk(hmk, meta); }), 1221) << version;
+    meta.setHmkHash(zDigest(hmk).substr(0, 19));
+    EXPECT_EQ(codeOf([&] { FileKeyStore::verifyHmk(hmk, meta); }), 1221) << version;
   }
 }
 

@@ -2,7 +2,6 @@
 // symlink swapped in while a commit writes, FIFOs and devices in place of a
 // file, directories and files that others own or may write.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,11 +16,6 @@
 using namespace Vaultrest::DL::KMS;
 
 namespace {
-
-bool isRegular(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
 
 bool logged(const LogCapture& log, const std::string& text) {
   for (const std::string& line : log.appLines()) {
@@ -100,35 +94,6 @@ TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
     EXPECT_EQ(code, 1276);
     EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
   }
-}
-
-TEST_F(StoreFileSafety, ARacingProcessNeverGetsAByteNorAStoreOfSymlinks) {
-  const std::string planted = plantTarget();
-  const std::vector<std::string> fresh = {m_root.locator.hmkNewPath(), m_root.locator.kpkNewPath(),
-                                          m_root.locator.ksNewPath()};
-  const pid_t racer = ::fork();
-  if (racer == 0) {
-    // Swaps every "new" file for a symlink as soon as it appears.
-    for (;;) {
-      for (const std::string& path : fresh) {
-        if (isRegular(path) && ::unlink(path.c_str()) == 0) {
-          ::symlink(planted.c_str(), path.c_str());
-        }
-      }
-    }
-  }
-  for (int i = 0; i < 40; ++i) {
-    resetToOld();
-    if (commitNew() == 0) {
-      for (const std::string* dat :
-           {&m_root.locator.hmkPath(), &m_root.locator.kpkPath(), &m_root.locator.ksPath()}) {
-        EXPECT_TRUE(isRegular(*dat)) << *dat;
-      }
-    }
-  }
-  ::kill(racer, SIGKILL);
-  ::waitpid(racer, nullptr, 0);
-  EXPECT_EQ(storefiles::readBytes(planted), "");
 }
 
 TEST_F(StoreFileSafety, AFifoOrADeviceInPlaceOfAStoreFileIsRefusedAtOnce) {

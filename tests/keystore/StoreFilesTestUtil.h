@@ -196,12 +196,8 @@ class StoreSnapshot {
   // The live store serves exactly this state: as many keys and groups, and
   // every key with its value.
   void expectServedBy(FileKeyStore& store) const {
-    const auto stats = store.getStats();
-    EXPECT_EQ(stats.first, m_tags.size());
-    EXPECT_EQ(stats.second, 1u);
-    for (const std::string& tag : m_tags) {
-      EXPECT_EQ(store.getKey(tag).key(), m_content.plainKey(tag));
-    }
+    EXPECT_TRUE(isServedBy(store));
+    EXPECT_EQ(store.getStats().second, 1u);
   }
 
   // Whether the live store serves this state (same keys, same values).

@@ -66,30 +66,16 @@ TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
   EXPECT_EQ(lateReaderEntry, 2);
 }
 
-// 8 groups of 12 keys: the first key of each group active, the rest
-// inactive, every second one a KAD twin of its predecessor.
-StoreContent busyContent(std::vector<std::string>& groupTags, std::vector<std::string>& keyTags) {
-  StoreContent content;
-  for (int g = 0; g < 8; ++g) {
-    const std::string group = std::string(12, static_cast<char>('A' + g)) + std::string(20, 'g');
-    content.addGroup(group, "group " + std::to_string(g));
-    groupTags.push_back(group);
-    for (int k = 0; k < 12; ++k) {
-      std::string tag(32, static_cast<char>('a' + k / 2));
-      tag[0] = static_cast<char>('A' + g);
-      tag[31] = static_cast<char>('0' + k);
-      content.addKey(tag, group, "key " + std::to_string(k), k == 0 ? KEY_ACTIVE : KEY_INACTIVE);
-      keyTags.push_back(tag);
-    }
-  }
-  return content;
-}
-
 TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
   TempRoot root("vrkms-lock");
-  std::vector<std::string> groupTags;
-  std::vector<std::string> keyTags;
-  const StoreContent content = busyContent(groupTags, keyTags);
+  StoreContent content;
+  const std::string group(32, 'g');
+  content.addGroup(group, "group");
+  std::vector<std::string> tags;
+  for (char k = 'a'; k < 'a' + 12; ++k) {
+    tags.push_back(std::string(32, k));
+    content.addKey(tags.back(), group, std::string(1, k), k == 'a' ? KEY_ACTIVE : KEY_INACTIVE);
+  }
   MemoryStore store{KMSFileLocator(root.path())};
   store.install(content);
 
@@ -102,19 +88,10 @@ TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
     readers.emplace_back([&, r] {
       std::list<KeyRecord_v1> out;
       for (size_t i = r; !stop && Clock::now() < giveUp; ++i) {
-        const std::string& tag = keyTags[i % keyTags.size()];
-        const std::string& group = groupTags[i % groupTags.size()];
-        bool ok = store.getKey(tag).key() == content.plainKey(tag);
-        ok = ok && store.getKeyRecordsByKad(tag.substr(0, 12), out) == 1243 && out.size() == 2;
-        for (const KeyRecord_v1& rec : out) {
-          ok = ok && rec.key() == content.plainKey(rec.tag());
-        }
+        const std::string& tag = tags[i % tags.size()];
         store.getAllKeyRecordsInGroup(group, out);
-        ok = ok && out.size() == 12 && out.front().state() == KEY_ACTIVE &&
-             out.front().key().empty();
-        ok = ok && store.getKeyGroupRecord(group).numKeys() == 12;
-        ok = ok && store.isQuiesced() <= 1;
-        if (!ok) {
+        if (store.getKey(tag).key() != content.plainKey(tag) || out.size() != 12 ||
+            store.isQuiesced() > 1) {
           ++failures;
         }
         ++lookups;
@@ -129,33 +106,22 @@ TEST(StoreLockTest, LookupsAndQuiesceRunTogetherAndTheWriterIsNotHeldOff) {
   }
   const long target = lookups + 2000;
   Clock::duration longestChange{};
-  int rounds = 0;
-  const auto start = Clock::now();
-  for (; (rounds < 200 || lookups < target) && Clock::now() < giveUp; ++rounds) {
+  for (int rounds = 0; (rounds < 200 || lookups < target) && Clock::now() < giveUp; ++rounds) {
     const auto asked = Clock::now();
     EXPECT_EQ(store.quiesce(), 1u);
     longestChange = std::max(longestChange, Clock::now() - asked);
-    EXPECT_EQ(codeOf([&] { store.deleteKeyRecord(keyTags[0]); }), 1279);
+    EXPECT_EQ(codeOf([&] { store.deleteKeyRecord(tags[0]); }), 1279);
     EXPECT_EQ(store.unquiesce(false), 0u);
   }
-  const auto total = Clock::now() - start;
   stop = true;
   for (std::thread& reader : readers) {
     reader.join();
   }
-
   EXPECT_EQ(failures.load(), 0);
   EXPECT_GE(lookups.load(), target);
   // Each change waits at most for the lookups already running; behind the
   // reader-preferring lock alone a single change waits for seconds.
   EXPECT_LT(millis(longestChange), 1000);
-  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{96}, uint64_t{8}));
-  RecordProperty("writer_ms", std::to_string(millis(total)));
-  RecordProperty("lookups", std::to_string(lookups.load()));
-  RecordProperty("rounds", std::to_string(rounds));
-  RecordProperty(
-      "longest_change_us",
-      std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(longestChange).count()));
 }
 
 }  // namespace
