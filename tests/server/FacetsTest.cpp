@@ -14,6 +14,7 @@
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
+#include "server/ServiceClient.h"
 #include "support/LogCapture.h"
 #include "support/TempRoot.h"
 
@@ -31,18 +32,7 @@ namespace {
 
 constexpr int64_t kEpochTicks = 122192928000000000LL;
 
-// The error code of the ServiceException that `call` raises; 0 for none.
-template <typename Call>
-int serviceError(Call&& call) {
-  try {
-    call();
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return details != nullptr ? details->errorCode() : -1;
-  }
-  return 0;
-}
+using ServiceClient::serviceError;
 
 class Facet : public ::testing::Test {
  protected:
@@ -194,6 +184,41 @@ TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
   m_modify->deleteKeyGroup(group->tag, true);
   Facets::KeyGroupRecordSeq_var groups = m_query->getAllKeyGroupRecords();
   EXPECT_EQ(groups->length(), 0u);
+}
+
+// exportKS and importKS: a refusal comes back as a status, not as an
+// exception; a store that has lost its state raises on export (and stops
+// the service) and ends the process on import.
+TEST_F(Facet, EximRefusalsAreStatusesAndALostStoreRaisesOnExport) {
+  KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
+                                Fw::ServiceContainerOptions{0}, "");
+  Fw::octetSeq_var data;
+  const auto exportAll = [&] {
+    return m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
+  };
+  Facets::KSOpStatus_var status = exportAll();
+  EXPECT_EQ(status->error_code, 1285);
+  EXPECT_EQ(status->messages.length(), 0u);
+  EXPECT_EQ(data->length(), 0u);
+  Fw::octetSeq junk;
+  junk.length(3);
+  status = m_modify->importKS(junk, "pass", false, false, "");
+  EXPECT_NE(status->error_code, 0);
+  EXPECT_FALSE(container.stopRequested());
+
+  ASSERT_EQ(m_store.shutdown(), 0);
+  EXPECT_EQ(serviceError([&] { Facets::KSOpStatus_var lost = exportAll(); }), 1202);
+  EXPECT_TRUE(container.stopRequested());
+}
+
+TEST_F(Facet, ImportOnALostStoreEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ASSERT_EQ(m_store.shutdown(), 0);
+  EXPECT_DEATH(
+      {
+        Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
+      },
+      "terminate called after throwing an instance of '.*KeyStoreError'");
 }
 
 }  // namespace

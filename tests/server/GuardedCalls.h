@@ -3,10 +3,10 @@
 // on a service's facets; for tests that check who may call what.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <omniORB4/CORBA.h>
-
 #include <KMS.h>
+#include <gtest/gtest.h>
+
+#include "server/ServiceClient.h"
 
 #include <functional>
 #include <string>
@@ -24,20 +24,18 @@ struct Guarded {
   std::function<void()> call;
 };
 
-// The manager at `reference` and its three facets, fetched through `orb`
-// (the peer must hold the rights to fetch them, the key-value one
-// included), and the records of key `tag` and group `groupTag` as forms for
-// the calls, and the key's KAD of 12 bytes. Throws what the ORB throws.
+// The facets of `client` (the peer must hold the rights to fetch them, the
+// key-value one included), the records of key `tag` and group `groupTag` as
+// forms for the calls, and the key's KAD of 12 bytes. Throws what the ORB
+// throws.
 struct Facets3 {
-  Facets3(CORBA::ORB_ptr orb, const std::string& reference, const std::string& keyTag,
-          const std::string& groupTagHex)
-      : tag(keyTag), groupTag(groupTagHex) {
-    mgr = Remote::KMSMgr::_narrow(CORBA::Object_var(orb->string_to_object(reference.c_str())).in());
-    query =
-        Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
-    modify =
-        Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
-    control = Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  Facets3(KmsClient& client, const std::string& keyTag, const std::string& groupTagHex)
+      : tag(keyTag),
+        groupTag(groupTagHex),
+        mgr(client.manager()),
+        query(client.query()),
+        modify(client.modify()),
+        control(client.control()) {
     keyForm = query->getKeyRecord(tag.c_str());
     groupForm = query->getKeyGroupRecord(groupTag.c_str());
     Facets::KeyRecord_var record;
@@ -140,28 +138,13 @@ struct Facets3 {
   std::string tag;
   std::string groupTag;
   std::string nowhere = std::string(64, '0');
-  Remote::KMSMgr_var mgr;
-  Facets::KMSQueryableFacet_var query;
-  Facets::KMSModifiableFacet_var modify;
-  Facets::KMSControlFacet_var control;
+  Remote::KMSMgr_ptr mgr;  // borrowed from the client
+  Facets::KMSQueryableFacet_ptr query;
+  Facets::KMSModifiableFacet_ptr modify;
+  Facets::KMSControlFacet_ptr control;
   Facets::KeyRecord_var keyForm;
   Facets::KeyGroupRecord_var groupForm;
   Fw::octetSeq_var kad;
 };
-
-// Calls `call`; "" when it went through, the ServiceException's error code
-// as "ServiceException <code>", or the system exception's name.
-inline std::string outcome(const std::function<void()>& call) {
-  try {
-    call();
-    return "";
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return "ServiceException " + (details ? std::to_string(details->errorCode()) : "?");
-  } catch (const CORBA::SystemException& e) {
-    return e._name();
-  }
-}
 
 }  // namespace GuardedCalls

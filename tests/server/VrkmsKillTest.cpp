@@ -30,7 +30,7 @@
 
 #include <KMS.h>
 
-#include "server/OrbTestSupport.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "server/VrkmsKillModel.h"
 #include "server/VrkmsKiller.h"
@@ -52,34 +52,7 @@ long envNumber(const char* name, long fallback) {
   return text != nullptr && *text != '\0' ? std::strtol(text, nullptr, 10) : fallback;
 }
 
-int codeOf(const Fw::ServiceException& e) {
-  const Fw::ErrorCodeExceptionDetails* details =
-      Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-  return details != nullptr ? details->errorCode() : -1;
-}
-
-size_t count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++n;
-  }
-  return n;
-}
-
-// The facets of one service, fetched through its corbaloc reference.
-struct Connection {
-  Facets::KMSQueryableFacet_var query;
-  Facets::KMSModifiableFacet_var modify;
-
-  explicit Connection(const std::string& reference) {
-    CORBA::Object_var object = testOrb()->string_to_object(reference.c_str());
-    Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(object.in());
-    Remote::QueryableFacet_var q = mgr->getQueryableFacet();
-    Remote::ModifiableFacet_var m = mgr->getModifiableFacet();
-    query = Facets::KMSQueryableFacet::_narrow(q.in());
-    modify = Facets::KMSModifiableFacet::_narrow(m.in());
-  }
-};
+using ServiceClient::errorCode;
 
 // Everything the service holds, as the model sees it.
 KillModel::Store readStore(Facets::KMSQueryableFacet_ptr query) {
@@ -277,51 +250,51 @@ class Driver {
 
   // Sends `change` to the service; `reply` gets the facts of its answer.
   // `failure` tells a refusal or, for a lost reply, the system exception.
-  Outcome send(Connection& service, const KillModel::Store& store, const Change& change,
+  Outcome send(KmsClient& service, const KillModel::Store& store, const Change& change,
                KillModel::Reply* reply, std::string* failure) {
     bool sent = false;
     try {
       switch (change.kind) {
         case Change::AddGroup: {
-          Facets::KeyGroupRecord_var record = service.modify->getNewKeyGroup();
+          Facets::KeyGroupRecord_var record = service.modify()->getNewKeyGroup();
           record->name = change.group.c_str();
           record->type = change.type;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyGroupRecord_var made = service.modify->createKeyGroup(record.in());
+          Facets::KeyGroupRecord_var made = service.modify()->createKeyGroup(record.in());
           *reply = {made->tag.in(), made->createTime, made->updateTime};
           break;
         }
         case Change::UpdateGroup: {
           Facets::KeyGroupRecord_var record =
-              service.query->getKeyGroupRecord(store.at(change.group).tag.c_str());
+              service.query()->getKeyGroupRecord(store.at(change.group).tag.c_str());
           record->name = change.newName.c_str();
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyGroupRecord_var updated = service.modify->updateKeyGroup(record.in());
+          Facets::KeyGroupRecord_var updated = service.modify()->updateKeyGroup(record.in());
           *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
           break;
         }
         case Change::DeleteGroup:
           sent = true;
-          service.modify->deleteKeyGroup(store.at(change.group).tag.c_str(), change.force);
+          service.modify()->deleteKeyGroup(store.at(change.group).tag.c_str(), change.force);
           break;
         case Change::AddKey: {
-          Facets::KeyRecord_var record = service.modify->getNewKey();
+          Facets::KeyRecord_var record = service.modify()->getNewKey();
           record->name = change.key.c_str();
           record->keyGroup = store.at(change.group).tag.c_str();
           record->state = change.state;
           record->kpkType = 1;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyRecord_var made = service.modify->createKey("", record.in());
+          Facets::KeyRecord_var made = service.modify()->createKey("", record.in());
           *reply = {made->tag.in(), made->createTime, made->updateTime};
           break;
         }
         case Change::UpdateKey: {
           const KillModel::KeyFacts& facts = store.at(change.group).keys.at(change.key);
           // Read-modify-write, as a client must; what it reads is checked too.
-          Facets::KeyRecord_var record = service.query->getKeyRecord(facts.tag.c_str());
+          Facets::KeyRecord_var record = service.query()->getKeyRecord(facts.tag.c_str());
           if (record->rev != facts.rev || record->state != facts.state ||
               facts.description != record->description.in()) {
             *failure = "the service reads " + change.group + "/" + change.key + " at rev " +
@@ -334,18 +307,18 @@ class Driver {
           record->state = change.state;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyRecord_var updated = service.modify->updateKey(record.in());
+          Facets::KeyRecord_var updated = service.modify()->updateKey(record.in());
           *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
           break;
         }
         case Change::DeleteKey:
           sent = true;
-          service.modify->deleteKey(store.at(change.group).keys.at(change.key).tag.c_str());
+          service.modify()->deleteKey(store.at(change.group).keys.at(change.key).tag.c_str());
           break;
       }
       return Outcome::Acknowledged;
     } catch (const Fw::ServiceException& e) {
-      *failure = "ServiceException " + std::to_string(codeOf(e));
+      *failure = "ServiceException " + std::to_string(errorCode(e));
       return Outcome::Refused;
     } catch (const CORBA::SystemException& e) {
       *failure = e._name();
@@ -437,23 +410,22 @@ class KillRun {
         const auto window = std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2);
         EXPECT_TRUE(m_killer.arm(pid, window));
       }
-      std::unique_ptr<Connection> service;
+      std::unique_ptr<KmsClient> service;
       KillModel::Store actual;
       bool read = false;
       while (!read && !m_daemon.ended()) {
         try {
           if (!service) {
-            service = std::make_unique<Connection>(m_sandbox.reference());
+            service = std::make_unique<KmsClient>(m_sandbox.reference());
           }
-          actual = readStore(service->query.in());
+          actual = readStore(service->query());
           read = true;
         } catch (const Fw::ServiceException& e) {
-          ADD_FAILURE() << "reading the store after a restart: ServiceException " << codeOf(e)
+          ADD_FAILURE() << "reading the store after a restart: ServiceException " << errorCode(e)
                         << tail();
           return Start::Failed;
         } catch (const CORBA::SystemException&) {
-          service.reset();
-          std::this_thread::sleep_for(5ms);
+          std::this_thread::sleep_for(5ms);  // the client fetches what failed again
         }
         if (Clock::now() > deadline) {
           ADD_FAILURE() << "the service did not serve within 300 s" << tail();
@@ -582,7 +554,7 @@ class KillRun {
   std::mt19937_64 m_random;
   const long m_target;
   Counts m_counts;
-  std::unique_ptr<Connection> m_connection;
+  std::unique_ptr<KmsClient> m_connection;
   KillModel::Store m_expected;
   std::optional<KillModel::Store> m_inDoubt;
   std::string m_lastChange;
@@ -609,8 +581,9 @@ TEST(VrkmsKill, EveryAcknowledgedChangeSurvivesSigkillOfTheServiceAtRandomMoment
             << " over the pid file of a killed one, " << c.startsRefusedByGate
             << " refused while another vrkms ran), " << c.acknowledged << " changes acknowledged, "
             << c.inDoubt << " in doubt (" << c.inDoubtApplied << " of them applied), " << c.notBegun
-            << " not begun; recoveries in the log: " << count(app, "286-55 ") << " rolled back, "
-            << count(app, "286-56 ") << " completed forward" << std::endl;
+            << " not begun; recoveries in the log: " << ServiceSandbox::count(app, "286-55 ")
+            << " rolled back, " << ServiceSandbox::count(app, "286-56 ") << " completed forward"
+            << std::endl;
   EXPECT_GE(c.kills, kills);
   EXPECT_GT(c.acknowledged, 0);
   if (::testing::Test::HasFailure()) {
