@@ -7,6 +7,8 @@
 // other such test (RESOURCE_LOCK vrkms_process).
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,8 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   EXPECT_EQ(jsonField(g1, "numKeys"), "0");
   EXPECT_EQ(jsonField(g1, "hasActiveKey"), "false");
   EXPECT_EQ(jsonField(g1, "createTime"), jsonField(g1, "updateTime"));
+  // Seconds since 1970, from the wire's ticks since 1582.
+  EXPECT_LT(std::abs(std::stoll(jsonField(g1, "createTime")) - std::time(nullptr)), 300) << g1;
   EXPECT_EQ(jsonField(g1, "tag").size(), 64u);
   json({"group", "create", "g2", "--cipher", "aes256"});
   json({"group", "create", "b1", "--cipher", "BLOWFISH"});
