@@ -53,53 +53,30 @@ struct KeyModel {
 };
 typedef std::map<std::string, KeyModel> GroupModel;
 
-class Failures {
- public:
-  void add(const std::string& what) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_texts.size() < 10) {
-      m_texts.push_back(what);
-    }
-    ++m_count;
-  }
-  int count() const { return m_count; }
-  std::string text() const {
-    std::string all;
-    for (const std::string& t : m_texts) {
-      all += t + "\n";
-    }
-    return all;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_texts;
-  std::atomic<int> m_count{0};
-};
-
-// Operations (of one to three calls each) that ended without an error, and
-// of those the acknowledged changes.
-struct Tally {
+// What the threads share: the failures seen, the operations (of one to
+// three calls each) that ended without an error and of those the
+// acknowledged changes, and the acknowledged updates of the shared key.
+struct Shared {
+  std::mutex mutex;
+  std::vector<std::string> failures;
   std::atomic<long> operations{0};
   std::atomic<long> changes{0};
-};
-Tally g_tally;
-
-struct SharedKeyResult {
-  std::mutex mutex;
   long successes = 0;
   long topRev = 0;
   std::string topDescription;
+
+  void fail(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    failures.push_back(what);
+  }
 };
 
 class LoadThread {
  public:
-  LoadThread(int index, const Facet& facet, const std::string& sharedTag, Failures& failures,
-             SharedKeyResult& shared)
+  LoadThread(int index, const Facet& facet, const std::string& sharedTag, Shared& shared)
       : m_index(index),
         m_facet(facet),
         m_sharedTag(sharedTag),
-        m_failures(failures),
         m_shared(shared),
         m_random(static_cast<unsigned>(index) * 7919u + 1u) {}
 
@@ -141,12 +118,12 @@ class LoadThread {
   bool attempt(const char* what, Call&& call) {
     try {
       call();
-      ++g_tally.operations;
+      ++m_shared.operations;
       return true;
     } catch (const Fw::ServiceException& e) {
-      m_failures.add(std::string(what) + ": " + std::to_string(errorCode(e)));
+      m_shared.fail(std::string(what) + ": " + std::to_string(errorCode(e)));
     } catch (const CORBA::Exception& e) {
-      m_failures.add(std::string(what) + ": " + e._name());
+      m_shared.fail(std::string(what) + ": " + e._name());
     }
     return false;
   }
@@ -179,12 +156,12 @@ class LoadThread {
           m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
       const KeyModel& known = m_model.at(name);
       if (record->state != known.state || known.description != record->description.in()) {
-        m_failures.add("read: " + name + " differs from what was acknowledged");
+        m_shared.fail("read: " + name + " differs from what was acknowledged");
       }
       if (record->state == kActive || record->state == kInactive) {
         Facets::KeyRecord_var key = m_facet.query->getKey(record->tag.in());
         if (key->encKey.length() == 0) {
-          m_failures.add("getKey: no key");
+          m_shared.fail("getKey: no key");
         }
       }
     });
@@ -204,7 +181,7 @@ class LoadThread {
       record->description = "new";
       Facets::KeyRecord_var made = m_facet.modify->createKey("", record.in());
       m_model[name] = {kPrelive, "new"};
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -221,7 +198,7 @@ class LoadThread {
       record->description = text.c_str();
       Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
       m_model[name].description = text;
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -235,7 +212,7 @@ class LoadThread {
           m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
       m_facet.modify->deleteKey(record->tag.in());
       m_model.erase(name);
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -257,7 +234,7 @@ class LoadThread {
         }
       }
       m_model[name].state = kActive;
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -268,8 +245,8 @@ class LoadThread {
       Facets::KeyRecord_var record = m_facet.query->getKeyRecord(m_sharedTag.c_str());
       record->description = text.c_str();
       Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
-      ++g_tally.operations;
-      ++g_tally.changes;
+      ++m_shared.operations;
+      ++m_shared.changes;
       std::lock_guard<std::mutex> lock(m_shared.mutex);
       ++m_shared.successes;
       if (updated->rev > m_shared.topRev) {
@@ -278,18 +255,17 @@ class LoadThread {
       }
     } catch (const Fw::ServiceException& e) {
       if (errorCode(e) != 1228) {
-        m_failures.add("shared: " + std::to_string(errorCode(e)));
+        m_shared.fail("shared: " + std::to_string(errorCode(e)));
       }
     } catch (const CORBA::Exception& e) {
-      m_failures.add(std::string("shared: ") + e._name());
+      m_shared.fail(std::string("shared: ") + e._name());
     }
   }
 
   const int m_index;
   Facet m_facet;
   const std::string m_sharedTag;
-  Failures& m_failures;
-  SharedKeyResult& m_shared;
+  Shared& m_shared;
   std::mt19937 m_random;
   std::string m_group;
   std::string m_groupTag;
@@ -300,7 +276,7 @@ class LoadThread {
 // Compares every thread's group and the shared key with the service.
 void expectStoreAsAcknowledged(const Facet& facet,
                                const std::vector<std::unique_ptr<LoadThread>>& threads,
-                               const std::string& sharedTag, const SharedKeyResult& shared) {
+                               const std::string& sharedTag, const Shared& shared) {
   size_t keys = 1;  // the shared key
   for (const auto& thread : threads) {
     Facets::KeyRecordSeq_var records =
@@ -366,11 +342,10 @@ void runLoad(ServiceSandbox& service) {
     sharedTag = key->tag.in();
   }
 
-  Failures failures;
-  SharedKeyResult shared;
+  Shared shared;
   std::vector<std::unique_ptr<LoadThread>> threads;
   for (int i = 0; i < kThreads; ++i) {
-    threads.push_back(std::make_unique<LoadThread>(i, facet, sharedTag, failures, shared));
+    threads.push_back(std::make_unique<LoadThread>(i, facet, sharedTag, shared));
   }
   const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   std::vector<std::thread> running;
@@ -380,9 +355,10 @@ void runLoad(ServiceSandbox& service) {
   for (std::thread& t : running) {
     t.join();
   }
-  EXPECT_EQ(failures.count(), 0) << failures.text();
+  EXPECT_TRUE(shared.failures.empty())
+      << shared.failures.size() << " failures, the first " << shared.failures.front();
   EXPECT_GT(shared.successes, 0);
-  std::cout << "[ load     ] " << g_tally.operations << " operations, " << g_tally.changes
+  std::cout << "[ load     ] " << shared.operations << " operations, " << shared.changes
             << " acknowledged changes (" << shared.successes << " of the shared key), in "
             << seconds << " s" << std::endl;
 
