@@ -2,7 +2,11 @@
 // real store in a temporary root: the failure road to ServiceException, the
 // stop of a service whose store has lost its state, and the checks that the
 // facets make before the store.
+#include <ace/OS_NS_sys_utsname.h>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
 
 #include <list>
 #include <string>
@@ -74,6 +78,20 @@ TEST_F(Facet, AStoreErrorBecomesServiceExceptionAndALostStoreStopsTheService) {
                                       "KMSControlFacetImpl::unquiesce: Throwing ServiceException:  "
                                       "Error code 1280 (")
                    .empty());
+  // What a client reads of the refusal.
+  try {
+    m_control->unquiesce(true);
+  } catch (const Fw::ServiceException& e) {
+    const auto* details = Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
+    ASSERT_NE(details, nullptr);
+    ACE_utsname host;
+    ASSERT_EQ(ACE_OS::uname(&host), 0);
+    EXPECT_STREQ(details->originatingService(), "vrkms");
+    EXPECT_STREQ(details->exceptionClassName(), "ServiceException");
+    EXPECT_STREQ(details->originatingMethod(), "KMSControlFacetImpl::unquiesce");
+    EXPECT_EQ(std::string(details->originatingHost()), std::string(host.nodename).substr(0, 64));
+    EXPECT_LE(std::abs(details->timeStamp() - std::time(nullptr)), 60);
+  }
   // A status result is raised the same way.
   EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);
   CORBA::String_var id = m_control->getHMKId();

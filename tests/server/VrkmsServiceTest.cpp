@@ -175,17 +175,27 @@ TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt
   EXPECT_TRUE(contains(m_box.debugLog(), "No vrkms service is running"));
 }
 
+// A store directory where nothing was ever made (286-38), and none
+// configured at all (286-37).
 TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
-  m_box.setKmsDir(m_box.path("empty"));
-  m_box.launch({"-console"});
-  EXPECT_EQ(m_box.waitForExit(60s), 1);
-  EXPECT_FALSE(exists(m_box.iorPath()));
-  EXPECT_FALSE(exists(m_box.pidPath()));
-  EXPECT_FALSE(canConnect(m_box.port()));
-  EXPECT_TRUE(contains(m_box.appLog(), "286-38 ")) << m_box.appLog();
-  EXPECT_TRUE(contains(m_box.appLog(), "286-34 ")) << m_box.appLog();
+  for (const char* refusal : {"286-38 ", "286-37 "}) {
+    if (refusal[5] == '8') {
+      m_box.setKmsDir(m_box.path("empty"));
+    } else {
+      m_box.writePrivate("etc/vr.conf", "SERVER = localhost\nVRKMS_ENDPOINT = giop:tcp:127.0.0.1:" +
+                                            std::to_string(m_box.port()) + "\n");
+    }
+    m_box.launch({"-console"});
+    EXPECT_EQ(m_box.waitForExit(60s), 1);
+    EXPECT_FALSE(exists(m_box.iorPath()));
+    EXPECT_FALSE(exists(m_box.pidPath()));
+    EXPECT_FALSE(canConnect(m_box.port()));
+    EXPECT_TRUE(contains(m_box.appLog(), refusal)) << m_box.appLog();
+  }
+  EXPECT_EQ(ServiceSandbox::count(m_box.appLog(), "286-34 "), 2u) << m_box.appLog();
   EXPECT_TRUE(contains(m_box.debugLog(), "The directive \"static KMSMgrService\" failed"));
-  EXPECT_TRUE(contains(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"));
+  EXPECT_EQ(ServiceSandbox::count(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"),
+            2u);
 }
 
 TEST(VrkmsProgram, UsageCodesAndTheLoggedCommandLine) {
