@@ -35,29 +35,23 @@ TEST(RecordConvertor, TimesCountTicksFromTheGregorianReformAndRoundTripWholeSeco
   }
   // Below a second is lost going in.
   EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks + 10000000LL * 5 + 9999999), 5u);
-
-  Store::KeyRecord_v1 rec = sampleKey();
-  Wire::KeyRecord_var wire = RecordConvertor::toIdlKeyRecord(rec);
-  EXPECT_EQ(wire->createTime, (12219292800LL + 1700000000LL) * 10000000LL);
-  EXPECT_EQ(wire->updateTime, (12219292800LL + 1700000001LL) * 10000000LL);
 }
 
 TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   const Store::KeyRecord_v1 rec = sampleKey();
   Wire::KeyRecord_var wire = RecordConvertor::toIdlKeyRecord(rec);
-  std::string tagHex;
-  for (int i = 0; i < 32; ++i) {
-    tagHex += "01";
-  }
-  EXPECT_EQ(std::string(wire->tag.in()), tagHex + "ff");
-  std::string groupHex;
-  std::string kpkHex;
-  for (int i = 0; i < 32; ++i) {
-    groupHex += "ab";
-    kpkHex += "7f";
-  }
-  EXPECT_EQ(std::string(wire->keyGroup.in()), groupHex);
-  EXPECT_EQ(std::string(wire->kpkTag.in()), kpkHex);
+  EXPECT_EQ(wire->createTime, (12219292800LL + 1700000000LL) * 10000000LL);
+  EXPECT_EQ(wire->updateTime, (12219292800LL + 1700000001LL) * 10000000LL);
+  const auto hex = [](const char* pair) {
+    std::string text;
+    for (int i = 0; i < 32; ++i) {
+      text += pair;
+    }
+    return text;
+  };
+  EXPECT_EQ(std::string(wire->tag.in()), hex("01") + "ff");
+  EXPECT_EQ(std::string(wire->keyGroup.in()), hex("ab"));
+  EXPECT_EQ(std::string(wire->kpkTag.in()), hex("7f"));
   EXPECT_EQ(wire->state, 1);
   EXPECT_EQ(wire->kpkType, 1);
   EXPECT_EQ(wire->rev, 7);
