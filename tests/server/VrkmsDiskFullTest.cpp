@@ -5,9 +5,9 @@
 // The store lives on a 1 MiB tmpfs. As root the tmpfs is mounted on a
 // temporary directory and unmounted afterwards; otherwise it is mounted in a
 // user and mount namespace of its own, into which vrkms and vrkmsctl are
-// run (VRKMS_TEST_SMALL_FS=mount|namespace picks one). Where neither can be
-// had the test is skipped; the store's own refusal of a full disk is tested
-// over the file-operation seam with the store.
+// run. Where neither can be had, the service's servants run over a store
+// whose writes fail with ENOSPC through the file-operation seam.
+// VRKMS_TEST_SMALL_FS=mount|namespace|seam picks one way.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -24,10 +24,23 @@
 #include <thread>
 #include <vector>
 
+#include "kms/server/KMSModifiableFacetImpl.h"
+#include "kms/server/KMSQueryableFacetImpl.h"
+#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/KMSFileLocator.h"
 #include "server/CtlOutput.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
+
+namespace Fw = Ardentis::Vaultrest::TL::Framework;
+namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
+using Ardentis::Vaultrest::DL::KMS::KMSModifiableFacetImpl;
+using Ardentis::Vaultrest::DL::KMS::KMSQueryableFacetImpl;
+namespace Store = Vaultrest::DL::KMS;
+using ServiceClient::serviceError;
 
 namespace {
 
@@ -140,10 +153,61 @@ std::map<std::string, std::string> contentsOf(const std::string& dir) {
 
 using CtlOutput::jsonField;
 
+std::string bytesOf(const Fw::octetSeq& octets) {
+  return std::string(reinterpret_cast<const char*>(octets.get_buffer()), octets.length());
+}
+
+// Where no small filesystem can be had: the servants over a store whose
+// writes fail as on a full disk.
+void fullDiskAtTheFileSeam() {
+  TempRoot root("vrkms-seam");
+  Store::FileKeyStore::g_fips_mode_disabled = true;
+  Store::FileKeyStore store{Store::KMSFileLocator(root.file("kms"))};
+  ASSERT_EQ(store.createEmpty("hmk passphrase", "hmk-1", "kpk passphrase", "kpk-1", false), 0);
+  ASSERT_EQ(store.init(), 0);
+  PortableServer::Servant_var<KMSQueryableFacetImpl> query{new KMSQueryableFacetImpl(&store)};
+  PortableServer::Servant_var<KMSModifiableFacetImpl> modify{new KMSModifiableFacetImpl(&store)};
+  Facets::KeyGroupRecord_var form = modify->getNewKeyGroup();
+  form->name = "g";
+  form->type = 3;
+  Facets::KeyGroupRecord_var group = modify->createKeyGroup(form.in());
+  const auto newKey = [&](const char* name) {
+    Facets::KeyRecord_var key = modify->getNewKey();
+    key->name = name;
+    key->keyGroup = group->tag;
+    key->state = 1;  // active
+    key->kpkType = 1;
+    return Facets::KeyRecord_var(modify->createKey("", key.in()));
+  };
+  Facets::KeyRecord_var first = newKey("k1");
+  Facets::KeyRecord_var key = query->getKey(first->tag);
+  const auto files = contentsOf(root.file("kms"));
+  {
+    Store::FailNthFileOp full(1, ENOSPC, Store::FileOp::Fwrite);
+    const Store::ScopedFileFaultHook installed(&full);
+    EXPECT_EQ(serviceError([&] { newKey("k2"); }), 1276);
+    EXPECT_TRUE(full.fired());
+  }
+  Facets::KeyRecord_var again = query->getKey(first->tag);
+  EXPECT_EQ(bytesOf(again->encKey), bytesOf(key->encKey));
+  EXPECT_EQ(bytesOf(key->encKey).size(), 32u);
+  EXPECT_EQ(Facets::KeyRecordSeq_var(query->getAllKeyRecordsInGroup(group->tag))->length(), 1u);
+  EXPECT_EQ(contentsOf(root.file("kms")), files);
+
+  Facets::KeyRecord_var second = newKey("k2");
+  ASSERT_EQ(store.shutdown(), 0);
+  ASSERT_EQ(store.init(), 0);
+  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = query->getKeyRecord(second->tag); }), 0);
+}
+
 TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpaceIsFreed) {
   SmallFilesystem fs;
+  static const char* const kWays[] = {"none: servants over the file-operation seam",
+                                      "tmpfs mounted as root", "tmpfs in a user namespace"};
+  RecordProperty("small_filesystem", kWays[fs.kind()]);
   if (fs.kind() == SmallFilesystem::kNone) {
-    GTEST_SKIP() << "no small filesystem: neither a mount as root nor a user namespace";
+    fullDiskAtTheFileSeam();
+    return;
   }
   ServiceSandbox service(9, fs.prefix());
   const std::string kmsDir = fs.dir() + "/kms";
