@@ -103,6 +103,7 @@ class ServiceSandbox {
     const auto deadline = std::chrono::steady_clock::now() + kGateWait;
     for (;;) {
       const size_t refusalsBefore = count(appLog(), "286-31 ");
+      ::unlink(iorPath().c_str());
       launch({"-console"});
       if (waitForAdvertisement()) {
         return true;
@@ -120,7 +121,6 @@ class ServiceSandbox {
   // Starts vrkms with `args`, standard error to "stderr.txt" of the root,
   // without waiting for anything.
   void launch(const std::vector<std::string>& args) {
-    ::unlink(iorPath().c_str());
     m_exit = -1;
     std::vector<std::string> words = m_prefix;
     words.push_back(VRKMS_BINARY);
@@ -139,6 +139,15 @@ class ServiceSandbox {
       ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
+  }
+
+  // Whether the launched vrkms has ended; it stays unreaped, so that its
+  // pid cannot be reused meanwhile.
+  bool ended() const {
+    siginfo_t info{};
+    return m_pid > 0 &&
+           ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == m_pid;
   }
 
   // Waits until the manager is advertised; false if vrkms ends first or

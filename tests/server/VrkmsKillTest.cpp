@@ -81,60 +81,6 @@ KillModel::Store readStore(Facets::KMSQueryableFacet_ptr query) {
   return store;
 }
 
-// "vrkms -console" on the sandbox's root, a child of this process. Reaping
-// it is left to the caller, who must first hear the killer's report.
-class Daemon {
- public:
-  explicit Daemon(const ServiceSandbox& sandbox) : m_sandbox(sandbox) {}
-  ~Daemon() { stop(); }
-  Daemon(const Daemon&) = delete;
-  Daemon& operator=(const Daemon&) = delete;
-
-  // Starts it; its standard error goes on at the end of "stderr.txt".
-  pid_t spawn() {
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::setenv("VREST_ROOT", m_sandbox.root().path().c_str(), 1);
-      const int err =
-          ::open(m_sandbox.root().file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-      ::dup2(err, 2);
-      char* argv[] = {const_cast<char*>(VRKMS_BINARY), const_cast<char*>("-console"), nullptr};
-      ::execv(VRKMS_BINARY, argv);
-      ::_exit(127);
-    }
-    return m_pid;
-  }
-
-  pid_t pid() const { return m_pid; }
-
-  // Whether it has ended; it stays unreaped.
-  bool ended() const {
-    siginfo_t info{};
-    return m_pid > 0 &&
-           ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == m_pid;
-  }
-
-  // Waits for its end; the exit status, or 128 and the signal.
-  int reap() {
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
-  void stop() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      reap();
-    }
-  }
-
- private:
-  const ServiceSandbox& m_sandbox;
-  pid_t m_pid = -1;
-};
-
 struct Counts {
   long kills = 0;
   long killsWhileStarting = 0;
@@ -358,7 +304,6 @@ class KillRun {
  public:
   KillRun(ServiceSandbox& sandbox, uint64_t seed, long kills)
       : m_sandbox(sandbox),
-        m_daemon(sandbox),
         m_killer(seed),
         m_driver(seed ^ 0x9e3779b97f4a7c15ull),
         m_random(seed + 1),
@@ -375,14 +320,14 @@ class KillRun {
         continue;
       }
       if (!m_killer.armed()) {
-        ASSERT_TRUE(m_killer.arm(m_daemon.pid(), kChangeWindow));
+        ASSERT_TRUE(m_killer.arm(m_sandbox.pid(), kChangeWindow));
       }
       ASSERT_NO_FATAL_FAILURE(driveUntilKilled());
     }
     // The last kill is recovered from too, and the service stops in order.
     ASSERT_EQ(startAndVerify(false), Start::Serving);
-    ASSERT_EQ(::kill(m_daemon.pid(), SIGTERM), 0);
-    EXPECT_EQ(m_daemon.reap(), 0) << tail();
+    ASSERT_EQ(::kill(m_sandbox.pid(), SIGTERM), 0);
+    EXPECT_EQ(reap(), 0) << tail();
   }
 
   const Counts& counts() const { return m_counts; }
@@ -404,7 +349,8 @@ class KillRun {
           std::strtol(m_sandbox.readFile("var/vrkms/vrkms.pid").c_str(), nullptr, 10);
       const bool stale = stalePid > 0 && ::kill(static_cast<pid_t>(stalePid), 0) != 0;
       const Clock::time_point began = Clock::now();
-      const pid_t pid = m_daemon.spawn();
+      m_sandbox.launch({"-console"});
+      const pid_t pid = m_sandbox.pid();
       ++m_counts.starts;
       if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
         const auto window = std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2);
@@ -413,7 +359,7 @@ class KillRun {
       std::unique_ptr<KmsClient> service;
       KillModel::Store actual;
       bool read = false;
-      while (!read && !m_daemon.ended()) {
+      while (!read && !m_sandbox.ended()) {
         try {
           if (!service) {
             service = std::make_unique<KmsClient>(m_sandbox.reference());
@@ -440,7 +386,7 @@ class KillRun {
             ADD_FAILURE() << "the killer did not report";
             return Start::Failed;
           }
-          const int status = m_daemon.reap();
+          const int status = reap();
           if (status == 128 + SIGKILL) {
             ++m_counts.kills;
             ++m_counts.killsWhileStarting;
@@ -451,7 +397,7 @@ class KillRun {
             return Start::Failed;
           }
         } else {
-          const int status = m_daemon.reap();
+          const int status = reap();
           if (status != 0) {
             ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
             return Start::Failed;
@@ -531,14 +477,18 @@ class KillRun {
       Killer::Report report;
       ASSERT_TRUE(m_killer.awaitReport(30s, &report))
           << change.text() << ": " << failure << ", yet the service was not killed" << tail();
-      EXPECT_EQ(report.pid, m_daemon.pid());
+      EXPECT_EQ(report.pid, m_sandbox.pid());
       EXPECT_EQ(report.killResult, 0);
-      EXPECT_EQ(m_daemon.reap(), 128 + SIGKILL) << tail();
+      EXPECT_EQ(reap(), 128 + SIGKILL) << tail();
       m_connection.reset();
       ++m_counts.kills;
       return;
     }
   }
+
+  // Waits for the service's end, which the killer may have caused: its
+  // exit status, or 128 and the signal.
+  int reap() { return m_sandbox.waitForExit(std::chrono::hours(1)); }
 
   // The end of what the service wrote, for a failure message.
   std::string tail() const {
@@ -548,8 +498,7 @@ class KillRun {
   }
 
   ServiceSandbox& m_sandbox;
-  Daemon m_daemon;
-  Killer m_killer;  // declared after the daemon: gone before it is reaped
+  Killer m_killer;  // gone before the sandbox reaps what it killed
   Driver m_driver;
   std::mt19937_64 m_random;
   const long m_target;
