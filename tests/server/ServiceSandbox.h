@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "server/CtlOutput.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
@@ -102,14 +103,14 @@ class ServiceSandbox {
   bool start() {
     const auto deadline = std::chrono::steady_clock::now() + kGateWait;
     for (;;) {
-      const size_t refusalsBefore = count(appLog(), "286-31 ");
+      const size_t refusalsBefore = CtlOutput::countOf(appLog(), "286-31 ");
       ::unlink(iorPath().c_str());
       launch({"-console"});
       if (waitForAdvertisement()) {
         return true;
       }
       const int status = waitForExit(std::chrono::seconds(1));
-      const bool gated = status == 0 && count(appLog(), "286-31 ") > refusalsBefore;
+      const bool gated = status == 0 && CtlOutput::countOf(appLog(), "286-31 ") > refusalsBefore;
       if (!gated || std::chrono::steady_clock::now() > deadline) {
         kill();
         return false;
@@ -243,14 +244,6 @@ class ServiceSandbox {
       ::closedir(stream);
     }
     return found;
-  }
-
-  static size_t count(const std::string& text, const std::string& part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-      ++n;
-    }
-    return n;
   }
 
   // A loopback port that nothing listens on at the moment.

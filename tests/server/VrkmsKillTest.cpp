@@ -30,6 +30,7 @@
 
 #include <KMS.h>
 
+#include "server/CtlOutput.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "server/VrkmsKillModel.h"
@@ -530,8 +531,8 @@ TEST(VrkmsKill, EveryAcknowledgedChangeSurvivesSigkillOfTheServiceAtRandomMoment
             << " over the pid file of a killed one, " << c.startsRefusedByGate
             << " refused while another vrkms ran), " << c.acknowledged << " changes acknowledged, "
             << c.inDoubt << " in doubt (" << c.inDoubtApplied << " of them applied), " << c.notBegun
-            << " not begun; recoveries in the log: " << ServiceSandbox::count(app, "286-55 ")
-            << " rolled back, " << ServiceSandbox::count(app, "286-56 ") << " completed forward"
+            << " not begun; recoveries in the log: " << CtlOutput::countOf(app, "286-55 ")
+            << " rolled back, " << CtlOutput::countOf(app, "286-56 ") << " completed forward"
             << std::endl;
   EXPECT_GE(c.kills, kills);
   EXPECT_GT(c.acknowledged, 0);

@@ -608,7 +608,7 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
     m_vrkms.writeConf(grantLine({28}));
     EXPECT_EQ(rights(), only28) << "fewer grants after " << fault.name;
   }
-  EXPECT_EQ(ServiceSandbox::count(m_vrkms.debugLog(), "the grants last read stay in force"),
+  EXPECT_EQ(CtlOutput::countOf(m_vrkms.debugLog(), "the grants last read stay in force"),
             faults.size());
 
   // The service out of descriptors: idle connections take what its limit

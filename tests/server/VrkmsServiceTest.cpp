@@ -157,7 +157,7 @@ TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt
     EXPECT_EQ(again.exitStatus, 0);
     EXPECT_EQ(again.err, "");
   }
-  EXPECT_EQ(ServiceSandbox::count(m_box.appLog(), "286-31 vrkms_main: "), 3u) << m_box.appLog();
+  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-31 vrkms_main: "), 3u) << m_box.appLog();
   for (const char* option : {"-createemptydb", "-resethmk", "-resetkpk", "-info"}) {
     const ProcessResult refused = m_box.run({option});
     EXPECT_EQ(refused.exitStatus, 252) << option;
@@ -192,9 +192,9 @@ TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
     EXPECT_FALSE(canConnect(m_box.port()));
     EXPECT_TRUE(contains(m_box.appLog(), refusal)) << m_box.appLog();
   }
-  EXPECT_EQ(ServiceSandbox::count(m_box.appLog(), "286-34 "), 2u) << m_box.appLog();
+  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-34 "), 2u) << m_box.appLog();
   EXPECT_TRUE(contains(m_box.debugLog(), "The directive \"static KMSMgrService\" failed"));
-  EXPECT_EQ(ServiceSandbox::count(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"),
+  EXPECT_EQ(CtlOutput::countOf(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"),
             2u);
 }
 
