@@ -1,5 +1,6 @@
-// The authorization table of the service and the framework's evaluation of
-// it, without an ORB.
+// The framework's evaluation of authorization tables and grants, without an
+// ORB. (The service's own table is tested operation by operation against the
+// running service: VrkmsSecurityTest.)
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -14,14 +15,11 @@
 #include "kms/server/KMSAuthTable.h"
 
 using namespace Ardentis::Vaultrest::TL::Framework;
-using Vaultrest::DL::KMS::KMSAuthTable;
-using Vaultrest::DL::KMS::KMSAuthTableRows;
 using Vaultrest::DL::KMS::KMSRightsTable;
 
 namespace {
 
 const std::string kMgr = "Ardentis/Vaultrest/DL/KMS/KMSMgr_";
-const std::string kQuery = "Ardentis/Vaultrest/DL/KMSFacetsV1/KMSQueryableFacet_";
 const std::string kControl = "Ardentis/Vaultrest/DL/KMSFacetsV1/KMSControlFacet_";
 
 PeerRights rights(std::set<int> held) {
@@ -35,34 +33,6 @@ bool grantsOf(const std::string& conf, PeerGrants* grants, std::string* error) {
 }
 
 }  // namespace
-
-TEST(Authorization, ServiceTableJoinsRowsByOrAndAnd) {
-  const AuthorizationTable table(KMSAuthTable);
-  EXPECT_EQ(KMSAuthTableRows, 40u);
-  EXPECT_EQ(table.rowCount(), 40u);
-  for (const auto& row : {KMSAuthTable[0], KMSAuthTable[39]}) {
-    EXPECT_EQ(row.objectType, 22);
-    EXPECT_EQ(row.count, 1);
-  }
-  EXPECT_STREQ(KMSAuthTable[40].name, "");
-
-  // Every operation's alternatives: as the README's table shows them.
-  EXPECT_EQ(table.alternatives(kMgr + "getModifiableFacet"),
-            (std::vector<std::vector<int>>{{2}, {40}, {3}}));
-  EXPECT_FALSE(table.allows(kQuery + "exportKS", rights({1, 2, 28, 40})));
-  EXPECT_TRUE(table.allows(kQuery + "exportKS", rights({1, 3})));
-
-  // Operations with no row hand out key values: they ask for that right and
-  // no other, so no right of the table's rows will do.
-  for (const std::string& key : {kMgr + "getEximFacet", kQuery + "getKey", kQuery + "getKeyAndKad",
-                                 kQuery + "getKeyRecordsByKad"}) {
-    EXPECT_FALSE(table.hasRows(key)) << key;
-    EXPECT_TRUE(table.allows(key, rights({kKeyValueRight}))) << key;
-    EXPECT_FALSE(table.allows(key, rights({1, 2, 3, 28, 40, 99}))) << key;
-    EXPECT_EQ(table.alternatives(key), (std::vector<std::vector<int>>{{kKeyValueRight}})) << key;
-  }
-  EXPECT_TRUE(table.allows(kControl + "quiesce", PeerRights::all()));
-}
 
 TEST(Authorization, TheReadmeShowsTheTableOfTheCode) {
   std::ifstream in(std::string(VRKMS_SOURCE_DIR) + "/README.md");

@@ -2,7 +2,11 @@
 // real store in a temporary root: the failure road to ServiceException, the
 // stop of a service whose store has lost its state, and the checks that the
 // facets make before the store.
+#include <ace/OS_NS_sys_utsname.h>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
 
 #include <list>
 #include <string>
@@ -14,6 +18,7 @@
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
+#include "server/ServiceClient.h"
 #include "support/LogCapture.h"
 #include "support/TempRoot.h"
 
@@ -31,18 +36,7 @@ namespace {
 
 constexpr int64_t kEpochTicks = 122192928000000000LL;
 
-// The error code of the ServiceException that `call` raises; 0 for none.
-template <typename Call>
-int serviceError(Call&& call) {
-  try {
-    call();
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return details != nullptr ? details->errorCode() : -1;
-  }
-  return 0;
-}
+using ServiceClient::serviceError;
 
 class Facet : public ::testing::Test {
  protected:
@@ -84,6 +78,20 @@ TEST_F(Facet, AStoreErrorBecomesServiceExceptionAndALostStoreStopsTheService) {
                                       "KMSControlFacetImpl::unquiesce: Throwing ServiceException:  "
                                       "Error code 1280 (")
                    .empty());
+  // What a client reads of the refusal.
+  try {
+    m_control->unquiesce(true);
+  } catch (const Fw::ServiceException& e) {
+    const auto* details = Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
+    ASSERT_NE(details, nullptr);
+    ACE_utsname host;
+    ASSERT_EQ(ACE_OS::uname(&host), 0);
+    EXPECT_STREQ(details->originatingService(), "vrkms");
+    EXPECT_STREQ(details->exceptionClassName(), "ServiceException");
+    EXPECT_STREQ(details->originatingMethod(), "KMSControlFacetImpl::unquiesce");
+    EXPECT_EQ(std::string(details->originatingHost()), std::string(host.nodename).substr(0, 64));
+    EXPECT_LE(std::abs(details->timeStamp() - std::time(nullptr)), 60);
+  }
   // A status result is raised the same way.
   EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);
   CORBA::String_var id = m_control->getHMKId();
@@ -194,6 +202,41 @@ TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
   m_modify->deleteKeyGroup(group->tag, true);
   Facets::KeyGroupRecordSeq_var groups = m_query->getAllKeyGroupRecords();
   EXPECT_EQ(groups->length(), 0u);
+}
+
+// exportKS and importKS: a refusal comes back as a status, not as an
+// exception; a store that has lost its state raises on export (and stops
+// the service) and ends the process on import.
+TEST_F(Facet, EximRefusalsAreStatusesAndALostStoreRaisesOnExport) {
+  KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
+                                Fw::ServiceContainerOptions{0}, "");
+  Fw::octetSeq_var data;
+  const auto exportAll = [&] {
+    return m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
+  };
+  Facets::KSOpStatus_var status = exportAll();
+  EXPECT_EQ(status->error_code, 1285);
+  EXPECT_EQ(status->messages.length(), 0u);
+  EXPECT_EQ(data->length(), 0u);
+  Fw::octetSeq junk;
+  junk.length(3);
+  status = m_modify->importKS(junk, "pass", false, false, "");
+  EXPECT_NE(status->error_code, 0);
+  EXPECT_FALSE(container.stopRequested());
+
+  ASSERT_EQ(m_store.shutdown(), 0);
+  EXPECT_EQ(serviceError([&] { Facets::KSOpStatus_var lost = exportAll(); }), 1202);
+  EXPECT_TRUE(container.stopRequested());
+}
+
+TEST_F(Facet, ImportOnALostStoreEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ASSERT_EQ(m_store.shutdown(), 0);
+  EXPECT_DEATH(
+      {
+        Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
+      },
+      "terminate called after throwing an instance of '.*KeyStoreError'");
 }
 
 }  // namespace

@@ -15,36 +15,30 @@
 using namespace Ardentis::Vaultrest::TL::Framework;
 using Vaultrest::DL::KMS::KMSServiceContainer;
 
-namespace {
-
-class ServiceContainerTest : public ::testing::Test {
- protected:
-  PlatformTestRoot m_root;
-  LogCapture m_log{6};
-  KMSServiceContainer m_container{
+TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
+  PlatformTestRoot root;
+  LogCapture log{6};
+  KMSServiceContainer container{
       false, "vrkms", 286, std::list<std::string>{}, 10, ServiceContainerOptions{0}, ""};
-};
-
-}  // namespace
-
-TEST_F(ServiceContainerTest, EveryPeerPassesUnlessMediaServersAreBlocked) {
-  m_root.writeConf("SERVER = 192.0.2.1\n");
-  EXPECT_EQ(m_container.extraServiceLevelValidation("192.0.2.7"), 1);
-  m_root.writeConf("SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = NO\n");
-  EXPECT_EQ(m_container.extraServiceLevelValidation("192.0.2.7"), 1);
-  m_root.writeConf("SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = maybe\n");
-  EXPECT_EQ(m_container.extraServiceLevelValidation("192.0.2.7"), 1);
-  EXPECT_TRUE(LogCapture::containing(m_log.debugLines(), "VRKMS_BLOCK_MEDIA is set").empty());
-
-  // Blocked: only a local master server passes.
-  m_root.writeConf("SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n");
-  EXPECT_EQ(m_container.extraServiceLevelValidation("127.0.0.1"), 1);
-  EXPECT_EQ(m_container.extraServiceLevelValidation("192.0.2.7"), 0);
-  EXPECT_EQ(m_container.extraServiceLevelValidation(nullptr), 0);
-  m_root.writeConf("SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n");
-  EXPECT_EQ(m_container.extraServiceLevelValidation("127.0.0.1"), 0);  // local, not master
-
-  const auto lines = m_log.debugLines();
+  const struct {
+    const char* conf;
+    const char* peer;
+    int passes;
+  } rows[] = {
+      {"SERVER = 192.0.2.1\n", "192.0.2.7", 1},
+      {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = NO\n", "192.0.2.7", 1},
+      {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = maybe\n", "192.0.2.7", 1},
+      // Blocked: only a local master server passes.
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "127.0.0.1", 1},
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "192.0.2.7", 0},
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", nullptr, 0},
+      {"SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "127.0.0.1", 0},
+  };
+  for (const auto& row : rows) {
+    root.writeConf(row.conf);
+    EXPECT_EQ(container.extraServiceLevelValidation(row.peer), row.passes) << row.conf;
+  }
+  const auto lines = log.debugLines();
   EXPECT_EQ(LogCapture::containing(lines,
                                    "Configuration flag:VRKMS_BLOCK_MEDIA is set, checking "
                                    "whether the peer is media server")
@@ -58,9 +52,9 @@ TEST_F(ServiceContainerTest, EveryPeerPassesUnlessMediaServersAreBlocked) {
       1u);
 
   // An unreadable master configuration lets everyone in.
-  ASSERT_EQ(::unlink(m_root.confPath().c_str()), 0);
-  EXPECT_EQ(m_container.extraServiceLevelValidation("192.0.2.7"), 1);
+  ASSERT_EQ(::unlink(root.confPath().c_str()), 0);
+  EXPECT_EQ(container.extraServiceLevelValidation("192.0.2.7"), 1);
   EXPECT_FALSE(
-      LogCapture::containing(m_log.debugLines(), "VR_read_master_config failed with status :")
+      LogCapture::containing(log.debugLines(), "VR_read_master_config failed with status :")
           .empty());
 }

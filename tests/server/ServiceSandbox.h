@@ -1,13 +1,20 @@
-// A vrkms service for process-level tests: a private installation root with
-// a master configuration naming this host as master server, a store made
-// from passphrases, the built vrkms run with "-console" on a free loopback
-// port, and vrkmsctl run against it.
+// A vrkms installation for process-level tests: a private root whose master
+// configuration names this host as master server, the service on a free
+// loopback port, the administrator options, "vrkms -console" and vrkmsctl,
+// each run as an administrator would run them.
+//
+// Only one vrkms may run on a host, and the gate that enforces it looks at
+// every process named vrkms: admin() and start() wait out another vrkms
+// (1272 for an administrator option, a quiet exit for the service) for up to
+// five minutes. Every program can be run behind a command prefix (nsenter
+// into a mount namespace, setpriv).
 //
 // Tests that use it run a process named vrkms: their suite names start with
 // "Vrkms" (RESOURCE_LOCK vrkms_process).
 #pragma once
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -23,8 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "server/CtlOutput.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
@@ -34,71 +40,126 @@ class ServiceSandbox {
   // local endpoint): that address holds every right of the service's table.
   static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n";
 
-  // `debugLevel` is the service's VRKMS_DEBUG_LEVEL.
-  explicit ServiceSandbox(int debugLevel = 4) : m_port(freePort()), m_debugLevel(debugLevel) {
-    writeConf("");
+  // `debugLevel` is the service's VRKMS_DEBUG_LEVEL; `prefix`: argv words put
+  // before every program this object runs.
+  explicit ServiceSandbox(int debugLevel = 9, std::vector<std::string> prefix = {})
+      : m_prefix(std::move(prefix)), m_port(freePort()), m_debugLevel(debugLevel) {
+    ::mkdir(m_root.file("etc").c_str(), 0700);
+    writeConf(kLoopbackGrant);
   }
-  // Kills a service still running.
   ~ServiceSandbox() { kill(); }
   ServiceSandbox(const ServiceSandbox&) = delete;
   ServiceSandbox& operator=(const ServiceSandbox&) = delete;
 
-  // Rewrites the master configuration: the fixed lines and `extra`.
+  // Rewrites the master configuration: the fixed lines (the store at
+  // kmsDir()) and `extra`.
   void writeConf(const std::string& extra) const {
-    ::mkdir(m_root.file("etc").c_str(), 0700);
-    std::ofstream(m_root.file("etc/vr.conf"), std::ios::trunc)
-        << "SERVER = localhost\n"
-        << "KMS_DIR = " << m_root.file("kms") << "\n"
-        << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_port << "\n"
-        << "VRKMS_DEBUG_LEVEL = " << m_debugLevel << "\n"
-        << kLoopbackGrant << extra;
+    writePrivate("etc/vr.conf",
+                 "SERVER = localhost\nKMS_DIR = " + m_kmsDir +
+                     "\nVRKMS_ENDPOINT = giop:tcp:127.0.0.1:" + std::to_string(m_port) +
+                     "\nVRKMS_DEBUG_LEVEL = " + std::to_string(m_debugLevel) + "\n" + extra);
   }
+  void setKmsDir(const std::string& dir, const std::string& extra = kLoopbackGrant) {
+    m_kmsDir = dir;
+    writeConf(extra);
+  }
+  const std::string& kmsDir() const { return m_kmsDir; }
 
-  // Makes the store (HMK id "hmk-1", KPK id "kpk-1"); false when it cannot.
+  // Makes a store with random master keys (ids "hmk-1", "kpk-1").
   bool makeStore() const {
-    Vaultrest::DL::KMS::FileKeyStore::g_fips_mode_disabled = true;
-    Vaultrest::DL::KMS::FileKeyStore store(Vaultrest::DL::KMS::KMSFileLocator(m_root.file("kms")));
-    return store.createEmpty("hmk passphrase", "hmk-1", "kpk passphrase", "kpk-1", false) == 0;
+    const ProcessResult r = admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1",
+                                   "-kpkid", "kpk-1", "-overwrite"});
+    return r.exited && r.exitStatus == 0;
   }
 
-  // Starts "vrkms -console" and waits until the manager is advertised;
-  // false when vrkms ends first or takes too long.
+  // Runs vrkms with `args`, once.
+  ProcessResult run(const std::vector<std::string>& args, const std::string& input = "") const {
+    return runner(VRKMS_BINARY, args).stdinText(input).run();
+  }
+  // Runs vrkms with an administrator option, waiting out another vrkms.
+  ProcessResult admin(const std::vector<std::string>& args, const std::string& input = "") const {
+    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
+    for (;;) {
+      const ProcessResult r = run(args, input);
+      const bool gated = r.exited && r.exitStatus == 252 &&
+                         r.err.find("EXIT STATUS = 1272\n") != std::string::npos;
+      if (!gated || std::chrono::steady_clock::now() > deadline) {
+        return r;
+      }
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+  }
+  // Starts vrkms on a terminal of its own and returns at once.
+  RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
+    return runner(VRKMS_BINARY, args).spawnOnTerminal();
+  }
+  // Runs vrkmsctl; it finds the service through the master configuration.
+  ProcessResult ctl(const std::vector<std::string>& args, const std::string& input = "") const {
+    return runner(VRKMSCTL_BINARY, args).stdinText(input).run();
+  }
+
+  // Starts "vrkms -console" and waits until the manager is advertised,
+  // waiting out another vrkms; false when the service ends or takes too long.
   bool start() {
-    launch({"-console"});
-    return waitForAdvertisement();
+    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
+    for (;;) {
+      const size_t refusalsBefore = CtlOutput::countOf(appLog(), "286-31 ");
+      ::unlink(iorPath().c_str());
+      launch({"-console"});
+      if (waitForAdvertisement()) {
+        return true;
+      }
+      const int status = waitForExit(std::chrono::seconds(1));
+      const bool gated = status == 0 && CtlOutput::countOf(appLog(), "286-31 ") > refusalsBefore;
+      if (!gated || std::chrono::steady_clock::now() > deadline) {
+        kill();
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
   }
 
   // Starts vrkms with `args`, standard error to "stderr.txt" of the root,
   // without waiting for anything.
   void launch(const std::vector<std::string>& args) {
-    ::unlink(iorPath().c_str());
+    m_exit = -1;
+    std::vector<std::string> words = m_prefix;
+    words.push_back(VRKMS_BINARY);
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+      argv.push_back(&word[0]);
+    }
+    argv.push_back(nullptr);
+    const std::string errPath = m_root.file("stderr.txt");
     m_pid = ::fork();
     if (m_pid == 0) {
       ::setenv("VREST_ROOT", m_root.path().c_str(), 1);
-      const int err = ::open(m_root.file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       ::dup2(err, 2);
-      std::vector<char*> argv{const_cast<char*>(VRKMS_BINARY)};
-      for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-      }
-      argv.push_back(nullptr);
-      ::execv(VRKMS_BINARY, argv.data());
+      ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
+  }
+
+  // Whether the launched vrkms has ended; it stays unreaped, so that its
+  // pid cannot be reused meanwhile.
+  bool ended() const {
+    siginfo_t info{};
+    return m_pid > 0 &&
+           ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == m_pid;
   }
 
   // Waits until the manager is advertised; false if vrkms ends first or
   // takes a minute.
   bool waitForAdvertisement() {
+    struct stat info;
     for (int i = 0; i < 3000 && m_pid > 0; ++i) {
-      struct stat info;
       if (::stat(iorPath().c_str(), &info) == 0) {
         return true;
       }
-      int status = 0;
-      if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-      }
+      reap(WNOHANG);
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
@@ -109,23 +170,10 @@ class ServiceSandbox {
   int waitForExit(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (m_pid > 0 && std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
+      reap(WNOHANG);
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return -1;
-  }
-
-  // Runs vrkms with `args` under the sandbox's root and waits for it.
-  ProcessResult run(std::vector<std::string> args) const {
-    return ProcessRunner(VRKMS_BINARY)
-        .args(std::move(args))
-        .env("VREST_ROOT", m_root.path())
-        .timeout(std::chrono::seconds(60))
-        .run();
+    return m_pid > 0 ? -1 : m_exit;
   }
 
   // Runs "vrkms -terminate" and gives its exit status and that of the
@@ -139,43 +187,64 @@ class ServiceSandbox {
   void kill() {
     if (m_pid > 0) {
       ::kill(m_pid, SIGKILL);
-      ::waitpid(m_pid, nullptr, 0);
-      m_pid = -1;
+      reap(0);
     }
   }
 
-  // Runs vrkmsctl with `args` under the sandbox's root, so that it finds
-  // the service through the master configuration.
-  ProcessResult ctl(std::vector<std::string> args, const std::string& input = "") const {
-    return ProcessRunner(VRKMSCTL_BINARY)
-        .args(std::move(args))
-        .env("VREST_ROOT", m_root.path())
-        .stdinText(input)
-        .timeout(std::chrono::seconds(120))
-        .run();
+  // A file of the root, readable by its owner only, with `text` in it; its
+  // path.
+  std::string writePrivate(const std::string& name, const std::string& text) const {
+    const std::string path = m_root.file(name);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      static_cast<void>(::write(fd, text.data(), text.size()));
+      ::close(fd);
+    }
+    return path;
   }
 
-  // A file of the root with `text` in it; its path.
-  std::string writeFile(const std::string& name, const std::string& text) const {
-    std::ofstream(m_root.file(name), std::ios::trunc) << text;
-    return m_root.file(name);
-  }
-
-  std::string readFile(const std::string& name) const {
-    std::ifstream in(m_root.file(name));
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-
+  std::string path(const std::string& name) const { return m_root.file(name); }
+  std::string readFile(const std::string& name) const { return readPath(m_root.file(name)); }
   std::string debugLog() const { return readFile("logs/vrkms/vrkms_debug.log"); }
   std::string appLog() const { return readFile("logs/vrkms/vrkms_app.log"); }
+  // What the service wrote on standard error.
+  std::string stderrText() const { return readFile("stderr.txt"); }
   std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
   std::string pidPath() const { return m_root.file("var/vrkms/vrkms.pid"); }
   std::string reference() const {
     return "corbaloc::127.0.0.1:" + std::to_string(m_port) + "/KMS.KMSMgr";
   }
-  int port() const { return m_port; }
-  pid_t pid() const { return m_pid; }
   const TempRoot& root() const { return m_root; }
+  pid_t pid() const { return m_pid; }
+  int port() const { return m_port; }
+
+  static std::string readPath(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+
+  // Every path under `dir` (not `dir` itself), each directory before what
+  // it holds.
+  static std::vector<std::string> walk(const std::string& dir) {
+    std::vector<std::string> found;
+    DIR* stream = ::opendir(dir.c_str());
+    while (const dirent* entry = stream != nullptr ? ::readdir(stream) : nullptr) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") {
+        continue;
+      }
+      found.push_back(dir + "/" + name);
+      struct stat info;
+      if (::lstat(found.back().c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        const std::vector<std::string> below = walk(dir + "/" + name);
+        found.insert(found.end(), below.begin(), below.end());
+      }
+    }
+    if (stream != nullptr) {
+      ::closedir(stream);
+    }
+    return found;
+  }
 
   // A loopback port that nothing listens on at the moment.
   static int freePort() {
@@ -191,8 +260,33 @@ class ServiceSandbox {
   }
 
  private:
-  TempRoot m_root{"vrkms-ctl"};
+  static constexpr std::chrono::minutes kGateWait{5};
+
+  void reap(int options) {
+    int status = 0;
+    if (m_pid > 0 && ::waitpid(m_pid, &status, options) == m_pid) {
+      m_pid = -1;
+      m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+  }
+
+  ProcessRunner runner(const std::string& program, const std::vector<std::string>& args) const {
+    std::vector<std::string> all(m_prefix.begin() + (m_prefix.empty() ? 0 : 1), m_prefix.end());
+    if (!m_prefix.empty()) {
+      all.push_back(program);
+    }
+    all.insert(all.end(), args.begin(), args.end());
+    return ProcessRunner(m_prefix.empty() ? program : m_prefix.front())
+        .args(std::move(all))
+        .env("VREST_ROOT", m_root.path())
+        .timeout(std::chrono::seconds(120));
+  }
+
+  TempRoot m_root{"vrkms-sandbox"};
+  std::vector<std::string> m_prefix;
   int m_port;
   int m_debugLevel;
+  std::string m_kmsDir = m_root.file("kms");
   pid_t m_pid = -1;
+  int m_exit = -1;
 };

@@ -7,52 +7,30 @@
 // other such test (RESOURCE_LOCK vrkms_process).
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
 #include <KMS.h>
 
-#include "server/OrbTestSupport.h"
+#include "server/CtlOutput.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 
-namespace Fw = Ardentis::Vaultrest::TL::Framework;
-namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 
 namespace {
 
-// The value of the first member `name` of a JSON text: a string's content
-// or a number's (or literal's) text; "<absent>" when there is none.
-std::string field(const std::string& json, const std::string& name) {
-  const std::string key = "\"" + name + "\":";
-  size_t at = json.find(key);
-  if (at == std::string::npos) {
-    return "<absent>";
-  }
-  at += key.size();
-  if (json[at] == '"') {
-    return json.substr(at + 1, json.find('"', at + 1) - at - 1);
-  }
-  return json.substr(at, json.find_first_of(",}]", at) - at);
-}
-
-size_t count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++n;
-  }
-  return n;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
+using CtlOutput::contains;
+using CtlOutput::countOf;
+using CtlOutput::jsonField;
 
 class VrkmsCtl : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(m_service.makeStore());
-    ASSERT_TRUE(m_service.start()) << m_service.readFile("stderr.txt") << m_service.debugLog();
+    ASSERT_TRUE(m_service.start()) << m_service.stderrText() << m_service.debugLog();
   }
 
   // Runs a command that must succeed and gives its standard output.
@@ -79,70 +57,65 @@ class VrkmsCtl : public ::testing::Test {
 TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   const std::string g1 =
       json({"group", "create", "g1", "--cipher", "AES256", "--description", "first \"group\""});
-  EXPECT_EQ(field(g1, "name"), "g1");
-  EXPECT_EQ(field(g1, "cipherType"), "CT_AES256_CBC");
+  EXPECT_EQ(jsonField(g1, "name"), "g1");
+  EXPECT_EQ(jsonField(g1, "cipherType"), "CT_AES256_CBC");
   EXPECT_TRUE(contains(g1, R"("description":"first \"group\"")")) << g1;
-  EXPECT_EQ(field(g1, "rev"), "1");
-  EXPECT_EQ(field(g1, "numKeys"), "0");
-  EXPECT_EQ(field(g1, "hasActiveKey"), "false");
-  EXPECT_EQ(field(g1, "createTime"), field(g1, "updateTime"));
-  EXPECT_EQ(field(g1, "tag").size(), 64u);
+  EXPECT_EQ(jsonField(g1, "rev"), "1");
+  EXPECT_EQ(jsonField(g1, "numKeys"), "0");
+  EXPECT_EQ(jsonField(g1, "hasActiveKey"), "false");
+  EXPECT_EQ(jsonField(g1, "createTime"), jsonField(g1, "updateTime"));
+  // Seconds since 1970, from the wire's ticks since 1582.
+  EXPECT_LT(std::abs(std::stoll(jsonField(g1, "createTime")) - std::time(nullptr)), 300) << g1;
+  EXPECT_EQ(jsonField(g1, "tag").size(), 64u);
   json({"group", "create", "g2", "--cipher", "aes256"});
   json({"group", "create", "b1", "--cipher", "BLOWFISH"});
   refused({"group", "create", "g1", "--cipher", "AES128"}, 1232);
   const std::string groups = json({"group", "list"});
-  EXPECT_EQ(count(groups, "\"cipherType\":"), 3u) << groups;
+  EXPECT_EQ(countOf(groups, "\"cipherType\":"), 3u) << groups;
   EXPECT_TRUE(contains(groups, "\"cipherType\":\"CT_BLOW_CBC\""));
 
   // A second active key demotes the first, at the same moment.
   const std::string k1 = json({"key", "create", "g1", "k1", "--description", "one"});
-  EXPECT_EQ(field(k1, "state"), "KEY_ACTIVE");
-  EXPECT_EQ(field(k1, "keyGroup"), field(g1, "tag"));
-  EXPECT_EQ(field(k1, "kpkType"), "KPK_LOCAL");
-  EXPECT_EQ(field(k1, "key"), "<absent>");  // no key material from a change
+  EXPECT_EQ(jsonField(k1, "state"), "KEY_ACTIVE");
+  EXPECT_EQ(jsonField(k1, "keyGroup"), jsonField(g1, "tag"));
+  EXPECT_EQ(jsonField(k1, "kpkType"), "KPK_LOCAL");
+  EXPECT_EQ(jsonField(k1, "key"), "<absent>");  // no key material from a change
   const std::string k2 = json({"key", "create", "g1", "k2"});
   const std::string k1Demoted = json({"key", "show", "g1", "k1"});
-  EXPECT_EQ(field(k1Demoted, "state"), "KEY_INACTIVE");
-  EXPECT_EQ(field(k1Demoted, "rev"), "2");
-  EXPECT_EQ(field(k1Demoted, "updateTime"), field(k2, "createTime"));
-  EXPECT_EQ(field(json({"key", "active", "g1"}), "name"), "k2");
+  EXPECT_EQ(jsonField(k1Demoted, "state"), "KEY_INACTIVE");
+  EXPECT_EQ(jsonField(k1Demoted, "rev"), "2");
+  EXPECT_EQ(jsonField(k1Demoted, "updateTime"), jsonField(k2, "createTime"));
+  EXPECT_EQ(jsonField(json({"key", "active", "g1"}), "name"), "k2");
   const std::string g1Now = json({"group", "show", "g1"});
-  EXPECT_EQ(field(g1Now, "numKeys"), "2");
-  EXPECT_EQ(field(g1Now, "hasActiveKey"), "true");
+  EXPECT_EQ(jsonField(g1Now, "numKeys"), "2");
+  EXPECT_EQ(jsonField(g1Now, "hasActiveKey"), "true");
 
   // The optimistic lock: a record read before a change is stale after it.
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
-      CORBA::Object_var(testOrb()->string_to_object(m_service.reference().c_str())).in());
-  Facets::KMSQueryableFacet_var query =
-      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
-  Facets::KMSModifiableFacet_var modify =
-      Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
-  Facets::KeyRecord_var stale = query->getKeyRecordByName(field(g1, "tag").c_str(), "k1");
+  KmsClient client(m_service.reference());
+  Facets::KeyRecord_var stale =
+      client.query()->getKeyRecordByName(jsonField(g1, "tag").c_str(), "k1");
   const std::string renamed =
       json({"key", "update", "g1", "k1", "--new-name", "k1b", "--description", "changed"});
-  EXPECT_EQ(field(renamed, "name"), "k1b");
-  EXPECT_EQ(field(renamed, "rev"), "3");
-  EXPECT_EQ(field(renamed, "state"), "KEY_INACTIVE");
+  EXPECT_EQ(jsonField(renamed, "name"), "k1b");
+  EXPECT_EQ(jsonField(renamed, "rev"), "3");
+  EXPECT_EQ(jsonField(renamed, "state"), "KEY_INACTIVE");
   stale->description = "lost update";
-  try {
-    Facets::KeyRecord_var ignored = modify->updateKey(stale.in());
-    ADD_FAILURE() << "a stale record was accepted";
-  } catch (const Fw::ServiceException& e) {
-    EXPECT_EQ(Fw::ErrorCodeExceptionDetails::_downcast(e.details.in())->errorCode(), 1228);
-  }
-  EXPECT_EQ(field(json({"key", "show", "g1", "k1b"}), "description"), "changed");
+  EXPECT_EQ(ServiceClient::serviceError(
+                [&] { Facets::KeyRecord_var r = client.modify()->updateKey(stale.in()); }),
+            1228);
+  EXPECT_EQ(jsonField(json({"key", "show", "g1", "k1b"}), "description"), "changed");
 
   // Moves: not between cipher types; into a group with an active key, the
   // moving active key takes over and the group's own is demoted.
   refused({"key", "update", "g1", "k2", "--move-to", "b1"}, 1230);
   json({"key", "create", "g2", "k3"});
   const std::string moved = json({"key", "update", "g1", "k2", "--move-to", "g2"});
-  EXPECT_EQ(field(moved, "keyGroup"), field(json({"group", "show", "g2"}), "tag"));
-  EXPECT_EQ(field(moved, "state"), "KEY_ACTIVE");
-  EXPECT_EQ(field(json({"key", "show", "g2", "k3"}), "state"), "KEY_INACTIVE");
+  EXPECT_EQ(jsonField(moved, "keyGroup"), jsonField(json({"group", "show", "g2"}), "tag"));
+  EXPECT_EQ(jsonField(moved, "state"), "KEY_ACTIVE");
+  EXPECT_EQ(jsonField(json({"key", "show", "g2", "k3"}), "state"), "KEY_INACTIVE");
   const std::string listed = ok({"key", "list", "g2"});
   EXPECT_LT(listed.find("k2 "), listed.find("k3 ")) << listed;  // active key first
-  EXPECT_EQ(count(ok({"key", "list", "g1"}), "\n"), 2u);        // heading and k1b
+  EXPECT_EQ(countOf(ok({"key", "list", "g1"}), "\n"), 2u);      // heading and k1b
 
   // Deletion only from the ends of the state line.
   refused({"key", "delete", "g2", "k3"}, 1242);
@@ -159,19 +132,19 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   refused({"group", "update", "b1", "--new-name", "g2"}, 1232);
   const std::string b1 =
       json({"group", "update", "b1", "--new-name", "blowfish", "--description", "bf"});
-  EXPECT_EQ(field(b1, "name"), "blowfish");
-  EXPECT_EQ(field(b1, "rev"), "2");
+  EXPECT_EQ(jsonField(b1, "name"), "blowfish");
+  EXPECT_EQ(jsonField(b1, "rev"), "2");
   refused({"group", "update", "blowfish"}, 1241);
   refused({"group", "delete", "g1"}, 1222);
   ok({"group", "delete", "g1", "--force"});
   refused({"group", "show", "g1"}, 1229);
   refused({"key", "list", "g1"}, 1229);
   const std::string stats = json({"status"});
-  EXPECT_EQ(field(stats, "numKeyGroups"), "2");
-  EXPECT_EQ(field(stats, "numKeys"), "1");
-  EXPECT_EQ(field(stats, "quiesceCount"), "0");
-  EXPECT_EQ(field(stats, "hmkId"), "hmk-1");
-  EXPECT_EQ(field(stats, "kpkId"), "kpk-1");
+  EXPECT_EQ(jsonField(stats, "numKeyGroups"), "2");
+  EXPECT_EQ(jsonField(stats, "numKeys"), "1");
+  EXPECT_EQ(jsonField(stats, "quiesceCount"), "0");
+  EXPECT_EQ(jsonField(stats, "hmkId"), "hmk-1");
+  EXPECT_EQ(jsonField(stats, "kpkId"), "kpk-1");
   // Every request of the client carries its version.
   EXPECT_TRUE(contains(m_service.debugLog(),
                        "Found Peer Version Information in TSS,  Major 1 Minor 0 Patch 0"));
@@ -179,18 +152,18 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
 
 TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
   json({"group", "create", "g", "--cipher", "AES128"});
-  const std::string passphrase = m_service.writeFile("pass.txt", "key passphrase\n");
+  const std::string passphrase = m_service.writePrivate("pass.txt", "key passphrase\n");
 
   // A key made from a passphrase can be had only once it is usable.
   const std::string made =
       json({"key", "create", "g", "k", "--state", "prelive", "--passphrase-file", passphrase});
-  const std::string tag = field(made, "tag");
-  const std::string salt = field(made, "KEY_SALT");
+  const std::string tag = jsonField(made, "tag");
+  const std::string salt = jsonField(made, "KEY_SALT");
   ASSERT_EQ(tag.size(), 64u);
   ASSERT_NE(salt, "<absent>");
   refused({"key", "get", tag}, 1242);
   json({"key", "update", "g", "k", "--state", "active"});
-  const std::string key = field(json({"key", "get", tag}), "key");
+  const std::string key = jsonField(json({"key", "get", tag}), "key");
   EXPECT_EQ(key.size(), 32u);  // 16 bytes for AES128
   refused({"key", "get", "00" + tag.substr(2)}, 1260);
 
@@ -206,34 +179,34 @@ TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
       2);  // not hexadecimal: the client does not send it
   const std::string recovered = json(
       {"key", "recover", "g", "k", "--tag", tag, "--salt", salt, "--passphrase-file", passphrase});
-  EXPECT_EQ(field(recovered, "tag"), tag);
-  EXPECT_EQ(field(recovered, "state"), "KEY_INACTIVE");
-  EXPECT_EQ(field(json({"key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(recovered, "tag"), tag);
+  EXPECT_EQ(jsonField(recovered, "state"), "KEY_INACTIVE");
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
 
   // KAD: unique, then shared with a key whose tag begins the same way.
   const std::string kadHex = tag.substr(0, 24);
   const std::string unique = json({"kad", "get", tag, "12"});
-  EXPECT_EQ(field(unique, "result"), "1");
-  EXPECT_EQ(field(unique, "unique"), "true");
-  EXPECT_EQ(field(unique, "kad"), kadHex);
-  EXPECT_EQ(field(unique, "key"), key);
+  EXPECT_EQ(jsonField(unique, "result"), "1");
+  EXPECT_EQ(jsonField(unique, "unique"), "true");
+  EXPECT_EQ(jsonField(unique, "kad"), kadHex);
+  EXPECT_EQ(jsonField(unique, "key"), key);
   const std::string twinTag = kadHex + std::string(40, '7');
   json({"key", "recover", "g", "twin", "--tag", twinTag, "--passphrase-file", passphrase});
   const std::string shared = json({"kad", "get", tag, "12"});
-  EXPECT_EQ(field(shared, "result"), "2");
-  EXPECT_EQ(field(shared, "unique"), "false");
-  EXPECT_EQ(field(json({"kad", "get", tag, "32"}), "result"), "1");
+  EXPECT_EQ(jsonField(shared, "result"), "2");
+  EXPECT_EQ(jsonField(shared, "unique"), "false");
+  EXPECT_EQ(jsonField(json({"kad", "get", tag, "32"}), "result"), "1");
 
   const std::string both = json({"kad", "find", kadHex});
-  EXPECT_EQ(field(both, "result"), "3");
-  EXPECT_EQ(count(both, "\"key\":"), 2u) << both;
+  EXPECT_EQ(jsonField(both, "result"), "3");
+  EXPECT_EQ(countOf(both, "\"key\":"), 2u) << both;
   EXPECT_TRUE(contains(both, "\"key\":\"" + key + "\"")) << both;
   // A key that cannot be used is left out, and the answer says so.
   json({"key", "update", "g", "twin", "--state", "deprecated"});
   const std::string one = json({"kad", "find", kadHex});
-  EXPECT_EQ(field(one, "result"), "4");
-  EXPECT_EQ(field(one, "complete"), "false");
-  EXPECT_EQ(count(one, "\"tag\":"), 1u) << one;
+  EXPECT_EQ(jsonField(one, "result"), "4");
+  EXPECT_EQ(jsonField(one, "complete"), "false");
+  EXPECT_EQ(countOf(one, "\"tag\":"), 1u) << one;
   EXPECT_TRUE(contains(ok({"kad", "find", kadHex}), "(keys that cannot be used were left out)"));
 
   refused({"kad", "get", tag, "11"}, 1220);
@@ -244,24 +217,24 @@ TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
 
 TEST_F(VrkmsCtl, QuiesceRefusesChangesAndStillServesReads) {
   json({"group", "create", "g", "--cipher", "AES192"});
-  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
+  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
 
-  EXPECT_EQ(field(json({"quiesce"}), "quiesceCount"), "1");
+  EXPECT_EQ(jsonField(json({"quiesce"}), "quiesceCount"), "1");
   EXPECT_EQ(ok({"quiesce"}), "quiesced:    2\n");
-  EXPECT_EQ(field(json({"status"}), "quiesceCount"), "2");
+  EXPECT_EQ(jsonField(json({"status"}), "quiesceCount"), "2");
   refused({"group", "create", "h", "--cipher", "AES128"}, 1279);
   refused({"key", "create", "g", "k2"}, 1279);
   refused({"key", "update", "g", "k", "--description", "x"}, 1279);
   refused({"group", "delete", "g", "--force"}, 1279);
   refused({"rotate-hmk", "--id", "hmk-2"}, 1279);
   // Reads go on.
-  EXPECT_EQ(field(json({"key", "get", tag}), "key").size(), 48u);
-  EXPECT_EQ(field(json({"group", "show", "g"}), "numKeys"), "1");
-  EXPECT_EQ(field(json({"kad", "get", tag, "16"}), "result"), "1");
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key").size(), 48u);
+  EXPECT_EQ(jsonField(json({"group", "show", "g"}), "numKeys"), "1");
+  EXPECT_EQ(jsonField(json({"kad", "get", tag, "16"}), "result"), "1");
 
-  EXPECT_EQ(field(json({"unquiesce"}), "quiesceCount"), "1");
+  EXPECT_EQ(jsonField(json({"unquiesce"}), "quiesceCount"), "1");
   refused({"group", "create", "h", "--cipher", "AES128"}, 1279);
-  EXPECT_EQ(field(json({"unquiesce", "--force"}), "quiesceCount"), "0");
+  EXPECT_EQ(jsonField(json({"unquiesce", "--force"}), "quiesceCount"), "0");
   refused({"unquiesce"}, 1280);
   const ProcessResult asJson = m_service.ctl({"--json", "unquiesce", "--force"});
   EXPECT_EQ(asJson.exitStatus, 1);
@@ -271,14 +244,14 @@ TEST_F(VrkmsCtl, QuiesceRefusesChangesAndStillServesReads) {
 
 TEST_F(VrkmsCtl, TerminateEndsTheServiceAndARestartServesTheSameData) {
   json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
-  const std::string key = field(json({"key", "get", tag}), "key");
-  const std::string passphrase = m_service.writeFile("hmk.txt", "new hmk passphrase");
+  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string key = jsonField(json({"key", "get", tag}), "key");
+  const std::string passphrase = m_service.writePrivate("hmk.txt", "new hmk passphrase");
   EXPECT_EQ(ok({"rotate-hmk", "--id", "hmk-2", "--passphrase-file", passphrase}),
             "HMK changed; its id is hmk-2\n");
   // No file and no terminal: a random key.
   EXPECT_EQ(ok({"--json", "rotate-kpk", "--id", "kpk-2"}), "{\"ok\":true}\n");
-  EXPECT_EQ(field(json({"key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
   const std::string groups = json({"group", "list"});
 
   const std::pair<int, int> stopped = m_service.terminate();
@@ -292,13 +265,13 @@ TEST_F(VrkmsCtl, TerminateEndsTheServiceAndARestartServesTheSameData) {
 
   ASSERT_TRUE(m_service.start()) << m_service.readFile("stderr.txt");
   const std::string stats = json({"status"});
-  EXPECT_EQ(field(stats, "hmkId"), "hmk-2");
-  EXPECT_EQ(field(stats, "kpkId"), "kpk-2");
-  EXPECT_EQ(field(stats, "numKeys"), "1");
+  EXPECT_EQ(jsonField(stats, "hmkId"), "hmk-2");
+  EXPECT_EQ(jsonField(stats, "kpkId"), "kpk-2");
+  EXPECT_EQ(jsonField(stats, "numKeys"), "1");
   EXPECT_EQ(json({"group", "list"}), groups);
-  EXPECT_EQ(field(json({"key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
   // The endpoint given on the command line works the same.
-  EXPECT_EQ(field(json({"--endpoint", m_service.reference(), "key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(json({"--endpoint", m_service.reference(), "key", "get", tag}), "key"), key);
 }
 
 }  // namespace

@@ -5,12 +5,9 @@
 // The store lives on a 1 MiB tmpfs. As root the tmpfs is mounted on a
 // temporary directory and unmounted afterwards; otherwise it is mounted in a
 // user and mount namespace of its own, into which vrkms and vrkmsctl are
-// run. Where neither can be had, the same story is told one level down: the
-// service's servants over a store whose writes fail with ENOSPC through the
-// file-operation seam.
-//
-// VRKMS_TEST_SMALL_FS=mount|namespace|seam picks one way instead of the
-// first that works.
+// run. Where neither can be had, the service's servants run over a store
+// whose writes fail with ENOSPC through the file-operation seam.
+// VRKMS_TEST_SMALL_FS=mount|namespace|seam picks one way.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -20,9 +17,7 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,7 +29,9 @@
 #include "kms/server/keystore/FileFaults.h"
 #include "kms/server/keystore/FileKeyStore.h"
 #include "kms/server/keystore/KMSFileLocator.h"
-#include "server/GatedVrkms.h"
+#include "server/CtlOutput.h"
+#include "server/ServiceClient.h"
+#include "server/ServiceSandbox.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
@@ -43,6 +40,7 @@ namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 using Ardentis::Vaultrest::DL::KMS::KMSModifiableFacetImpl;
 using Ardentis::Vaultrest::DL::KMS::KMSQueryableFacetImpl;
 namespace Store = Vaultrest::DL::KMS;
+using ServiceClient::serviceError;
 
 namespace {
 
@@ -110,7 +108,7 @@ class SmallFilesystem {
             .spawn());
     const std::string mountinfo = "/proc/" + std::to_string(m_holder->pid()) + "/mountinfo";
     for (int i = 0; i < 250; ++i) {
-      if (GatedVrkms::readPath(mountinfo).find(" " + m_dir + " ") != std::string::npos) {
+      if (ServiceSandbox::readPath(mountinfo).find(" " + m_dir + " ") != std::string::npos) {
         return true;
       }
       if (::waitpid(m_holder->pid(), nullptr, WNOHANG) == m_holder->pid()) {
@@ -145,39 +143,15 @@ void fill(const std::string& path) {
 // Names and contents of the files under `dir`.
 std::map<std::string, std::string> contentsOf(const std::string& dir) {
   std::map<std::string, std::string> contents;
-  for (const std::string& path : GatedVrkms::walk(dir)) {
+  for (const std::string& path : ServiceSandbox::walk(dir)) {
     struct stat info;
     const bool file = ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-    contents[path.substr(dir.size())] = file ? GatedVrkms::readPath(path) : "<not a file>";
+    contents[path.substr(dir.size())] = file ? ServiceSandbox::readPath(path) : "<not a file>";
   }
   return contents;
 }
 
-// The value of the first member `name` of a JSON text, strings and numbers
-// alike; "<absent>" when there is none.
-std::string field(const std::string& json, const std::string& name) {
-  const std::string key = "\"" + name + "\":";
-  size_t at = json.find(key);
-  if (at == std::string::npos) {
-    return "<absent>";
-  }
-  at += key.size();
-  if (json[at] == '"') {
-    return json.substr(at + 1, json.find('"', at + 1) - at - 1);
-  }
-  return json.substr(at, json.find_first_of(",}]", at) - at);
-}
-
-int serviceError(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return details != nullptr ? details->errorCode() : -1;
-  }
-  return 0;
-}
+using CtlOutput::jsonField;
 
 std::string bytesOf(const Fw::octetSeq& octets) {
   return std::string(reinterpret_cast<const char*>(octets.get_buffer()), octets.length());
@@ -230,15 +204,14 @@ TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpace
   SmallFilesystem fs;
   static const char* const kWays[] = {"none: servants over the file-operation seam",
                                       "tmpfs mounted as root", "tmpfs in a user namespace"};
-  std::printf("small filesystem: %s\n", kWays[fs.kind()]);
   RecordProperty("small_filesystem", kWays[fs.kind()]);
   if (fs.kind() == SmallFilesystem::kNone) {
     fullDiskAtTheFileSeam();
     return;
   }
-  GatedVrkms service(fs.prefix());
+  ServiceSandbox service(9, fs.prefix());
   const std::string kmsDir = fs.dir() + "/kms";
-  service.writeConf(kmsDir);
+  service.setKmsDir(kmsDir, "");
   const ProcessResult created =
       service.admin({"-createemptydb", "-hmkpass", "hmk passphrase", "-hmkid", "hmk-1", "-kpkpass",
                      "kpk passphrase", "-kpkid", "kpk-1"});
@@ -257,8 +230,8 @@ TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpace
     EXPECT_EQ(r.err.rfind("error " + std::to_string(code) + ": ", 0), 0u) << r.err;
   };
   json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = field(json({"key", "create", "g", "k1"}), "tag");
-  const std::string key = field(json({"key", "get", tag}), "key");
+  const std::string tag = jsonField(json({"key", "create", "g", "k1"}), "tag");
+  const std::string key = jsonField(json({"key", "get", tag}), "key");
   ASSERT_EQ(key.size(), 64u);
   const std::string groups = json({"group", "list"});
   const std::string keys = json({"key", "list", "g"});
@@ -277,27 +250,27 @@ TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpace
   EXPECT_TRUE(service.debugLog().find("Status=1276") != std::string::npos);
 
   // Reads go on, and they see the store as it was.
-  EXPECT_EQ(field(json({"key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
   EXPECT_EQ(json({"group", "list"}), groups);
   EXPECT_EQ(json({"key", "list", "g"}), keys);
   EXPECT_EQ(json({"status"}), stats);
-  EXPECT_EQ(field(json({"kad", "get", tag, "16"}), "key"), key);
+  EXPECT_EQ(jsonField(json({"kad", "get", tag, "16"}), "key"), key);
   EXPECT_TRUE(contentsOf(fs.here(kmsDir)) == files) << "the store files changed";
 
   // Space again: changes are taken, and they last.
   ASSERT_EQ(::unlink(fs.here(fs.dir() + "/filler").c_str()), 0);
-  const std::string tag2 = field(json({"key", "create", "g", "k2"}), "tag");
-  const std::string key2 = field(json({"key", "get", tag2}), "key");
-  EXPECT_EQ(field(json({"key", "update", "g", "k1", "--description", "changed"}), "rev"), "3");
+  const std::string tag2 = jsonField(json({"key", "create", "g", "k2"}), "tag");
+  const std::string key2 = jsonField(json({"key", "get", tag2}), "key");
+  EXPECT_EQ(jsonField(json({"key", "update", "g", "k1", "--description", "changed"}), "rev"), "3");
   EXPECT_EQ(json({"rotate-hmk", "--id", "hmk-2"}), "{\"ok\":true}\n");
   EXPECT_EQ(service.terminate(), std::make_pair(0, 0)) << service.debugLog();
   ASSERT_TRUE(service.start()) << service.stderrText() << service.debugLog();
-  EXPECT_EQ(field(json({"key", "get", tag2}), "key"), key2);
-  EXPECT_EQ(field(json({"key", "get", tag}), "key"), key);
-  EXPECT_EQ(field(json({"key", "show", "g", "k1"}), "description"), "changed");
+  EXPECT_EQ(jsonField(json({"key", "get", tag2}), "key"), key2);
+  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
+  EXPECT_EQ(jsonField(json({"key", "show", "g", "k1"}), "description"), "changed");
   const std::string after = json({"status"});
-  EXPECT_EQ(field(after, "numKeys"), "2");
-  EXPECT_EQ(field(after, "hmkId"), "hmk-2");
+  EXPECT_EQ(jsonField(after, "numKeys"), "2");
+  EXPECT_EQ(jsonField(after, "hmkId"), "hmk-2");
   EXPECT_EQ(service.terminate(), std::make_pair(0, 0)) << service.debugLog();
 }
 

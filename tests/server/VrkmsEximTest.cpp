@@ -6,7 +6,6 @@
 //
 // These tests run a process named vrkms; CTest keeps them apart from every
 // other such test (RESOURCE_LOCK vrkms_process).
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -27,34 +26,15 @@ using CtlOutput::contains;
 using CtlOutput::countOf;
 using CtlOutput::jsonField;
 
-std::string readAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Every file below a directory by its relative path, with its bytes.
-std::map<std::string, std::string> snapshot(const std::string& dir,
-                                            const std::string& prefix = "") {
+std::map<std::string, std::string> snapshot(const std::string& dir) {
   std::map<std::string, std::string> files;
-  DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) {
-    return files;
-  }
-  while (dirent* entry = ::readdir(d)) {
-    const std::string name = entry->d_name;
+  for (const std::string& path : ServiceSandbox::walk(dir)) {
     struct stat info;
-    if (name == "." || name == ".." || ::lstat((dir + "/" + name).c_str(), &info) != 0) {
-      continue;
-    }
-    if (S_ISDIR(info.st_mode)) {
-      const std::map<std::string, std::string> below =
-          snapshot(dir + "/" + name, prefix + name + "/");
-      files.insert(below.begin(), below.end());
-    } else {
-      files[prefix + name] = readAll(dir + "/" + name);
+    if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+      files[path.substr(dir.size() + 1)] = ServiceSandbox::readPath(path);
     }
   }
-  ::closedir(d);
   return files;
 }
 
@@ -131,7 +111,7 @@ class VrkmsExim : public ::testing::Test {
 
     ServiceSandbox service;
     ASSERT_TRUE(service.makeStore());
-    ASSERT_TRUE(service.start()) << service.readFile("stderr.txt") << service.debugLog();
+    ASSERT_TRUE(service.start()) << service.stderrText() << service.debugLog();
     const auto run = [&](std::vector<std::string> args) {
       args.insert(args.begin(), "--json");
       const ProcessResult r = service.ctl(args);
@@ -189,7 +169,7 @@ class VrkmsExim : public ::testing::Test {
   // A second service, on a root of its own, with a store of its own.
   void startTarget() {
     ASSERT_TRUE(m_target.makeStore());
-    ASSERT_TRUE(m_target.start()) << m_target.readFile("stderr.txt") << m_target.debugLog();
+    ASSERT_TRUE(m_target.start()) << m_target.stderrText() << m_target.debugLog();
   }
 
   ProcessResult importFile(const std::string& file, std::vector<std::string> options,

@@ -20,11 +20,9 @@
 #include "fuzz/giop/GiopBaseline.h"
 #include "fuzz/giop/GiopConnection.h"
 #include "fuzz/giop/GiopFuzzInput.h"
-#include "server/OrbTestSupport.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
-#include "support/ProcessRunner.h"
 
-namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 using namespace std::chrono_literals;
 
@@ -58,28 +56,15 @@ void replayCorpus() {
   const std::vector<CorpusFile> files = corpus();
   ASSERT_GT(files.size(), 50u);
 
-  // A store with random master keys, made by vrkms itself: the service
-  // starts without stretching a passphrase.
-  ServiceSandbox sandbox;
-  const ProcessResult made = ProcessRunner(VRKMS_BINARY)
-                                 .args({"-createemptydb", "-hmkid", "hmk-1", "-randomhmk", "-kpkid",
-                                        "kpk-1", "-randomkpk", "-overwrite"})
-                                 .env("VREST_ROOT", sandbox.root().path())
-                                 .timeout(std::chrono::seconds(60))
-                                 .run();
-  ASSERT_TRUE(made.exited && made.exitStatus == 0) << made.out << made.err;
-  ASSERT_TRUE(sandbox.start()) << sandbox.readFile("stderr.txt") << sandbox.debugLog();
+  ServiceSandbox sandbox(4);
+  ASSERT_TRUE(sandbox.makeStore());
+  ASSERT_TRUE(sandbox.start()) << sandbox.stderrText() << sandbox.debugLog();
   const uint16_t port = static_cast<uint16_t>(sandbox.port());
 
-  CORBA::Object_var object = testOrb()->string_to_object(sandbox.reference().c_str());
-  Remote::KMSMgr_var manager = Remote::KMSMgr::_narrow(object.in());
-  Remote::ControlFacet_var control = manager->getControlFacet();
-  Remote::ModifiableFacet_var modify = manager->getModifiableFacet();
-  Remote::QueryableFacet_var query = manager->getQueryableFacet();
-  Facets::KMSControlFacet_var controlV1 = Facets::KMSControlFacet::_narrow(control.in());
-  Facets::KMSModifiableFacet_var modifyV1 = Facets::KMSModifiableFacet::_narrow(modify.in());
-  Facets::KMSQueryableFacet_var queryV1 = Facets::KMSQueryableFacet::_narrow(query.in());
-  giopfuzz::Baseline baseline(controlV1.in(), modifyV1.in(), queryV1.in());
+  KmsClient client(sandbox.reference());
+  Facets::KMSControlFacet_ptr controlV1 = client.control();
+  Facets::KMSQueryableFacet_ptr queryV1 = client.query();
+  giopfuzz::Baseline baseline(controlV1, client.modify(), queryV1);
   baseline.reset();
 
   giopfuzz::ObjectKeys keys;

@@ -30,7 +30,8 @@
 
 #include <KMS.h>
 
-#include "server/OrbTestSupport.h"
+#include "server/CtlOutput.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "server/VrkmsKillModel.h"
 #include "server/VrkmsKiller.h"
@@ -52,34 +53,7 @@ long envNumber(const char* name, long fallback) {
   return text != nullptr && *text != '\0' ? std::strtol(text, nullptr, 10) : fallback;
 }
 
-int codeOf(const Fw::ServiceException& e) {
-  const Fw::ErrorCodeExceptionDetails* details =
-      Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-  return details != nullptr ? details->errorCode() : -1;
-}
-
-size_t count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++n;
-  }
-  return n;
-}
-
-// The facets of one service, fetched through its corbaloc reference.
-struct Connection {
-  Facets::KMSQueryableFacet_var query;
-  Facets::KMSModifiableFacet_var modify;
-
-  explicit Connection(const std::string& reference) {
-    CORBA::Object_var object = testOrb()->string_to_object(reference.c_str());
-    Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(object.in());
-    Remote::QueryableFacet_var q = mgr->getQueryableFacet();
-    Remote::ModifiableFacet_var m = mgr->getModifiableFacet();
-    query = Facets::KMSQueryableFacet::_narrow(q.in());
-    modify = Facets::KMSModifiableFacet::_narrow(m.in());
-  }
-};
+using ServiceClient::errorCode;
 
 // Everything the service holds, as the model sees it.
 KillModel::Store readStore(Facets::KMSQueryableFacet_ptr query) {
@@ -107,60 +81,6 @@ KillModel::Store readStore(Facets::KMSQueryableFacet_ptr query) {
   }
   return store;
 }
-
-// "vrkms -console" on the sandbox's root, a child of this process. Reaping
-// it is left to the caller, who must first hear the killer's report.
-class Daemon {
- public:
-  explicit Daemon(const ServiceSandbox& sandbox) : m_sandbox(sandbox) {}
-  ~Daemon() { stop(); }
-  Daemon(const Daemon&) = delete;
-  Daemon& operator=(const Daemon&) = delete;
-
-  // Starts it; its standard error goes on at the end of "stderr.txt".
-  pid_t spawn() {
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::setenv("VREST_ROOT", m_sandbox.root().path().c_str(), 1);
-      const int err =
-          ::open(m_sandbox.root().file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-      ::dup2(err, 2);
-      char* argv[] = {const_cast<char*>(VRKMS_BINARY), const_cast<char*>("-console"), nullptr};
-      ::execv(VRKMS_BINARY, argv);
-      ::_exit(127);
-    }
-    return m_pid;
-  }
-
-  pid_t pid() const { return m_pid; }
-
-  // Whether it has ended; it stays unreaped.
-  bool ended() const {
-    siginfo_t info{};
-    return m_pid > 0 &&
-           ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == m_pid;
-  }
-
-  // Waits for its end; the exit status, or 128 and the signal.
-  int reap() {
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
-  void stop() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      reap();
-    }
-  }
-
- private:
-  const ServiceSandbox& m_sandbox;
-  pid_t m_pid = -1;
-};
 
 struct Counts {
   long kills = 0;
@@ -277,51 +197,51 @@ class Driver {
 
   // Sends `change` to the service; `reply` gets the facts of its answer.
   // `failure` tells a refusal or, for a lost reply, the system exception.
-  Outcome send(Connection& service, const KillModel::Store& store, const Change& change,
+  Outcome send(KmsClient& service, const KillModel::Store& store, const Change& change,
                KillModel::Reply* reply, std::string* failure) {
     bool sent = false;
     try {
       switch (change.kind) {
         case Change::AddGroup: {
-          Facets::KeyGroupRecord_var record = service.modify->getNewKeyGroup();
+          Facets::KeyGroupRecord_var record = service.modify()->getNewKeyGroup();
           record->name = change.group.c_str();
           record->type = change.type;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyGroupRecord_var made = service.modify->createKeyGroup(record.in());
+          Facets::KeyGroupRecord_var made = service.modify()->createKeyGroup(record.in());
           *reply = {made->tag.in(), made->createTime, made->updateTime};
           break;
         }
         case Change::UpdateGroup: {
           Facets::KeyGroupRecord_var record =
-              service.query->getKeyGroupRecord(store.at(change.group).tag.c_str());
+              service.query()->getKeyGroupRecord(store.at(change.group).tag.c_str());
           record->name = change.newName.c_str();
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyGroupRecord_var updated = service.modify->updateKeyGroup(record.in());
+          Facets::KeyGroupRecord_var updated = service.modify()->updateKeyGroup(record.in());
           *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
           break;
         }
         case Change::DeleteGroup:
           sent = true;
-          service.modify->deleteKeyGroup(store.at(change.group).tag.c_str(), change.force);
+          service.modify()->deleteKeyGroup(store.at(change.group).tag.c_str(), change.force);
           break;
         case Change::AddKey: {
-          Facets::KeyRecord_var record = service.modify->getNewKey();
+          Facets::KeyRecord_var record = service.modify()->getNewKey();
           record->name = change.key.c_str();
           record->keyGroup = store.at(change.group).tag.c_str();
           record->state = change.state;
           record->kpkType = 1;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyRecord_var made = service.modify->createKey("", record.in());
+          Facets::KeyRecord_var made = service.modify()->createKey("", record.in());
           *reply = {made->tag.in(), made->createTime, made->updateTime};
           break;
         }
         case Change::UpdateKey: {
           const KillModel::KeyFacts& facts = store.at(change.group).keys.at(change.key);
           // Read-modify-write, as a client must; what it reads is checked too.
-          Facets::KeyRecord_var record = service.query->getKeyRecord(facts.tag.c_str());
+          Facets::KeyRecord_var record = service.query()->getKeyRecord(facts.tag.c_str());
           if (record->rev != facts.rev || record->state != facts.state ||
               facts.description != record->description.in()) {
             *failure = "the service reads " + change.group + "/" + change.key + " at rev " +
@@ -334,18 +254,18 @@ class Driver {
           record->state = change.state;
           record->description = change.description.c_str();
           sent = true;
-          Facets::KeyRecord_var updated = service.modify->updateKey(record.in());
+          Facets::KeyRecord_var updated = service.modify()->updateKey(record.in());
           *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
           break;
         }
         case Change::DeleteKey:
           sent = true;
-          service.modify->deleteKey(store.at(change.group).keys.at(change.key).tag.c_str());
+          service.modify()->deleteKey(store.at(change.group).keys.at(change.key).tag.c_str());
           break;
       }
       return Outcome::Acknowledged;
     } catch (const Fw::ServiceException& e) {
-      *failure = "ServiceException " + std::to_string(codeOf(e));
+      *failure = "ServiceException " + std::to_string(errorCode(e));
       return Outcome::Refused;
     } catch (const CORBA::SystemException& e) {
       *failure = e._name();
@@ -385,7 +305,6 @@ class KillRun {
  public:
   KillRun(ServiceSandbox& sandbox, uint64_t seed, long kills)
       : m_sandbox(sandbox),
-        m_daemon(sandbox),
         m_killer(seed),
         m_driver(seed ^ 0x9e3779b97f4a7c15ull),
         m_random(seed + 1),
@@ -402,14 +321,14 @@ class KillRun {
         continue;
       }
       if (!m_killer.armed()) {
-        ASSERT_TRUE(m_killer.arm(m_daemon.pid(), kChangeWindow));
+        ASSERT_TRUE(m_killer.arm(m_sandbox.pid(), kChangeWindow));
       }
       ASSERT_NO_FATAL_FAILURE(driveUntilKilled());
     }
     // The last kill is recovered from too, and the service stops in order.
     ASSERT_EQ(startAndVerify(false), Start::Serving);
-    ASSERT_EQ(::kill(m_daemon.pid(), SIGTERM), 0);
-    EXPECT_EQ(m_daemon.reap(), 0) << tail();
+    ASSERT_EQ(::kill(m_sandbox.pid(), SIGTERM), 0);
+    EXPECT_EQ(reap(), 0) << tail();
   }
 
   const Counts& counts() const { return m_counts; }
@@ -431,29 +350,29 @@ class KillRun {
           std::strtol(m_sandbox.readFile("var/vrkms/vrkms.pid").c_str(), nullptr, 10);
       const bool stale = stalePid > 0 && ::kill(static_cast<pid_t>(stalePid), 0) != 0;
       const Clock::time_point began = Clock::now();
-      const pid_t pid = m_daemon.spawn();
+      m_sandbox.launch({"-console"});
+      const pid_t pid = m_sandbox.pid();
       ++m_counts.starts;
       if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
         const auto window = std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2);
         EXPECT_TRUE(m_killer.arm(pid, window));
       }
-      std::unique_ptr<Connection> service;
+      std::unique_ptr<KmsClient> service;
       KillModel::Store actual;
       bool read = false;
-      while (!read && !m_daemon.ended()) {
+      while (!read && !m_sandbox.ended()) {
         try {
           if (!service) {
-            service = std::make_unique<Connection>(m_sandbox.reference());
+            service = std::make_unique<KmsClient>(m_sandbox.reference());
           }
-          actual = readStore(service->query.in());
+          actual = readStore(service->query());
           read = true;
         } catch (const Fw::ServiceException& e) {
-          ADD_FAILURE() << "reading the store after a restart: ServiceException " << codeOf(e)
+          ADD_FAILURE() << "reading the store after a restart: ServiceException " << errorCode(e)
                         << tail();
           return Start::Failed;
         } catch (const CORBA::SystemException&) {
-          service.reset();
-          std::this_thread::sleep_for(5ms);
+          std::this_thread::sleep_for(5ms);  // the client fetches what failed again
         }
         if (Clock::now() > deadline) {
           ADD_FAILURE() << "the service did not serve within 300 s" << tail();
@@ -468,7 +387,7 @@ class KillRun {
             ADD_FAILURE() << "the killer did not report";
             return Start::Failed;
           }
-          const int status = m_daemon.reap();
+          const int status = reap();
           if (status == 128 + SIGKILL) {
             ++m_counts.kills;
             ++m_counts.killsWhileStarting;
@@ -479,7 +398,7 @@ class KillRun {
             return Start::Failed;
           }
         } else {
-          const int status = m_daemon.reap();
+          const int status = reap();
           if (status != 0) {
             ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
             return Start::Failed;
@@ -559,14 +478,18 @@ class KillRun {
       Killer::Report report;
       ASSERT_TRUE(m_killer.awaitReport(30s, &report))
           << change.text() << ": " << failure << ", yet the service was not killed" << tail();
-      EXPECT_EQ(report.pid, m_daemon.pid());
+      EXPECT_EQ(report.pid, m_sandbox.pid());
       EXPECT_EQ(report.killResult, 0);
-      EXPECT_EQ(m_daemon.reap(), 128 + SIGKILL) << tail();
+      EXPECT_EQ(reap(), 128 + SIGKILL) << tail();
       m_connection.reset();
       ++m_counts.kills;
       return;
     }
   }
+
+  // Waits for the service's end, which the killer may have caused: its
+  // exit status, or 128 and the signal.
+  int reap() { return m_sandbox.waitForExit(std::chrono::hours(1)); }
 
   // The end of what the service wrote, for a failure message.
   std::string tail() const {
@@ -576,13 +499,12 @@ class KillRun {
   }
 
   ServiceSandbox& m_sandbox;
-  Daemon m_daemon;
-  Killer m_killer;  // declared after the daemon: gone before it is reaped
+  Killer m_killer;  // gone before the sandbox reaps what it killed
   Driver m_driver;
   std::mt19937_64 m_random;
   const long m_target;
   Counts m_counts;
-  std::unique_ptr<Connection> m_connection;
+  std::unique_ptr<KmsClient> m_connection;
   KillModel::Store m_expected;
   std::optional<KillModel::Store> m_inDoubt;
   std::string m_lastChange;
@@ -609,8 +531,9 @@ TEST(VrkmsKill, EveryAcknowledgedChangeSurvivesSigkillOfTheServiceAtRandomMoment
             << " over the pid file of a killed one, " << c.startsRefusedByGate
             << " refused while another vrkms ran), " << c.acknowledged << " changes acknowledged, "
             << c.inDoubt << " in doubt (" << c.inDoubtApplied << " of them applied), " << c.notBegun
-            << " not begun; recoveries in the log: " << count(app, "286-55 ") << " rolled back, "
-            << count(app, "286-56 ") << " completed forward" << std::endl;
+            << " not begun; recoveries in the log: " << CtlOutput::countOf(app, "286-55 ")
+            << " rolled back, " << CtlOutput::countOf(app, "286-56 ") << " completed forward"
+            << std::endl;
   EXPECT_GE(c.kills, kills);
   EXPECT_GT(c.acknowledged, 0);
   if (::testing::Test::HasFailure()) {

@@ -23,7 +23,7 @@
 
 #include <KMS.h>
 
-#include "server/OrbTestSupport.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
@@ -37,18 +37,13 @@ constexpr long kActive = 1;
 constexpr long kInactive = 2;
 constexpr long kPrelive = 4;
 
-struct Facet {
-  Facets::KMSQueryableFacet_var query;
-  Facets::KMSModifiableFacet_var modify;
+using ServiceClient::errorCode;
 
-  explicit Facet(const std::string& reference) {
-    CORBA::Object_var object = testOrb()->string_to_object(reference.c_str());
-    Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(object.in());
-    Remote::QueryableFacet_var q = mgr->getQueryableFacet();
-    Remote::ModifiableFacet_var m = mgr->getModifiableFacet();
-    query = Facets::KMSQueryableFacet::_narrow(q.in());
-    modify = Facets::KMSModifiableFacet::_narrow(m.in());
-  }
+// The facets of one client, fetched before the threads share them.
+struct Facet {
+  Facets::KMSQueryableFacet_ptr query;
+  Facets::KMSModifiableFacet_ptr modify;
+  explicit Facet(KmsClient& client) : query(client.query()), modify(client.modify()) {}
 };
 
 // What one thread knows of its own group: name to (state, description).
@@ -58,59 +53,30 @@ struct KeyModel {
 };
 typedef std::map<std::string, KeyModel> GroupModel;
 
-int codeOf(const Fw::ServiceException& e) {
-  const Fw::ErrorCodeExceptionDetails* details =
-      Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-  return details != nullptr ? details->errorCode() : -1;
-}
-
-class Failures {
- public:
-  void add(const std::string& what) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_texts.size() < 10) {
-      m_texts.push_back(what);
-    }
-    ++m_count;
-  }
-  int count() const { return m_count; }
-  std::string text() const {
-    std::string all;
-    for (const std::string& t : m_texts) {
-      all += t + "\n";
-    }
-    return all;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_texts;
-  std::atomic<int> m_count{0};
-};
-
-// Operations (of one to three calls each) that ended without an error, and
-// of those the acknowledged changes.
-struct Tally {
+// What the threads share: the failures seen, the operations (of one to
+// three calls each) that ended without an error and of those the
+// acknowledged changes, and the acknowledged updates of the shared key.
+struct Shared {
+  std::mutex mutex;
+  std::vector<std::string> failures;
   std::atomic<long> operations{0};
   std::atomic<long> changes{0};
-};
-Tally g_tally;
-
-struct SharedKeyResult {
-  std::mutex mutex;
   long successes = 0;
   long topRev = 0;
   std::string topDescription;
+
+  void fail(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    failures.push_back(what);
+  }
 };
 
 class LoadThread {
  public:
-  LoadThread(int index, const std::string& reference, const std::string& sharedTag,
-             Failures& failures, SharedKeyResult& shared)
+  LoadThread(int index, const Facet& facet, const std::string& sharedTag, Shared& shared)
       : m_index(index),
-        m_facet(reference),
+        m_facet(facet),
         m_sharedTag(sharedTag),
-        m_failures(failures),
         m_shared(shared),
         m_random(static_cast<unsigned>(index) * 7919u + 1u) {}
 
@@ -152,12 +118,12 @@ class LoadThread {
   bool attempt(const char* what, Call&& call) {
     try {
       call();
-      ++g_tally.operations;
+      ++m_shared.operations;
       return true;
     } catch (const Fw::ServiceException& e) {
-      m_failures.add(std::string(what) + ": " + std::to_string(codeOf(e)));
+      m_shared.fail(std::string(what) + ": " + std::to_string(errorCode(e)));
     } catch (const CORBA::Exception& e) {
-      m_failures.add(std::string(what) + ": " + e._name());
+      m_shared.fail(std::string(what) + ": " + e._name());
     }
     return false;
   }
@@ -190,12 +156,12 @@ class LoadThread {
           m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
       const KeyModel& known = m_model.at(name);
       if (record->state != known.state || known.description != record->description.in()) {
-        m_failures.add("read: " + name + " differs from what was acknowledged");
+        m_shared.fail("read: " + name + " differs from what was acknowledged");
       }
       if (record->state == kActive || record->state == kInactive) {
         Facets::KeyRecord_var key = m_facet.query->getKey(record->tag.in());
         if (key->encKey.length() == 0) {
-          m_failures.add("getKey: no key");
+          m_shared.fail("getKey: no key");
         }
       }
     });
@@ -215,7 +181,7 @@ class LoadThread {
       record->description = "new";
       Facets::KeyRecord_var made = m_facet.modify->createKey("", record.in());
       m_model[name] = {kPrelive, "new"};
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -232,7 +198,7 @@ class LoadThread {
       record->description = text.c_str();
       Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
       m_model[name].description = text;
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -246,7 +212,7 @@ class LoadThread {
           m_facet.query->getKeyRecordByName(m_groupTag.c_str(), name.c_str());
       m_facet.modify->deleteKey(record->tag.in());
       m_model.erase(name);
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -268,7 +234,7 @@ class LoadThread {
         }
       }
       m_model[name].state = kActive;
-      ++g_tally.changes;
+      ++m_shared.changes;
     });
   }
 
@@ -279,8 +245,8 @@ class LoadThread {
       Facets::KeyRecord_var record = m_facet.query->getKeyRecord(m_sharedTag.c_str());
       record->description = text.c_str();
       Facets::KeyRecord_var updated = m_facet.modify->updateKey(record.in());
-      ++g_tally.operations;
-      ++g_tally.changes;
+      ++m_shared.operations;
+      ++m_shared.changes;
       std::lock_guard<std::mutex> lock(m_shared.mutex);
       ++m_shared.successes;
       if (updated->rev > m_shared.topRev) {
@@ -288,19 +254,18 @@ class LoadThread {
         m_shared.topDescription = text;
       }
     } catch (const Fw::ServiceException& e) {
-      if (codeOf(e) != 1228) {
-        m_failures.add("shared: " + std::to_string(codeOf(e)));
+      if (errorCode(e) != 1228) {
+        m_shared.fail("shared: " + std::to_string(errorCode(e)));
       }
     } catch (const CORBA::Exception& e) {
-      m_failures.add(std::string("shared: ") + e._name());
+      m_shared.fail(std::string("shared: ") + e._name());
     }
   }
 
   const int m_index;
   Facet m_facet;
   const std::string m_sharedTag;
-  Failures& m_failures;
-  SharedKeyResult& m_shared;
+  Shared& m_shared;
   std::mt19937 m_random;
   std::string m_group;
   std::string m_groupTag;
@@ -308,35 +273,14 @@ class LoadThread {
   int m_next = 0;
 };
 
-// The result of a read; retried while it meets one of the connections that
-// this process's ORB still holds to a service that has gone (each is
-// dropped once it fails).
-template <typename Call>
-auto retried(Call&& call) -> decltype(call()) {
-  for (int attempt = 1;; ++attempt) {
-    try {
-      return call();
-    } catch (const CORBA::COMM_FAILURE&) {
-      if (attempt > 2 * kThreads + 2) {
-        throw;
-      }
-    } catch (const CORBA::TRANSIENT&) {
-      if (attempt > 2 * kThreads + 2) {
-        throw;
-      }
-    }
-  }
-}
-
 // Compares every thread's group and the shared key with the service.
-void expectStoreAsAcknowledged(const std::string& reference,
+void expectStoreAsAcknowledged(const Facet& facet,
                                const std::vector<std::unique_ptr<LoadThread>>& threads,
-                               const std::string& sharedTag, const SharedKeyResult& shared) {
-  Facet facet = retried([&] { return Facet(reference); });
+                               const std::string& sharedTag, const Shared& shared) {
   size_t keys = 1;  // the shared key
   for (const auto& thread : threads) {
     Facets::KeyRecordSeq_var records =
-        retried([&] { return facet.query->getAllKeyRecordsInGroup(thread->groupTag().c_str()); });
+        facet.query->getAllKeyRecordsInGroup(thread->groupTag().c_str());
     GroupModel stored;
     for (CORBA::ULong i = 0; i < records->length(); ++i) {
       stored[records[i].name.in()] = {records[i].state, records[i].description.in()};
@@ -351,10 +295,10 @@ void expectStoreAsAcknowledged(const std::string& reference,
     }
     keys += stored.size();
   }
-  const Facets::KeyStoreStats stats = retried([&] { return facet.query->getKeyStoreStats(); });
+  const Facets::KeyStoreStats stats = facet.query->getKeyStoreStats();
   EXPECT_EQ(stats.numKeys, static_cast<CORBA::LongLong>(keys));
   EXPECT_EQ(stats.numKeyGroups, static_cast<CORBA::LongLong>(threads.size() + 1));
-  Facets::KeyRecord_var hot = retried([&] { return facet.query->getKeyRecord(sharedTag.c_str()); });
+  Facets::KeyRecord_var hot = facet.query->getKeyRecord(sharedTag.c_str());
   EXPECT_EQ(hot->rev, 1 + shared.successes);
   EXPECT_EQ(hot->description.in(), shared.topDescription);
 }
@@ -362,29 +306,29 @@ void expectStoreAsAcknowledged(const std::string& reference,
 void runLoad(ServiceSandbox& service);
 
 TEST(VrkmsLoad, ThirtyTwoClientsMixReadsAndChangesAndTheStoreHoldsWhatWasAcknowledged) {
-  ServiceSandbox service;
+  ServiceSandbox service(4);
   // A CORBA exception is no std::exception: name it.
   try {
     runLoad(service);
   } catch (const Fw::ServiceException& e) {
-    FAIL() << "ServiceException " << codeOf(e);
+    FAIL() << "ServiceException " << errorCode(e);
   } catch (const CORBA::Exception& e) {
     const std::string log = service.debugLog();
     FAIL() << e._name() << "\n"
-           << service.readFile("stderr.txt")
-           << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
+           << service.stderrText() << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
   }
 }
 
 void runLoad(ServiceSandbox& service) {
   ASSERT_TRUE(service.makeStore());
-  ASSERT_TRUE(service.start()) << service.readFile("stderr.txt");
+  ASSERT_TRUE(service.start()) << service.stderrText();
   const char* configured = std::getenv("VRKMS_LOAD_SECONDS");
   const int seconds = configured != nullptr ? std::atoi(configured) : 5;
 
   std::string sharedTag;
+  auto client = std::make_unique<KmsClient>(service.reference());
+  const Facet facet(*client);
   {
-    Facet facet(service.reference());
     Facets::KeyGroupRecord_var group = facet.modify->getNewKeyGroup();
     group->name = "shared";
     group->type = 3;
@@ -398,12 +342,10 @@ void runLoad(ServiceSandbox& service) {
     sharedTag = key->tag.in();
   }
 
-  Failures failures;
-  SharedKeyResult shared;
+  Shared shared;
   std::vector<std::unique_ptr<LoadThread>> threads;
   for (int i = 0; i < kThreads; ++i) {
-    threads.push_back(
-        std::make_unique<LoadThread>(i, service.reference(), sharedTag, failures, shared));
+    threads.push_back(std::make_unique<LoadThread>(i, facet, sharedTag, shared));
   }
   const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   std::vector<std::thread> running;
@@ -413,18 +355,20 @@ void runLoad(ServiceSandbox& service) {
   for (std::thread& t : running) {
     t.join();
   }
-  EXPECT_EQ(failures.count(), 0) << failures.text();
+  EXPECT_TRUE(shared.failures.empty())
+      << shared.failures.size() << " failures, the first " << shared.failures.front();
   EXPECT_GT(shared.successes, 0);
-  std::cout << "[ load     ] " << g_tally.operations << " operations, " << g_tally.changes
+  std::cout << "[ load     ] " << shared.operations << " operations, " << shared.changes
             << " acknowledged changes (" << shared.successes << " of the shared key), in "
             << seconds << " s" << std::endl;
 
-  expectStoreAsAcknowledged(service.reference(), threads, sharedTag, shared);
+  expectStoreAsAcknowledged(facet, threads, sharedTag, shared);
   // What was acknowledged is on disk.
-  const std::pair<int, int> stopped = service.terminate();
-  EXPECT_EQ(stopped.second, 0);
-  ASSERT_TRUE(service.start()) << service.readFile("stderr.txt");
-  expectStoreAsAcknowledged(service.reference(), threads, sharedTag, shared);
+  client.reset();
+  EXPECT_EQ(service.terminate().second, 0);
+  ASSERT_TRUE(service.start()) << service.stderrText();
+  client = std::make_unique<KmsClient>(service.reference());
+  expectStoreAsAcknowledged(Facet(*client), threads, sharedTag, shared);
 }
 
 }  // namespace

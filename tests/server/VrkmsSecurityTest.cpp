@@ -26,9 +26,10 @@
 
 #include <KMS.h>
 
-#include "server/GatedVrkms.h"
+#include "server/CtlOutput.h"
 #include "server/GuardedCalls.h"
-#include "server/OrbTestSupport.h"
+#include "server/ServiceClient.h"
+#include "server/ServiceSandbox.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Remote = Ardentis::Vaultrest::DL::KMS;
@@ -36,20 +37,8 @@ namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 
 namespace {
 
-// The value of the first member `name` of a JSON text, strings and numbers
-// alike; "<absent>" when there is none.
-std::string field(const std::string& json, const std::string& name) {
-  const std::string key = "\"" + name + "\":";
-  size_t at = json.find(key);
-  if (at == std::string::npos) {
-    return "<absent>";
-  }
-  at += key.size();
-  if (json[at] == '"') {
-    return json.substr(at + 1, json.find('"', at + 1) - at - 1);
-  }
-  return json.substr(at, json.find_first_of(",}]", at) - at);
-}
+using CtlOutput::jsonField;
+using ServiceClient::outcome;
 
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
@@ -117,14 +106,14 @@ bool readableWithoutPtraceCapability(pid_t pid) {
 }
 
 bool coreLimitIsZero(pid_t pid) {
-  const std::string limits = GatedVrkms::readPath("/proc/" + std::to_string(pid) + "/limits");
+  const std::string limits = ServiceSandbox::readPath("/proc/" + std::to_string(pid) + "/limits");
   return std::regex_search(limits, std::regex("Max core file size +0 +0 "));
 }
 
 // Checks that every file under `root` is private to its owner and every
 // directory closed to others; gives the paths.
 std::vector<std::string> expectPrivate(const std::string& root) {
-  const std::vector<std::string> found = GatedVrkms::walk(root);
+  const std::vector<std::string> found = ServiceSandbox::walk(root);
   for (const std::string& file : found) {
     struct stat info;
     if (::lstat(file.c_str(), &info) != 0) {
@@ -144,7 +133,7 @@ std::vector<std::string> expectPrivate(const std::string& root) {
 // administrator would.
 class VrkmsSecurity : public ::testing::Test {
  protected:
-  void SetUp() override { m_vrkms.writeConf(m_vrkms.root().file("kms")); }
+  void SetUp() override { m_vrkms.writeConf(""); }
 
   std::string path(const std::string& name) const { return m_vrkms.root().file(name); }
 
@@ -169,7 +158,7 @@ class VrkmsSecurity : public ::testing::Test {
     return r.out;
   }
 
-  GatedVrkms m_vrkms;
+  ServiceSandbox m_vrkms;
 };
 
 TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) {
@@ -203,11 +192,12 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   text({"group", "list"});
   text({"group", "show", "g"});
   json({"group", "update", "b", "--new-name", "bf", "--description", "old"});
-  const std::string k1 = field(json({"key", "create", "g", "k1", "--description", "one"}), "tag");
+  const std::string k1 =
+      jsonField(json({"key", "create", "g", "k1", "--description", "one"}), "tag");
   const std::string made = json({"key", "create", "g", "k2", "--passphrase-file", path("key.txt")});
-  const std::string k2 = field(made, "tag");
-  const std::string k3 = field(json({"key", "create", "s", "k3", "--state", "prelive"}), "tag");
-  const std::string k4 = field(json({"key", "create", "bf", "k4"}), "tag");
+  const std::string k2 = jsonField(made, "tag");
+  const std::string k3 = jsonField(json({"key", "create", "s", "k3", "--state", "prelive"}), "tag");
+  const std::string k4 = jsonField(json({"key", "create", "bf", "k4"}), "tag");
   json({"key", "update", "s", "k3", "--state", "active"});
   json({"key", "update", "g", "k1", "--new-name", "k1b", "--description", "renamed"});
   json({"key", "update", "g", "k1b", "--move-to", "g2"});
@@ -215,7 +205,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   text({"key", "show", "g", "k2"});
   text({"key", "active", "g"});
   for (const std::string& tag : {k1, k2, k3, k4}) {
-    const std::string hex = field(json({"key", "get", tag}), "key");
+    const std::string hex = jsonField(json({"key", "get", tag}), "key");
     ASSERT_GE(hex.size(), 32u) << tag;
     secrets.push_back(key(tag, hex));
     text({"key", "get", tag});
@@ -227,7 +217,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
     json({"key", "update", "g", "k2", "--state", state});
   }
   text({"key", "delete", "g", "k2"});
-  text({"key", "recover", "g", "k2", "--tag", k2, "--salt", field(made, "KEY_SALT"),
+  text({"key", "recover", "g", "k2", "--tag", k2, "--salt", jsonField(made, "KEY_SALT"),
         "--passphrase-file", path("key.txt")});
   text({"quiesce"});
   text({"unquiesce"});
@@ -237,7 +227,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   text({"group", "delete", "s", "--force"});
   text({"import", exportFile, "--passphrase-file", path("export.txt"), "--preview"});
   text({"import", exportFile, "--passphrase-file", path("export.txt"), "--description", "back"});
-  EXPECT_EQ(field(json({"key", "get", k3}), "key"), secrets[8].forms[1]);  // imported again
+  EXPECT_EQ(jsonField(json({"key", "get", k3}), "key"), secrets[8].forms[1]);  // imported again
   json({"key", "update", "bf", "k4", "--state", "inactive"});
   text({"--json", "status"});
   // While the service runs: its pid and IOR files too.
@@ -264,7 +254,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
         passphraseFiles.count(file) != 0) {
       continue;
     }
-    const std::string content = GatedVrkms::readPath(file);
+    const std::string content = ServiceSandbox::readPath(file);
     ++searched;
     for (const Secret& secret : secrets) {
       for (const std::string& form : secret.forms) {
@@ -281,8 +271,6 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   EXPECT_NE(log.find("importKS"), std::string::npos);
 }
 
-using GuardedCalls::outcome;
-
 std::string grantLine(const std::vector<int>& rights) {
   std::string line = "VRKMS_GRANT = 127.0.0.1 ";
   for (size_t i = 0; i < rights.size(); ++i) {
@@ -292,15 +280,16 @@ std::string grantLine(const std::vector<int>& rights) {
 }
 
 TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
-  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.makeStore());
   ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
   json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
-  const std::string groupTag = field(json({"group", "show", "g"}), "tag");
+  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string groupTag = jsonField(json({"group", "show", "g"}), "tag");
 
   // The facets and a KAD, fetched while loopback holds every right.
-  m_vrkms.writeExtraConf(grantLine({1, 2, 3, 4, 28, 40}));
-  GuardedCalls::Facets3 facets(testOrb(), m_vrkms.reference(), tag, groupTag);
+  m_vrkms.writeConf(grantLine({1, 2, 3, 4, 28, 40}));
+  KmsClient client(m_vrkms.reference());
+  GuardedCalls::Facets3 facets(client, tag, groupTag);
   ASSERT_EQ(facets.kad->length(), 12u);
   using GuardedCalls::Guarded;
   // Every operation, with the rights each alternative asks for all
@@ -314,7 +303,7 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
                                            "getEximFacet"};
   for (const std::vector<int>& held :
        std::vector<std::vector<int>>{{}, {7, 99}, {1, 2, 3, 28, 40}}) {
-    m_vrkms.writeExtraConf(held.empty() ? "" : grantLine(held));
+    m_vrkms.writeConf(held.empty() ? "" : grantLine(held));
     for (const Guarded& op : guarded) {
       if (held.size() < 5 || keyValues.count(op.name) != 0) {
         EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(held);
@@ -323,9 +312,9 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
   }
   // ... and vrkmsctl over TCP says so; from an address that no grant names
   // it is not even heard (the connection is closed as it is accepted).
-  m_vrkms.writeExtraConf("");
+  m_vrkms.writeConf("");
   EXPECT_EQ(m_vrkms.ctl({"--endpoint", m_vrkms.reference(), "status"}).exitStatus, 3);
-  m_vrkms.writeExtraConf(grantLine({7, 99}));
+  m_vrkms.writeConf(grantLine({7, 99}));
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{"status"},
                                              {"group", "list"},
@@ -342,28 +331,28 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
   // of an "and" does not.
   for (const Guarded& op : guarded) {
     for (const std::vector<int>& rights : op.alternatives) {
-      m_vrkms.writeExtraConf(grantLine(rights));
+      m_vrkms.writeConf(grantLine(rights));
       EXPECT_NE(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(rights);
       for (size_t left = 0; rights.size() > 1 && left < rights.size(); ++left) {
         std::vector<int> part = rights;
         part.erase(part.begin() + static_cast<long>(left));
-        m_vrkms.writeExtraConf(grantLine(part));
+        m_vrkms.writeConf(grantLine(part));
         EXPECT_EQ(outcome(op.call), "NO_PERMISSION") << op.name << " " << grantLine(part);
       }
     }
   }
-  m_vrkms.writeExtraConf("");
+  m_vrkms.writeConf("");
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
 TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
-  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.makeStore());
   ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
   // The service's own user holds every right (the other tests' vrkmsctl
   // runs as it); the socket's directory is that user's alone.
   json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
-  const std::string key = field(json({"key", "get", tag}), "key");
+  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string key = jsonField(json({"key", "get", tag}), "key");
   struct stat dir;
   ASSERT_EQ(::lstat(path("var/vrkms/local").c_str(), &dir), 0);
   EXPECT_EQ(dir.st_mode & 07777, 0700u);
@@ -391,25 +380,15 @@ TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
   const std::string pass = m_vrkms.writePrivate("pass.txt", "export passphrase\n");
   ::mkdir(path("drop").c_str(), 0700);
   ::chmod(path("drop").c_str(), 0777);  // where nobody may write its export
+  // Reads, key values, changes, master keys, export: each asks for a right.
   const std::vector<std::vector<std::string>> everyCommand = {
       {"status"},
-      {"group", "list"},
-      {"group", "show", "g"},
-      {"key", "list", "g"},
       {"key", "show", "g", "k"},
-      {"key", "active", "g"},
       {"key", "get", tag},
-      {"kad", "get", tag, "12"},
       {"kad", "find", tag.substr(0, 24)},
       {"group", "create", "h", "--cipher", "AES128"},
-      {"group", "update", "g", "--description", "x"},
-      {"group", "delete", "g", "--force"},
-      {"key", "create", "g", "k2"},
-      {"key", "update", "g", "k", "--description", "x"},
       {"key", "delete", "g", "k"},
       {"quiesce"},
-      {"unquiesce"},
-      {"rotate-hmk", "--id", "x"},
       {"rotate-kpk", "--id", "x"},
       {"export", path("drop/out.export"), "--passphrase-file", pass},
   };
@@ -419,11 +398,11 @@ TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
     EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << args[0] << ": " << r.err;
   }
   // A grant by name, and one by number.
-  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:nobody 1,28\n");
+  m_vrkms.writeConf("VRKMS_GRANT = uid:nobody 1,28\n");
   EXPECT_EQ(asNobody(true, {"status"}).exitStatus, 0);
   EXPECT_TRUE(startsWith(asNobody(true, {"key", "get", tag}).err, "error NO_PERMISSION: "));
-  m_vrkms.writeExtraConf("VRKMS_GRANT = uid:65534 1,4\n");
-  EXPECT_EQ(field(asNobody(true, {"--json", "key", "get", tag}).out, "key"), key);
+  m_vrkms.writeConf("VRKMS_GRANT = uid:65534 1,4\n");
+  EXPECT_EQ(jsonField(asNobody(true, {"--json", "key", "get", tag}).out, "key"), key);
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
@@ -568,9 +547,9 @@ struct IdleConnection {
 };
 
 TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
-  admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid", "kpk-1"});
+  ASSERT_TRUE(m_vrkms.makeStore());
   // A grant that cannot be read keeps the service from starting.
-  m_vrkms.writeExtraConf("VRKMS_GRANT = host:media01 1\n");
+  m_vrkms.writeConf("VRKMS_GRANT = host:media01 1\n");
   EXPECT_FALSE(m_vrkms.start());
   EXPECT_NE(
       m_vrkms.stderrText().find("vrkms: cannot start: in " + m_vrkms.root().file("etc/vr.conf") +
@@ -579,16 +558,13 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
                                 "numeric address nor \"*\"\n"),
       std::string::npos)
       << m_vrkms.stderrText();
-  m_vrkms.writeExtraConf(grantLine({28}));
+  m_vrkms.writeConf(grantLine({28}));
   ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
   json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = field(json({"key", "create", "g", "k"}), "tag");
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
-      CORBA::Object_var(testOrb()->string_to_object(m_vrkms.reference().c_str())).in());
-  Facets::KMSQueryableFacet_var query =
-      Facets::KMSQueryableFacet::_narrow(Remote::QueryableFacet_var(mgr->getQueryableFacet()));
-  Facets::KMSControlFacet_var control =
-      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  KmsClient client(m_vrkms.reference());
+  Facets::KMSQueryableFacet_ptr query = client.query();
+  Facets::KMSControlFacet_ptr control = client.control();
   // Right 28 lets isQuiesced through; getKey asks for right 4.
   const auto rights = [&] {
     return outcome([&] { control->isQuiesced(); }) + "|" +
@@ -597,7 +573,7 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
   const std::string only28 = "|NO_PERMISSION", with4 = "|";
   ASSERT_EQ(rights(), only28);
 
-  m_vrkms.writeExtraConf(grantLine({28}) + grantLine({40}));
+  m_vrkms.writeConf(grantLine({28}) + grantLine({40}));
   const std::string whole = m_vrkms.readFile("etc/vr.conf");
   const std::string conf = m_vrkms.root().file("etc/vr.conf");
   struct Fault {
@@ -615,11 +591,11 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
          ::mkdir(conf.c_str(), 0700);
        }},
       {"with a line that cannot be read",
-       [&] { m_vrkms.writeExtraConf(grantLine({4}) + "VRKMS_GRANT = 127.0.0.1 four\n"); }},
+       [&] { m_vrkms.writeConf(grantLine({4}) + "VRKMS_GRANT = 127.0.0.1 four\n"); }},
   };
   if (::geteuid() != 0) {  // root reads it all the same
     faults.push_back({"unreadable", [&] {
-                        m_vrkms.writeExtraConf(grantLine({4}));
+                        m_vrkms.writeConf(grantLine({4}));
                         ::chmod(conf.c_str(), 0);
                       }});
   }
@@ -627,18 +603,18 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
     fault.apply();
     EXPECT_EQ(rights(), only28) << "vr.conf " << fault.name;
     ::rmdir(conf.c_str());
-    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    m_vrkms.writeConf(grantLine({4, 28}));
     EXPECT_EQ(rights(), with4) << "vr.conf restored after " << fault.name;
-    m_vrkms.writeExtraConf(grantLine({28}));
+    m_vrkms.writeConf(grantLine({28}));
     EXPECT_EQ(rights(), only28) << "fewer grants after " << fault.name;
   }
-  EXPECT_EQ(GatedVrkms::count(m_vrkms.debugLog(), "the grants last read stay in force"),
+  EXPECT_EQ(CtlOutput::countOf(m_vrkms.debugLog(), "the grants last read stay in force"),
             faults.size());
 
   // The service out of descriptors: idle connections take what its limit
   // leaves, and the file cannot be opened.
   const auto openFiles = [&] {
-    return GatedVrkms::walk("/proc/" + std::to_string(m_vrkms.pid()) + "/fd").size();
+    return ServiceSandbox::walk("/proc/" + std::to_string(m_vrkms.pid()) + "/fd").size();
   };
   rlimit before{};
   ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, nullptr, &before), 0);
@@ -652,7 +628,7 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
     for (int i = 0; i < 500 && openFiles() < tight.rlim_cur; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    m_vrkms.writeExtraConf(grantLine({4, 28}));
+    m_vrkms.writeConf(grantLine({4, 28}));
     EXPECT_EQ(rights(), only28) << "at the descriptor limit";
     EXPECT_NE(m_vrkms.debugLog().find("Too many open files; the grants last read stay"),
               std::string::npos);
@@ -683,13 +659,13 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
     RunningProcess plain =
         ProcessRunner(noPtrace[0]).args({noPtrace[1], "/bin/sleep", "30"}).spawn();
     const std::string comm = "/proc/" + std::to_string(plain.pid()) + "/comm";
-    for (int i = 0; i < 500 && GatedVrkms::readPath(comm) != "sleep\n"; ++i) {
+    for (int i = 0; i < 500 && ServiceSandbox::readPath(comm) != "sleep\n"; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));  // setpriv has not run it yet
     }
     observable = readableWithoutPtraceCapability(plain.pid());
   }
-  GatedVrkms vrkms(noPtrace);
-  vrkms.writeConf(vrkms.root().file("kms"));
+  ServiceSandbox vrkms(9, noPtrace);
+  vrkms.writeConf("");
 
   const std::string passphrase = "Hmk-Cm4dLn7e";
   RunningProcess admin =
@@ -703,7 +679,7 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
   }
   ASSERT_EQ(mode.c_lflag & ECHO, 0u) << "no prompt without echo";
   const std::string cmdline =
-      GatedVrkms::readPath("/proc/" + std::to_string(admin.pid()) + "/cmdline");
+      ServiceSandbox::readPath("/proc/" + std::to_string(admin.pid()) + "/cmdline");
   EXPECT_NE(cmdline.find("-hmkpass"), std::string::npos);
   EXPECT_EQ(cmdline.find(passphrase), std::string::npos);
   EXPECT_FALSE(observable && readableWithoutPtraceCapability(admin.pid()));
@@ -715,9 +691,7 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
   ASSERT_EQ(::tcgetattr(admin.terminal(), &mode), 0);
   EXPECT_NE(mode.c_lflag & ECHO, 0u) << "echo left off";
 
-  const ProcessResult made = vrkms.admin(
-      {"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "h", "-kpkid", "k", "-overwrite"});
-  ASSERT_EQ(made.exitStatus, 0) << made.out << made.err;
+  ASSERT_TRUE(vrkms.makeStore());
   ASSERT_TRUE(vrkms.start()) << vrkms.stderrText() << vrkms.debugLog();
   EXPECT_FALSE(observable && readableWithoutPtraceCapability(vrkms.pid()));
   EXPECT_TRUE(coreLimitIsZero(vrkms.pid()));

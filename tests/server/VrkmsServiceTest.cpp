@@ -1,41 +1,36 @@
-// The built vrkms as a service: started under a private installation root on
-// a loopback port of its own, reached by a client through corbaloc, judged
-// by its peer rules, and stopped by signal and by "-terminate".
+// The built vrkms as a program and as a service: its usage, the gates that
+// keep a start off a host that must not serve, the service started under a
+// private root on a loopback port of its own, reached through corbaloc,
+// judged by its peer rules, and stopped in order by signal and by
+// "-terminate".
 //
 // These tests run a process named vrkms; CTest keeps them apart from every
 // other such test (RESOURCE_LOCK vrkms_process).
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
-#include <iterator>
+#include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
-
-#include <KMS.h>
 
 #include "kms/platform/ProcessHandler.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
-#include "server/OrbTestSupport.h"
+#include "kms/platform/framework/Orb.h"
+#include "server/CtlOutput.h"
+#include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
-#include "support/ProcessRunner.h"
-#include "support/TempRoot.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Remote = Ardentis::Vaultrest::DL::KMS;
-namespace Store = Vaultrest::DL::KMS;
+using CtlOutput::contains;
+using ServiceClient::outcome;
 using namespace std::chrono_literals;
 
 namespace {
@@ -58,69 +53,61 @@ bool exists(const std::string& path) {
 
 class VrkmsService : public ::testing::Test {
  protected:
-  VrkmsService() : m_box(6), m_storeMade(m_box.makeStore()) {}
-
   void TearDown() override {
     // A daemon left behind by a failed test.
-    std::ifstream in(m_box.pidPath());
-    long daemon = 0;
-    if (in >> daemon && daemon > 0) {
-      const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
-      if (std::find(running.begin(), running.end(), daemon) != running.end()) {
-        ::kill(static_cast<pid_t>(daemon), SIGKILL);
-      }
+    const long daemon = std::atol(m_box.readFile("var/vrkms/vrkms.pid").c_str());
+    const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
+    if (daemon > 0 && std::find(running.begin(), running.end(), daemon) != running.end()) {
+      ::kill(static_cast<pid_t>(daemon), SIGKILL);
     }
   }
 
-  CORBA::Object_ptr manager() const {
-    return testOrb()->string_to_object(m_box.reference().c_str());
+  void startWithStore() {
+    ASSERT_TRUE(m_box.makeStore());
+    ASSERT_TRUE(m_box.start()) << m_box.stderrText() << m_box.debugLog();
+    m_storeBefore = m_box.readFile("kms/db/KMS_DATA.dat");
   }
-  std::string file(const std::string& name) const { return m_box.readFile(name); }
+
+  // Whichever way it was asked to stop, the servants left the POA while
+  // the ORB still served them, the manager died and with it the store was
+  // shut down (nothing written) before the ORB was destroyed, the run files
+  // went, and startServiceContainer returned 0.
+  void expectOrderlyStop() {
+    const std::string log = m_box.debugLog();
+    std::vector<size_t> at;
+    size_t from = 0;
+    for (const char* step :
+         {"The vrkms service is stopping", "Entering KMSMgrImpl::suspend", "Entering Orb::shutdown",
+          "Entering KMSMgrImpl::fini", "Entering KMSMgrImpl::~KMSMgrImpl",
+          "Entering FileKeyStore::shutdown", "Entering FileKeyStore::deinitialize",
+          "Entering Orb::destroy [", "The vrkms service has stopped",
+          "vrkms_main: startServiceContainer returned 0"}) {
+      from = log.find(step, from);
+      ASSERT_NE(from, std::string::npos) << "not in order: " << step << "\n" << log;
+    }
+    EXPECT_FALSE(contains(log, "Cannot deactivate an object")) << log;
+    EXPECT_FALSE(contains(log, "KeyStore->shutdown() returned")) << log;
+    EXPECT_EQ(m_box.readFile("kms/db/KMS_DATA.dat"), m_storeBefore);
+    EXPECT_FALSE(exists(m_box.pidPath()));
+    EXPECT_FALSE(exists(m_box.iorPath()));
+    EXPECT_FALSE(canConnect(m_box.port()));
+  }
 
   ServiceSandbox m_box;
-  bool m_storeMade;
+  std::string m_storeBefore;
 };
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// Calls `call`; the system exception's name, "" for none, or the
-// ServiceException's error code as "ServiceException <code>".
-template <typename Call>
-std::string outcome(Call&& call) {
-  try {
-    call();
-    return "";
-  } catch (const Fw::ServiceException& e) {
-    const Fw::ErrorCodeExceptionDetails* details =
-        Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
-    return "ServiceException " + (details ? std::to_string(details->errorCode()) : "?");
-  } catch (const CORBA::SystemException& e) {
-    return e._name();
-  }
-}
 
 }  // namespace
 
 TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigterm) {
-  m_box.launch({"-console"});
-  if (!m_storeMade) {
-    // Without a store the service refuses to go live; see the next test.
-    EXPECT_EQ(m_box.waitForExit(60s), 1);
-    GTEST_SKIP() << "no store could be made here";
-  }
-  ASSERT_TRUE(m_box.waitForAdvertisement()) << file("stderr.txt") << m_box.debugLog();
-  EXPECT_EQ(file("var/vrkms/vrkms.pid"), std::to_string(m_box.pid()) + "\n");
-  EXPECT_EQ(file("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
+  ASSERT_NO_FATAL_FAILURE(startWithStore());
+  EXPECT_EQ(m_box.readFile("var/vrkms/vrkms.pid"), std::to_string(m_box.pid()) + "\n");
+  EXPECT_EQ(m_box.readFile("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
 
-  testOrb();  // interceptors belong to an initialised ORB
+  KmsClient client(m_box.reference());
   Fw::ClientVersionInterceptor::install(9, 1, 2);
-  CORBA::Object_var object = manager();
-  EXPECT_FALSE(object->_non_existent());
-  EXPECT_TRUE(object->_is_a("IDL:Ardentis/Vaultrest/DL/KMS/KMSMgr:1.0"));
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(object.in());
-  ASSERT_FALSE(CORBA::is_nil(mgr.in()));
+  Remote::KMSMgr_ptr mgr = client.manager();
+  EXPECT_TRUE(mgr->_is_a("IDL:Ardentis/Vaultrest/DL/KMS/KMSMgr:1.0"));
   EXPECT_EQ(outcome([&] { Remote::QueryableFacet_var f = mgr->getQueryableFacet(); }), "");
   EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }),
             "ServiceException 1200");
@@ -133,72 +120,191 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigt
 
   // A blocked media server gets nothing; this host is no master once the
   // first SERVER is another.
-  std::ofstream(m_box.root().file("etc/vr.conf"), std::ios::trunc)
-      << "SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n";
+  m_box.writePrivate("etc/vr.conf",
+                     "SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n");
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "NO_PERMISSION");
-  m_box.writeConf("");
+  m_box.writeConf(ServiceSandbox::kLoopbackGrant);
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
 
-  // SIGTERM stops the service in order; the store is shut down, nothing is
-  // written, and the run files go.
-  const std::string storeBefore = file("kms/db/KMS_DATA.dat");
   ASSERT_EQ(::kill(m_box.pid(), SIGTERM), 0);
-  EXPECT_EQ(m_box.waitForExit(30s), 0) << m_box.debugLog();
-  EXPECT_FALSE(exists(m_box.pidPath()));
-  EXPECT_FALSE(exists(m_box.iorPath()));
-  EXPECT_FALSE(canConnect(m_box.port()));
-  EXPECT_EQ(file("kms/db/KMS_DATA.dat"), storeBefore);
-  const std::string log = m_box.debugLog();
-  EXPECT_TRUE(contains(log, "The vrkms service has stopped")) << log;
-  EXPECT_FALSE(contains(log, "KeyStore->shutdown() returned")) << log;
-  EXPECT_TRUE(contains(log, "vrkms_main: startServiceContainer returned 0")) << log;
+  EXPECT_EQ(m_box.waitForExit(60s), 0) << m_box.stderrText();
+  expectOrderlyStop();
 }
 
-TEST_F(VrkmsService, DaemonStartsDetachedAndTerminateStopsIt) {
-  if (!m_storeMade) {
-    GTEST_SKIP() << "no store could be made here";
-  }
+TEST_F(VrkmsService, TerminateStopsTheServiceInOrder) {
+  ASSERT_NO_FATAL_FAILURE(startWithStore());
+  EXPECT_EQ(m_box.terminate(), std::make_pair(0, 0)) << m_box.stderrText();
+  expectOrderlyStop();
+}
+
+TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt) {
+  ASSERT_TRUE(m_box.makeStore());
   const ProcessResult started = m_box.run({});
   ASSERT_TRUE(started.exited) << started.err;
   ASSERT_EQ(started.exitStatus, 0) << started.err << m_box.debugLog();
-  const pid_t daemon = static_cast<pid_t>(std::stol(file("var/vrkms/vrkms.pid")));
-  EXPECT_NE(daemon, 0);
+  const pid_t daemon = static_cast<pid_t>(std::atol(m_box.readFile("var/vrkms/vrkms.pid").c_str()));
   const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
   ASSERT_NE(std::find(running.begin(), running.end(), daemon), running.end());
-  CORBA::Object_var object = manager();
-  EXPECT_FALSE(object->_non_existent());
+  KmsClient client(m_box.reference());
+  EXPECT_EQ(client.control()->isQuiesced(), 0);
 
-  // While it runs, a second start is refused at the gate, quietly.
-  const ProcessResult second = m_box.run({"-console"});
-  EXPECT_EQ(second.exitStatus, 0);
-  EXPECT_TRUE(contains(m_box.appLog(), "286-31 vrkms_main: ")) << m_box.appLog();
+  // While it runs, another start is refused at the gate, quietly ("-info"
+  // after "-console" is never run), and every administrator option with
+  // 1272.
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{}, {"-console"}, {"-console", "-info"}}) {
+    const ProcessResult again = m_box.run(args);
+    EXPECT_EQ(again.exitStatus, 0);
+    EXPECT_EQ(again.err, "");
+  }
+  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-31 vrkms_main: "), 3u) << m_box.appLog();
+  for (const char* option : {"-createemptydb", "-resethmk", "-resetkpk", "-info"}) {
+    const ProcessResult refused = m_box.run({option});
+    EXPECT_EQ(refused.exitStatus, 252) << option;
+    EXPECT_TRUE(contains(refused.err, "\nEXIT STATUS = 1272\n")) << option << refused.err;
+  }
 
   const ProcessResult terminated = m_box.run({"-terminate"});
-  ASSERT_TRUE(terminated.exited);
   EXPECT_EQ(terminated.exitStatus, 0) << m_box.debugLog();
   const std::vector<pid_t> after = ProcessHandler("vrkms").getProcessIDs();
   EXPECT_EQ(std::find(after.begin(), after.end(), daemon), after.end());
   EXPECT_FALSE(exists(m_box.pidPath()));
   EXPECT_FALSE(canConnect(m_box.port()));
-
   // Nothing left to stop.
-  const ProcessResult again = m_box.run({"-terminate"});
-  EXPECT_EQ(again.exitStatus, 1);
+  EXPECT_EQ(m_box.run({"-terminate"}).exitStatus, 1);
   EXPECT_TRUE(contains(m_box.debugLog(), "No vrkms service is running"));
 }
 
+// A store directory where nothing was ever made (286-38), and none
+// configured at all (286-37).
 TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
-  // The store directory is one where nothing was ever made.
-  std::ofstream(m_box.root().file("etc/vr.conf"), std::ios::trunc)
-      << "SERVER = localhost\nKMS_DIR = " << m_box.root().file("empty") << "\n"
-      << "VRKMS_ENDPOINT = giop:tcp:127.0.0.1:" << m_box.port() << "\n";
-  m_box.launch({"-console"});
-  EXPECT_EQ(m_box.waitForExit(60s), 1);
-  EXPECT_FALSE(exists(m_box.iorPath()));
-  EXPECT_FALSE(exists(m_box.pidPath()));
-  EXPECT_FALSE(canConnect(m_box.port()));
-  EXPECT_TRUE(contains(m_box.appLog(), "286-38 ")) << m_box.appLog();
-  EXPECT_TRUE(contains(m_box.appLog(), "286-34 ")) << m_box.appLog();
+  for (const char* refusal : {"286-38 ", "286-37 "}) {
+    if (refusal[5] == '8') {
+      m_box.setKmsDir(m_box.path("empty"));
+    } else {
+      m_box.writePrivate("etc/vr.conf", "SERVER = localhost\nVRKMS_ENDPOINT = giop:tcp:127.0.0.1:" +
+                                            std::to_string(m_box.port()) + "\n");
+    }
+    m_box.launch({"-console"});
+    EXPECT_EQ(m_box.waitForExit(60s), 1);
+    EXPECT_FALSE(exists(m_box.iorPath()));
+    EXPECT_FALSE(exists(m_box.pidPath()));
+    EXPECT_FALSE(canConnect(m_box.port()));
+    EXPECT_TRUE(contains(m_box.appLog(), refusal)) << m_box.appLog();
+  }
+  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-34 "), 2u) << m_box.appLog();
   EXPECT_TRUE(contains(m_box.debugLog(), "The directive \"static KMSMgrService\" failed"));
-  EXPECT_TRUE(contains(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"));
+  EXPECT_EQ(CtlOutput::countOf(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"),
+            2u);
+}
+
+TEST(VrkmsProgram, UsageCodesAndTheLoggedCommandLine) {
+  ServiceSandbox box;
+  ::unlink(box.path("etc/vr.conf").c_str());
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"-help"}, {"-H"}, {"-bogus"}, {"-infox"}, {"-h", "-info"}, {"word"}, {""}}) {
+    const ProcessResult r = box.run(args);
+    EXPECT_EQ(r.exitStatus, 0) << args[0];
+    EXPECT_EQ(r.err,
+              "\nUSAGE: Vaultrest key management service\n\n"
+              "   vrkms [ -createemptydb | -info | -resethmk | -resetkpk ]\n")
+        << args[0];
+    EXPECT_EQ(r.out, "") << args[0];
+  }
+  // Off the master server (no configuration): the code, and 252.
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"-createemptydb", "-randomhmk", "-randomkpk"}, {"-RESETKPK"}, {"-info", "ignored"}}) {
+    const ProcessResult r = box.run(args);
+    EXPECT_EQ(r.exitStatus, 252) << args[0];
+    EXPECT_TRUE(contains(r.err, "\nEXIT STATUS = 1271\n")) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
+  box.run({"-resethmk", "-hmkpass", "secret1"});
+  box.run({"-resethmk", "-HMKPASS", "secret2", "-overwrite"});
+  box.run({"-createemptydb", "-kpkpass", "secret3", "-hmkpass"});
+  box.run({"-resetkpk", "-hmkpassword", "plain"});
+  const std::string log = box.debugLog();
+  EXPECT_TRUE(contains(log, "Actual Error Code: 1271 (")) << log;
+  EXPECT_TRUE(contains(log, "kmsExit: Exiting with Status: 252 (")) << log;
+  EXPECT_TRUE(contains(log, "FIPS mode DISABLED in configuration")) << log;
+  EXPECT_TRUE(contains(log, "Command Line Args: " VRKMS_BINARY " -resethmk -hmkpass ****** "));
+  EXPECT_TRUE(contains(log, " -resethmk -HMKPASS ****** -overwrite ")) << log;
+  EXPECT_TRUE(contains(log, " -createemptydb -kpkpass ****** -hmkpass ****** ")) << log;
+  EXPECT_TRUE(contains(log, " -resetkpk -hmkpassword plain ")) << log;
+  EXPECT_FALSE(contains(log, "secret")) << log;
+}
+
+// "-terminate" passes the gates of a plain start but the running-service
+// one; a start refused at a gate exits 0 quietly, one that passes them all
+// finds no service to stop (1).
+TEST(VrkmsProgram, StartGatesRefuseOffTheMasterServerAndOnAnInactiveClusterNode) {
+  struct Gate {
+    const char* conf;     // nullptr: none
+    int cluster, active;  // the stand-in cluster utility's answers; -1: none
+    int exitStatus;
+    const char* logged;
+  };
+  const Gate gates[] = {
+      {nullptr, -1, -1, 0, "286-32 "},
+      {"SERVER = 192.0.2.1\nSERVER = localhost\n", -1, -1, 0, "286-30 "},
+      {"EMM_SERVER = localhost\n", -1, -1, 0, "286-32 "},
+      {"SERVER = localhost\n", -1, -1, 1, "No vrkms service is running"},
+      {"SERVER = localhost\n", 1, 0, 0, "286-86 vrkms_main: "},
+      {"SERVER = localhost\n", 2, 0, 0, "286-86 vrkms_main: "},
+      {"SERVER = localhost\n", 1, 1, 1, "No vrkms service is running"},
+      {"SERVER = localhost\n", 0, 0, 1, "No vrkms service is running"},
+  };
+  for (const Gate& gate : gates) {
+    ServiceSandbox box;
+    SCOPED_TRACE(std::string(gate.conf ? gate.conf : "no configuration") + " cluster " +
+                 std::to_string(gate.cluster) + " active " + std::to_string(gate.active));
+    if (gate.conf == nullptr) {
+      ::unlink(box.path("etc/vr.conf").c_str());
+    } else {
+      box.writePrivate("etc/vr.conf", gate.conf);
+    }
+    if (gate.cluster >= 0) {
+      ::mkdir(box.path("vaultrest").c_str(), 0755);
+      ::mkdir(box.path("vaultrest/bin").c_str(), 0755);
+      const std::string utility = box.path("vaultrest/bin/vrclusterutil");
+      box.writePrivate("vaultrest/bin/vrclusterutil",
+                       "#!/bin/sh\ncase \"$2\" in\n-iscluster) exit " +
+                           std::to_string(gate.cluster) + " ;;\n-isactive) exit " +
+                           std::to_string(gate.active) + " ;;\nesac\nexit 99\n");
+      ::chmod(utility.c_str(), 0755);
+    }
+    const ProcessResult r = box.run({"-TERMINATE", "ignored"});
+    EXPECT_EQ(r.exitStatus, gate.exitStatus);
+    EXPECT_TRUE(contains(box.appLog() + box.debugLog(), gate.logged))
+        << box.appLog() << box.debugLog();
+    if (gate.exitStatus == 0) {
+      EXPECT_EQ(r.err, "");
+      EXPECT_TRUE(contains(box.appLog(), "286-30 vrkms_main: ") ||
+                  contains(box.appLog(), "286-86 vrkms_main: "))
+          << box.appLog();
+    }
+  }
+}
+
+// A service whose ORB is initialised sends and accepts messages up to the
+// bound, far above the ORB's own 2 MiB: a whole store travels in one call.
+// Run in a child of its own, whose ORB is the first and only one.
+TEST(OrbMessageBound, ServiceOrbAcceptsWholeStoreExports) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto check = [] {
+    TempRoot run("orb-bound");
+    Fw::Orb orb;
+    char name[] = "vrkms";
+    char* argv[] = {name, nullptr};
+    const std::string endpoint = "giop:tcp:127.0.0.1:" + std::to_string(ServiceSandbox::freePort());
+    if (orb.init(1, argv, endpoint, run.path()) != 0) {
+      return 2;
+    }
+    const unsigned long bound = std::strtoul(Fw::Orb::kMaxMessageSize, nullptr, 10);
+    const int status = omniORB::giopMaxMsgSize() == bound && bound >= (64ul << 20) ? 0 : 1;
+    orb.shutdown(true);
+    orb.destroy();
+    return status;
+  };
+  EXPECT_EXIT(std::_Exit(check()), ::testing::ExitedWithCode(0), "");
 }

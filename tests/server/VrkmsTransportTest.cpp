@@ -20,11 +20,10 @@
 #include <thread>
 #include <vector>
 
-#include "kms/platform/framework/FrameworkRegistrar.h"
-#include "kms/platform/framework/TlsContext.h"
-#include "server/GatedVrkms.h"
+#include "server/CtlOutput.h"
 #include "server/GuardedCalls.h"
-#include "server/OrbTestSupport.h"
+#include "server/ServiceClient.h"
+#include "server/ServiceSandbox.h"
 #include "support/TestCertificates.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
@@ -41,19 +40,15 @@ std::string tlsReference(const std::string& endpoint) {
 class VrkmsTransport : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_endpoint = "giop:ssl:127.0.0.1:" + std::to_string(GatedVrkms::freePort());
+    m_endpoint = "giop:ssl:127.0.0.1:" + std::to_string(ServiceSandbox::freePort());
     m_ca.issue("vrkms", "/CN=vrkms");
     m_ca.issue("media01", "/CN=media01");
     m_ca.issue("media02", "/CN=media02");
     m_tls = "VRKMS_TLS_CERT = " + m_ca.cert("vrkms") + "\nVRKMS_TLS_KEY = " + m_ca.key("vrkms") +
             "\nVRKMS_TLS_CA = " + m_ca.ca() + "\nVRKMS_TLS_ENDPOINT = " + m_endpoint +
             "\nVRKMS_GRANT = cert:CN=media01 1,2,3,28,40\n";
-    m_vrkms.writeConf(m_vrkms.root().file("kms"), m_tls);
-    ASSERT_EQ(m_vrkms
-                  .admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1", "-kpkid",
-                          "kpk-1"})
-                  .exitStatus,
-              0);
+    m_vrkms.writeConf(m_tls);
+    ASSERT_TRUE(m_vrkms.makeStore());
   }
 
   // vrkmsctl over TLS with `tls` (its --tls-* options).
@@ -63,7 +58,7 @@ class VrkmsTransport : public ::testing::Test {
     return m_vrkms.ctl(tls);
   }
 
-  GatedVrkms m_vrkms;
+  ServiceSandbox m_vrkms;
   std::string m_endpoint;
   std::string m_tls;  // the TLS lines of vr.conf, with a grant for CN=media01
   TestCertificates m_ca{m_vrkms.root().path(), "vrkms-ca"};
@@ -111,25 +106,18 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   // getKey and the others that hand out key values included (its facets
   // are fetched while a grant names it).
   const auto tagOf = [&](const std::vector<std::string>& args) {
-    const std::string out = m_vrkms.ctl(args).out;
-    const size_t at = out.find("\"tag\":\"") + 7;
-    return out.substr(at, out.find('"', at) - at);
+    return CtlOutput::jsonField(m_vrkms.ctl(args).out, "tag");
   };
   tagOf({"--json", "group", "create", "g", "--cipher", "AES256"});
   const std::string tag = tagOf({"--json", "key", "create", "g", "k"});
   const std::string groupTag = tagOf({"--json", "group", "show", "g"});
-  Fw::TlsContext::install({m_ca.cert("media02"), m_ca.key("media02"), m_ca.ca()});
-  int argc = 1;
-  char name[] = "server_tests";
-  char* argv[] = {name, nullptr};
-  const char* options[][2] = {{"clientTransportRule", "* ssl"}, {nullptr, nullptr}};
-  CORBA::ORB_var orb = CORBA::ORB_init(argc, argv, "omniORB4", options);
-  Fw::FrameworkRegistrar().init(orb.in());
-  m_vrkms.writeExtraConf(m_tls + "VRKMS_GRANT = cert:CN=media02 1,2,3,4,28,40\n");
-  GuardedCalls::Facets3 facets(orb, tlsReference(m_endpoint), tag, groupTag);
-  m_vrkms.writeExtraConf(m_tls);
+  KmsClient client(tlsReference(m_endpoint),
+                   {m_ca.cert("media02"), m_ca.key("media02"), m_ca.ca()});
+  m_vrkms.writeConf(m_tls + "VRKMS_GRANT = cert:CN=media02 1,2,3,4,28,40\n");
+  GuardedCalls::Facets3 facets(client, tag, groupTag);
+  m_vrkms.writeConf(m_tls);
   for (const GuardedCalls::Guarded& op : facets.operations()) {
-    EXPECT_EQ(GuardedCalls::outcome(op.call), "NO_PERMISSION") << op.name;
+    EXPECT_EQ(ServiceClient::outcome(op.call), "NO_PERMISSION") << op.name;
   }
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
@@ -163,22 +151,12 @@ int connectFrom(const char* from, int port) {
 
 TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) {
   // 127.0.0.1 may fetch the facets (3) and read (1, 28), but not import.
-  m_vrkms.writeExtraConf("VRKMS_GRANT = 127.0.0.1 1,3,28\nVRKMS_GRANT = 127.0.0.2 1\n");
+  m_vrkms.writeConf("VRKMS_GRANT = 127.0.0.1 1,3,28\nVRKMS_GRANT = 127.0.0.2 1\n");
   ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
-  // A client whose messages may be as large as the service's.
-  int argc = 1;
-  char name[] = "server_tests";
-  char* argv[] = {name, nullptr};
-  const char* options[][2] = {
-      {"giopMaxMsgSize", "268435456"}, {"clientTransportRule", "* tcp"}, {nullptr, nullptr}};
-  CORBA::ORB_var orb = CORBA::ORB_init(argc, argv, "omniORB4", options);
-  ASSERT_EQ(orb.in(), testOrb());
-  Remote::KMSMgr_var mgr = Remote::KMSMgr::_narrow(
-      CORBA::Object_var(orb->string_to_object(m_vrkms.reference().c_str())).in());
-  Facets::KMSModifiableFacet_var modify =
-      Facets::KMSModifiableFacet::_narrow(Remote::ModifiableFacet_var(mgr->getModifiableFacet()));
-  Facets::KMSControlFacet_var control =
-      Facets::KMSControlFacet::_narrow(Remote::ControlFacet_var(mgr->getControlFacet()));
+  // The client's messages may be as large as the service's.
+  KmsClient client(m_vrkms.reference());
+  Facets::KMSModifiableFacet_ptr modify = client.modify();
+  Facets::KMSControlFacet_ptr control = client.control();
 
   // Six imports of 200 MiB from a peer without the import's right: each is
   // refused before its buffer is read in.
