@@ -37,8 +37,8 @@
 #include "kms/platform/framework/FrameworkRegistrar.h"
 #include "kms/platform/framework/TlsContext.h"
 #include "kms/server/RecordConvertor.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;

@@ -15,9 +15,9 @@
 
 #include "bench/BenchReport.h"
 #include "kms/platform/MangleRandom.h"
-#include "kms/server/keystore/KPKMgr.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/KeyWrap.h"
+#include "kms/server/keystore/crypto/KPKMgr.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
 
 using namespace Vaultrest::DL::KMS;
 

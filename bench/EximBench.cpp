@@ -23,15 +23,15 @@
 #include <string>
 
 #include "bench/BenchReport.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
-#include "kms/server/keystore/KPKMgr.h"
-#include "kms/server/keystore/KSMetadata.h"
-#include "kms/server/keystore/KSOpStatus.h"
-#include "kms/server/keystore/KeyFile.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/KeyWrap.h"
-#include "kms/server/keystore/RandData.h"
+#include "kms/server/keystore/crypto/KPKMgr.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/format/KSMetadata.h"
+#include "kms/server/keystore/format/KeyFile.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 
 using namespace Vaultrest::DL::KMS;
 

@@ -12,8 +12,8 @@
 #include <string>
 
 #include "bench/BenchReport.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/FileUtils.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/files/FileUtils.h"
 
 using namespace Vaultrest::DL::KMS;
 

@@ -23,13 +23,13 @@
 #include <vector>
 
 #include "bench/BenchReport.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/KeyRecordTable.h"
-#include "kms/server/keystore/KeyRecord_v1.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/RecordUtils.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/StringOutDest.h"
+#include "kms/server/keystore/records/KeyRecordTable.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 
 using namespace Vaultrest::DL::KMS;
 

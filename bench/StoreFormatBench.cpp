@@ -16,12 +16,12 @@
 #include <string>
 
 #include "bench/BenchReport.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/KeyRecordTable.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/StringOutDest.h"
+#include "kms/server/keystore/records/KeyRecordTable.h"
 
 using namespace Vaultrest::DL::KMS;
 

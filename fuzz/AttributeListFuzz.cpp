@@ -8,7 +8,7 @@
 #include <string>
 
 #include "FormatFuzzUtil.h"
-#include "kms/server/keystore/ReaderWriter.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
 
 using namespace Vaultrest::DL::KMS;
 using formatfuzz::check;

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "kms/server/diagnostics/KeyStoreError.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/StringOutDest.h"
 
 namespace formatfuzz {
 

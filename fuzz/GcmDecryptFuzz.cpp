@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "kms/server/keystore/GCMCrypter.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
 
 using Vaultrest::DL::KMS::GCMCrypter;
 

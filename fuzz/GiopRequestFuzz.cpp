@@ -58,9 +58,9 @@
 #include "kms/platform/framework/StartServiceContainer.h"
 #include "kms/server/KMSMgrService.h"
 #include "kms/server/KMSServiceContainer.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
-#include "kms/server/keystore/KeyGen.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Remote = Ardentis::Vaultrest::DL::KMS;

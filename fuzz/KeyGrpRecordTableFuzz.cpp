@@ -9,8 +9,8 @@
 #include <string>
 
 #include "FormatFuzzUtil.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/RecordTable.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/records/RecordTable.h"
 
 using namespace Vaultrest::DL::KMS;
 using formatfuzz::check;

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "FormatFuzzUtil.h"
-#include "kms/server/keystore/KeyRecordTable.h"
-#include "kms/server/keystore/ReaderWriter.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/records/KeyRecordTable.h"
 
 using namespace Vaultrest::DL::KMS;
 using formatfuzz::check;

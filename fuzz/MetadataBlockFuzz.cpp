@@ -11,11 +11,11 @@
 #include <string>
 
 #include "FormatFuzzUtil.h"
-#include "kms/server/keystore/KSEximMetadata.h"
-#include "kms/server/keystore/KSMetadata.h"
-#include "kms/server/keystore/KeyFile.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/SecuredDataHeader.h"
+#include "kms/server/keystore/format/KSEximMetadata.h"
+#include "kms/server/keystore/format/KSMetadata.h"
+#include "kms/server/keystore/format/KeyFile.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/SecuredDataHeader.h"
 
 using namespace Vaultrest::DL::KMS;
 using formatfuzz::check;

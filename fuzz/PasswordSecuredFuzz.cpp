@@ -16,9 +16,9 @@
 #include <string>
 
 #include "FormatFuzzUtil.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/SecuredDataHeader.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/SecuredDataHeader.h"
 
 using namespace Vaultrest::DL::KMS;
 using formatfuzz::check;

@@ -9,8 +9,8 @@
 #include "kms/platform/Fips.h"
 #include "kms/platform/VrConfReader.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 using Vaultrest::DL::KMS::FileKeyStore;
 using Vaultrest::DL::KMS::KeyStoreError;

@@ -15,7 +15,7 @@
 #pragma once
 
 #include "kms/server/diagnostics/KeyStoreError.h"
-#include "kms/server/keystore/KeyStore.h"
+#include "kms/server/keystore/store/KeyStore.h"
 
 namespace Ardentis {
 namespace Vaultrest {

@@ -8,8 +8,8 @@
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/SecureBytes.h"
+#include "kms/server/keystore/crypto/SecureBytes.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Ardentis {
 namespace Vaultrest {

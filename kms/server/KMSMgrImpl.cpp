@@ -12,8 +12,8 @@
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Ardentis {
 namespace Vaultrest {

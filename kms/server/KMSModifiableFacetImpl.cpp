@@ -8,9 +8,9 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KSOpStatus.h"
-#include "kms/server/keystore/SecureBytes.h"
+#include "kms/server/keystore/crypto/SecureBytes.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 
 namespace Ardentis {
 namespace Vaultrest {

@@ -24,7 +24,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Messages.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
 
 namespace Vaultrest {
 namespace DL {

@@ -15,8 +15,8 @@
 #include <memory>
 #include <string>
 
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KeyInfo.h"
+#include "kms/server/keystore/records/KeyInfo.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Vaultrest {
 namespace DL {

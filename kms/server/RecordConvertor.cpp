@@ -4,7 +4,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 
 namespace Ardentis {
 namespace Vaultrest {

@@ -16,9 +16,9 @@
 
 #include <KMS.h>
 
-#include "kms/server/keystore/KSOpStatus.h"
-#include "kms/server/keystore/KeyGrpRecord_v1.h"
-#include "kms/server/keystore/KeyRecord_v1.h"
+#include "kms/server/keystore/records/KeyGrpRecord_v1.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 
 namespace Ardentis {
 namespace Vaultrest {

@@ -16,7 +16,7 @@
 
 #include <list>
 
-#include "kms/server/keystore/SecureBytes.h"
+#include "kms/server/keystore/crypto/SecureBytes.h"
 
 namespace Ardentis {
 namespace Vaultrest {

@@ -29,7 +29,7 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Messages.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
 using Ardentis::Vaultrest::TL::Framework::ServiceContainerOptions;

@@ -1,4 +1,4 @@
-#include "kms/server/keystore/AttributeList.h"
+#include "kms/server/keystore/records/AttributeList.h"
 
 #include <gtest/gtest.h>
 

@@ -8,8 +8,8 @@
 
 #include "CryptoTestUtil.h"
 #include "kms/platform/MangleCipher.h"
-#include "kms/server/keystore/EVPCrypter.h"
-#include "kms/server/keystore/MangleCrypter.h"
+#include "kms/server/keystore/crypto/EVPCrypter.h"
+#include "kms/server/keystore/crypto/MangleCrypter.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace cryptotest;

@@ -25,9 +25,9 @@
 #include "keystore/StoreFilesTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/InstallRoot.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSConfig.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSConfig.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/TempRoot.h"
 
 namespace changetest {

@@ -1,6 +1,6 @@
 // ConfigMgr over real files and the master configuration, and over scripted
 // agents for the failure paths.
-#include "kms/server/keystore/ConfigMgr.h"
+#include "kms/server/keystore/files/ConfigMgr.h"
 
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -17,9 +17,9 @@
 #include "kms/platform/InstallRoot.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/diagnostics/Raise.h"
-#include "kms/server/keystore/ACEConfAgent.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/KMSConfig.h"
+#include "kms/server/keystore/files/ACEConfAgent.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/files/KMSConfig.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {

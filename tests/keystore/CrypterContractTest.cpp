@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/CryptFactory.h"
+#include "kms/server/keystore/crypto/CryptFactory.h"
 
 using namespace Vaultrest::DL::KMS;
 using cryptotest::decryptAll;

@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/CrypterPool.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/KPKMgr.h"
-#include "kms/server/keystore/KeyWrap.h"
-#include "kms/server/keystore/RandData.h"
+#include "kms/server/keystore/crypto/CrypterPool.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
+#include "kms/server/keystore/crypto/KPKMgr.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
+#include "kms/server/keystore/crypto/RandData.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace cryptotest;

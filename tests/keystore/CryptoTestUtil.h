@@ -9,7 +9,7 @@
 
 #include "kms/platform/MangleRandom.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
-#include "kms/server/keystore/KSCrypt.h"
+#include "kms/server/keystore/crypto/KSCrypt.h"
 
 namespace cryptotest {
 

@@ -19,14 +19,14 @@
 
 #include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
-#include "kms/server/keystore/KSEximMetadata.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSOpStatus.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/format/KSEximMetadata.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/StringOutDest.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 #include "support/TempRoot.h"
 
 namespace eximtest {

@@ -16,8 +16,8 @@
 #include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 
 namespace Vaultrest {

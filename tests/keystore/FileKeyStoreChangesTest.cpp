@@ -18,9 +18,9 @@
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "kms/platform/MangleRandom.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/RandData.h"
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 
 namespace Vaultrest {

@@ -14,8 +14,8 @@
 #include "keystore/EximTestUtil.h"
 #include "keystore/FormatTestUtil.h"
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KSOpStatus.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {

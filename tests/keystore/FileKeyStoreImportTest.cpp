@@ -20,9 +20,9 @@
 #include "keystore/FormatTestUtil.h"
 #include "keystore/MasterKeyTestUtil.h"
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/KPKMgr.h"
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/crypto/KPKMgr.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 
 namespace Vaultrest {

@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/KSMetadata.h"
-#include "kms/server/keystore/RandData.h"
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/format/KSMetadata.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 #include "support/TempRoot.h"
 

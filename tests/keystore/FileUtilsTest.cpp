@@ -1,7 +1,7 @@
 // The file primitives of the store (FileUtils), the seam through which
 // tests record, fail and crash their operations (FileFaults), and the paths
 // of the store's files (KMSFileLocator).
-#include "kms/server/keystore/FileUtils.h"
+#include "kms/server/keystore/files/FileUtils.h"
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -20,8 +20,8 @@
 
 #include "kms/platform/Lis.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
 #include "support/LogCapture.h"
 #include "support/PlatformTestRoot.h"
 #include "support/TempRoot.h"

@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/StringOutDest.h"
 
 namespace formattest {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/GCMCrypter.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace cryptotest;

@@ -12,13 +12,13 @@
 
 #include "CryptoTestUtil.h"
 #include "RecordTestHelpers.h"
-#include "kms/server/keystore/CryptFactory.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/FileOutDest.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSOutStream.h"
-#include "kms/server/keystore/StringOutDest.h"
+#include "kms/server/keystore/crypto/CryptFactory.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/format/FileOutDest.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/StringOutDest.h"
 #include "support/TempRoot.h"
 
 using namespace Vaultrest::DL::KMS;

@@ -10,10 +10,10 @@
 #include <string>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/Hmac.h"
-#include "kms/server/keystore/KeyGen.h"
-#include "kms/server/keystore/RandData.h"
-#include "kms/server/keystore/TagGen.h"
+#include "kms/server/keystore/crypto/Hmac.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/crypto/TagGen.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace cryptotest;

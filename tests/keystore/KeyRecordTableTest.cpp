@@ -1,13 +1,13 @@
-#include "kms/server/keystore/KeyRecordTable.h"
+#include "kms/server/keystore/records/KeyRecordTable.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "keystore/RecordTestHelpers.h"
-#include "kms/server/keystore/KeyGrpRecord_v1.h"
-#include "kms/server/keystore/KeyRecord_v1.h"
-#include "kms/server/keystore/RecordTable.h"
+#include "kms/server/keystore/records/KeyGrpRecord_v1.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
+#include "kms/server/keystore/records/RecordTable.h"
 
 using namespace Vaultrest::DL::KMS;
 using recordtest::keyRecord;

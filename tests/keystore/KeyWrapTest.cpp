@@ -6,11 +6,11 @@
 #include <string>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/CryptFactory.h"
-#include "kms/server/keystore/GCMCrypter.h"
-#include "kms/server/keystore/KPKMgr.h"
-#include "kms/server/keystore/KeyWrap.h"
-#include "kms/server/keystore/MangleCrypter.h"
+#include "kms/server/keystore/crypto/CryptFactory.h"
+#include "kms/server/keystore/crypto/GCMCrypter.h"
+#include "kms/server/keystore/crypto/KPKMgr.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
+#include "kms/server/keystore/crypto/MangleCrypter.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace cryptotest;

@@ -13,7 +13,7 @@
 #include "keystore/MasterKeyTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
-#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/files/FileFaults.h"
 
 namespace masterkeytest {
 namespace {

@@ -15,8 +15,8 @@
 #include "keystore/MasterKeyTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/KeyGen.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/files/FileFaults.h"
 #include "support/LogCapture.h"
 
 namespace masterkeytest {

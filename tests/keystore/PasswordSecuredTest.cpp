@@ -11,10 +11,10 @@
 #include "CryptoTestUtil.h"
 #include "FormatTestUtil.h"
 #include "RecordTestHelpers.h"
-#include "kms/server/keystore/KSEximMetadata.h"
-#include "kms/server/keystore/KeyRecordTable.h"
-#include "kms/server/keystore/ReaderWriter.h"
-#include "kms/server/keystore/RecordTable.h"
+#include "kms/server/keystore/format/KSEximMetadata.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/records/KeyRecordTable.h"
+#include "kms/server/keystore/records/RecordTable.h"
 
 using namespace Vaultrest::DL::KMS;
 using namespace formattest;

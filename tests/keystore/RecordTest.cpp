@@ -5,8 +5,8 @@
 
 #include "keystore/CryptoTestUtil.h"
 #include "keystore/RecordTestHelpers.h"
-#include "kms/server/keystore/KeyGrpRecord_v1.h"
-#include "kms/server/keystore/KeyRecord_v1.h"
+#include "kms/server/keystore/records/KeyGrpRecord_v1.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
 
 using namespace Vaultrest::DL::KMS;
 using cryptotest::ksStatus;

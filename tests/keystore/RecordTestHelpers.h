@@ -4,7 +4,7 @@
 #include <string>
 
 #include "kms/platform/VRLogger.h"
-#include "kms/server/keystore/KeyRecord_v1.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
 
 namespace recordtest {
 

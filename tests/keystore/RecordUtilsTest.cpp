@@ -1,4 +1,4 @@
-#include "kms/server/keystore/RecordUtils.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "keystore/StoreFilesTestUtil.h"
-#include "kms/server/keystore/FileFaults.h"
+#include "kms/server/keystore/files/FileFaults.h"
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;

@@ -21,13 +21,13 @@
 #include <vector>
 
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/FileUtils.h"
-#include "kms/server/keystore/KMSFileLocator.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KSMetadata.h"
-#include "kms/server/keystore/KeyFile.h"
-#include "kms/server/keystore/RandData.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/files/FileUtils.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSMetadata.h"
+#include "kms/server/keystore/format/KeyFile.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/TempRoot.h"
 
 namespace storefiles {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "keystore/StoreTestState.h"
-#include "kms/server/keystore/StoreLockGuards.h"
+#include "kms/server/keystore/store/StoreLockGuards.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {

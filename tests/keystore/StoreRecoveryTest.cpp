@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "keystore/StoreFilesTestUtil.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/FileKeyStore.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;

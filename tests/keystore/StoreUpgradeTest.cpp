@@ -14,12 +14,12 @@
 #include "keystore/CryptoTestUtil.h"
 #include "keystore/FormatTestUtil.h"
 #include "keystore/StoreFilesTestUtil.h"
-#include "kms/server/keystore/CryptFactory.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KSInputBuffer.h"
-#include "kms/server/keystore/KeyWrap.h"
-#include "kms/server/keystore/RandData.h"
+#include "kms/server/keystore/crypto/CryptFactory.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
 using formattest::be;

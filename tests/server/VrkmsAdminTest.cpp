@@ -11,8 +11,8 @@
 
 #include "kms/platform/CrvnLis.h"
 #include "kms/platform/Fips.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 #include "server/CtlOutput.h"
 #include "server/ServiceSandbox.h"
 

@@ -26,9 +26,9 @@
 
 #include "kms/server/KMSModifiableFacetImpl.h"
 #include "kms/server/KMSQueryableFacetImpl.h"
-#include "kms/server/keystore/FileFaults.h"
-#include "kms/server/keystore/FileKeyStore.h"
-#include "kms/server/keystore/KMSFileLocator.h"
+#include "kms/server/keystore/files/FileFaults.h"
+#include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
 #include "server/CtlOutput.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"

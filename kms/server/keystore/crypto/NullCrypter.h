@@ -1,0 +1,40 @@
+// The crypter of type CRYPT_NONE: both sides copy their input to their output
+// unchanged. It takes no key and supports no AAD.
+#pragma once
+
+#include "kms/server/keystore/crypto/KSCrypt.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+class NullCrypter : public KSCrypt {
+ public:
+  // Throws KeyStoreError 1223 if the initial reset fails.
+  NullCrypter();
+  ~NullCrypter() override;
+
+  // A call after the final call returns 1224 (checked before the status).
+  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  int reset() override;
+  int encryptReset() override;
+  int decryptReset() override;
+
+ private:
+  struct Side {
+    int status = 1223;
+    Output output;
+    bool finalDone = false;
+  };
+  static int copy(Side& side, const unsigned char* data, unsigned long len, bool final);
+
+  Side m_enc;
+  Side m_dec;
+};
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

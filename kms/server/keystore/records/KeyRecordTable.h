@@ -1,0 +1,518 @@
+// The table of keys: a RecordTable with two secondary indexes and the rule of
+// one active key per group.
+//
+//  - by group: for each group tag the list of its key tags, active keys at
+//    the front and all others behind them in the order of their tags, which
+//    is the order of the file: a group lists its keys in the same order
+//    before and after a reload. A group without keys has no entry.
+//  - by KAD: a KAD is a prefix of its tags, so the records themselves, in
+//    tag order, are the index: the tags of a KAD stand together.
+//
+// Every change goes through addRecord, updateRecord and removeRecord, which
+// keep the indexes and end with the invariant's check of what they touched:
+// the number of listed keys, the active keys at the front of the lists of
+// the groups that the change touched, and the place of the changed record.
+// With the invariant true before, that keeps it true of the whole table at
+// a cost that does not grow with the table.
+// testInvariant checks the whole table (after a load, and on demand). A
+// broken invariant aborts the process (message 89). Records may be changed in place through a
+// mutable findForChange or changeEach (as the key wrapping does), but never in tag, key group or
+// state. The base is not public, so no caller can reach its changes, which would bypass the
+// indexes.
+//
+// Copying shares the records and the group lists with the original until
+// either changes them (see RecordTable); the store copies the table for each
+// change at a cost in proportion to what the change touches. No lock: see
+// RecordTable.
+#pragma once
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/records/RecordTable.h"
+#include "kms/server/keystore/records/RecordUtils.h"
+#include "kms/server/keystore/store/KeyStoreTypes.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+template <typename R>
+class KeyRecordTable : protected RecordTable<R> {
+  typedef RecordTable<R> Base;
+
+ public:
+  // Key tags in the order of a group list.
+  typedef std::vector<std::string> TagList;
+  using typename Base::const_iterator;
+  using typename Base::iterator;
+
+  // Length of the KAD that the index is built on, the shortest a caller may
+  // look up.
+  static constexpr size_t kKadLength = 12;
+
+  // `singleActive`: whether a group may hold only one KEY_ACTIVE key. Every
+  // table of the store is made with true.
+  explicit KeyRecordTable(bool singleActive)
+      : m_singleActive(singleActive), m_skipInvariant(false) {
+    testInvariant();
+  }
+
+  // Adds the record. False, with nothing changed, if the tag is taken or if
+  // the record is KEY_ACTIVE and its group already has an active key under
+  // the single-active rule.
+  bool addRecord(const R& rec) { return addRecord(R(rec)); }
+  bool addRecord(R&& rec);
+
+  // Replaces the record of the same tag, moving its tag between or within
+  // group lists when the key group or state changes. False, with nothing
+  // changed, if the tag is absent, or if the record becomes KEY_ACTIVE in a
+  // group that already has an active key under the single-active rule: the
+  // table never demotes the old active key, the caller must update it first.
+  bool updateRecord(const R& rec);
+
+  // Removes the record and its index entries; false if the tag is absent.
+  bool removeRecord(const std::string& tagToRemove);
+
+  using Base::begin;
+  using Base::changeEach;
+  using Base::end;
+  using Base::find;
+  using Base::findForChange;
+  using Base::getRecord;
+  using Base::size;
+
+  // The group's key tags, active keys first, or a static empty list. The
+  // reference is valid until the next change of the table.
+  const TagList& getTagsByGroup(const std::string& group) const {
+    const auto giter = m_groups.find(group);
+    return giter != m_groups.end() ? giter->second : m_errorL;
+  }
+
+  // Number of keys in the group; 0 for an unknown group.
+  size_t getNumKeysInGroup(const std::string& group) const {
+    const auto giter = m_groups.find(group);
+    return giter != m_groups.end() ? giter->second.size() : 0;
+  }
+
+  // Tag of the group's KEY_ACTIVE key, or a static empty string. Valid until
+  // the next change of the table.
+  const std::string& getActiveKeyInGroup(const std::string& group) const;
+
+  // Fills `tags` (cleared first) with the tags that begin with `kad`; a KAD
+  // longer than a tag matches over the tag's whole length. Returns 1220 for a
+  // KAD shorter than 12 bytes, else 0, also when nothing matches.
+  int getTagsByKad(const std::string& kad, TagList& tags) const;
+
+  bool singleActive() const { return m_singleActive; }
+
+  // While set, testInvariant does nothing. Set while a table is loaded from
+  // a file; whoever clears it runs testInvariant once.
+  void setSkipInvariant(bool skip) { m_skipInvariant = skip; }
+  bool skipInvariant() const { return m_skipInvariant; }
+
+  // Aborts the process (message 89) if the indexes disagree with the
+  // records or a group breaks the order or number of its active keys.
+  void testInvariant() const;
+  // The same for what a change touched only: the number of listed keys, the
+  // active keys at the front of the lists of `group` and `other` (if not
+  // empty), and the place of the record of `tag` (if not empty) in its list.
+  void testGroups(const std::string& group, const std::string& other = std::string(),
+                  const std::string& tag = std::string()) const;
+
+  // Console dump of the records, then of the group lists.
+  void display() const;
+
+ private:
+  using Base::m_rectable;
+
+  // The group's list, made for a change (created if missing).
+  TagList& groupForChange(const std::string& group);
+  // Puts `tag` into `tags`: at the front if `active`, else among the keys
+  // behind the active ones in tag order.
+  void insertTag(TagList& tags, const std::string& tag, bool active);
+  // Takes `tag` out of the group's list, and the group's entry if that was
+  // its last key; false if the tag was not listed there.
+  bool eraseTag(const std::string& group, const std::string& tag);
+  // Fills `listed` with the records of the group lists in list order, group
+  // by group; false if a listed tag has no record of that group, or if the
+  // lists do not name every record exactly once.
+  bool listsMatchRecords(std::vector<const R*>& listed) const;
+  // Walks every record through its group's list; aborts at the first record
+  // that is not listed there, and in any case.
+  [[noreturn]] void walkRecordsThroughGroupLists() const;
+
+  SharedTagMap<TagList> m_groups;
+  // Number of tags in all group lists.
+  size_t m_listed = 0;
+  bool m_singleActive;
+  bool m_skipInvariant;
+  static inline const std::string m_errorStr{};
+  static inline const TagList m_errorL{};
+};
+
+template <typename R>
+bool KeyRecordTable<R>::addRecord(R&& rec) {
+  KMS_TRACE_THIS("KeyRecordTable::addRecord");
+  if (m_singleActive && rec.state() == KEY_ACTIVE && !getActiveKeyInGroup(rec.keyGroup()).empty()) {
+    testGroups(rec.keyGroup());
+    return false;
+  }
+  const std::string tag = rec.tag();
+  const std::string group = rec.keyGroup();
+  const bool active = rec.state() == KEY_ACTIVE;
+  if (!Base::addRecord(std::move(rec))) {
+    testGroups(group);
+    return false;
+  }
+  insertTag(groupForChange(group), tag, active);
+  testGroups(group, std::string(), tag);
+  return true;
+}
+
+template <typename R>
+typename KeyRecordTable<R>::TagList& KeyRecordTable<R>::groupForChange(const std::string& group) {
+  TagList* tags = m_groups.findForChange(group);
+  if (tags == nullptr) {
+    m_groups.emplace(group, TagList());
+    tags = m_groups.findForChange(group);
+  }
+  return *tags;
+}
+
+template <typename R>
+void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool active) {
+  ++m_listed;
+  if (active) {
+    tags.insert(tags.begin(), tag);
+    return;
+  }
+  auto first = tags.begin();
+  while (first != tags.end()) {
+    const auto iter = m_rectable.find(*first);
+    if (iter == m_rectable.end() || iter->second.state() != KEY_ACTIVE) {
+      break;
+    }
+    ++first;
+  }
+  tags.insert(std::lower_bound(first, tags.end(), tag), tag);
+}
+
+template <typename R>
+bool KeyRecordTable<R>::eraseTag(const std::string& group, const std::string& tag) {
+  if (m_groups.find(group) == m_groups.end()) {
+    return false;
+  }
+  TagList& tags = *m_groups.findForChange(group);
+  const auto liter = std::find(tags.begin(), tags.end(), tag);
+  if (liter == tags.end()) {
+    return false;
+  }
+  tags.erase(liter);
+  --m_listed;
+  if (tags.empty()) {
+    m_groups.erase(group);
+  }
+  return true;
+}
+
+template <typename R>
+bool KeyRecordTable<R>::updateRecord(const R& rec) {
+  KMS_TRACE_THIS("KeyRecordTable::updateRecord");
+  static constexpr const char* kLabel = "KeyRecordTable::updateRecord";
+  const size_t numrecs = m_rectable.size();
+  const auto iter = m_rectable.find(rec.tag());
+  if (iter == m_rectable.end()) {
+    KS_ASSERT(kLabel, numrecs == m_rectable.size());
+    testGroups(rec.keyGroup());
+    return false;
+  }
+
+  const R& stored = iter->second;
+  // A copy: `stored` may go when the record is replaced.
+  const std::string oldGroup = stored.keyGroup();
+  if (stored.keyGroup() != rec.keyGroup() || stored.state() != rec.state()) {
+    if (m_singleActive && rec.state() == KEY_ACTIVE &&
+        !getActiveKeyInGroup(rec.keyGroup()).empty()) {
+      testGroups(oldGroup, rec.keyGroup());
+      return false;
+    }
+
+    // Take the tag out of the old group's list and put it into the new one.
+    const bool erased = eraseTag(stored.keyGroup(), rec.tag());
+    KS_ASSERT(kLabel, erased == true);
+    insertTag(groupForChange(rec.keyGroup()), rec.tag(), rec.state() == KEY_ACTIVE);
+  }
+
+  const bool updated = Base::updateRecord(rec);
+  KS_ASSERT(kLabel, updated);
+  KS_ASSERT(kLabel, numrecs == m_rectable.size());
+  testGroups(oldGroup, rec.keyGroup(), rec.tag());
+  return true;
+}
+
+template <typename R>
+bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
+  KMS_TRACE_THIS("KeyRecordTable::removeRecord");
+  static constexpr const char* kLabel = "KeyRecordTable::removeRecord";
+  // A copy: the argument may be the key of the record that goes.
+  const std::string tag(tagToRemove);
+  const size_t numrecs = m_rectable.size();
+  const auto iter = m_rectable.find(tag);
+  if (iter == m_rectable.end()) {
+    KS_ASSERT(kLabel, numrecs == m_rectable.size());
+    testInvariant();
+    return false;
+  }
+
+  const std::string group = iter->second.keyGroup();
+  const bool erased = eraseTag(group, tag);
+  KS_ASSERT(kLabel, erased == true);
+
+  const bool removed = Base::removeRecord(tag);
+  KS_ASSERT(kLabel, removed == true);
+  KS_ASSERT(kLabel, (numrecs - 1) == m_rectable.size());
+  // The spacing inside the call is part of the logged assertion text.
+  // clang-format off
+  KS_ASSERT(kLabel, m_rectable.find( tag ) == m_rectable.end());
+  // clang-format on
+  testGroups(group);
+  return true;
+}
+
+template <typename R>
+const std::string& KeyRecordTable<R>::getActiveKeyInGroup(const std::string& group) const {
+  const auto giter = m_groups.find(group);
+  if (giter == m_groups.end() || giter->second.empty()) {
+    return m_errorStr;
+  }
+  // Active keys stand at the front, so the first tag decides.
+  const std::string& front = giter->second.front();
+  const auto iter = m_rectable.find(front);
+  if (iter != m_rectable.end() && iter->second.state() == KEY_ACTIVE) {
+    return front;
+  }
+  return m_errorStr;
+}
+
+template <typename R>
+int KeyRecordTable<R>::getTagsByKad(const std::string& kad, TagList& tags) const {
+  KMS_TRACE_THIS("KeyRecordTable::getTagsByKad");
+  tags.clear();
+  if (kad.size() < kKadLength) {
+    return 1220;
+  }
+  // The tags that begin with the KAD's first 12 bytes stand together in tag
+  // order, from the first tag not less than those 12 bytes.
+  const std::string prefix = kad.substr(0, kKadLength);
+  for (auto iter = m_rectable.lower_bound(prefix); iter != m_rectable.end(); ++iter) {
+    const std::string& tag = iter->first;
+    if (tag.compare(0, kKadLength, prefix) != 0) {
+      break;
+    }
+    const size_t length = std::min(tag.size(), kad.size());
+    if (tag.compare(0, length, kad, 0, length) == 0) {
+      tags.push_back(tag);
+    }
+  }
+  return 0;
+}
+
+template <typename R>
+void KeyRecordTable<R>::testInvariant() const {
+  if (m_skipInvariant) {
+    return;
+  }
+  KMS_TRACE_THIS("KeyRecordTable::testInvariant");
+  static constexpr const char* kLabel = "KeyRecordTable::testInvariant";
+
+  // 1. No group entry is empty, and the lists name as many tags as there are
+  //    records.
+  size_t numrecs = 0;
+  for (auto giter = m_groups.begin(); giter != m_groups.end(); ++giter) {
+    KS_ASSERT(kLabel, (giter->second).size() != 0);
+    numrecs += (giter->second).size();
+  }
+  KS_ASSERT(kLabel, numrecs == m_rectable.size());
+
+  // 2. Every record is listed in its own group's list; with step 1 that is
+  //    exactly once. Checked from the lists' side: each listed tag has a
+  //    record of that group and no record is listed twice, which with step 1
+  //    is the same condition. It costs one hash lookup per key, where a
+  //    search of each record's group list would make a large group
+  //    quadratic. If it fails, the per-record walk names the broken
+  //    condition.
+  std::vector<const R*> listed;
+  if (!listsMatchRecords(listed)) {
+    walkRecordsThroughGroupLists();
+  }
+
+  // 3. Active keys stand at the front of each list; under the single-active
+  //    rule there is at most one. `listed` holds the records in list order.
+  const R* const* rec = listed.data();
+  for (auto giter = m_groups.begin(); giter != m_groups.end(); ++giter) {
+    auto liter = (giter->second).begin();
+    size_t activekeycount = 0;
+    while (liter != (giter->second).end() && (*rec)->state() == KEY_ACTIVE) {
+      ++activekeycount;
+      ++liter;
+      ++rec;
+    }
+    if (m_singleActive) {
+      KS_ASSERT(kLabel, activekeycount <= 1);
+    }
+    while (liter != (giter->second).end() && (*rec)->state() != KEY_ACTIVE) {
+      ++liter;
+      ++rec;
+    }
+    KS_ASSERT(kLabel, liter == (giter->second).end());
+  }
+
+  // 4. The KAD index is the records themselves: nothing to check.
+}
+
+template <typename R>
+void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& other,
+                                   const std::string& tag) const {
+  if (m_skipInvariant) {
+    return;
+  }
+  KMS_TRACE_THIS("KeyRecordTable::testInvariant");
+  static constexpr const char* kLabel = "KeyRecordTable::testInvariant";
+  // 1. The lists name as many tags as there are records.
+  const size_t numrecs = m_listed;
+  KS_ASSERT(kLabel, numrecs == m_rectable.size());
+  const auto touchedRecord = tag.empty() ? m_rectable.end() : m_rectable.find(tag);
+  for (const std::string* touched : {&group, &other}) {
+    if (touched == &other && (other.empty() || other == group)) {
+      continue;
+    }
+    const auto giter = m_groups.find(*touched);
+    if (giter == m_groups.end()) {
+      continue;
+    }
+    KS_ASSERT(kLabel, (giter->second).size() != 0);
+    // 3. The active keys at the front, at most one under the single-active
+    //    rule; each a record of this group (else the walk of all records
+    //    names the broken condition).
+    auto liter = (giter->second).begin();
+    size_t activekeycount = 0;
+    for (; liter != (giter->second).end(); ++liter) {
+      const auto iter = m_rectable.find(*liter);
+      if (iter == m_rectable.end() || iter->second.keyGroup() != *touched) {
+        walkRecordsThroughGroupLists();
+      }
+      if (iter->second.state() != KEY_ACTIVE) {
+        break;
+      }
+      ++activekeycount;
+    }
+    if (m_singleActive) {
+      KS_ASSERT(kLabel, activekeycount <= 1);
+    }
+    // 2. The touched record is listed in its group, and an active one
+    //    stands among the active keys at the front.
+    if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
+      liter = std::find((giter->second).begin(), (giter->second).end(), tag);
+      if (liter == (giter->second).end()) {
+        walkRecordsThroughGroupLists();
+      }
+      if (touchedRecord->second.state() == KEY_ACTIVE &&
+          static_cast<size_t>(liter - (giter->second).begin()) >= activekeycount) {
+        KS_ASSERT(kLabel, liter == (giter->second).end());
+      }
+    }
+  }
+}
+
+template <typename R>
+bool KeyRecordTable<R>::listsMatchRecords(std::vector<const R*>& listed) const {
+  // The lists name tags in no useful order, and a search of the tree for
+  // each would miss the cache at nearly every level. So the records are put
+  // once, in tree order, into a flat open-addressing table by tag, and each
+  // listed tag is found there.
+  struct Slot {
+    const std::string* tag;
+    const R* record;
+    bool seen;
+  };
+  const size_t count = m_rectable.size();
+  size_t capacity = 16;
+  while (capacity < 2 * count) {
+    capacity <<= 1;
+  }
+  const size_t mask = capacity - 1;
+  const std::hash<std::string_view> hash;
+  std::vector<Slot> slots;
+  slots.reserve(count);
+  std::vector<size_t> index(capacity, 0);  // slot number + 1; 0 is empty
+
+  for (const auto& entry : m_rectable) {
+    slots.push_back(Slot{&entry.first, &entry.second, false});
+    size_t pos = hash(entry.first) & mask;
+    while (index[pos] != 0) {
+      pos = (pos + 1) & mask;
+    }
+    index[pos] = slots.size();
+  }
+
+  listed.clear();
+  listed.reserve(count);
+  for (const auto& group : m_groups) {
+    for (const std::string& tag : group.second) {
+      Slot* hit = nullptr;
+      for (size_t pos = hash(tag) & mask; index[pos] != 0; pos = (pos + 1) & mask) {
+        Slot& slot = slots[index[pos] - 1];
+        if (*slot.tag == tag) {
+          hit = &slot;
+          break;
+        }
+      }
+      if (hit == nullptr || hit->seen || hit->record->keyGroup() != group.first) {
+        return false;
+      }
+      hit->seen = true;
+      listed.push_back(hit->record);
+    }
+  }
+  return listed.size() == count;
+}
+
+template <typename R>
+void KeyRecordTable<R>::walkRecordsThroughGroupLists() const {
+  static constexpr const char* kLabel = "KeyRecordTable::testInvariant";
+  for (auto iter = m_rectable.begin(); iter != m_rectable.end(); ++iter) {
+    const auto giter = m_groups.find(iter->second.keyGroup());
+    KS_ASSERT(kLabel, giter != m_groups.end());
+    const auto liter = std::find((giter->second).begin(), (giter->second).end(), iter->first);
+    KS_ASSERT(kLabel, liter != (giter->second).end());
+  }
+  // Not reached: the two checks are equivalent.
+  assertionFailed(kLabel, "listsMatchRecords( listed )", __FILE__, __LINE__);
+}
+
+template <typename R>
+void KeyRecordTable<R>::display() const {
+  KMS_TRACE_THIS("KeyRecordTable::display");
+  Base::display();
+  std::printf(" ******* Group List ******* \n\n");
+  for (const auto& group : m_groups) {
+    std::printf(" Key Group : ");
+    Utils::displayBuffer(group.first, true, "", true);
+    for (const std::string& tag : group.second) {
+      std::printf("\t\t");
+      Utils::displayBuffer(tag, true, "\t", true);
+    }
+  }
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,34 @@
+#include "kms/server/keystore/records/RecordFields.h"
+
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+void assignBoundedField(const char* function, const char* what, std::string& field,
+                        std::string_view value) {
+  if (value.size() > kMaxRecordFieldLength) {
+    KMS_DEBUG(function, 1, what << value.size());
+    KS_THROW(EC_KS_bad_argument, function);
+  }
+  field.assign(value);
+}
+
+void assignTruncatedField(const char* function, const char* what, std::string& field,
+                          std::string_view value) {
+  if (value.size() > kMaxRecordFieldLength) {
+    KMS_DEBUG(function, 1,
+              "Encountered " << what << " of size " << value.size() << ". Truncating to "
+                             << kMaxRecordFieldLength);
+    field.assign(value.substr(0, kMaxRecordFieldLength));
+    return;
+  }
+  field.assign(value);
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest

@@ -1,0 +1,109 @@
+// Proof of a master key without storing it. Stores of version 0x300 keep a
+// verifier per master key: a known prefix and random bytes wrapped under
+// that very key, which only the right key unwraps. Older stores keep a
+// digest of "Z" and the key.
+#include "kms/platform/Hash.h"
+#include "kms/server/diagnostics/ErrorMapping.h"
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/crypto/KeyWrap.h"
+#include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/crypto/SecureBytes.h"
+#include "kms/server/keystore/format/KSMetadata.h"
+#include "kms/server/keystore/store/FileKeyStore.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace {
+
+constexpr unsigned long kVerifierRandomBytes = 0x1c;
+
+// A failed unwrap (1270) is the answer "wrong key" and is handled before
+// this map; everything else is unforeseen.
+const ErrorMap kVerifierMap{{}, {}, EC_KS_internal_error};
+
+// Versions that prove a key by its digest rather than by a verifier.
+bool provedByHash(ks_version_t version) {
+  return version == KS_VERSION_100 || version == KS_VERSION_200;
+}
+
+// The digest of the byte "Z" and `key`, as older stores keep it. Throws 1225
+// when it cannot be made.
+std::string keyDigest(const char* label, const std::string& key) {
+  Hash hash(MANGLE_HASH_SHA1);
+  std::string digest;
+  if (hash.update("Z", 1) != 0 || hash.update(key.data(), key.size()) != 0 ||
+      hash.getHash(&digest) != 0) {
+    KS_THROW(EC_KS_integrity_failed, label);
+  }
+  return digest;
+}
+
+}  // namespace
+
+std::string FileKeyStore::generateVerifier(const char* prefix, const std::string& key,
+                                           KSCrypt::CryptType type, ks_version_t version) {
+  static const char* const kLabel = "FileKeyStore::generateVerifier";
+  KMS_TRACE(kLabel);
+  const std::string random = Utils::getRandData(kVerifierRandomBytes);
+  if (random.empty()) {
+    KS_THROW(EC_KS_internal_error, kLabel);
+  }
+  return Utils::encryptKeyWithKey(std::string(prefix) + random, key, type, version);
+}
+
+bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
+                                   const std::string& verifier, KSCrypt::CryptType type,
+                                   ks_version_t version) {
+  static const char* const kLabel = "FileKeyStore::isVerifierValid";
+  KMS_TRACE(kLabel);
+  std::string plain;
+  ScopedWipe wipe(plain);
+  try {
+    plain = Utils::decryptKeyWithKey(verifier, key, type, version);
+  } catch (const KeyStoreError& error) {
+    if (error.status() == 1270) {
+      KMS_DEBUG(kLabel, 4, "Verifier does not open under the given key");
+      return false;
+    }
+    rethrowTranslated(kLabel, error, kVerifierMap);
+  } catch (...) {
+    rethrowUnexpected(kLabel, kVerifierMap);
+  }
+  return plain.rfind(prefix, 0) == 0;
+}
+
+void FileKeyStore::verifyHmk(const std::string& key, const KSMetadata& meta) {
+  static const char* const kLabel = "FileKeyStore::verifyHmk";
+  KMS_TRACE(kLabel);
+  if (provedByHash(meta.version())) {
+    if (keyDigest(kLabel, key) != meta.hmkHash()) {
+      KS_THROW(EC_KS_wrong_hmk, kLabel);
+    }
+    return;
+  }
+  if (!isVerifierValid("HMKV", key, meta.hmkVerifier(), meta.masterEncAlgo(), meta.version())) {
+    KS_THROW(EC_KS_wrong_hmk, kLabel);
+  }
+}
+
+void FileKeyStore::verifyKpk(const std::string& key, const KSMetadata& meta) {
+  static const char* const kLabel = "FileKeyStore::verifyKpk";
+  KMS_TRACE(kLabel);
+  if (provedByHash(meta.version())) {
+    if (keyDigest(kLabel, key) != meta.kpkHash()) {
+      KS_THROW(EC_KS_wrong_kpk, kLabel);
+    }
+    return;
+  }
+  if (!isVerifierValid("KPKV", key, meta.kpkVerifier(), meta.keyEncAlgo(), meta.version())) {
+    KS_THROW(EC_KS_wrong_kpk, kLabel);
+  }
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
