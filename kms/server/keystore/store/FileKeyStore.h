@@ -22,6 +22,7 @@
 //   FileKeyStoreVerifiers.cpp    master key verifiers
 //   FileKeyStorePersistence.cpp  commit, recovery, reading
 //   FileKeyStoreMasterKeys.cpp   creating a store, key files, master key changes
+//   FileKeyStoreRewrap.cpp       default algorithms, wrapping every record key
 //   FileKeyStoreChanges.cpp      changes of keys and groups
 //   FileKeyStoreExport.cpp       export
 //   FileKeyStoreImport.cpp       import: reading, validation, commit
@@ -171,7 +172,8 @@ class FileKeyStore : public KeyStore {
   // tested). A missing or malformed file is false; throws 1252 when the file
   // cannot be opened, 1210 when it cannot be read, 1200 otherwise.
   static bool isGoodKeyFile(const std::string& path);
-  // 0x100 gives AES_256_CBC, 0x200 AES_256_CBC_EVP, anything else AES_256_GCM.
+  // (FileKeyStoreRewrap.cpp) 0x100 gives AES_256_CBC, 0x200 AES_256_CBC_EVP,
+  // anything else AES_256_GCM.
   static KSCrypt::CryptType getDefaultEncAlgos(ks_version_t version);
   // Wrap, unwrap, or move from one KPK to another, the key of every record,
   // in table order. Any failure throws 1200 and may leave the table half
