@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "kms/client/CtlCommandLine.h"
+#include "kms/platform/Digits.h"
 #include "kms/platform/InstallRoot.h"
 #include "kms/platform/framework/Orb.h"
 
@@ -26,17 +27,7 @@ bool startsWithNoCase(const std::string& text, const std::string& prefix) {
   return true;
 }
 
-bool allDigits(const std::string& text) {
-  if (text.empty()) {
-    return false;
-  }
-  for (char c : text) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) {
-      return false;
-    }
-  }
-  return true;
-}
+using CmnText::allDigits;
 
 }  // namespace
 

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "kms/platform/Digits.h"
+
 namespace {
 
 // Reads a /proc file whole through plain descriptors: a process that exits
@@ -72,18 +74,6 @@ std::string argv0BaseName(const std::string& procDir) {
   return slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
 }
 
-bool isPid(const char* name) {
-  if (*name == '\0') {
-    return false;
-  }
-  for (const char* p = name; *p != '\0'; ++p) {
-    if (!std::isdigit(static_cast<unsigned char>(*p))) {
-      return false;
-    }
-  }
-  return true;
-}
-
 }  // namespace
 
 std::vector<pid_t> ProcessHandler::getProcessIDs() const {
@@ -97,7 +87,7 @@ std::vector<pid_t> ProcessHandler::getProcessIDs() const {
   }
   const pid_t self = getpid();
   while (const struct dirent* entry = readdir(proc)) {
-    if (!isPid(entry->d_name)) {
+    if (!CmnText::allDigits(entry->d_name)) {
       continue;
     }
     const pid_t pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));

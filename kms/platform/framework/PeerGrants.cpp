@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "kms/platform/Digits.h"
 #include "kms/platform/VrConfReader.h"
 
 namespace Ardentis {
@@ -17,17 +18,7 @@ namespace Framework {
 
 namespace {
 
-bool allDigits(const std::string& text) {
-  if (text.empty()) {
-    return false;
-  }
-  for (char c : text) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) {
-      return false;
-    }
-  }
-  return true;
-}
+using CmnText::allDigits;
 
 // The uid a "uid:" target names: a number, or a user name looked up now.
 bool uidOf(const std::string& user, uid_t* uid, std::string* why) {
