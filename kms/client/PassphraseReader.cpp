@@ -49,30 +49,6 @@ Secret ask(const std::string& prompt) {
 
 }  // namespace
 
-Secret::~Secret() {
-  wipe();
-}
-
-Secret::Secret(Secret&& other) noexcept : m_text(std::move(other.m_text)) {
-  other.wipe();
-}
-
-Secret& Secret::operator=(Secret&& other) noexcept {
-  if (this != &other) {
-    wipe();
-    m_text = std::move(other.m_text);
-    other.wipe();
-  }
-  return *this;
-}
-
-void Secret::wipe() {
-  if (!m_text.empty()) {
-    OPENSSL_cleanse(&m_text[0], m_text.size());
-  }
-  m_text.clear();
-}
-
 Secret PassphraseReader::read(const std::string& file, Need need, const std::string& prompt,
                               bool confirm) {
   if (!file.empty()) {

@@ -2,33 +2,19 @@
 // or, when none is named and standard input is a terminal, a prompt on
 // standard error read without echo. Never from the command line itself.
 //
-// The text is held in a Secret, which wipes it when it goes.
+// The text is held in a Secret (kms/platform/Secret.h), which wipes it when
+// it goes.
 #pragma once
 
 #include <string>
+
+#include "kms/platform/Secret.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMSCtl {
 
-// A passphrase; its bytes are wiped on destruction.
-class Secret {
- public:
-  Secret() = default;
-  explicit Secret(std::string text) : m_text(std::move(text)) {}
-  ~Secret();
-  Secret(Secret&& other) noexcept;
-  Secret& operator=(Secret&& other) noexcept;
-  Secret(const Secret&) = delete;
-  Secret& operator=(const Secret&) = delete;
-
-  const std::string& str() const { return m_text; }
-  const char* c_str() const { return m_text.c_str(); }
-
- private:
-  void wipe();
-  std::string m_text;
-};
+using CmnCrypto::Secret;
 
 class PassphraseReader {
  public:

@@ -5,9 +5,11 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "kms/platform/MangleRandom.h"
 #include "kms/platform/OpenSslPtr.h"
+#include "kms/platform/Secret.h"
 
 namespace {
 
@@ -15,75 +17,46 @@ constexpr size_t kIvLen = 16;
 constexpr size_t kBlockLen = 16;
 constexpr unsigned long kChunk = 65536;
 
-// A byte buffer that wipes every block it gives back, so no plaintext is
-// left behind in freed memory.
-class WipedBuffer {
- public:
-  WipedBuffer() = default;
-  ~WipedBuffer() { release(); }
-  WipedBuffer(const WipedBuffer&) = delete;
-  WipedBuffer& operator=(const WipedBuffer&) = delete;
+// Output not yet handed out: the first `size` bytes of `bytes`, whose spare
+// room takes what comes next. A Secret, so no plaintext is left behind when it
+// grows or goes.
+struct Output {
+  CmnCrypto::Secret bytes;
+  size_t size = 0;
 
-  const unsigned char* data() const { return m_size > 0 ? m_data : &kEmpty; }
-  size_t size() const { return m_size; }
+  const unsigned char* data() const { return reinterpret_cast<const unsigned char*>(bytes.data()); }
+  unsigned char* end() { return reinterpret_cast<unsigned char*>(bytes.data()) + size; }
   void clear() {
-    if (m_data != nullptr) {
-      OPENSSL_cleanse(m_data, m_size);
-    }
-    m_size = 0;
+    OPENSSL_cleanse(bytes.data(), size);
+    size = 0;
   }
   // Room for `extra` more bytes at end(); false when memory ran out.
   bool reserveMore(size_t extra) {
-    if (m_capacity - m_size >= extra) {
+    if (bytes.size() - size >= extra) {
       return true;
     }
-    size_t capacity = m_capacity == 0 ? 256 : m_capacity;
-    while (capacity - m_size < extra) {
+    size_t capacity = bytes.size() == 0 ? 256 : bytes.size();
+    while (capacity - size < extra) {
       capacity *= 2;
     }
-    unsigned char* grown = new (std::nothrow) unsigned char[capacity];
-    if (grown == nullptr) {
+    try {
+      CmnCrypto::Secret grown(capacity);
+      std::memcpy(grown.data(), bytes.data(), size);
+      bytes = std::move(grown);
+    } catch (const std::bad_alloc&) {
       return false;
     }
-    const size_t size = m_size;
-    if (size > 0) {
-      std::memcpy(grown, m_data, size);
-    }
-    release();
-    m_data = grown;
-    m_size = size;
-    m_capacity = capacity;
     return true;
   }
-  unsigned char* end() { return m_data + m_size; }
-  void grow(size_t n) { m_size += n; }
   bool append(const unsigned char* p, size_t n) {
     if (!reserveMore(n)) {
       return false;
     }
     std::memcpy(end(), p, n);
-    grow(n);
+    size += n;
     return true;
   }
-
- private:
-  void release() {
-    if (m_data != nullptr) {
-      OPENSSL_cleanse(m_data, m_capacity);
-      delete[] m_data;
-    }
-    m_data = nullptr;
-    m_size = 0;
-    m_capacity = 0;
-  }
-
-  static const unsigned char kEmpty;
-  unsigned char* m_data = nullptr;
-  size_t m_size = 0;
-  size_t m_capacity = 0;
 };
-
-const unsigned char WipedBuffer::kEmpty = 0;
 
 // What a context holds once set up; the context block carries a pointer to it.
 struct MangleState {
@@ -93,7 +66,7 @@ struct MangleState {
   CmnCrypto::CipherCtxPtr evp;
   unsigned char iv[kIvLen] = {};
   size_t ivHave = 0;  // decryption: IV bytes collected so far
-  WipedBuffer out;
+  Output out;
 
   ~MangleState() { OPENSSL_cleanse(iv, sizeof iv); }
 };
@@ -172,7 +145,7 @@ int update(MangleState* state, const unsigned char* data, unsigned long len) {
                          static_cast<int>(chunk)) != 1) {
       return MANGLE_ERR_CIPHER;
     }
-    state->out.grow(static_cast<size_t>(produced));
+    state->out.size += static_cast<size_t>(produced);
     data += chunk;
     len -= chunk;
   }
@@ -187,7 +160,7 @@ int finish(MangleState* state) {
   if (EVP_CipherFinal_ex(state->evp.get(), state->out.end(), &produced) != 1) {
     return state->decrypting ? MANGLE_ERR_CHECK : MANGLE_ERR_CIPHER;
   }
-  state->out.grow(static_cast<size_t>(produced));
+  state->out.size += static_cast<size_t>(produced);
   return MANGLE_OK;
 }
 
@@ -223,7 +196,7 @@ int getData(const unsigned char** out, unsigned long* outlen, mangleCipherCtx_t*
     state->out.clear();
   }
   *out = state->out.data();
-  *outlen = state->out.size();
+  *outlen = state->out.size;
   state->fetched = true;
   return MANGLE_OK;
 }

@@ -4,11 +4,11 @@
 #include <limits>
 #include <string>
 
+#include "kms/platform/Secret.h"
 #include "kms/server/FacetCall.h"
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
-#include "kms/server/keystore/crypto/SecureBytes.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 
 namespace Ardentis {
@@ -59,10 +59,9 @@ void KMSControlFacetImpl::updateHMK(const char* passphrase, const char* id) {
   static const char* const kLabel = "KMSControlFacetImpl::updateHMK";
   KMS_TRACE_THIS(kLabel);
   facetCall(kLabel, *m_keyStore, [&] {
-    std::string secret(passphrase);
-    const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    const CmnCrypto::Secret secret{std::string(passphrase)};
     RemoteDispatch::wipeArgument(passphrase);
-    const int status = m_keyStore->updateHMK(secret, id);
+    const int status = m_keyStore->updateHMK(secret.str(), id);
     if (status != 0) {
       KS_THROW(status, kLabel);
     }
@@ -73,10 +72,9 @@ void KMSControlFacetImpl::updateKPK(const char* passphrase, const char* id) {
   static const char* const kLabel = "KMSControlFacetImpl::updateKPK";
   KMS_TRACE_THIS(kLabel);
   facetCall(kLabel, *m_keyStore, [&] {
-    std::string secret(passphrase);
-    const ::Vaultrest::DL::KMS::ScopedWipe wipe(secret);
+    const CmnCrypto::Secret secret{std::string(passphrase)};
     RemoteDispatch::wipeArgument(passphrase);
-    const int status = m_keyStore->updateKPK(secret, id);
+    const int status = m_keyStore->updateKPK(secret.str(), id);
     if (status != 0) {
       KS_THROW(status, kLabel);
     }

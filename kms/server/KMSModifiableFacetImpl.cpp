@@ -2,13 +2,13 @@
 
 #include <string>
 
+#include "kms/platform/Secret.h"
 #include "kms/server/FacetRecordOut.h"
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/crypto/SecureBytes.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "kms/server/keystore/store/KSOpStatus.h"
 
@@ -71,11 +71,10 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::createKey(const char* passphrase
                                                           const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::createKey";
   KMS_TRACE_THIS(kLabel);
-  std::string secret(passphrase);
-  const Store::ScopedWipe wipe(secret);
+  const CmnCrypto::Secret secret{std::string(passphrase)};
   RemoteDispatch::wipeArgument(passphrase);
   return recordOut(kLabel, *m_keyStore, "KeyStore->addKey() successful", [&] {
-    return m_keyStore->addKey(RecordConvertor::toKsKeyRecord(record), secret);
+    return m_keyStore->addKey(RecordConvertor::toKsKeyRecord(record), secret.str());
   });
 }
 
@@ -100,8 +99,7 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::recoverKey(const char* passphras
                                                            const KMSFacetsV1::KeyRecord& record) {
   static const char* const kLabel = "KMSModifiableFacetImpl::recoverKey";
   KMS_TRACE_THIS(kLabel);
-  std::string secret(passphrase);
-  const Store::ScopedWipe wipe(secret);
+  const CmnCrypto::Secret secret{std::string(passphrase)};
   RemoteDispatch::wipeArgument(passphrase);
   return recordOut(kLabel, *m_keyStore, "KeyStore->addKeyWithKnownTag() successful", [&] {
     const Store::KeyRecord_v1 rec = RecordConvertor::toKsKeyRecord(record);
@@ -109,7 +107,7 @@ KMSFacetsV1::KeyRecord* KMSModifiableFacetImpl::recoverKey(const char* passphras
     if (rec.tag().empty()) {
       KS_THROW(Store::EC_KS_empty_tag, kLabel);
     }
-    return m_keyStore->addKeyWithKnownTag(rec, secret);
+    return m_keyStore->addKeyWithKnownTag(rec, secret.str());
   });
 }
 
@@ -134,11 +132,11 @@ KMSFacetsV1::KSOpStatus* KMSModifiableFacetImpl::importKS(const TL::Framework::o
   for (CORBA::ULong i = 0; i < data.length(); ++i) {
     buffer.push_back(static_cast<char>(data[i]));
   }
-  std::string secret(passphrase);
-  const Store::ScopedWipe wipe(secret);
+  const CmnCrypto::Secret secret{std::string(passphrase)};
   RemoteDispatch::wipeArgument(passphrase);
   Store::KSOpStatus status;
-  m_keyStore->importFromBuffer(buffer, secret, preserveNames, description, status, previewOnly);
+  m_keyStore->importFromBuffer(buffer, secret.str(), preserveNames, description, status,
+                               previewOnly);
   return RecordConvertor::toIdlKSOpStatus(status);
 }
 

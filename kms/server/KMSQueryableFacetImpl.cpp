@@ -5,13 +5,13 @@
 #include <list>
 #include <string>
 
+#include "kms/platform/Secret.h"
 #include "kms/server/FacetCall.h"
 #include "kms/server/RecordConvertor.h"
 #include "kms/server/RemoteDispatch.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/crypto/SecureBytes.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "kms/server/keystore/store/KSOpStatus.h"
 
@@ -234,11 +234,10 @@ KMSFacetsV1::KSOpStatus* KMSQueryableFacetImpl::exportKS(
     for (CORBA::ULong i = 0; i < keyList.length(); ++i) {
       selection.emplace_back(keyList[i].kgname.in(), keyList[i].keyname.in());
     }
-    std::string secret(passphrase);
-    const Store::ScopedWipe wipe(secret);
+    const CmnCrypto::Secret secret{std::string(passphrase)};
     RemoteDispatch::wipeArgument(passphrase);
     Store::KSOpStatus status;
-    const std::string buffer = m_keyStore->exportToBuffer(selection, secret, status);
+    const std::string buffer = m_keyStore->exportToBuffer(selection, secret.str(), status);
     KMS_DEBUG(kLabel, 4, "Encrypted buffer size: [" << buffer.size());
     TL::Framework::octetSeq_var out = new TL::Framework::octetSeq();
     out->length(static_cast<CORBA::ULong>(buffer.size()));

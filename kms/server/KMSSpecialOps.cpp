@@ -1,6 +1,5 @@
 #include "kms/server/KMSSpecialOps.h"
 
-#include <openssl/crypto.h>
 #include <strings.h>
 
 #include <clocale>
@@ -17,6 +16,7 @@
 #include "kms/platform/InstallRoot.h"
 #include "kms/platform/ProcessAccount.h"
 #include "kms/platform/ProcessHandler.h"
+#include "kms/platform/Secret.h"
 #include "kms/platform/SecureFGets.h"
 #include "kms/platform/VrConfReader.h"
 #include "kms/server/AdminFlags.h"
@@ -31,6 +31,8 @@ namespace DL {
 namespace KMS {
 
 namespace {
+
+using CmnCrypto::Secret;
 
 constexpr int kThisProgram = 286;
 
@@ -164,22 +166,6 @@ int askId(int promptId, int emptyId, std::string& id) {
   }
 }
 
-// Wipes a passphrase when it goes out of scope.
-class Wiped {
- public:
-  explicit Wiped(std::string& secret) : m_secret(secret) {}
-  ~Wiped() {
-    if (!m_secret.empty()) {
-      OPENSSL_cleanse(&m_secret[0], m_secret.size());
-    }
-  }
-  Wiped(const Wiped&) = delete;
-  Wiped& operator=(const Wiped&) = delete;
-
- private:
-  std::string& m_secret;
-};
-
 // One entry of a passphrase into `buffer` (KS_MAX_PASS_LEN bytes), without
 // its line end. False when the input ends.
 bool readPassphrase(int promptId, char* buffer) {
@@ -296,10 +282,8 @@ int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
       }
     }
 
-    std::string hmkPassphrase = flags.hmkPassphrase().value_or("");
-    std::string kpkPassphrase = flags.kpkPassphrase().value_or("");
-    const Wiped wipeHmk(hmkPassphrase);
-    const Wiped wipeKpk(kpkPassphrase);
+    Secret hmkPassphrase(flags.hmkPassphrase().value_or(""));
+    Secret kpkPassphrase(flags.kpkPassphrase().value_or(""));
     std::string hmkId = flags.hmkId().value_or("");
     std::string kpkId = flags.kpkId().value_or("");
 
@@ -333,7 +317,7 @@ int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
         return status;
       }
     }
-    return store.createEmpty(hmkPassphrase, hmkId, kpkPassphrase, kpkId, true);
+    return store.createEmpty(hmkPassphrase.str(), hmkId, kpkPassphrase.str(), kpkId, true);
   });
 }
 
@@ -416,15 +400,14 @@ int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const Master
     }
 
     const std::optional<std::string>& given = (flags.*kind.passphrase)();
-    std::string passphrase = given.value_or("");
-    const Wiped wipe(passphrase);
+    Secret passphrase(given.value_or(""));
     if (!given) {
       status = getPassphrase(passphrase, kind.prompt, false, 0);
       if (status != EC_KS_success) {
         return status;
       }
     }
-    return (store.*kind.createFile)(passphrase, true, false);
+    return (store.*kind.createFile)(passphrase.str(), true, false);
   });
 }
 
@@ -443,20 +426,13 @@ int KMSSpecialOps::info() {
   });
 }
 
-int KMSSpecialOps::getPassphrase(std::string& out, int promptId, bool allowEmpty,
-                                 int emptyQuestionId) {
+int KMSSpecialOps::getPassphrase(Secret& out, int promptId, bool allowEmpty, int emptyQuestionId) {
   static const char* const kLabel = "KMSSpecialOps::getPassphrase";
   KMS_TRACE(kLabel);
-  char first[KS_MAX_PASS_LEN] = {};
-  char second[KS_MAX_PASS_LEN] = {};
-  struct WipeBuffers {
-    char* a;
-    char* b;
-    ~WipeBuffers() {
-      OPENSSL_cleanse(a, KS_MAX_PASS_LEN);
-      OPENSSL_cleanse(b, KS_MAX_PASS_LEN);
-    }
-  } wipe{first, second};
+  Secret firstEntry(KS_MAX_PASS_LEN);
+  Secret secondEntry(KS_MAX_PASS_LEN);
+  char* const first = firstEntry.data();
+  char* const second = secondEntry.data();
 
   say(promptId);
   for (;;) {
@@ -469,7 +445,7 @@ int KMSSpecialOps::getPassphrase(std::string& out, int promptId, bool allowEmpty
       continue;
     }
     if (length > 0) {
-      out.assign(first, length);
+      out = Secret(std::string(first, length));
       return EC_KS_success;
     }
     if (!allowEmpty) {
@@ -485,7 +461,7 @@ int KMSSpecialOps::getPassphrase(std::string& out, int promptId, bool allowEmpty
     // leaves the keys reported as random.
     setIsRandom(true);
     if (useRandom) {
-      out.clear();
+      out = Secret();
       return EC_KS_success;
     }
   }

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "kms/platform/Secret.h"
 #include "kms/server/keystore/records/KeyInfo.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 
@@ -56,7 +57,8 @@ class KMSSpecialOps {
   // unless `allowEmpty`; then question `emptyQuestionId` decides, and either
   // answer marks the keys as random (setIsRandom). 0 with `out` set, or 1200
   // when the input ends.
-  static int getPassphrase(std::string& out, int promptId, bool allowEmpty, int emptyQuestionId);
+  static int getPassphrase(CmnCrypto::Secret& out, int promptId, bool allowEmpty,
+                           int emptyQuestionId);
   // Prints id, kind, algorithm and FIPS state of one master key. Throws 1269
   // when the catalogue fails.
   static void displayKeyInfo(const KeyInfo& info);

@@ -42,9 +42,9 @@ TEST(KMSSpecialOps, PassphraseDialogueTakesTheLongestPassphrase) {
   const std::string longest(KMSSpecialOps::KS_MAX_PASS_LEN - 2, 'p');  // line end makes 1023
   {
     Dialogue dialogue("a\nb\n" + longest + "\n" + longest + "\n");
-    std::string out;
+    CmnCrypto::Secret out;
     EXPECT_EQ(KMSSpecialOps::getPassphrase(out, 19, false, 0), 0);
-    EXPECT_EQ(out, longest);
+    EXPECT_EQ(out.str(), longest);
     EXPECT_EQ(dialogue.output(), msg(19) + "\n" + msg(4) + " : \n" + msg(2) + " : \n" + msg(3) +
                                      "\n" + msg(4) + " : \n" + msg(2) + " : \n");
   }

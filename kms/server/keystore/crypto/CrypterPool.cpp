@@ -50,7 +50,7 @@ void CrypterPool::clear() {
 
 CrypterPool::Lease CrypterPool::lease(Side side) {
   std::string key;
-  const ScopedWipe wipe(key);
+  const Secret::Guard wipe(key);
   KSCrypt::CryptType type;
   uint64_t generation;
   {

@@ -81,7 +81,7 @@ std::string encryptKeyWithKey_VERSION_1_0(const std::string& keytoenc, const std
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
   std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  ScopedWipe wipe(datatoenc);
+  Secret::Guard wipe(datatoenc);
   return encryptWith(datatoenc, key, type, std::string(), kLabel);
 }
 
@@ -90,7 +90,7 @@ std::string encryptKeyWithKey_VERSION_2_0(const std::string& keytoenc, const std
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_2_0";
   KMS_TRACE(kLabel);
   std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  ScopedWipe wipe(datatoenc);
+  Secret::Guard wipe(datatoenc);
   const std::string iv = getRandData(static_cast<unsigned long>(KSCrypt::cryptTypeToIVLen(type)));
   return iv + encryptWith(datatoenc, key, type, iv, kLabel);
 }
@@ -119,7 +119,7 @@ std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter)
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
   std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  ScopedWipe wipe(datatoenc);
+  Secret::Guard wipe(datatoenc);
   return encryptWith(datatoenc, crypter, kLabel);
 }
 

@@ -1,6 +1,6 @@
 // Byte buffers for secrets. SecureBytes wipes every block it gives back to the
-// heap (growth included), and ScopedWipe wipes a std::string when the scope
-// ends, so keys and plaintext do not linger in freed memory.
+// heap (growth included), so keys and plaintext do not linger in freed memory.
+// Strings that hold secrets are Secrets (kms/platform/Secret.h).
 #pragma once
 
 #include <openssl/crypto.h>
@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "kms/platform/Secret.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -49,25 +51,8 @@ inline void wipeBytes(SecureBytes& b) {
   b.clear();
 }
 
-// Overwrites the string's bytes and empties it.
-inline void wipeString(std::string& s) {
-  if (!s.empty()) {
-    OPENSSL_cleanse(&s[0], s.size());
-  }
-  s.clear();
-}
-
-// Wipes `s` when the scope ends, on every path.
-class ScopedWipe {
- public:
-  explicit ScopedWipe(std::string& s) : m_s(s) {}
-  ~ScopedWipe() { wipeString(m_s); }
-  ScopedWipe(const ScopedWipe&) = delete;
-  ScopedWipe& operator=(const ScopedWipe&) = delete;
-
- private:
-  std::string& m_s;
-};
+using CmnCrypto::Secret;
+using CmnCrypto::wipeString;
 
 }  // namespace KMS
 }  // namespace DL

@@ -75,7 +75,7 @@ struct EnvelopeKeys {
 // and wipes them.
 void splitDerived(std::string& derived, unsigned long derivedLen, EnvelopeKeys& keys,
                   const char* function) {
-  ScopedWipe wipeDerived(derived);
+  Secret::Guard wipeDerived(derived);
   if (derived.size() != derivedLen) {
     KMS_DEBUG(function, 1, "Derived " << derived.size() << " bytes, not " << derivedLen);
     KS_THROW(EC_KS_internal_error, function);

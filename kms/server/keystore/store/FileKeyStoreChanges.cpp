@@ -338,7 +338,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   }
 
   NewKey made = makeKey(kLabel, rec, passphrase, withTag, giter->second.cipherType());
-  ScopedWipe wipeKey(made.key);
+  Secret::Guard wipeKey(made.key);
   const std::string wrapped = translateErrors(kLabel, kInternalErrorMap, [&] {
     return m_kpkMgr->encryptKey(made.key, rec.kpkType(), rec.kpkTag());
   });

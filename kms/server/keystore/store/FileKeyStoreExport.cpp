@@ -148,7 +148,7 @@ std::string FileKeyStore::exportToBuffer(
     writeThrough(contentDest, [&](KSOutStream& out) { writeKeyStore(out, keys, groups); });
 
     std::string plain(content.begin(), content.end());
-    ScopedWipe wipePlain(plain);
+    Secret::Guard wipePlain(plain);
     wipeBytes(content);
     std::string sealed;
     StringOutDest sealedDest(sealed);

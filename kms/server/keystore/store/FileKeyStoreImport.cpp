@@ -60,7 +60,7 @@ void FileKeyStore::importFromBuffer(const std::string& buffer, std::string passp
                                     KSOpStatus& status, bool previewOnly) {
   static const char* const kLabel = "FileKeyStore::importFromBuffer";
   KMS_TRACE_THIS(kLabel);
-  ScopedWipe wipePassphrase(passphrase);
+  Secret::Guard wipePassphrase(passphrase);
   // Tested before the lock, which is taken only once the buffer is parsed.
   if (!m_initialized) {
     KS_THROW(EC_KS_not_initialized, kLabel);
@@ -70,7 +70,7 @@ void FileKeyStore::importFromBuffer(const std::string& buffer, std::string passp
     GroupTable kg;
 
     std::string plain;
-    ScopedWipe wipePlain(plain);
+    Secret::Guard wipePlain(plain);
     {
       KSInputBuffer sealed(buffer);
       ReaderWriter::readDataPasswordSecured(sealed, passphrase, plain);

@@ -55,7 +55,7 @@ void FileKeyStore::removeDuplicateKeyRecords(KeyTable& krtable, GroupTable& kgta
 
     std::string existingKey =
         m_kpkMgr->decryptKey(existing.key(), existing.kpkType(), existing.kpkTag());
-    ScopedWipe wipeExisting(existingKey);
+    Secret::Guard wipeExisting(existingKey);
     const std::string& key = imported.name();
     const std::string& group = kgiter->second.name();
     const std::string& otherKey = existing.name();

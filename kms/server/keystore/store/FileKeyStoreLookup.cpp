@@ -53,7 +53,7 @@ void FileKeyStore::keyRecordFilter(KeyRecord_v1& rec, bool strip) const {
       return;
     }
     std::string plain = m_kpkMgr->decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-    ScopedWipe wipe(plain);
+    Secret::Guard wipe(plain);
     rec.setKey(plain);
   });
 }

@@ -377,7 +377,7 @@ namespace {
 KeyFile remakeHmkFile(const char* label, const std::string& passphrase, const KSMetadata& meta,
                       const KMSFileLocator&) {
   std::string hmk = remakeMasterKey(label, passphrase, meta.hmkSalt(), meta.masterEncAlgo());
-  ScopedWipe wipeHmk(hmk);
+  Secret::Guard wipeHmk(hmk);
   FileKeyStore::verifyHmk(hmk, meta);
   KeyFile hmkFile(meta.version());
   hmkFile.setKey(hmk);
@@ -391,7 +391,7 @@ KeyFile remakeKpkFile(const char* label, const std::string& passphrase, const KS
   FileKeyStore::verifyHmk(hmkFile.key(), meta);
 
   std::string kpk = remakeMasterKey(label, passphrase, meta.kpkSalt(), meta.keyEncAlgo());
-  ScopedWipe wipeKpk(kpk);
+  Secret::Guard wipeKpk(kpk);
   FileKeyStore::verifyKpk(kpk, meta);
 
   KeyFile kpkFile(meta.version());
@@ -559,13 +559,13 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
 
       std::string hmkSalt;
       std::string hmk = makeMasterKey(kLabel, hmkPassphrase, m_masterEncAlgo, hmkSalt);
-      ScopedWipe wipeHmk(hmk);
+      Secret::Guard wipeHmk(hmk);
       KeyFile hmkFile(kCurrentVersion);
       hmkFile.setKey(hmk);
 
       std::string kpkSalt;
       std::string kpk = makeMasterKey(kLabel, kpkPassphrase, m_keyEncAlgo, kpkSalt);
-      ScopedWipe wipeKpk(kpk);
+      Secret::Guard wipeKpk(kpk);
       KeyFile kpkFile(kCurrentVersion);
       kpkFile.setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kCurrentVersion));
 
@@ -679,11 +679,11 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
 
         std::string kpk = Utils::decryptKeyWithKey(kpkFile->key(), hmkFile->key(),
                                                    meta->masterEncAlgo(), kpkFile->version());
-        ScopedWipe wipeKpk(kpk);
+        Secret::Guard wipeKpk(kpk);
 
         std::string salt;
         std::string hmk = makeMasterKey(kLabel, passphrase, m_masterEncAlgo, salt);
-        ScopedWipe wipeHmk(hmk);
+        Secret::Guard wipeHmk(hmk);
         hmkFile->setKey(hmk);
         kpkFile->setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kpkFile->version()));
 
@@ -729,11 +729,11 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
         // The KPK file must unwrap under the HMK before anything is changed.
         std::string oldKpk = Utils::decryptKeyWithKey(kpkFile->key(), hmk, meta->masterEncAlgo(),
                                                       kpkFile->version());
-        ScopedWipe wipeOldKpk(oldKpk);
+        Secret::Guard wipeOldKpk(oldKpk);
 
         std::string salt;
         std::string kpk = makeMasterKey(kLabel, passphrase, m_keyEncAlgo, salt);
-        ScopedWipe wipeKpk(kpk);
+        Secret::Guard wipeKpk(kpk);
 
         // Every record key moves from the old KPK to the new one, on a copy.
         auto kpkMgr = std::make_unique<KPKMgr>(kpk, m_keyEncAlgo, meta->version(), true);

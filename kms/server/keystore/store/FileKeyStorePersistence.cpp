@@ -322,7 +322,7 @@ void verifyKeptFiles(const char* label, const std::string& hmkPath, const std::s
       const KeyFile kpk = FileKeyStore::readKeyFile(kpkBytes);
       std::string plainKpk = Utils::decryptKeyWithKey(
           kpk.key(), hmk.key(), FileKeyStore::getDefaultEncAlgos(kpk.version()), kpk.version());
-      ScopedWipe wipeKpk(plainKpk);
+      Secret::Guard wipeKpk(plainKpk);
       FileKeyStore::verifyKpk(plainKpk, meta);
     }
     std::unique_ptr<KSCrypt> crypter(
@@ -503,7 +503,7 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
     // The KPK file's own version says how its key is wrapped.
     std::string plainKpk = Utils::decryptKeyWithKey(
         kpk.key(), hmk.key(), getDefaultEncAlgos(kpk.version()), kpk.version());
-    ScopedWipe wipeKpk(plainKpk);
+    Secret::Guard wipeKpk(plainKpk);
     verifyKpk(plainKpk, meta);
     kpkMgr.set(plainKpk, meta.keyEncAlgo(), meta.version(), true);
 

@@ -53,7 +53,7 @@ void FileKeyStore::decryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
   translateErrors(kLabel, kRewrapMap, [&] {
     table.changeEach([&](KeyRecord_v1& rec) {
       std::string plain = kpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-      ScopedWipe wipe(plain);
+      Secret::Guard wipe(plain);
       rec.setKey(plain);
     });
   });
@@ -66,7 +66,7 @@ void FileKeyStore::reencryptKeyRecords(KeyTable& table, const KPKMgr& oldKpkMgr,
   translateErrors(kLabel, kRewrapMap, [&] {
     table.changeEach([&](KeyRecord_v1& rec) {
       std::string plain = oldKpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-      ScopedWipe wipe(plain);
+      Secret::Guard wipe(plain);
       rec.setKey(newKpkMgr.encryptKey(plain, rec.kpkType(), rec.kpkTag()));
     });
   });

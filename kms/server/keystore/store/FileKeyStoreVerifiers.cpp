@@ -61,7 +61,7 @@ bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
   static const char* const kLabel = "FileKeyStore::isVerifierValid";
   KMS_TRACE(kLabel);
   std::string plain;
-  ScopedWipe wipe(plain);
+  Secret::Guard wipe(plain);
   try {
     plain = Utils::decryptKeyWithKey(verifier, key, type, version);
   } catch (const KeyStoreError& error) {
