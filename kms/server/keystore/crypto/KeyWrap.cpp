@@ -80,19 +80,17 @@ std::string encryptKeyWithKey_VERSION_1_0(const std::string& keytoenc, const std
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
-  std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  Secret::Guard wipe(datatoenc);
-  return encryptWith(datatoenc, key, type, std::string(), kLabel);
+  const Secret datatoenc(randomHalfAndKey(keytoenc, kLabel));
+  return encryptWith(datatoenc.str(), key, type, std::string(), kLabel);
 }
 
 std::string encryptKeyWithKey_VERSION_2_0(const std::string& keytoenc, const std::string& key,
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_2_0";
   KMS_TRACE(kLabel);
-  std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  Secret::Guard wipe(datatoenc);
+  const Secret datatoenc(randomHalfAndKey(keytoenc, kLabel));
   const std::string iv = getRandData(static_cast<unsigned long>(KSCrypt::cryptTypeToIVLen(type)));
-  return iv + encryptWith(datatoenc, key, type, iv, kLabel);
+  return iv + encryptWith(datatoenc.str(), key, type, iv, kLabel);
 }
 
 std::string decryptKeyWithKey_VERSION_1_0(const std::string& keytodec, const std::string& key,
@@ -118,9 +116,8 @@ std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std
 std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
-  std::string datatoenc = randomHalfAndKey(keytoenc, kLabel);
-  Secret::Guard wipe(datatoenc);
-  return encryptWith(datatoenc, crypter, kLabel);
+  const Secret datatoenc(randomHalfAndKey(keytoenc, kLabel));
+  return encryptWith(datatoenc.str(), crypter, kLabel);
 }
 
 std::string decryptKeyWithCrypter(const std::string& keytodec, KSCrypt& crypter) {

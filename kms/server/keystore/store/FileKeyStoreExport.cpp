@@ -147,13 +147,12 @@ std::string FileKeyStore::exportToBuffer(
     SecureBytesOutDest contentDest(content);
     writeThrough(contentDest, [&](KSOutStream& out) { writeKeyStore(out, keys, groups); });
 
-    std::string plain(content.begin(), content.end());
-    Secret::Guard wipePlain(plain);
+    const Secret plain{std::string(content.begin(), content.end())};
     wipeBytes(content);
     std::string sealed;
     StringOutDest sealedDest(sealed);
     writeThrough(sealedDest, [&](KSOutStream& out) {
-      ReaderWriter::writeDataPasswordSecured(out, passphrase, plain);
+      ReaderWriter::writeDataPasswordSecured(out, passphrase, plain.str());
     });
 
     KMS_DEBUG(kLabel, 1, "Key store buffer size = [" << sealed.size() << "]");

@@ -53,14 +53,13 @@ void FileKeyStore::removeDuplicateKeyRecords(KeyTable& krtable, GroupTable& kgta
       assertionFailed(kLabel, "kgsearchiter != m_kgtable->end()", __FILE__, __LINE__);
     }
 
-    std::string existingKey =
-        m_kpkMgr->decryptKey(existing.key(), existing.kpkType(), existing.kpkTag());
-    Secret::Guard wipeExisting(existingKey);
+    const Secret existingKey(
+        m_kpkMgr->decryptKey(existing.key(), existing.kpkType(), existing.kpkTag()));
     const std::string& key = imported.name();
     const std::string& group = kgiter->second.name();
     const std::string& otherKey = existing.name();
     const std::string& otherGroup = kgsearchiter->second.name();
-    if (sameKey(existingKey, imported.key())) {
+    if (sameKey(existingKey.str(), imported.key())) {
       KMS_DEBUG(kLabel, 1,
                 "Ignoring key [" << key << "] from group [" << group
                                  << "] which is a duplicate of existing key [" << otherKey

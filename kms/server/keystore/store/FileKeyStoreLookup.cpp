@@ -52,9 +52,8 @@ void FileKeyStore::keyRecordFilter(KeyRecord_v1& rec, bool strip) const {
       rec.setKey(std::string());
       return;
     }
-    std::string plain = m_kpkMgr->decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-    Secret::Guard wipe(plain);
-    rec.setKey(plain);
+    const Secret plain(m_kpkMgr->decryptKey(rec.key(), rec.kpkType(), rec.kpkTag()));
+    rec.setKey(plain.str());
   });
 }
 

@@ -376,11 +376,10 @@ namespace {
 // against the metadata.
 KeyFile remakeHmkFile(const char* label, const std::string& passphrase, const KSMetadata& meta,
                       const KMSFileLocator&) {
-  std::string hmk = remakeMasterKey(label, passphrase, meta.hmkSalt(), meta.masterEncAlgo());
-  Secret::Guard wipeHmk(hmk);
-  FileKeyStore::verifyHmk(hmk, meta);
+  const Secret hmk(remakeMasterKey(label, passphrase, meta.hmkSalt(), meta.masterEncAlgo()));
+  FileKeyStore::verifyHmk(hmk.str(), meta);
   KeyFile hmkFile(meta.version());
-  hmkFile.setKey(hmk);
+  hmkFile.setKey(hmk.str());
   return hmkFile;
 }
 
@@ -390,13 +389,12 @@ KeyFile remakeKpkFile(const char* label, const std::string& passphrase, const KS
   const KeyFile hmkFile = readKeyFileAt(label, locator.hmkPath(), EC_KS_HMKfile_open_error);
   FileKeyStore::verifyHmk(hmkFile.key(), meta);
 
-  std::string kpk = remakeMasterKey(label, passphrase, meta.kpkSalt(), meta.keyEncAlgo());
-  Secret::Guard wipeKpk(kpk);
-  FileKeyStore::verifyKpk(kpk, meta);
+  const Secret kpk(remakeMasterKey(label, passphrase, meta.kpkSalt(), meta.keyEncAlgo()));
+  FileKeyStore::verifyKpk(kpk.str(), meta);
 
   KeyFile kpkFile(meta.version());
   kpkFile.setKey(
-      Utils::encryptKeyWithKey(kpk, hmkFile.key(), meta.masterEncAlgo(), meta.version()));
+      Utils::encryptKeyWithKey(kpk.str(), hmkFile.key(), meta.masterEncAlgo(), meta.version()));
   return kpkFile;
 }
 
@@ -558,22 +556,21 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
       }
 
       std::string hmkSalt;
-      std::string hmk = makeMasterKey(kLabel, hmkPassphrase, m_masterEncAlgo, hmkSalt);
-      Secret::Guard wipeHmk(hmk);
+      const Secret hmk(makeMasterKey(kLabel, hmkPassphrase, m_masterEncAlgo, hmkSalt));
       KeyFile hmkFile(kCurrentVersion);
-      hmkFile.setKey(hmk);
+      hmkFile.setKey(hmk.str());
 
       std::string kpkSalt;
-      std::string kpk = makeMasterKey(kLabel, kpkPassphrase, m_keyEncAlgo, kpkSalt);
-      Secret::Guard wipeKpk(kpk);
+      const Secret kpk(makeMasterKey(kLabel, kpkPassphrase, m_keyEncAlgo, kpkSalt));
       KeyFile kpkFile(kCurrentVersion);
-      kpkFile.setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kCurrentVersion));
+      kpkFile.setKey(
+          Utils::encryptKeyWithKey(kpk.str(), hmk.str(), m_masterEncAlgo, kCurrentVersion));
 
       const bool fips = fipsModeOn();
       KSMetadata meta(kCurrentVersion);
-      meta.setHmkVerifier(generateVerifier("HMKV", hmk, m_masterEncAlgo, kCurrentVersion));
+      meta.setHmkVerifier(generateVerifier("HMKV", hmk.str(), m_masterEncAlgo, kCurrentVersion));
       meta.setHmkID(hmkId);
-      meta.setKpkVerifier(generateVerifier("KPKV", kpk, m_keyEncAlgo, kCurrentVersion));
+      meta.setKpkVerifier(generateVerifier("KPKV", kpk.str(), m_keyEncAlgo, kCurrentVersion));
       meta.setKpkID(kpkId);
       meta.setMasterEncAlgo(m_masterEncAlgo);
       meta.setKeyEncAlgo(m_keyEncAlgo);
@@ -677,17 +674,16 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
           KS_THROW(EC_KS_internal_error, kLabel);
         }
 
-        std::string kpk = Utils::decryptKeyWithKey(kpkFile->key(), hmkFile->key(),
-                                                   meta->masterEncAlgo(), kpkFile->version());
-        Secret::Guard wipeKpk(kpk);
+        const Secret kpk(Utils::decryptKeyWithKey(kpkFile->key(), hmkFile->key(),
+                                                  meta->masterEncAlgo(), kpkFile->version()));
 
         std::string salt;
-        std::string hmk = makeMasterKey(kLabel, passphrase, m_masterEncAlgo, salt);
-        Secret::Guard wipeHmk(hmk);
-        hmkFile->setKey(hmk);
-        kpkFile->setKey(Utils::encryptKeyWithKey(kpk, hmk, m_masterEncAlgo, kpkFile->version()));
+        const Secret hmk(makeMasterKey(kLabel, passphrase, m_masterEncAlgo, salt));
+        hmkFile->setKey(hmk.str());
+        kpkFile->setKey(
+            Utils::encryptKeyWithKey(kpk.str(), hmk.str(), m_masterEncAlgo, kpkFile->version()));
 
-        meta->setHmkVerifier(generateVerifier("HMKV", hmk, m_masterEncAlgo, meta->version()));
+        meta->setHmkVerifier(generateVerifier("HMKV", hmk.str(), m_masterEncAlgo, meta->version()));
         meta->setHmkID(hmkId);
         meta->setMasterEncAlgo(m_masterEncAlgo);
         meta->setHmkRandom(passphrase.empty());
@@ -727,22 +723,20 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
         const std::string& hmk = m_hmkFile->key();
 
         // The KPK file must unwrap under the HMK before anything is changed.
-        std::string oldKpk = Utils::decryptKeyWithKey(kpkFile->key(), hmk, meta->masterEncAlgo(),
-                                                      kpkFile->version());
-        Secret::Guard wipeOldKpk(oldKpk);
+        const Secret oldKpk(Utils::decryptKeyWithKey(kpkFile->key(), hmk, meta->masterEncAlgo(),
+                                                     kpkFile->version()));
 
         std::string salt;
-        std::string kpk = makeMasterKey(kLabel, passphrase, m_keyEncAlgo, salt);
-        Secret::Guard wipeKpk(kpk);
+        const Secret kpk(makeMasterKey(kLabel, passphrase, m_keyEncAlgo, salt));
 
         // Every record key moves from the old KPK to the new one, on a copy.
-        auto kpkMgr = std::make_unique<KPKMgr>(kpk, m_keyEncAlgo, meta->version(), true);
+        auto kpkMgr = std::make_unique<KPKMgr>(kpk.str(), m_keyEncAlgo, meta->version(), true);
         auto keyTable = std::make_unique<KeyTable>(*m_keyTable);
         reencryptKeyRecords(*keyTable, *m_kpkMgr, *kpkMgr);
 
         kpkFile->setKey(
-            Utils::encryptKeyWithKey(kpk, hmk, meta->masterEncAlgo(), kpkFile->version()));
-        meta->setKpkVerifier(generateVerifier("KPKV", kpk, m_keyEncAlgo, meta->version()));
+            Utils::encryptKeyWithKey(kpk.str(), hmk, meta->masterEncAlgo(), kpkFile->version()));
+        meta->setKpkVerifier(generateVerifier("KPKV", kpk.str(), m_keyEncAlgo, meta->version()));
         meta->setKpkID(kpkId);
         meta->setKeyEncAlgo(m_keyEncAlgo);
         meta->setKpkRandom(passphrase.empty());

@@ -320,10 +320,9 @@ void verifyKeptFiles(const char* label, const std::string& hmkPath, const std::s
     if (!kpkPath.empty()) {
       KSInputBuffer kpkBytes(readKeptFile(label, kpkPath, Utils::kMaxKeyFileBytes));
       const KeyFile kpk = FileKeyStore::readKeyFile(kpkBytes);
-      std::string plainKpk = Utils::decryptKeyWithKey(
-          kpk.key(), hmk.key(), FileKeyStore::getDefaultEncAlgos(kpk.version()), kpk.version());
-      Secret::Guard wipeKpk(plainKpk);
-      FileKeyStore::verifyKpk(plainKpk, meta);
+      const Secret plainKpk(Utils::decryptKeyWithKey(
+          kpk.key(), hmk.key(), FileKeyStore::getDefaultEncAlgos(kpk.version()), kpk.version()));
+      FileKeyStore::verifyKpk(plainKpk.str(), meta);
     }
     std::unique_ptr<KSCrypt> crypter(
         CryptFactory::createCrypter(meta.masterEncAlgo(), hmk.key(), meta.masterIV()));
@@ -501,11 +500,10 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
 
     verifyHmk(hmk.key(), meta);
     // The KPK file's own version says how its key is wrapped.
-    std::string plainKpk = Utils::decryptKeyWithKey(
-        kpk.key(), hmk.key(), getDefaultEncAlgos(kpk.version()), kpk.version());
-    Secret::Guard wipeKpk(plainKpk);
-    verifyKpk(plainKpk, meta);
-    kpkMgr.set(plainKpk, meta.keyEncAlgo(), meta.version(), true);
+    const Secret plainKpk(Utils::decryptKeyWithKey(
+        kpk.key(), hmk.key(), getDefaultEncAlgos(kpk.version()), kpk.version()));
+    verifyKpk(plainKpk.str(), meta);
+    kpkMgr.set(plainKpk.str(), meta.keyEncAlgo(), meta.version(), true);
 
     {
       std::unique_ptr<KSCrypt> crypter(
@@ -532,7 +530,7 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
       needsRewrite = true;
       KeyFile upgraded(kCurrentVersion);
       upgraded.setKey(
-          Utils::encryptKeyWithKey(plainKpk, hmk.key(), m_masterEncAlgo, kCurrentVersion));
+          Utils::encryptKeyWithKey(plainKpk.str(), hmk.key(), m_masterEncAlgo, kCurrentVersion));
       kpk = upgraded;
     } else if (kpk.version() != kCurrentVersion) {
       KS_THROW(EC_KS_internal_error, kLabel);
@@ -544,7 +542,8 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
       upgraded.setHmkVerifier(
           generateVerifier("HMKV", hmk.key(), m_masterEncAlgo, kCurrentVersion));
       upgraded.setHmkID(meta.hmkID());
-      upgraded.setKpkVerifier(generateVerifier("KPKV", plainKpk, m_keyEncAlgo, kCurrentVersion));
+      upgraded.setKpkVerifier(
+          generateVerifier("KPKV", plainKpk.str(), m_keyEncAlgo, kCurrentVersion));
       upgraded.setKpkID(meta.kpkID());
       upgraded.setMasterEncAlgo(m_masterEncAlgo);
       upgraded.setKeyEncAlgo(m_keyEncAlgo);
@@ -556,7 +555,7 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
       upgraded.setKpkSalt(meta.kpkSalt());
       meta = upgraded;
 
-      const KPKMgr upgradedMgr(plainKpk, m_keyEncAlgo, kCurrentVersion, true);
+      const KPKMgr upgradedMgr(plainKpk.str(), m_keyEncAlgo, kCurrentVersion, true);
       reencryptKeyRecords(keys, kpkMgr, upgradedMgr);
       kpkMgr = upgradedMgr;
     } else if (meta.version() != kCurrentVersion) {

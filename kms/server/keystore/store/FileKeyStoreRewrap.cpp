@@ -52,9 +52,8 @@ void FileKeyStore::decryptKeyRecords(KeyTable& table, const KPKMgr& kpkMgr) {
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kRewrapMap, [&] {
     table.changeEach([&](KeyRecord_v1& rec) {
-      std::string plain = kpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-      Secret::Guard wipe(plain);
-      rec.setKey(plain);
+      const Secret plain(kpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag()));
+      rec.setKey(plain.str());
     });
   });
 }
@@ -65,9 +64,8 @@ void FileKeyStore::reencryptKeyRecords(KeyTable& table, const KPKMgr& oldKpkMgr,
   KMS_TRACE(kLabel);
   translateErrors(kLabel, kRewrapMap, [&] {
     table.changeEach([&](KeyRecord_v1& rec) {
-      std::string plain = oldKpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag());
-      Secret::Guard wipe(plain);
-      rec.setKey(newKpkMgr.encryptKey(plain, rec.kpkType(), rec.kpkTag()));
+      const Secret plain(oldKpkMgr.decryptKey(rec.key(), rec.kpkType(), rec.kpkTag()));
+      rec.setKey(newKpkMgr.encryptKey(plain.str(), rec.kpkType(), rec.kpkTag()));
     });
   });
 }
