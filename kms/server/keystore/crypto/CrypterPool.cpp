@@ -49,8 +49,7 @@ void CrypterPool::clear() {
 }
 
 CrypterPool::Lease CrypterPool::lease(Side side) {
-  std::string key;
-  const Secret::Guard wipe(key);
+  Secret key;
   KSCrypt::CryptType type;
   uint64_t generation;
   {
@@ -63,12 +62,12 @@ CrypterPool::Lease CrypterPool::lease(Side side) {
       m_idle.pop_back();
       return Lease(*this, std::move(crypter), side, m_generation);
     }
-    key = m_key;
+    key = Secret(std::string(m_key));
     type = m_type;
     generation = m_generation;
   }
   // Built unlocked: the other threads need not wait for it.
-  std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, key, std::string()));
+  std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(type, key.str(), std::string()));
   return Lease(*this, std::move(crypter), side, generation);
 }
 

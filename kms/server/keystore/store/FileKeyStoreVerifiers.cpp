@@ -60,10 +60,9 @@ bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
                                    ks_version_t version) {
   static const char* const kLabel = "FileKeyStore::isVerifierValid";
   KMS_TRACE(kLabel);
-  std::string plain;
-  Secret::Guard wipe(plain);
+  Secret plain;
   try {
-    plain = Utils::decryptKeyWithKey(verifier, key, type, version);
+    plain = Secret(Utils::decryptKeyWithKey(verifier, key, type, version));
   } catch (const KeyStoreError& error) {
     if (error.status() == 1270) {
       KMS_DEBUG(kLabel, 4, "Verifier does not open under the given key");
@@ -73,7 +72,7 @@ bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
   } catch (...) {
     rethrowUnexpected(kLabel, kVerifierMap);
   }
-  return plain.rfind(prefix, 0) == 0;
+  return plain.str().rfind(prefix, 0) == 0;
 }
 
 void FileKeyStore::verifyHmk(const std::string& key, const KSMetadata& meta) {
