@@ -83,15 +83,8 @@ void logStartRefused(int messageId) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  VRLogFactory* factory = VRLogFactory::Instance();
-  VRLogger::s_default = factory->getLogger(kOriginator, true);
-  VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
-
-  Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
-
+// Sets up the loggers, the process's protections, the configuration and the FIPS flag.
+void prepareProcess(int argc, char** argv) {
   // Both lives of the process hold master keys and passphrases in memory
   // (and a passphrase may stand in argv until the operation has read it):
   // no core file and no dumping, before anything else is looked at.
@@ -121,62 +114,71 @@ int main(int argc, char** argv) {
 
   umask(077);
   enable_process_for_service_account();
+}
 
-  ACE_Arg_Shifter_T<char> shifter(argc, argv);
-  shifter.ignore_arg(1);
-
+// Runs the administrator operation the first argument names (and ends the process), or
+// keeps a framework option for the service; returns whether to check for a running service.
+bool runOptionOrKeepFrameworkOption(ACE_Arg_Shifter_T<char>& shifter) {
   // Only the first argument is looked at. Whatever follows it is left to the
   // operation that reads it, or dropped: the shifter keeps only what it is
   // told to keep.
-  bool checkRunningService = true;
-  if (shifter.is_anything_left()) {
-    if (shifter.get_current()[0] != '-') {
-      printKmsUsage();
-      std::exit(0);
-    } else if (isOption(shifter, "-terminate")) {
-      shifter.ignore_arg(1);
-      checkRunningService = false;
-    } else if (isOption(shifter, "-console")) {
-      shifter.ignore_arg(1);
-    } else if (isOption(shifter, "-createemptydb")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::createEmptyDB(shifter), [] {
-        kmsPromptCheckMessage();
-        printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
-                                                          : kMsgCreatedWithPassphrases);
-      });
-    } else if (isOption(shifter, "-resethmk")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::resetHmk(shifter), [] { printOperationAdvice(kMsgHmkReset); });
-    } else if (isOption(shifter, "-resetkpk")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::resetKpk(shifter), [] { printOperationAdvice(kMsgKpkReset); });
-    } else if (isOption(shifter, "-info")) {
-      // Words after "-info" are not looked at.
-      finishOperation(KMSSpecialOps::info(), [] {});
-    } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
-      printKmsUsage();
-      std::exit(0);
-    } else {
-      // An unknown option is taken as a request for help.
-      printKmsUsage();
-      std::exit(0);
-    }
+  if (!shifter.is_anything_left()) {
+    return true;
   }
+  if (shifter.get_current()[0] != '-') {
+    printKmsUsage();
+    std::exit(0);
+  } else if (isOption(shifter, "-terminate")) {
+    shifter.ignore_arg(1);
+    return false;
+  } else if (isOption(shifter, "-console")) {
+    shifter.ignore_arg(1);
+  } else if (isOption(shifter, "-createemptydb")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::createEmptyDB(shifter), [] {
+      kmsPromptCheckMessage();
+      printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
+                                                        : kMsgCreatedWithPassphrases);
+    });
+  } else if (isOption(shifter, "-resethmk")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::resetHmk(shifter), [] { printOperationAdvice(kMsgHmkReset); });
+  } else if (isOption(shifter, "-resetkpk")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::resetKpk(shifter), [] { printOperationAdvice(kMsgKpkReset); });
+  } else if (isOption(shifter, "-info")) {
+    // Words after "-info" are not looked at.
+    finishOperation(KMSSpecialOps::info(), [] {});
+  } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
+    printKmsUsage();
+    std::exit(0);
+  } else {
+    // An unknown option is taken as a request for help.
+    printKmsUsage();
+    std::exit(0);
+  }
+  return true;
+}
 
+// Whether the start gates let the service start; a refusal is logged.
+bool startAllowed(bool checkRunningService) {
   if (checkRunningService && KMSSpecialOps::serviceAlreadyRunning()) {
     logStartRefused(kMsgAlreadyRunning);
-    return 0;
+    return false;
   }
   if (KMSSpecialOps::onInactiveClusterNode()) {
     logStartRefused(kMsgInactiveClusterNode);
-    return 0;
+    return false;
   }
   if (!KMSSpecialOps::onMasterServer()) {
     logStartRefused(kMsgNotMasterServer);
-    return 0;
+    return false;
   }
+  return true;
+}
 
+// Runs the service in its container until it stops; returns the process's exit status.
+int runService(int argc, char** argv) {
   // The service. The framework processes the directive once its ORB runs;
   // the descriptor must be known to the service configurator before that.
   // (There is no ORB resource factory descriptor to process on this ORB:
@@ -199,4 +201,23 @@ int main(int argc, char** argv) {
   KMS_DEBUG("vrkms_main", 1, "startServiceContainer returned " << result);
   delete container;
   return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  VRLogFactory* factory = VRLogFactory::Instance();
+  VRLogger::s_default = factory->getLogger(kOriginator, true);
+  VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
+
+  Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
+  prepareProcess(argc, argv);
+
+  ACE_Arg_Shifter_T<char> shifter(argc, argv);
+  shifter.ignore_arg(1);
+  const bool checkRunningService = runOptionOrKeepFrameworkOption(shifter);
+  if (!startAllowed(checkRunningService)) {
+    return 0;
+  }
+  return runService(argc, argv);
 }
