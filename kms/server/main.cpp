@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <list>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -186,8 +187,9 @@ int runService(int argc, char** argv) {
   std::list<std::string> directives{"static KMSMgrService"};
   ACE_Service_Config::current()->process_directive(ace_svc_desc_KMSMgrService, false);
 
-  KMSServiceContainer* container = new (std::nothrow) KMSServiceContainer(
-      false, "vrkms", kOriginator, directives, kStopTimeoutSeconds, ServiceContainerOptions{0}, "");
+  std::unique_ptr<KMSServiceContainer> container(
+      new (std::nothrow) KMSServiceContainer(false, "vrkms", kOriginator, directives,
+                                             kStopTimeoutSeconds, ServiceContainerOptions{0}, ""));
   if (container == nullptr) {
     logAppMessage("vrkms_main", CRVN_SEV_ERROR, kMsgNoServiceContainer);
     return 1;
@@ -197,9 +199,9 @@ int runService(int argc, char** argv) {
   container->getOrb()->m_useTSSResources = true;
 
   // argc is what the shifter kept: the program name and a framework option.
-  const int result = startServiceContainer(container, argc, argv, kOriginator, false, false, "");
+  const int result =
+      startServiceContainer(container.get(), argc, argv, kOriginator, false, false, "");
   KMS_DEBUG("vrkms_main", 1, "startServiceContainer returned " << result);
-  delete container;
   return result;
 }
 
