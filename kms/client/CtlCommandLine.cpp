@@ -108,6 +108,49 @@ bool startsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
 }
 
+// Sets *value to what follows the '=' of args[*at], else to the next argument (moving *at on
+// to it); false, with *value untouched, when there is neither.
+bool takeValue(const std::vector<std::string>& args, size_t* at, std::string* value) {
+  const std::string& arg = args[*at];
+  const size_t equals = arg.find('=');
+  if (equals != std::string::npos) {
+    *value = arg.substr(equals + 1);
+  } else if (*at + 1 < args.size()) {
+    *value = args[++*at];
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// The command whose words begin `args` at `at`; an unknown one is a usage error.
+const CommandForm& commandAt(const std::vector<std::string>& args, size_t at, size_t* wordCount) {
+  const CommandForm* form = findCommand(args, at, wordCount);
+  if (form == nullptr) {
+    if (isCommandGroup(args[at])) {
+      throw UsageError("unknown command " + args[at] +
+                       (at + 1 < args.size() ? " " + args[at + 1] : std::string()));
+    }
+    throw UsageError("unknown command " + args[at]);
+  }
+  return *form;
+}
+
+// Throws a usage error unless the command has its operands and required options.
+void checkComplete(const CommandForm& form, const std::string& command,
+                   const std::vector<std::string>& operands,
+                   const std::map<std::string, std::vector<std::string>>& options) {
+  if (operands.size() != form.operandCount) {
+    throw UsageError(command + (form.operandCount == 0 ? std::string(" takes no operands")
+                                                       : std::string(" takes ") + form.operands));
+  }
+  for (const OptionForm& option : form.options) {
+    if (option.required && options.count(option.name) == 0) {
+      throw UsageError(command + " needs " + option.name);
+    }
+  }
+}
+
 }  // namespace
 
 const char* CtlCommandLine::usage() {
@@ -167,31 +210,29 @@ std::string* CtlCommandLine::programOption(const std::string& arg) {
   return nullptr;
 }
 
-CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
-  CtlCommandLine line;
+size_t CtlCommandLine::parseProgramOptions(const std::vector<std::string>& args) {
   size_t at = 0;
-  // Options of the program itself, before the command.
   for (; at < args.size() && startsWith(args[at], "--"); ++at) {
     const std::string& arg = args[at];
     if (arg == "--json") {
-      line.m_json = true;
+      m_json = true;
     } else if (arg == "--help") {
-      line.m_help = true;
-    } else if (std::string* value = line.programOption(arg)) {
-      const size_t equals = arg.find('=');
-      const std::string name = arg.substr(0, equals);
-      if (equals != std::string::npos) {
-        *value = arg.substr(equals + 1);
-      } else if (at + 1 < args.size()) {
-        *value = args[++at];
-      }
+      m_help = true;
+    } else if (std::string* value = programOption(arg)) {
+      takeValue(args, &at, value);
       if (value->empty()) {
-        throw UsageError(name + " needs a value");
+        throw UsageError(arg.substr(0, arg.find('=')) + " needs a value");
       }
     } else {
       throw UsageError("unknown option " + arg);
     }
   }
+  return at;
+}
+
+CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
+  CtlCommandLine line;
+  size_t at = line.parseProgramOptions(args);
   if (at >= args.size()) {
     if (line.m_help) {
       return line;
@@ -199,15 +240,8 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
     throw UsageError("no command given");
   }
   size_t wordCount = 0;
-  const CommandForm* form = findCommand(args, at, &wordCount);
-  if (form == nullptr) {
-    if (isCommandGroup(args[at])) {
-      throw UsageError("unknown command " + args[at] +
-                       (at + 1 < args.size() ? " " + args[at + 1] : std::string()));
-    }
-    throw UsageError("unknown command " + args[at]);
-  }
-  line.m_command = form->words;
+  const CommandForm& form = commandAt(args, at, &wordCount);
+  line.m_command = form.words;
   for (at += wordCount; at < args.size(); ++at) {
     const std::string& arg = args[at];
     if (!startsWith(arg, "--")) {
@@ -220,7 +254,7 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
     }
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(0, equals);
-    const OptionForm* option = findOption(*form, name);
+    const OptionForm* option = findOption(form, name);
     if (option == nullptr) {
       throw UsageError("unknown option " + name + " for " + line.m_command);
     }
@@ -232,27 +266,13 @@ CtlCommandLine CtlCommandLine::parse(const std::vector<std::string>& args) {
       if (equals != std::string::npos) {
         throw UsageError(name + " takes no value");
       }
-    } else if (equals != std::string::npos) {
-      value = arg.substr(equals + 1);
-    } else if (at + 1 < args.size()) {
-      value = args[++at];
-    } else {
+    } else if (!takeValue(args, &at, &value)) {
       throw UsageError(name + " needs a value");
     }
     line.m_options[name].push_back(value);
   }
-  if (line.m_help) {
-    return line;
-  }
-  if (line.m_operands.size() != form->operandCount) {
-    throw UsageError(line.m_command + (form->operandCount == 0
-                                           ? std::string(" takes no operands")
-                                           : std::string(" takes ") + form->operands));
-  }
-  for (const OptionForm& option : form->options) {
-    if (option.required && line.m_options.count(option.name) == 0) {
-      throw UsageError(line.m_command + " needs " + option.name);
-    }
+  if (!line.m_help) {
+    checkComplete(form, line.m_command, line.m_operands, line.m_options);
   }
   return line;
 }

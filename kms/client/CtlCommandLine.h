@@ -64,6 +64,8 @@ class CtlCommandLine {
   // The member that the program option `arg` ("--endpoint" or
   // "--endpoint=VALUE") sets, or null for no such option.
   std::string* programOption(const std::string& arg);
+  // Reads the program's own options at the start of `args`; returns where the command begins.
+  size_t parseProgramOptions(const std::vector<std::string>& args);
 
   bool m_help = false;
   bool m_json = false;

@@ -66,7 +66,8 @@ PacemakerCluster::PacemakerCluster(std::string group, std::string node)
 
 PacemakerCluster PacemakerCluster::fromConfiguration() {
   VrConfReader conf;
-  conf.read(VR_master_config_path());
+  // Without a readable file every setting takes its default.
+  (void)conf.read(VR_master_config_path());
   std::string node = conf.get("VRKMS_CLUSTER_NODE");
   if (node.empty()) {
     node = trimmed(toolOutput({"crm_node", "-n"}));

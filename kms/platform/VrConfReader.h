@@ -15,7 +15,7 @@ class VrConfReader {
   // Parses the file at `path`. Returns 0 on success, or the errno of the failed
   // open/read (never throws). Lines that are neither blank, comment nor
   // "NAME = VALUE" are counted in badLines() and skipped.
-  int read(const std::string& path);
+  [[nodiscard]] int read(const std::string& path);
 
   // Parses text directly (same rules as read()).
   void parse(const std::string& text);
@@ -75,4 +75,4 @@ std::shared_ptr<const VrMasterConfig> get_master_config_ptr();
 
 // The boolean value of `name` in the process-wide copy. Returns 0 and sets
 // *value when present and well-formed; non-zero otherwise (*value untouched).
-int vrconfGetKeyValPairAsBool(const char* name, bool* value);
+[[nodiscard]] int vrconfGetKeyValPairAsBool(const char* name, bool* value);

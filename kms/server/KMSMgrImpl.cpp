@@ -1,5 +1,7 @@
 #include "kms/server/KMSMgrImpl.h"
 
+#include <memory>
+
 #include "kms/platform/CrvnLis.h"
 #include "kms/platform/framework/FrameworkRegistrar.h"
 #include "kms/platform/framework/OrbService.h"
@@ -31,22 +33,13 @@ constexpr int kMsgNoOrbService = 36;
 constexpr int kMsgStoreNotCreated = 37;
 constexpr int kMsgStoreNotOpened = 38;
 
-template <typename Servant>
-void releaseServant(Servant*& servant) {
-  if (servant != nullptr) {
-    servant->_remove_ref();
-    servant = nullptr;
-  }
-}
-
 // Makes a servant over the store, activates it and keeps both. A servant
-// left from an earlier activation is let go first.
+// left from an earlier activation is let go.
 template <typename Servant>
-void activateFacet(TL::Framework::Orb& orb, Store::FileKeyStore* store, Servant*& servant,
-                   CORBA::Object_var& ref) {
-  releaseServant(servant);
+void activateFacet(TL::Framework::Orb& orb, Store::FileKeyStore* store,
+                   PortableServer::Servant_var<Servant>& servant, CORBA::Object_var& ref) {
   servant = new Servant(store);
-  ref = orb.activateServant(servant);
+  ref = orb.activateServant(servant.in());
 }
 
 }  // namespace
@@ -55,27 +48,22 @@ const char* KMSMgrImpl::Name() {
   return "KMS.KMSMgr";
 }
 
-KMSMgrImpl::KMSMgrImpl()
-    : m_active(false),
-      m_queryFacet(nullptr),
-      m_modifyFacet(nullptr),
-      m_controlFacet(nullptr),
-      m_keyStore(nullptr) {}
+KMSMgrImpl::KMSMgrImpl() : m_active(false) {}
 
 KMSMgrImpl::~KMSMgrImpl() {
   KMS_TRACE_THIS("KMSMgrImpl::~KMSMgrImpl");
   // Servants are reference counted: this lets go of the one the manager
-  // holds, which deletes a servant that the ORB no longer holds.
-  releaseServant(m_controlFacet);
-  releaseServant(m_modifyFacet);
-  releaseServant(m_queryFacet);
+  // holds, which deletes a servant that the ORB no longer holds. They go
+  // before the store they borrow.
+  m_controlFacet = nullptr;
+  m_modifyFacet = nullptr;
+  m_queryFacet = nullptr;
   if (m_keyStore != nullptr) {
     const int status = m_keyStore->shutdown();
     if (status != 0) {
       KMS_DEBUG("keystore_shutdown", 1, "KeyStore->shutdown() returned " << status);
     }
-    delete m_keyStore;
-    m_keyStore = nullptr;
+    m_keyStore.reset();
   }
 }
 
@@ -89,7 +77,7 @@ int KMSMgrImpl::init(int, char**) {
   const char* label = "KMSMgrImpl::init";
   try {
     Store::KMSFileLocator locator;
-    m_keyStore = new Store::FileKeyStore(locator);
+    m_keyStore = std::make_unique<Store::FileKeyStore>(locator);
   } catch (const Store::KeyStoreError& error) {
     KMS_DEBUG(label, 1, "Exception Caught: " << error.str(true));
     logAppMessage(label, CRVN_SEV_ERROR, kMsgStoreNotCreated);
@@ -128,9 +116,9 @@ int KMSMgrImpl::resume() {
     return -1;
   }
   // The facets before the manager, which hands out their references.
-  activateFacet(*orb, m_keyStore, m_queryFacet, m_queryRef);
-  activateFacet(*orb, m_keyStore, m_modifyFacet, m_modifyRef);
-  activateFacet(*orb, m_keyStore, m_controlFacet, m_controlRef);
+  activateFacet(*orb, m_keyStore.get(), m_queryFacet, m_queryRef);
+  activateFacet(*orb, m_keyStore.get(), m_modifyFacet, m_modifyRef);
+  activateFacet(*orb, m_keyStore.get(), m_controlFacet, m_controlRef);
   m_mgrRef = orb->activateServant(this);
   orb->advertiseObject(Name(), m_mgrRef.in());
   m_active = true;

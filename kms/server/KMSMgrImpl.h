@@ -14,6 +14,8 @@
 
 #include <KMS.h>
 
+#include <memory>
+
 #include "kms/platform/framework/Orb.h"
 #include "kms/platform/framework/ServiceLifecycleManageable.h"
 
@@ -81,13 +83,14 @@ class KMSMgrImpl : public virtual POA_Ardentis::Vaultrest::DL::KMS::KMSMgr,
  private:
   bool m_active;
   CORBA::Object_var m_mgrRef;
-  KMSQueryableFacetImpl* m_queryFacet;
+  // Each servant is held by one reference of its own beside the POA's.
+  PortableServer::Servant_var<KMSQueryableFacetImpl> m_queryFacet;
   CORBA::Object_var m_queryRef;
-  KMSModifiableFacetImpl* m_modifyFacet;
+  PortableServer::Servant_var<KMSModifiableFacetImpl> m_modifyFacet;
   CORBA::Object_var m_modifyRef;
-  KMSControlFacetImpl* m_controlFacet;
+  PortableServer::Servant_var<KMSControlFacetImpl> m_controlFacet;
   CORBA::Object_var m_controlRef;
-  ::Vaultrest::DL::KMS::FileKeyStore* m_keyStore;  // owned
+  std::unique_ptr<::Vaultrest::DL::KMS::FileKeyStore> m_keyStore;  // lent to the facets
 };
 
 }  // namespace KMS

@@ -11,45 +11,37 @@ namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-KMSMgrService::KMSMgrService() : m_kmsMgr(nullptr), m_kmsMgrValid(false) {}
+KMSMgrService::KMSMgrService() = default;
 
 KMSMgrService::~KMSMgrService() {
   KMS_TRACE_THIS("KMSMgrService::~KMSMgrService");
-  if (m_kmsMgr != nullptr) {
-    // A servant is reference counted: the last reference deletes it, so
-    // an ORB that still holds one keeps it alive until it lets go.
-    m_kmsMgr->_remove_ref();
-    m_kmsMgr = nullptr;
-  }
+  // A servant is reference counted: the last reference deletes it, so an
+  // ORB that still holds one keeps it alive until it lets go.
+  m_kmsMgr = nullptr;
 }
 
 int KMSMgrService::init(int argc, ACE_TCHAR** argv) {
   KMS_TRACE_THIS("KMSMgrService::init");
-  if (m_kmsMgr != nullptr) {
+  if (m_kmsMgr.in() != nullptr) {
     return 0;
   }
   m_kmsMgr = new (std::nothrow)::Ardentis::Vaultrest::DL::KMS::KMSMgrImpl();
-  if (m_kmsMgr == nullptr) {
-    m_kmsMgrValid = false;
-    return 0;
-  }
-  m_kmsMgrValid = true;
-  return m_kmsMgr->init(argc, argv);
+  return m_kmsMgr.in() != nullptr ? m_kmsMgr->init(argc, argv) : 0;
 }
 
 int KMSMgrService::fini() {
   KMS_TRACE_THIS("KMSMgrService::fini");
-  return m_kmsMgrValid ? m_kmsMgr->fini() : 0;
+  return m_kmsMgr.in() != nullptr ? m_kmsMgr->fini() : 0;
 }
 
 int KMSMgrService::resume() {
   KMS_TRACE_THIS("KMSMgrService::resume");
-  return m_kmsMgrValid ? m_kmsMgr->resume() : 0;
+  return m_kmsMgr.in() != nullptr ? m_kmsMgr->resume() : 0;
 }
 
 int KMSMgrService::suspend() {
   KMS_TRACE_THIS("KMSMgrService::suspend");
-  return m_kmsMgrValid ? m_kmsMgr->suspend() : 0;
+  return m_kmsMgr.in() != nullptr ? m_kmsMgr->suspend() : 0;
 }
 
 int KMSMgrService::doRun() {

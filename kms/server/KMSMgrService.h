@@ -6,6 +6,7 @@
 
 #include <ace/Global_Macros.h>
 #include <ace/Service_Config.h>
+#include <omniORB4/CORBA.h>
 
 #include "kms/platform/framework/VRServiceObject.h"
 
@@ -53,11 +54,12 @@ class KMSMgrService : public ::Ardentis::Vaultrest::TL::Framework::VRServiceObje
   static int enableClusterServiceMonitoring();
 
   // The manager, or null before init.
-  ::Ardentis::Vaultrest::DL::KMS::KMSMgrImpl* manager() const { return m_kmsMgr; }
+  ::Ardentis::Vaultrest::DL::KMS::KMSMgrImpl* manager() const { return m_kmsMgr.in(); }
 
  private:
-  ::Ardentis::Vaultrest::DL::KMS::KMSMgrImpl* m_kmsMgr;
-  bool m_kmsMgrValid;
+  // The service's own reference on the manager; null before init (or when
+  // it could not be made).
+  PortableServer::Servant_var<::Ardentis::Vaultrest::DL::KMS::KMSMgrImpl> m_kmsMgr;
 };
 
 }  // namespace KMS

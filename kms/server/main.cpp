@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <list>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -83,15 +84,8 @@ void logStartRefused(int messageId) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  VRLogFactory* factory = VRLogFactory::Instance();
-  VRLogger::s_default = factory->getLogger(kOriginator, true);
-  VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
-
-  Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
-
+// Sets up the loggers, the process's protections, the configuration and the FIPS flag.
+void prepareProcess(int argc, char** argv) {
   // Both lives of the process hold master keys and passphrases in memory
   // (and a passphrase may stand in argv until the operation has read it):
   // no core file and no dumping, before anything else is looked at.
@@ -121,62 +115,71 @@ int main(int argc, char** argv) {
 
   umask(077);
   enable_process_for_service_account();
+}
 
-  ACE_Arg_Shifter_T<char> shifter(argc, argv);
-  shifter.ignore_arg(1);
-
+// Runs the administrator operation the first argument names (and ends the process), or
+// keeps a framework option for the service; returns whether to check for a running service.
+bool runOptionOrKeepFrameworkOption(ACE_Arg_Shifter_T<char>& shifter) {
   // Only the first argument is looked at. Whatever follows it is left to the
   // operation that reads it, or dropped: the shifter keeps only what it is
   // told to keep.
-  bool checkRunningService = true;
-  if (shifter.is_anything_left()) {
-    if (shifter.get_current()[0] != '-') {
-      printKmsUsage();
-      std::exit(0);
-    } else if (isOption(shifter, "-terminate")) {
-      shifter.ignore_arg(1);
-      checkRunningService = false;
-    } else if (isOption(shifter, "-console")) {
-      shifter.ignore_arg(1);
-    } else if (isOption(shifter, "-createemptydb")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::createEmptyDB(shifter), [] {
-        kmsPromptCheckMessage();
-        printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
-                                                          : kMsgCreatedWithPassphrases);
-      });
-    } else if (isOption(shifter, "-resethmk")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::resetHmk(shifter), [] { printOperationAdvice(kMsgHmkReset); });
-    } else if (isOption(shifter, "-resetkpk")) {
-      shifter.consume_arg(1);
-      finishOperation(KMSSpecialOps::resetKpk(shifter), [] { printOperationAdvice(kMsgKpkReset); });
-    } else if (isOption(shifter, "-info")) {
-      // Words after "-info" are not looked at.
-      finishOperation(KMSSpecialOps::info(), [] {});
-    } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
-      printKmsUsage();
-      std::exit(0);
-    } else {
-      // An unknown option is taken as a request for help.
-      printKmsUsage();
-      std::exit(0);
-    }
+  if (!shifter.is_anything_left()) {
+    return true;
   }
+  if (shifter.get_current()[0] != '-') {
+    printKmsUsage();
+    std::exit(0);
+  } else if (isOption(shifter, "-terminate")) {
+    shifter.ignore_arg(1);
+    return false;
+  } else if (isOption(shifter, "-console")) {
+    shifter.ignore_arg(1);
+  } else if (isOption(shifter, "-createemptydb")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::createEmptyDB(shifter), [] {
+      kmsPromptCheckMessage();
+      printOperationAdvice(KMSSpecialOps::getIsRandom() ? kMsgCreatedFromRandomKeys
+                                                        : kMsgCreatedWithPassphrases);
+    });
+  } else if (isOption(shifter, "-resethmk")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::resetHmk(shifter), [] { printOperationAdvice(kMsgHmkReset); });
+  } else if (isOption(shifter, "-resetkpk")) {
+    shifter.consume_arg(1);
+    finishOperation(KMSSpecialOps::resetKpk(shifter), [] { printOperationAdvice(kMsgKpkReset); });
+  } else if (isOption(shifter, "-info")) {
+    // Words after "-info" are not looked at.
+    finishOperation(KMSSpecialOps::info(), [] {});
+  } else if (isOption(shifter, "-help") || isOption(shifter, "-h")) {
+    printKmsUsage();
+    std::exit(0);
+  } else {
+    // An unknown option is taken as a request for help.
+    printKmsUsage();
+    std::exit(0);
+  }
+  return true;
+}
 
+// Whether the start gates let the service start; a refusal is logged.
+bool startAllowed(bool checkRunningService) {
   if (checkRunningService && KMSSpecialOps::serviceAlreadyRunning()) {
     logStartRefused(kMsgAlreadyRunning);
-    return 0;
+    return false;
   }
   if (KMSSpecialOps::onInactiveClusterNode()) {
     logStartRefused(kMsgInactiveClusterNode);
-    return 0;
+    return false;
   }
   if (!KMSSpecialOps::onMasterServer()) {
     logStartRefused(kMsgNotMasterServer);
-    return 0;
+    return false;
   }
+  return true;
+}
 
+// Runs the service in its container until it stops; returns the process's exit status.
+int runService(int argc, char** argv) {
   // The service. The framework processes the directive once its ORB runs;
   // the descriptor must be known to the service configurator before that.
   // (There is no ORB resource factory descriptor to process on this ORB:
@@ -184,8 +187,9 @@ int main(int argc, char** argv) {
   std::list<std::string> directives{"static KMSMgrService"};
   ACE_Service_Config::current()->process_directive(ace_svc_desc_KMSMgrService, false);
 
-  KMSServiceContainer* container = new (std::nothrow) KMSServiceContainer(
-      false, "vrkms", kOriginator, directives, kStopTimeoutSeconds, ServiceContainerOptions{0}, "");
+  std::unique_ptr<KMSServiceContainer> container(
+      new (std::nothrow) KMSServiceContainer(false, "vrkms", kOriginator, directives,
+                                             kStopTimeoutSeconds, ServiceContainerOptions{0}, ""));
   if (container == nullptr) {
     logAppMessage("vrkms_main", CRVN_SEV_ERROR, kMsgNoServiceContainer);
     return 1;
@@ -195,8 +199,27 @@ int main(int argc, char** argv) {
   container->getOrb()->m_useTSSResources = true;
 
   // argc is what the shifter kept: the program name and a framework option.
-  const int result = startServiceContainer(container, argc, argv, kOriginator, false, false, "");
+  const int result =
+      startServiceContainer(container.get(), argc, argv, kOriginator, false, false, "");
   KMS_DEBUG("vrkms_main", 1, "startServiceContainer returned " << result);
-  delete container;
   return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  VRLogFactory* factory = VRLogFactory::Instance();
+  VRLogger::s_default = factory->getLogger(kOriginator, true);
+  VRLogger::s_defaultLib = factory->getLogger(kLibraryOriginator, false);
+
+  Tracer tracer(VRLogger::s_default, nullptr, "vrkms_main", __FILE__, __LINE__);
+  prepareProcess(argc, argv);
+
+  ACE_Arg_Shifter_T<char> shifter(argc, argv);
+  shifter.ignore_arg(1);
+  const bool checkRunningService = runOptionOrKeepFrameworkOption(shifter);
+  if (!startAllowed(checkRunningService)) {
+    return 0;
+  }
+  return runService(argc, argv);
 }

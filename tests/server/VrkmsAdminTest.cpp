@@ -62,7 +62,7 @@ class VrkmsAdmin : public ::testing::Test {
     FileKeyStore store{KMSFileLocator(kmsDir())};
     ASSERT_EQ(store.init(), 0);
     EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
-    store.shutdown();
+    EXPECT_EQ(store.shutdown(), 0);
   }
 
   // Runs `args`, which must fail with `status`, printing its text.

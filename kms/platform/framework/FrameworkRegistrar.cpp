@@ -41,10 +41,9 @@ class BoundedFactory : public Factory {
 template <typename Factory>
 void registerFactory(CORBA::ORB_ptr orb, const char* repositoryId) {
   CORBA::ValueFactoryBase_var factory = new Factory();
-  CORBA::ValueFactory previous = orb->register_value_factory(repositoryId, factory.in());
-  if (previous != nullptr) {
-    previous->_remove_ref();
-  }
+  // A factory registered before under the id is handed back, and let go here.
+  const CORBA::ValueFactoryBase_var previous =
+      orb->register_value_factory(repositoryId, factory.in());
 }
 
 }  // namespace

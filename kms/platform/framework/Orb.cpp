@@ -61,17 +61,6 @@ bool prepareLocalSocket(const std::string& socketPath) {
 
 }  // namespace
 
-Orb::Orb()
-    : m_orb(CORBA::ORB::_nil()),
-      m_rootPoa(PortableServer::POA::_nil()),
-      m_insPoa(PortableServer::POA::_nil()) {}
-
-Orb::~Orb() {
-  CORBA::release(m_insPoa);
-  CORBA::release(m_rootPoa);
-  CORBA::release(m_orb);
-}
-
 int Orb::init(int argc, char** argv, const std::string& endpoint, const std::string& runDir,
               const std::string& localSocket) {
   FW_TRACE_THIS("Orb::init");
@@ -124,16 +113,13 @@ int Orb::init(int argc, char** argv, const std::string& endpoint, const std::str
     insManager->activate();
   } catch (const CORBA::Exception& e) {
     FW_DEBUG("Orb::init", 1, "The ORB did not start on " << where << ": " << e._name());
-    if (!CORBA::is_nil(m_orb)) {
+    if (!CORBA::is_nil(m_orb.in())) {
       RequestGuard::remove();
       try {
         m_orb->destroy();
       } catch (...) {
       }
     }
-    CORBA::release(m_insPoa);
-    CORBA::release(m_rootPoa);
-    CORBA::release(m_orb);
     m_insPoa = PortableServer::POA::_nil();
     m_rootPoa = PortableServer::POA::_nil();
     m_orb = CORBA::ORB::_nil();
@@ -207,7 +193,7 @@ int Orb::advertiseObject(const char* objectId, CORBA::Object_ptr ref) {
 
 int Orb::destroyObjectRef(CORBA::Object_ptr ref) {
   FW_TRACE_THIS("Orb::destroyObjectRef");
-  if (CORBA::is_nil(ref) || CORBA::is_nil(m_rootPoa) || m_shutDown) {
+  if (CORBA::is_nil(ref) || CORBA::is_nil(m_rootPoa.in()) || m_shutDown) {
     return -1;
   }
   try {
@@ -244,7 +230,7 @@ PeerTSSResources* Orb::getTSSResources() const {
 
 void Orb::shutdown(bool wait) {
   FW_TRACE_THIS("Orb::shutdown");
-  if (CORBA::is_nil(m_orb) || m_shutDown) {
+  if (CORBA::is_nil(m_orb.in()) || m_shutDown) {
     return;
   }
   m_shutDown = true;
@@ -265,7 +251,7 @@ void Orb::shutdown(bool wait) {
 
 void Orb::destroy() {
   FW_TRACE_THIS("Orb::destroy");
-  if (CORBA::is_nil(m_orb)) {
+  if (CORBA::is_nil(m_orb.in())) {
     return;
   }
   RequestGuard::remove();
@@ -274,9 +260,6 @@ void Orb::destroy() {
   } catch (const CORBA::Exception& e) {
     FW_DEBUG("Orb::destroy", 1, "ORB destroy failed: " << e._name());
   }
-  CORBA::release(m_insPoa);
-  CORBA::release(m_rootPoa);
-  CORBA::release(m_orb);
   m_insPoa = PortableServer::POA::_nil();
   m_rootPoa = PortableServer::POA::_nil();
   m_orb = CORBA::ORB::_nil();

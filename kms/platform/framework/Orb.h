@@ -40,8 +40,7 @@ class Orb {
   // 2 MiB stops near 8,000.
   static constexpr const char* kMaxMessageSize = "268435456";
 
-  Orb();
-  ~Orb();
+  Orb() = default;
   Orb(const Orb&) = delete;
   Orb& operator=(const Orb&) = delete;
 
@@ -62,10 +61,10 @@ class Orb {
   // Adds an ORB option (e.g. a second "endPoint") that init passes on after
   // its own. Call before init.
   void addOption(const std::string& name, const std::string& value);
-  bool isInitialized() const { return !CORBA::is_nil(m_orb); }
+  bool isInitialized() const { return !CORBA::is_nil(m_orb.in()); }
 
   // The ORB, borrowed; nil before init.
-  CORBA::ORB_ptr orb() const { return m_orb; }
+  CORBA::ORB_ptr orb() const { return m_orb.in(); }
 
   // Activates `servant` in the root POA. Returns a new reference, which the
   // caller releases.
@@ -108,12 +107,15 @@ class Orb {
   bool answers();
 
  private:
-  CORBA::ORB_ptr m_orb;
-  PortableServer::POA_ptr m_rootPoa;
-  PortableServer::POA_ptr m_insPoa;
+  // Owned; released in reverse order (INS POA, root POA, ORB) when the Orb
+  // goes or is destroyed.
+  CORBA::ORB_var m_orb;
+  PortableServer::POA_var m_rootPoa;
+  PortableServer::POA_var m_insPoa;
   std::string m_runDir;
   bool m_shutDown = false;
   std::mutex m_mutex;  // guards m_advertised
+  // The servants are only named here, not owned.
   std::map<std::string, PortableServer::Servant> m_advertised;
   std::vector<std::pair<std::string, std::string>> m_options;  // added by addOption
 };

@@ -29,14 +29,14 @@ class EVPCrypter : public KSCrypt {
 
   // The status is checked before the final flag (a call after the final
   // call on a good side returns 1224).
-  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getEncryptedData(const unsigned char** data, unsigned long* len) override;
   // A failed padding check at the final call returns 1270.
-  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
-  int reset() override;
-  int encryptReset() override;
-  int decryptReset() override;
+  [[nodiscard]] int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int reset() override;
+  [[nodiscard]] int encryptReset() override;
+  [[nodiscard]] int decryptReset() override;
 
  private:
   using CtxPtr = CmnCrypto::CipherCtxPtr;

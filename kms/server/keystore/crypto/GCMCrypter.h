@@ -44,18 +44,18 @@ class GCMCrypter : public KSCrypt {
   // 1224 and the side stays unusable until encryptReset.
   int add_authenticated_data_encrypt(const unsigned char* data, unsigned long len) override;
   // The first output carries the 12 IV bytes; the final call adds the tag.
-  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getEncryptedData(const unsigned char** data, unsigned long* len) override;
   // Allowed right after decryptReset, before the first decrypt.
   int add_authenticated_data_decrypt(const unsigned char* data, unsigned long len) override;
   // Non-final calls produce no plaintext. At the final call: 1224 if the
   // stream was too short to hold an IV and a tag, 1270 if the tag does not
   // match (wrong key, changed byte, different AAD).
-  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
-  int reset() override;
-  int encryptReset() override;
-  int decryptReset() override;
+  [[nodiscard]] int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int reset() override;
+  [[nodiscard]] int encryptReset() override;
+  [[nodiscard]] int decryptReset() override;
 
  private:
   // States of the two sides.

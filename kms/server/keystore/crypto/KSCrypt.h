@@ -51,15 +51,15 @@ class KSCrypt {
   };
 
   virtual int add_authenticated_data_encrypt(const unsigned char* data, unsigned long len);
-  virtual int encrypt(const unsigned char* data, unsigned long len, bool final) = 0;
-  virtual int getEncryptedData(const unsigned char** data, unsigned long* len) = 0;
+  [[nodiscard]] virtual int encrypt(const unsigned char* data, unsigned long len, bool final) = 0;
+  [[nodiscard]] virtual int getEncryptedData(const unsigned char** data, unsigned long* len) = 0;
   virtual int add_authenticated_data_decrypt(const unsigned char* data, unsigned long len);
-  virtual int decrypt(const unsigned char* data, unsigned long len, bool final) = 0;
-  virtual int getDecryptedData(const unsigned char** data, unsigned long* len) = 0;
+  [[nodiscard]] virtual int decrypt(const unsigned char* data, unsigned long len, bool final) = 0;
+  [[nodiscard]] virtual int getDecryptedData(const unsigned char** data, unsigned long* len) = 0;
   // Resets both sides (both always run); 1223 if either failed.
-  virtual int reset() = 0;
-  virtual int encryptReset() = 0;
-  virtual int decryptReset() = 0;
+  [[nodiscard]] virtual int reset() = 0;
+  [[nodiscard]] virtual int encryptReset() = 0;
+  [[nodiscard]] virtual int decryptReset() = 0;
   virtual ~KSCrypt() = 0;
 
   // The type's name; 0 and anything above 6 give "CRYPT_INVALID".
@@ -82,8 +82,8 @@ class KSCrypt {
   // The get operation of a side whose status is `status`: 1223 unless the
   // side is ready, 1224 for a null argument, otherwise hands out `output`.
   class Output;
-  static int fetchOutput(int status, Output& output, const unsigned char** data,
-                         unsigned long* len);
+  [[nodiscard]] static int fetchOutput(int status, Output& output, const unsigned char** data,
+                                       unsigned long* len);
 
   // The output of one side with its fetched flag. The bytes are wiped
   // whenever they are dropped.

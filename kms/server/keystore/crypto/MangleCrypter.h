@@ -22,15 +22,15 @@ class MangleCrypter : public KSCrypt {
   MangleCrypter(mangleCipherType type, const std::string& key);
   ~MangleCrypter() override;
 
-  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getEncryptedData(const unsigned char** data, unsigned long* len) override;
   // A failed padding check at the final call (or a stream shorter than the IV
   // and one block) returns 1270; other library failures 1224.
-  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
-  int reset() override;
-  int encryptReset() override;
-  int decryptReset() override;
+  [[nodiscard]] int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int reset() override;
+  [[nodiscard]] int encryptReset() override;
+  [[nodiscard]] int decryptReset() override;
 
  private:
   SecureBytes m_key;

@@ -15,13 +15,13 @@ class NullCrypter : public KSCrypt {
   ~NullCrypter() override;
 
   // A call after the final call returns 1224 (checked before the status).
-  int encrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getEncryptedData(const unsigned char** data, unsigned long* len) override;
-  int decrypt(const unsigned char* data, unsigned long len, bool final) override;
-  int getDecryptedData(const unsigned char** data, unsigned long* len) override;
-  int reset() override;
-  int encryptReset() override;
-  int decryptReset() override;
+  [[nodiscard]] int encrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getEncryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int decrypt(const unsigned char* data, unsigned long len, bool final) override;
+  [[nodiscard]] int getDecryptedData(const unsigned char** data, unsigned long* len) override;
+  [[nodiscard]] int reset() override;
+  [[nodiscard]] int encryptReset() override;
+  [[nodiscard]] int decryptReset() override;
 
  private:
   struct Side {

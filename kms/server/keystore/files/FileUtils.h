@@ -179,11 +179,11 @@ ssize_t fwriteall(FILE* stream, const void* buffer, size_t size);
 
 // Removes an existing `path`, then creates it empty with O_EXCL and mode 0600.
 // Returns 0 or 1237 (logged); never throws.
-int CreateFileWithRootAccessOnly(const char* path);
+[[nodiscard]] int CreateFileWithRootAccessOnly(const char* path);
 
 // Makes directory `path` with mode 0700. An existing path, or EEXIST, is
 // success. Returns 0 or 1236 (logged); never throws.
-int CreateDirWithRootAccessOnly(const char* path);
+[[nodiscard]] int CreateDirWithRootAccessOnly(const char* path);
 
 // The directory part of `path` ("." when it has none).
 std::string directoryOf(const std::string& path);

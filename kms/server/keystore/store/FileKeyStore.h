@@ -84,14 +84,14 @@ class FileKeyStore : public KeyStore {
   ~FileKeyStore() override;
 
   // ---- KeyStore, in slot order; locks and failure forms in KeyStore.h ----
-  int init() override;
+  [[nodiscard]] int init() override;
   bool isInitialized() override;
-  int shutdown() override;
-  int display() const override;
-  int dbExists(bool& exists) override;
-  int createEmpty(const std::string& hmkPassphrase, const std::string& hmkId,
-                  const std::string& kpkPassphrase, const std::string& kpkId,
-                  bool overwrite) override;
+  [[nodiscard]] int shutdown() override;
+  [[nodiscard]] int display() const override;
+  [[nodiscard]] int dbExists(bool& exists) override;
+  [[nodiscard]] int createEmpty(const std::string& hmkPassphrase, const std::string& hmkId,
+                                const std::string& kpkPassphrase, const std::string& kpkId,
+                                bool overwrite) override;
   std::pair<uint64_t, uint64_t> getStats() override;
   std::string getHMKId() override;
   KeyInfo getHMKInfo() override;
@@ -99,10 +99,12 @@ class FileKeyStore : public KeyStore {
   std::string getKPKId() override;
   KeyInfo getKPKInfo() override;
   bool goodKPKFileExists() override;
-  int createHMKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) override;
-  int createKPKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) override;
-  int updateHMK(const std::string& passphrase, const std::string& hmkId) override;
-  int updateKPK(const std::string& passphrase, const std::string& kpkId) override;
+  [[nodiscard]] int createHMKFile(const std::string& passphrase, bool overwrite,
+                                  bool refuseRandom) override;
+  [[nodiscard]] int createKPKFile(const std::string& passphrase, bool overwrite,
+                                  bool refuseRandom) override;
+  [[nodiscard]] int updateHMK(const std::string& passphrase, const std::string& hmkId) override;
+  [[nodiscard]] int updateKPK(const std::string& passphrase, const std::string& kpkId) override;
   KeyRecord_v1 addKeyWithKnownTag(const KeyRecord_v1& rec, const std::string& passphrase) override;
   KeyRecord_v1 addKey(const KeyRecord_v1& rec, const std::string& passphrase) override;
   KeyGrpRecord_v1 addKeyGroup(const KeyGrpRecord_v1& rec) override;
@@ -119,8 +121,10 @@ class FileKeyStore : public KeyStore {
   void getAllKeyGroupRecords(std::list<KeyGrpRecord_v1>& out) const override;
   void getAllKeyRecordsInGroup(const std::string& group,
                                std::list<KeyRecord_v1>& out) const override;
-  int getKad(const std::string& tag, unsigned long kadlength, std::string& kad) const override;
-  int getKeyRecordsByKad(const std::string& kad, std::list<KeyRecord_v1>& out) const override;
+  [[nodiscard]] int getKad(const std::string& tag, unsigned long kadlength,
+                           std::string& kad) const override;
+  [[nodiscard]] int getKeyRecordsByKad(const std::string& kad,
+                                       std::list<KeyRecord_v1>& out) const override;
   uint64_t quiesce() override;
   uint64_t unquiesce(bool force) override;
   uint64_t isQuiesced() override;
@@ -140,7 +144,7 @@ class FileKeyStore : public KeyStore {
   // is not in it. No lock.
   bool fipsEnableFailed() const;
   // Nothing to set on this platform; returns 0.
-  int setMyDACLs();
+  [[nodiscard]] int setMyDACLs();
 
   // ---- Persistence (FileKeyStorePersistence.cpp). No lock; throw ----
 
@@ -280,8 +284,8 @@ class FileKeyStore : public KeyStore {
   // The one body of getHMKId / getHMKInfo and the KPK's; `label` names the
   // caller in the trace and in errors.
   KeyInfo masterKeyInfo(const MasterKeyKind& kind, const char* label);
-  int createKeyFile(const MasterKeyKind& kind, const std::string& passphrase, bool overwrite,
-                    bool refuseRandom);
+  [[nodiscard]] int createKeyFile(const MasterKeyKind& kind, const std::string& passphrase,
+                                  bool overwrite, bool refuseRandom);
 
   // Changes (FileKeyStoreChanges.cpp); write lock held.
   KeyRecord_v1 addKeyWithOrWithout(const KeyRecord_v1& rec, const std::string& passphrase,

@@ -186,6 +186,46 @@ NewKey makeKey(const char* label, const KeyRecord_v1& rec, const std::string& pa
   return made;
 }
 
+// Refuses an update that changes nothing but the key, or that was made from a stale read.
+void refuseUnchangedOrStale(const char* label, const KeyRecord_v1& old, const KeyRecord_v1& rec) {
+  {
+    // The key takes no part: this operation never changes it.
+    KeyRecord_v1 storedWithoutKey = old;
+    storedWithoutKey.setKey(std::string());
+    KeyRecord_v1 givenWithoutKey = rec;
+    givenWithoutKey.setKey(std::string());
+    if (storedWithoutKey == givenWithoutKey) {
+      KS_THROW(EC_KS_nothing_to_change, label);
+    }
+  }
+  // The caller must have read the current record.
+  if (rec.createTime() != old.createTime() || rec.updateTime() != old.updateTime() ||
+      rec.rev() != old.rev()) {
+    KS_THROW(EC_KS_stale_record, label);
+  }
+}
+
+// Refuses moving a key from group `from` into group `to` unless `to` exists, has room and
+// shares the cipher type.
+void refuseGroupMove(const char* label, const FileKeyStore::GroupTable& groups,
+                     const FileKeyStore::KeyTable& keys, int64_t maxKeysPerGroup,
+                     const std::string& from, const std::string& to) {
+  const auto ngiter = groups.find(to);
+  if (ngiter == groups.end()) {
+    KS_THROW(EC_KS_unknown_group, label);
+  }
+  if (limitReached(maxKeysPerGroup, keys.getNumKeysInGroup(to))) {
+    KS_THROW(EC_KS_too_many_keys_in_group, label);
+  }
+  const auto ogiter = groups.find(from);
+  if (ogiter == groups.end()) {
+    assertionFailed(label, "ogiter != m_kgtable->end()", __FILE__, __LINE__);
+  }
+  if (ngiter->second.cipherType() != ogiter->second.cipherType()) {
+    KS_THROW(EC_KS_cipher_type_differs, label);
+  }
+}
+
 bool isAsciiByte(char c) {
   return static_cast<unsigned char>(c) < 0x80;
 }
@@ -391,21 +431,7 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
     KS_THROW(EC_KS_unknown_key, kLabel);
   }
   const KeyRecord_v1 old = kiter->second;
-  {
-    // The key takes no part: this operation never changes it.
-    KeyRecord_v1 storedWithoutKey = old;
-    storedWithoutKey.setKey(std::string());
-    KeyRecord_v1 givenWithoutKey = rec;
-    givenWithoutKey.setKey(std::string());
-    if (storedWithoutKey == givenWithoutKey) {
-      KS_THROW(EC_KS_nothing_to_change, kLabel);
-    }
-  }
-  // The caller must have read the current record.
-  if (rec.createTime() != old.createTime() || rec.updateTime() != old.updateTime() ||
-      rec.rev() != old.rev()) {
-    KS_THROW(EC_KS_stale_record, kLabel);
-  }
+  refuseUnchangedOrStale(kLabel, old, rec);
   if (rec.kpkType() != old.kpkType() || rec.kpkTag() != old.kpkTag()) {
     KS_THROW(EC_KS_kpk_changed, kLabel);
   }
@@ -414,20 +440,8 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   }
   const bool groupChanges = rec.keyGroup() != old.keyGroup();
   if (groupChanges) {
-    const auto ngiter = m_groupTable->find(rec.keyGroup());
-    if (ngiter == m_groupTable->end()) {
-      KS_THROW(EC_KS_unknown_group, kLabel);
-    }
-    if (limitReached(m_maxKeysPerGroup, m_keyTable->getNumKeysInGroup(rec.keyGroup()))) {
-      KS_THROW(EC_KS_too_many_keys_in_group, kLabel);
-    }
-    const auto ogiter = m_groupTable->find(old.keyGroup());
-    if (ogiter == m_groupTable->end()) {
-      assertionFailed(kLabel, "ogiter != m_kgtable->end()", __FILE__, __LINE__);
-    }
-    if (ngiter->second.cipherType() != ogiter->second.cipherType()) {
-      KS_THROW(EC_KS_cipher_type_differs, kLabel);
-    }
+    refuseGroupMove(kLabel, *m_groupTable, *m_keyTable, m_maxKeysPerGroup, old.keyGroup(),
+                    rec.keyGroup());
   }
   if ((groupChanges || rec.name() != old.name()) &&
       findKeyByName(*m_keyTable, rec.keyGroup(), rec.name()) != m_keyTable->end()) {

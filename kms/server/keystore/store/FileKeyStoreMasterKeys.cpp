@@ -366,6 +366,23 @@ auto metadataFact(const char* label, const KSMetadata* live, bool fipsFailed,
                          [&] { return fact(readStoreMetadata(label, locator)); });
 }
 
+// Three empty files under the final names, which make the commit's start state clean.
+void createEmptyStoreFiles(const char* label, const KMSFileLocator& locator) {
+  locator.createMissingDirectories();
+  for (const std::string* path : {&locator.hmkPath(), &locator.kpkPath(), &locator.ksPath()}) {
+    Utils::createFile(label, path->c_str(), __LINE__, false, __FILE__);
+  }
+}
+
+// Deletes whatever a failed creation left; a failure here is only logged.
+void deleteFailedStoreFiles(const char* label, const KMSFileLocator& locator) {
+  try {
+    locator.deleteAllFiles();
+  } catch (...) {
+    KMS_DEBUG(label, 1, "Failed trying to cleanup any created files");
+  }
+}
+
 }  // namespace
 
 // ---- What differs between the two master keys' files ----
@@ -584,13 +601,7 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
       const KeyTable keys(true);
       const GroupTable groups;
 
-      // Three empty files under the final names make the commit's start
-      // state clean.
-      m_locator.createMissingDirectories();
-      for (const std::string* path :
-           {&m_locator.hmkPath(), &m_locator.kpkPath(), &m_locator.ksPath()}) {
-        Utils::createFile(kLabel, path->c_str(), __LINE__, false, __FILE__);
-      }
+      createEmptyStoreFiles(kLabel, m_locator);
 
       logAppMessage(kLabel, CRVN_SEV_INFO, kMsgCreatingStore);
       logNewStoreKey(kLabel, kMsgHmkHeading, hmkId, meta.hmkRandom(), fips);
@@ -599,11 +610,7 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
       writeToFile(hmkFile, kpkFile, meta, keys, groups, m_locator);
     } catch (...) {
       // Nothing of a store that failed to come into being is left behind.
-      try {
-        m_locator.deleteAllFiles();
-      } catch (...) {
-        KMS_DEBUG(kLabel, 1, "Failed trying to cleanup any created files");
-      }
+      deleteFailedStoreFiles(kLabel, m_locator);
       throw;
     }
     return 0;

@@ -358,6 +358,63 @@ bool isOlderVersion(ks_version_t version) {
   return version == KS_VERSION_100 || version == KS_VERSION_200;
 }
 
+// The metadata of an older store at the current version, with fresh verifiers and algorithms.
+KSMetadata upgradedMetadata(const KSMetadata& meta, const std::string& hmkKey,
+                            const std::string& plainKpk, KSCrypt::CryptType masterEncAlgo,
+                            KSCrypt::CryptType keyEncAlgo) {
+  constexpr ks_version_t kCurrent = FileKeyStore::kCurrentVersion;
+  KSMetadata upgraded(kCurrent);
+  upgraded.setHmkVerifier(FileKeyStore::generateVerifier("HMKV", hmkKey, masterEncAlgo, kCurrent));
+  upgraded.setHmkID(meta.hmkID());
+  upgraded.setKpkVerifier(FileKeyStore::generateVerifier("KPKV", plainKpk, keyEncAlgo, kCurrent));
+  upgraded.setKpkID(meta.kpkID());
+  upgraded.setMasterEncAlgo(masterEncAlgo);
+  upgraded.setKeyEncAlgo(keyEncAlgo);
+  upgraded.setHmkRandom(meta.hmkRandom());
+  upgraded.setKpkRandom(meta.kpkRandom());
+  upgraded.setHmkFips(meta.hmkFips());
+  upgraded.setKpkFips(meta.kpkFips());
+  upgraded.setHmkSalt(meta.hmkSalt());
+  upgraded.setKpkSalt(meta.kpkSalt());
+  return upgraded;
+}
+
+// Upgrades the objects read at an older version in memory; returns whether any was older.
+bool upgradeInMemory(const char* label, KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr,
+                     KSMetadata& meta, FileKeyStore::KeyTable& keys, const std::string& plainKpk,
+                     KSCrypt::CryptType masterEncAlgo, KSCrypt::CryptType keyEncAlgo) {
+  constexpr ks_version_t kCurrent = FileKeyStore::kCurrentVersion;
+  bool upgradedAny = false;
+  if (isOlderVersion(hmk.version())) {
+    upgradedAny = true;
+    KeyFile upgraded(kCurrent);
+    upgraded.setKey(hmk.key());
+    hmk = upgraded;
+  } else if (hmk.version() != kCurrent) {
+    KS_THROW(EC_KS_internal_error, label);
+  }
+
+  if (isOlderVersion(kpk.version())) {
+    upgradedAny = true;
+    KeyFile upgraded(kCurrent);
+    upgraded.setKey(Utils::encryptKeyWithKey(plainKpk, hmk.key(), masterEncAlgo, kCurrent));
+    kpk = upgraded;
+  } else if (kpk.version() != kCurrent) {
+    KS_THROW(EC_KS_internal_error, label);
+  }
+
+  if (isOlderVersion(meta.version())) {
+    upgradedAny = true;
+    meta = upgradedMetadata(meta, hmk.key(), plainKpk, masterEncAlgo, keyEncAlgo);
+    const KPKMgr upgradedMgr(plainKpk, keyEncAlgo, kCurrent, true);
+    FileKeyStore::reencryptKeyRecords(keys, kpkMgr, upgradedMgr);
+    kpkMgr = upgradedMgr;
+  } else if (meta.version() != kCurrent) {
+    KS_THROW(EC_KS_internal_error, label);
+  }
+  return upgradedAny;
+}
+
 }  // namespace
 
 void FileKeyStore::recoverDB(const KMSFileLocator& locator) {
@@ -517,49 +574,9 @@ void FileKeyStore::readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMe
 
     // Older stores are brought up to the current version in memory; init
     // commits them before they serve. Keys keep their values.
-    if (isOlderVersion(hmk.version())) {
+    if (upgradeInMemory(kLabel, hmk, kpk, kpkMgr, meta, keys, plainKpk.str(), m_masterEncAlgo,
+                        m_keyEncAlgo)) {
       needsRewrite = true;
-      KeyFile upgraded(kCurrentVersion);
-      upgraded.setKey(hmk.key());
-      hmk = upgraded;
-    } else if (hmk.version() != kCurrentVersion) {
-      KS_THROW(EC_KS_internal_error, kLabel);
-    }
-
-    if (isOlderVersion(kpk.version())) {
-      needsRewrite = true;
-      KeyFile upgraded(kCurrentVersion);
-      upgraded.setKey(
-          Utils::encryptKeyWithKey(plainKpk.str(), hmk.key(), m_masterEncAlgo, kCurrentVersion));
-      kpk = upgraded;
-    } else if (kpk.version() != kCurrentVersion) {
-      KS_THROW(EC_KS_internal_error, kLabel);
-    }
-
-    if (isOlderVersion(meta.version())) {
-      needsRewrite = true;
-      KSMetadata upgraded(kCurrentVersion);
-      upgraded.setHmkVerifier(
-          generateVerifier("HMKV", hmk.key(), m_masterEncAlgo, kCurrentVersion));
-      upgraded.setHmkID(meta.hmkID());
-      upgraded.setKpkVerifier(
-          generateVerifier("KPKV", plainKpk.str(), m_keyEncAlgo, kCurrentVersion));
-      upgraded.setKpkID(meta.kpkID());
-      upgraded.setMasterEncAlgo(m_masterEncAlgo);
-      upgraded.setKeyEncAlgo(m_keyEncAlgo);
-      upgraded.setHmkRandom(meta.hmkRandom());
-      upgraded.setKpkRandom(meta.kpkRandom());
-      upgraded.setHmkFips(meta.hmkFips());
-      upgraded.setKpkFips(meta.kpkFips());
-      upgraded.setHmkSalt(meta.hmkSalt());
-      upgraded.setKpkSalt(meta.kpkSalt());
-      meta = upgraded;
-
-      const KPKMgr upgradedMgr(plainKpk.str(), m_keyEncAlgo, kCurrentVersion, true);
-      reencryptKeyRecords(keys, kpkMgr, upgradedMgr);
-      kpkMgr = upgradedMgr;
-    } else if (meta.version() != kCurrentVersion) {
-      KS_THROW(EC_KS_internal_error, kLabel);
     }
   });
 }

@@ -40,22 +40,22 @@ class KeyStore {
   // 0. Write lock. Returns: recovers, reads and checks the files and makes the
   //    store live; 1201 if already initialized, 1286 after reading in a
   //    process without the FIPS mode it asked for, or the code of the failure.
-  virtual int init() = 0;
+  [[nodiscard]] virtual int init() = 0;
   // 1. Read lock. Whether the store is live.
   virtual bool isInitialized() = 0;
   // 2. Write lock. Returns: drops all state in memory, writes nothing; 1202.
-  virtual int shutdown() = 0;
+  [[nodiscard]] virtual int shutdown() = 0;
   // 3. Read lock. Returns: console dump of the stored state (keys wrapped);
   //    1202.
-  virtual int display() const = 0;
+  [[nodiscard]] virtual int display() const = 0;
   // 4. Read lock. Returns: sets `exists` when any store file is there; 1201,
   //    1286. `exists` is untouched on a refusal.
-  virtual int dbExists(bool& exists) = 0;
+  [[nodiscard]] virtual int dbExists(bool& exists) = 0;
   // 5. Write lock. Returns: writes a new empty store; an empty passphrase
   //    asks for a random key. 1201, 1286. Leaves the store closed.
-  virtual int createEmpty(const std::string& hmkPassphrase, const std::string& hmkId,
-                          const std::string& kpkPassphrase, const std::string& kpkId,
-                          bool overwrite) = 0;
+  [[nodiscard]] virtual int createEmpty(const std::string& hmkPassphrase, const std::string& hmkId,
+                                        const std::string& kpkPassphrase, const std::string& kpkId,
+                                        bool overwrite) = 0;
   // 6. Read lock. Throws 1202. (number of keys, number of key groups).
   virtual std::pair<uint64_t, uint64_t> getStats() = 0;
   // 7-12. Read lock. Throw. On a live store they answer from memory
@@ -69,11 +69,13 @@ class KeyStore {
   virtual bool goodKPKFileExists() = 0;
   // 13, 14. Write lock. Return: remake a lost key file from its passphrase;
   //    1201, 1286.
-  virtual int createHMKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) = 0;
-  virtual int createKPKFile(const std::string& passphrase, bool overwrite, bool refuseRandom) = 0;
+  [[nodiscard]] virtual int createHMKFile(const std::string& passphrase, bool overwrite,
+                                          bool refuseRandom) = 0;
+  [[nodiscard]] virtual int createKPKFile(const std::string& passphrase, bool overwrite,
+                                          bool refuseRandom) = 0;
   // 15, 16. Write lock. Return: change a master key and commit; 1202, 1279.
-  virtual int updateHMK(const std::string& passphrase, const std::string& hmkId) = 0;
-  virtual int updateKPK(const std::string& passphrase, const std::string& kpkId) = 0;
+  [[nodiscard]] virtual int updateHMK(const std::string& passphrase, const std::string& hmkId) = 0;
+  [[nodiscard]] virtual int updateKPK(const std::string& passphrase, const std::string& kpkId) = 0;
   // 17-19. Write lock. Throw 1202, 1279. Add and commit; the result is a copy
   //    of the stored record (key records without their key).
   virtual KeyRecord_v1 addKeyWithKnownTag(const KeyRecord_v1& rec,
@@ -100,11 +102,13 @@ class KeyStore {
                                        std::list<KeyRecord_v1>& out) const = 0;
   // 32. Read lock. Returns 1234 (KAD unique) or 1235 (KAD shared) with `kad`
   //    set, else 1202, 1220, 1260.
-  virtual int getKad(const std::string& tag, unsigned long kadlength, std::string& kad) const = 0;
+  [[nodiscard]] virtual int getKad(const std::string& tag, unsigned long kadlength,
+                                   std::string& kad) const = 0;
   // 33. Read lock. Returns 1243 or 1244 (unusable keys left out) with the
   //    plain keys in `out`, else 1202, 1220, 1261; a failed unwrap throws
   //    1200.
-  virtual int getKeyRecordsByKad(const std::string& kad, std::list<KeyRecord_v1>& out) const = 0;
+  [[nodiscard]] virtual int getKeyRecordsByKad(const std::string& kad,
+                                               std::list<KeyRecord_v1>& out) const = 0;
   // 34-36. Throw 1202. The quiesce count: quiesce and unquiesce take the
   //    write lock and give the new count (unquiesce at 0 throws 1280, with or
   //    without `force`); isQuiesced takes the read lock and gives the count.
