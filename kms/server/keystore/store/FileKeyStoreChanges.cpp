@@ -339,9 +339,10 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
 
   NewKey made = makeKey(kLabel, rec, passphrase, withTag, giter->second.cipherType());
   ScopedWipe wipeKey(made.key);
-  const std::string wrapped = translateErrors(kLabel, kInternalErrorMap, [&] {
-    return m_kpkMgr->encryptKey(made.key, rec.kpkType(), rec.kpkTag());
-  });
+  const std::string wrapped =
+      translateErrors(kLabel, kInternalErrorMap, [&]() NO_THREAD_SAFETY_ANALYSIS {
+        return m_kpkMgr->encryptKey(made.key, rec.kpkType(), rec.kpkTag());
+      });
 
   const uint64_t when = now();
   auto krtable = std::make_unique<KeyTable>(*m_keyTable);
@@ -368,7 +369,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   ChangeAudit::keyAdded(kLabel, newRecord, fipsKey);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
   return m_keyTable->getRecord(tag);
 }
@@ -454,7 +455,7 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   ChangeAudit::keyUpdated(kLabel, old, result);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
   keyRecordFilter(result, true);
   return result;
@@ -482,7 +483,7 @@ void FileKeyStore::deleteKeyRecord(const std::string& tag) {
   ChangeAudit::keyDeleted(kLabel, doomed);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
 }
 
@@ -519,7 +520,7 @@ KeyGrpRecord_v1 FileKeyStore::addKeyGroup(const KeyGrpRecord_v1& rec) {
   ChangeAudit::groupAdded(kLabel, fresh);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_groupTable = std::move(kgtable);
   KeyGrpRecord_v1 result = m_groupTable->getRecord(tag);
   keyGroupRecordFilter(result);
@@ -570,7 +571,7 @@ KeyGrpRecord_v1 FileKeyStore::updateKeyGroupRecord(const KeyGrpRecord_v1& rec) {
   ChangeAudit::groupUpdated(kLabel, old, result);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_groupTable = std::move(kgtable);
   keyGroupRecordFilter(result);
   return result;
@@ -615,7 +616,7 @@ void FileKeyStore::deleteKeyGroupRecord(const std::string& tagToDelete, bool for
   ChangeAudit::groupDeleted(kLabel, tag);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, krtable ? *krtable : *m_keyTable,
-                *kgtable, m_locator, [this] { deinitialize(); });
+                *kgtable, m_locator, [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   if (krtable) {
     m_keyTable = std::move(krtable);
   }

@@ -668,7 +668,7 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
   }
   return rekeyStatus(
       kLabel, kUpdateHmkFailures,
-      [&] {
+      [&]() NO_THREAD_SAFETY_ANALYSIS {
         auto hmkFile = std::make_unique<KeyFile>(*m_hmkFile);
         auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
         auto meta = std::make_unique<KSMetadata>(*m_metadata);
@@ -705,7 +705,7 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
         m_kpkFile = std::move(kpkFile);
         m_metadata = std::move(meta);
       },
-      [&] { deinitialize(); });
+      [&]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
 }
 
 int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kpkId) {
@@ -717,7 +717,7 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
   }
   return rekeyStatus(
       kLabel, kUpdateKpkFailures,
-      [&] {
+      [&]() NO_THREAD_SAFETY_ANALYSIS {
         auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
         auto meta = std::make_unique<KSMetadata>(*m_metadata);
         if (m_hmkFile->version() != kCurrentVersion || kpkFile->version() != kCurrentVersion ||
@@ -758,7 +758,7 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
         m_metadata = std::move(meta);
         m_keyTable = std::move(keyTable);
       },
-      [&] { deinitialize(); });
+      [&]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
 }
 
 }  // namespace KMS
