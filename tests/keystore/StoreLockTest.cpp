@@ -38,7 +38,7 @@ void waitForQueuedWriter(ACE_Thread_Mutex& turnstile) {
 }
 
 TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
-  ACE_RW_Thread_Mutex lock;
+  StoreLock lock;
   ACE_Thread_Mutex turnstile;
   std::atomic<int> entries{0};
   int writerEntry = 0;

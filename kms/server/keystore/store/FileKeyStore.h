@@ -14,7 +14,10 @@
 // (statics, filters, deinitialize, readFromFile, the helpers of the change,
 // export and import operations) takes no lock: the caller holds the write
 // lock, or the read lock for functions that only read the live state, or
-// works on tables of its own.
+// works on tables of its own. clang checks this (-Wthread-safety): the
+// state is GUARDED_BY m_lock, the helpers REQUIRE it. The analysis does not
+// carry a lock into a lambda, so the lambdas that run at once under their
+// caller's guard are marked NO_THREAD_SAFETY_ANALYSIS.
 //
 // The implementation is split by concern:
 //   FileKeyStore.cpp             construction, init, shutdown, quiesce, stats
@@ -29,7 +32,6 @@
 //   FileKeyStoreImportClashes.cpp  import: duplicates, names and tags
 #pragma once
 
-#include <ace/RW_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
 #include <atomic>
@@ -52,6 +54,7 @@
 #include "kms/server/keystore/records/RecordTable.h"
 #include "kms/server/keystore/store/KeyStore.h"
 #include "kms/server/keystore/store/KeyStoreTypes.h"
+#include "kms/server/keystore/store/StoreLockGuards.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -241,13 +244,14 @@ class FileKeyStore : public KeyStore {
  protected:
   // Closes the store: drops the six objects and the quiesce count. Writes
   // nothing. The caller holds the write lock.
-  void deinitialize();
+  void deinitialize() REQUIRES(m_lock);
 
   // Reads the three files into the given objects after recovery, checks
   // them, and upgrades an older store in memory (raising `needsRewrite`).
   // The caller holds the write lock. Throws.
   void readFromFile(KeyFile& hmk, KeyFile& kpk, KPKMgr& kpkMgr, KSMetadata& meta, KeyTable& keys,
-                    GroupTable& groups, const KMSFileLocator& locator, bool& needsRewrite);
+                    GroupTable& groups, const KMSFileLocator& locator, bool& needsRewrite)
+      REQUIRES(m_lock);
 
   // Test seam: makes the six objects the live state exactly as init does
   // once it has read the files (both go through goLive), and leaves the store
@@ -271,7 +275,8 @@ class FileKeyStore : public KeyStore {
   // Step of init that makes the store live. The caller holds the write lock.
   void goLive(std::unique_ptr<KeyFile> hmkFile, std::unique_ptr<KeyFile> kpkFile,
               std::unique_ptr<KPKMgr> kpkMgr, std::unique_ptr<KSMetadata> metadata,
-              std::unique_ptr<KeyTable> keyTable, std::unique_ptr<GroupTable> groupTable);
+              std::unique_ptr<KeyTable> keyTable, std::unique_ptr<GroupTable> groupTable)
+      REQUIRES(m_lock);
 
   // Master key files (FileKeyStoreMasterKeys.cpp): what differs between the
   // HMK's and the KPK's, and the one body of goodHMKFileExists /
@@ -289,9 +294,9 @@ class FileKeyStore : public KeyStore {
 
   // Changes (FileKeyStoreChanges.cpp); write lock held.
   KeyRecord_v1 addKeyWithOrWithout(const KeyRecord_v1& rec, const std::string& passphrase,
-                                   bool withTag);
-  std::string getNewTag() const;
-  std::string getNewTag(const KeyTable& kr, const GroupTable& kg) const;
+                                   bool withTag) REQUIRES(m_lock);
+  std::string getNewTag() const REQUIRES(m_lock);
+  std::string getNewTag(const KeyTable& kr, const GroupTable& kg) const REQUIRES(m_lock);
 
   // One lookup (FileKeyStoreLookup.cpp): takes the read lock, then gives the
   // record at the iterator that `find` picks from the live table, passed
@@ -308,9 +313,9 @@ class FileKeyStore : public KeyStore {
   // lock held). keyRecordFilter empties the key (`strip`) or unwraps it;
   // a failed unwrap throws 1200. keyGroupRecordFilter fills the number of
   // keys and whether one is active from the live key table.
-  void keyRecordFilter(KeyRecord_v1& rec, bool strip) const;
-  void keyGroupRecordFilter(KeyGrpRecord_v1& rec) const;
-  void filterKeyGroupRecords(GroupTable& table) const;
+  void keyRecordFilter(KeyRecord_v1& rec, bool strip) const REQUIRES_SHARED(m_lock);
+  void keyGroupRecordFilter(KeyGrpRecord_v1& rec) const REQUIRES_SHARED(m_lock);
+  void filterKeyGroupRecords(GroupTable& table) const REQUIRES_SHARED(m_lock);
 
   // Import (FileKeyStoreImport.cpp, FileKeyStoreImportClashes.cpp). `kr`
   // and `kg` are the import's own tables, read from the buffer; their keys
@@ -327,44 +332,49 @@ class FileKeyStore : public KeyStore {
   // tags and group references in the two tables. Throws 1262 for too many
   // groups, 1208 for tables that are not sane, 1200 when no unique suffix
   // can be had.
-  void validateImport(KeyTable& kr, GroupTable& kg, bool preserveNames, KSOpStatus& status) const;
+  void validateImport(KeyTable& kr, GroupTable& kg, bool preserveNames, KSOpStatus& status) const
+      REQUIRES(m_lock);
   // Drops every key whose tag the store holds (messages 9 and 10; 1283 when
   // the values differ). Throws what the unwrapping of a store key throws.
-  void removeDuplicateKeyRecords(KeyTable& kr, GroupTable& kg, KSOpStatus& status) const;
+  void removeDuplicateKeyRecords(KeyTable& kr, GroupTable& kg, KSOpStatus& status) const
+      REQUIRES(m_lock);
   // "_IMPORTED_" and the local time (14 digits), with "_1", "_2"... on the
   // later of `retries` tries, such that no group of `kg` with it behind its
   // name clashes with a store group. Throws 1200 when every try clashes.
-  std::string getUniqueKGNameSuffix(GroupTable& kg, int retries) const;
+  std::string getUniqueKGNameSuffix(GroupTable& kg, int retries) const REQUIRES(m_lock);
   // Puts `suffix` behind every group's name (message 4).
-  void addKGNameSuffix(GroupTable& kg, const std::string& suffix, KSOpStatus& status) const;
+  void addKGNameSuffix(GroupTable& kg, const std::string& suffix, KSOpStatus& status) const
+      REQUIRES(m_lock);
   // Gives every group whose tag the store holds a new tag (message 5) and
   // returns the old-to-new map. Throws 1200 when no tag can be had.
   std::map<std::string, std::string> regenerateKeyGroupTags(GroupTable& kg, KeyTable& kr,
-                                                            KSOpStatus& status) const;
+                                                            KSOpStatus& status) const
+      REQUIRES(m_lock);
   // Moves the keys of renumbered groups to their new tags (message 11) and
   // reports the others as they are (message 12). Throws 1200 for a key
   // whose group is not in `kg`.
   void updateTags(KeyTable& kr, GroupTable& kg, const std::map<std::string, std::string>& tagMap,
-                  KSOpStatus& status) const;
-  void updateDescription(KeyTable& kr, GroupTable& kg, const std::string& description) const;
+                  KSOpStatus& status) const REQUIRES(m_lock);
+  void updateDescription(KeyTable& kr, GroupTable& kg, const std::string& description) const
+      REQUIRES(m_lock);
   // Adds the tables (keys wrapped by now) to copies of the live ones,
   // audits, commits and swaps. Throws 1200 for tables that are not sane;
   // a failed commit as the changes of keys and groups do: 1276 keeps the
   // old state, anything else closes the store.
-  void importKeysAndKeyGroups(GroupTable& kg, KeyTable& kr);
+  void importKeysAndKeyGroups(GroupTable& kg, KeyTable& kr) REQUIRES(m_lock);
 
   // The one lock of the store (see StoreLockGuards.h).
-  mutable ACE_RW_Thread_Mutex m_lock;
-  std::unique_ptr<KeyFile> m_hmkFile;
-  std::unique_ptr<KeyFile> m_kpkFile;
-  std::unique_ptr<KPKMgr> m_kpkMgr;
-  std::unique_ptr<KSMetadata> m_metadata;
-  std::unique_ptr<KeyTable> m_keyTable;
-  std::unique_ptr<GroupTable> m_groupTable;
+  mutable StoreLock m_lock;
+  std::unique_ptr<KeyFile> m_hmkFile GUARDED_BY(m_lock);
+  std::unique_ptr<KeyFile> m_kpkFile GUARDED_BY(m_lock);
+  std::unique_ptr<KPKMgr> m_kpkMgr GUARDED_BY(m_lock);
+  std::unique_ptr<KSMetadata> m_metadata GUARDED_BY(m_lock);
+  std::unique_ptr<KeyTable> m_keyTable GUARDED_BY(m_lock);
+  std::unique_ptr<GroupTable> m_groupTable GUARDED_BY(m_lock);
   // Written under the write lock only. Atomic because import tests it
   // before taking the lock.
   std::atomic<bool> m_initialized;
-  uint64_t m_quiesceCount;
+  uint64_t m_quiesceCount GUARDED_BY(m_lock);
   int64_t m_maxKeyGroups;
   int64_t m_maxKeysPerGroup;
   const KSCrypt::CryptType m_masterEncAlgo;

@@ -379,9 +379,10 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
 
   NewKey made = makeKey(kLabel, rec, passphrase, withTag, giter->second.cipherType());
   Secret::Guard wipeKey(made.key);
-  const std::string wrapped = translateErrors(kLabel, kInternalErrorMap, [&] {
-    return m_kpkMgr->encryptKey(made.key, rec.kpkType(), rec.kpkTag());
-  });
+  const std::string wrapped =
+      translateErrors(kLabel, kInternalErrorMap, [&]() NO_THREAD_SAFETY_ANALYSIS {
+        return m_kpkMgr->encryptKey(made.key, rec.kpkType(), rec.kpkTag());
+      });
 
   const uint64_t when = now();
   auto krtable = std::make_unique<KeyTable>(*m_keyTable);
@@ -408,7 +409,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   ChangeAudit::keyAdded(kLabel, newRecord, fipsKey);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
   return m_keyTable->getRecord(tag);
 }
@@ -468,7 +469,7 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   ChangeAudit::keyUpdated(kLabel, old, result);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
   keyRecordFilter(result, true);
   return result;
@@ -496,7 +497,7 @@ void FileKeyStore::deleteKeyRecord(const std::string& tag) {
   ChangeAudit::keyDeleted(kLabel, doomed);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_keyTable = std::move(krtable);
 }
 
@@ -533,7 +534,7 @@ KeyGrpRecord_v1 FileKeyStore::addKeyGroup(const KeyGrpRecord_v1& rec) {
   ChangeAudit::groupAdded(kLabel, fresh);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_groupTable = std::move(kgtable);
   KeyGrpRecord_v1 result = m_groupTable->getRecord(tag);
   keyGroupRecordFilter(result);
@@ -584,7 +585,7 @@ KeyGrpRecord_v1 FileKeyStore::updateKeyGroupRecord(const KeyGrpRecord_v1& rec) {
   ChangeAudit::groupUpdated(kLabel, old, result);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this] { deinitialize(); });
+                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   m_groupTable = std::move(kgtable);
   keyGroupRecordFilter(result);
   return result;
@@ -629,7 +630,7 @@ void FileKeyStore::deleteKeyGroupRecord(const std::string& tagToDelete, bool for
   ChangeAudit::groupDeleted(kLabel, tag);
 
   commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, krtable ? *krtable : *m_keyTable,
-                *kgtable, m_locator, [this] { deinitialize(); });
+                *kgtable, m_locator, [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
   if (krtable) {
     m_keyTable = std::move(krtable);
   }

@@ -47,7 +47,7 @@ bool isUsable(ks_keystate_t state) {
 void FileKeyStore::keyRecordFilter(KeyRecord_v1& rec, bool strip) const {
   static const char* const kLabel = "FileKeyStore::keyRecordFilter";
   KMS_TRACE_THIS(kLabel);
-  translateErrors(kLabel, kUnwrapMap, [&] {
+  translateErrors(kLabel, kUnwrapMap, [&]() NO_THREAD_SAFETY_ANALYSIS {
     if (strip) {
       rec.setKey(std::string());
       return;
@@ -147,7 +147,7 @@ KeyRecord_v1 FileKeyStore::getKeyRecordByName(const std::string& _kgroup,
                                               const std::string& _name) const {
   static const char* const kLabel = "FileKeyStore::getKeyRecordByName";
   KMS_TRACE_THIS(kLabel);
-  KeyRecord_v1 rec = lookUpKey(kLabel, false, [&](const KeyTable& keys) {
+  KeyRecord_v1 rec = lookUpKey(kLabel, false, [&](const KeyTable& keys) NO_THREAD_SAFETY_ANALYSIS {
     // An unknown group is told apart from an unknown name.
     if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
       KS_THROW(EC_KS_unknown_group, kLabel);

@@ -672,7 +672,7 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
   }
   return rekeyStatus(
       kLabel, kUpdateHmkFailures,
-      [&] {
+      [&]() NO_THREAD_SAFETY_ANALYSIS {
         auto hmkFile = std::make_unique<KeyFile>(*m_hmkFile);
         auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
         auto meta = std::make_unique<KSMetadata>(*m_metadata);
@@ -708,7 +708,7 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
         m_kpkFile = std::move(kpkFile);
         m_metadata = std::move(meta);
       },
-      [&] { deinitialize(); });
+      [&]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
 }
 
 int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kpkId) {
@@ -720,7 +720,7 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
   }
   return rekeyStatus(
       kLabel, kUpdateKpkFailures,
-      [&] {
+      [&]() NO_THREAD_SAFETY_ANALYSIS {
         auto kpkFile = std::make_unique<KeyFile>(*m_kpkFile);
         auto meta = std::make_unique<KSMetadata>(*m_metadata);
         if (m_hmkFile->version() != kCurrentVersion || kpkFile->version() != kCurrentVersion ||
@@ -759,7 +759,7 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
         m_metadata = std::move(meta);
         m_keyTable = std::move(keyTable);
       },
-      [&] { deinitialize(); });
+      [&]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
 }
 
 }  // namespace KMS

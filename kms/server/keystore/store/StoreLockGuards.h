@@ -17,6 +17,10 @@
 // while holding the turnstile, and what it waits for (readers already inside,
 // or the writer before it) never needs the turnstile again: no deadlock.
 //
+// StoreLock is the reader-writer lock as the thread-safety analysis sees
+// it (kms/platform/ThreadSafety.h): members marked GUARDED_BY it are used
+// only while a guard holds it.
+//
 // Neither guard nests: a thread that holds either must not take another.
 // A failure to take the lock is not reported: as with ACE's guards, errno
 // keeps the cause, the guard does not own the lock, the protected code runs
@@ -27,15 +31,26 @@
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
+#include "kms/platform/ThreadSafety.h"
+
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
+// The store's reader-writer lock; taken only through the guards below.
+class CAPABILITY("mutex") StoreLock {
+ private:
+  friend class StoreReadGuard;
+  friend class StoreWriteGuard;
+  ACE_RW_Thread_Mutex m_mutex;
+};
+
 // Shared hold of `lock` for the guard's lifetime.
-class StoreReadGuard {
+class SCOPED_CAPABILITY StoreReadGuard {
  public:
-  StoreReadGuard(ACE_RW_Thread_Mutex& lock, ACE_Thread_Mutex& turnstile)
-      : m_guard(passTurnstile(turnstile, lock)) {}
+  StoreReadGuard(StoreLock& lock, ACE_Thread_Mutex& turnstile) ACQUIRE_SHARED(lock)
+      : m_guard(passTurnstile(turnstile, lock.m_mutex)) {}
+  ~StoreReadGuard() RELEASE() {}
   StoreReadGuard(const StoreReadGuard&) = delete;
   StoreReadGuard& operator=(const StoreReadGuard&) = delete;
 
@@ -55,12 +70,13 @@ class StoreReadGuard {
 
 // Exclusive hold of `lock` for the guard's lifetime. The turnstile is held
 // only while waiting for the lock.
-class StoreWriteGuard {
+class SCOPED_CAPABILITY StoreWriteGuard {
  public:
-  StoreWriteGuard(ACE_RW_Thread_Mutex& lock, ACE_Thread_Mutex& turnstile)
-      : m_turnstile(turnstile), m_guard(lock) {
+  StoreWriteGuard(StoreLock& lock, ACE_Thread_Mutex& turnstile) ACQUIRE(lock)
+      : m_turnstile(turnstile), m_guard(lock.m_mutex) {
     m_turnstile.release();
   }
+  ~StoreWriteGuard() RELEASE() {}
   StoreWriteGuard(const StoreWriteGuard&) = delete;
   StoreWriteGuard& operator=(const StoreWriteGuard&) = delete;
 
