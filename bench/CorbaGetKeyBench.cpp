@@ -94,7 +94,9 @@ std::string makeStore(const std::string& kmsDir) {
   key.setState(KEY_ACTIVE);
   key.setKpkType(KPK_LOCAL);
   const KeyRecord_v1 made = store.addKey(key, "");
-  store.shutdown();
+  if (store.shutdown() != 0) {
+    std::abort();
+  }
   return Ardentis::Vaultrest::DL::KMS::RecordConvertor::binToHex(made.tag());
 }
 
