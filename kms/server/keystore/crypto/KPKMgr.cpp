@@ -5,6 +5,7 @@
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/crypto/KeyWrap.h"
 #include "kms/server/keystore/crypto/SecureBytes.h"
 
@@ -74,11 +75,11 @@ void KPKMgr::fillPool() {
 
 void KPKMgr::checkUsable(ks_kpktype_t kpktype, const char* function) const {
   if (!m_setUp) {
-    KS_THROW(1254, function);
+    KS_THROW(EC_KS_kpk_not_loaded, function);
   }
   if (kpktype != KPK_LOCAL) {
     KMS_DEBUG(function, 1, "Unsupported KPK type " << static_cast<int>(kpktype));
-    KS_THROW(1255, function);
+    KS_THROW(EC_KS_unknown_kpk_type, function);
   }
 }
 

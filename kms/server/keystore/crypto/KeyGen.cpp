@@ -98,7 +98,7 @@ std::string KeyGen::passphraseToKey(const std::string& passphrase, const std::st
   KMS_TRACE(kLabel);
   if (salt.size() != SALT_LEN || static_cast<unsigned char>(salt[0]) != SALT_MARKER) {
     KMS_DEBUG(kLabel, 1, "Malformed salt of " << salt.size() << " bytes");
-    KS_THROW(1282, kLabel);
+    KS_THROW(EC_KS_key_derivation_failed, kLabel);
   }
   const unsigned char scheme = static_cast<unsigned char>(salt[1]);
   switch (scheme) {
@@ -110,7 +110,7 @@ std::string KeyGen::passphraseToKey(const std::string& passphrase, const std::st
       return pbkdf2(passphrase, salt, WEAK_ITERATIONS, EVP_sha1(), keylen);
     default:
       KMS_DEBUG(kLabel, 1, "Unknown salt scheme " << static_cast<int>(scheme));
-      KS_THROW(1282, kLabel);
+      KS_THROW(EC_KS_key_derivation_failed, kLabel);
   }
 }
 

@@ -53,7 +53,7 @@ std::string decryptWith(const unsigned char* data, unsigned long len, KSCrypt& c
                         const char* function) {
   const int rc = crypter.decrypt(data, len, true);
   if (rc != 0) {
-    KS_THROW(rc == 1270 ? 1270 : 1224, function);
+    KS_THROW(rc == EC_KS_unwrap_failed ? EC_KS_unwrap_failed : EC_KS_crypter_failed, function);
   }
   const unsigned char* out = nullptr;
   unsigned long outLen = 0;

@@ -19,7 +19,7 @@ KSEximMetadata::KSEximMetadata(ks_version_t version) : m_version(version), m_out
   KMS_TRACE_THIS(kCtorLabel);
   if (version != KS_VERSION_200) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   const bool added = m_attrs.addAttribute("VERSION", std::string());
   KS_ASSERT(kCtorLabel, added == true);
@@ -31,7 +31,7 @@ KSEximMetadata::KSEximMetadata(const AttributeList& list)
   m_version = Utils::bytesToVersion(Utils::requiredAttribute(m_attrs, "VERSION", kCtorLabel));
   if (m_version != KS_VERSION_200) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << m_version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   if (m_attrs.size() != 1) {
     KMS_DEBUG(kCtorLabel, 1, "Attribute count " << m_attrs.size() << " is not 1");

@@ -59,7 +59,7 @@ const std::string& required(const AttributeList& list, const char* name) {
 void requireVersion(bool allowed, ks_version_t version, const char* function) {
   if (!allowed) {
     KMS_DEBUG(function, 1, "Not available in version 0x" << std::hex << version);
-    KS_THROW(1219, function);
+    KS_THROW(EC_KS_metadata_field_unavailable, function);
   }
 }
 
@@ -77,7 +77,7 @@ KSMetadata::KSMetadata(ks_version_t version)
   KMS_TRACE_THIS(kCtorLabel);
   if (!Utils::isStoreVersion(version)) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   for (const StoredAttribute& attr : kAttributes) {
     if ((attr.versions & versionBit(version)) != 0) {
@@ -101,7 +101,7 @@ KSMetadata::KSMetadata(const AttributeList& list)
   m_version = Utils::bytesToVersion(required(m_attrs, "VERSION"));
   if (!Utils::isStoreVersion(m_version)) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << m_version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   const bool hashed = m_version != KS_VERSION_300;
   m_hmkID = required(m_attrs, "HMKID");

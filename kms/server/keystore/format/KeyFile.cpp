@@ -21,7 +21,7 @@ KeyFile::KeyFile(ks_version_t version) : m_version(version), m_outOfDate(true) {
   KMS_TRACE_THIS(kCtorLabel);
   if (!Utils::isStoreVersion(version)) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   bool added = m_attrs.addAttribute("VERSION", std::string());
   KS_ASSERT(kCtorLabel, added == true);
@@ -34,7 +34,7 @@ KeyFile::KeyFile(const AttributeList& list) : m_version(0), m_attrs(list), m_out
   m_version = Utils::bytesToVersion(Utils::requiredAttribute(m_attrs, "VERSION", kCtorLabel));
   if (!Utils::isStoreVersion(m_version)) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << m_version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   m_key = Utils::requiredAttribute(m_attrs, "THEKEY", kCtorLabel);
   if (m_attrs.size() != 2) {

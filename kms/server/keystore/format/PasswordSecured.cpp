@@ -203,7 +203,7 @@ void ReaderWriter::readDataPasswordSecured(KSInputBuffer& in, const std::string&
   }
   if (hmac.size() != storedHmacLen || CRYPTO_memcmp(hmac.data(), storedHmac, hmac.size()) != 0) {
     KMS_DEBUG(kLabel, 1, "HMAC mismatch: wrong passphrase or changed data");
-    KS_THROW(1284, kLabel);
+    KS_THROW(EC_KS_wrong_export_passphrase, kLabel);
   }
 
   // Authenticated from here on, as far as the region reaches: the length

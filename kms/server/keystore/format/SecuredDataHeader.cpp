@@ -19,7 +19,7 @@ SecuredDataHeader::SecuredDataHeader(ks_version_t version) : m_version(version),
   KMS_TRACE_THIS(kCtorLabel);
   if (version != KS_VERSION_200) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   for (const char* name : {"VERSION", "SALT", "IV"}) {
     const bool added = m_attrs.addAttribute(name, std::string());
@@ -33,7 +33,7 @@ SecuredDataHeader::SecuredDataHeader(const AttributeList& list)
   m_version = Utils::bytesToVersion(Utils::requiredAttribute(m_attrs, "VERSION", kCtorLabel));
   if (m_version != KS_VERSION_200) {
     KMS_DEBUG(kCtorLabel, 1, "Unknown version 0x" << std::hex << m_version);
-    KS_THROW(1218, kCtorLabel);
+    KS_THROW(EC_KS_invalid_metadata, kCtorLabel);
   }
   m_salt = Utils::requiredAttribute(m_attrs, "SALT", kCtorLabel);
   m_iv = Utils::requiredAttribute(m_attrs, "IV", kCtorLabel);

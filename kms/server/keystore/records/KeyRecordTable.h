@@ -307,7 +307,7 @@ int KeyRecordTable<R>::getTagsByKad(const std::string& kad, TagList& tags) const
   KMS_TRACE_THIS("KeyRecordTable::getTagsByKad");
   tags.clear();
   if (kad.size() < kKadLength) {
-    return 1220;
+    return EC_KS_kad_too_short;
   }
   // The tags that begin with the KAD's first 12 bytes stand together in tag
   // order, from the first tag not less than those 12 bytes.

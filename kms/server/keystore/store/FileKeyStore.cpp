@@ -241,7 +241,7 @@ uint64_t FileKeyStore::unquiesce(bool force) {
     KS_THROW(EC_KS_not_initialized, kLabel);
   }
   if (m_quiesceCount == 0) {
-    KS_THROW(1280, kLabel);
+    KS_THROW(EC_KS_not_quiesced, kLabel);
   }
   if (force) {
     m_quiesceCount = 0;

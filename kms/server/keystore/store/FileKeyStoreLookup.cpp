@@ -171,7 +171,7 @@ KeyRecord_v1 FileKeyStore::getActiveKeyRecord(const std::string& _kgroup) const 
   }
   const std::string& active = m_keyTable->getActiveKeyInGroup(_kgroup);
   if (active.empty()) {
-    KS_THROW(1227, kLabel);
+    KS_THROW(EC_KS_no_active_key, kLabel);
   }
   KeyRecord_v1 rec = m_keyTable->getRecord(active);
   keyRecordFilter(rec, true);
@@ -255,7 +255,7 @@ int FileKeyStore::getKeyRecordsByKad(const std::string& kad, std::list<KeyRecord
     return status;
   }
   if (tags.empty()) {
-    return 1261;
+    return EC_KS_no_key_for_kad;
   }
   bool leftOut = false;
   for (const std::string& tag : tags) {

@@ -64,7 +64,7 @@ bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
   try {
     plain = Secret(Utils::decryptKeyWithKey(verifier, key, type, version));
   } catch (const KeyStoreError& error) {
-    if (error.status() == 1270) {
+    if (error.status() == EC_KS_unwrap_failed) {
       KMS_DEBUG(kLabel, 4, "Verifier does not open under the given key");
       return false;
     }
