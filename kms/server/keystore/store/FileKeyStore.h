@@ -297,6 +297,10 @@ class FileKeyStore : public KeyStore {
                                    bool withTag) REQUIRES(m_lock);
   std::string getNewTag() const REQUIRES(m_lock);
   std::string getNewTag(const KeyTable& kr, const GroupTable& kg) const REQUIRES(m_lock);
+  // Commits the live files and metadata with `keys` and `groups`; a failure
+  // closes the store unless the disk is unchanged (1276), then throws.
+  void commitChange(const char* label, const KeyTable& keys, const GroupTable& groups)
+      REQUIRES(m_lock);
 
   // One lookup (FileKeyStoreLookup.cpp): takes the read lock, then gives the
   // record at the iterator that `find` picks from the live table, passed

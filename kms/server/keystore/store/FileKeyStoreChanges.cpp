@@ -89,28 +89,6 @@ bool limitReached(int64_t limit, size_t count) {
   return limit > 0 && count >= static_cast<uint64_t>(limit);
 }
 
-// Commits the tables (a copy where they change, the live one where they do
-// not). On failure `closeStore` runs unless the disk is known to be
-// unchanged (1276); then the error is rethrown under kCommitFailureMap.
-template <typename Close>
-void commitOrClose(const char* label, const KeyFile& hmk, const KeyFile& kpk,
-                   const KSMetadata& meta, const FileKeyStore::KeyTable& keys,
-                   const FileKeyStore::GroupTable& groups, const KMSFileLocator& locator,
-                   Close&& closeStore) {
-  KMS_TRACE("FileKeyStore::commitOrClose");
-  try {
-    FileKeyStore::writeToFile(hmk, kpk, meta, keys, groups, locator);
-  } catch (const KeyStoreError& error) {
-    if (error.status() != EC_KS_write_failed_nothing_changed) {
-      closeStore();
-    }
-    rethrowTranslated(label, error, kCommitFailureMap);
-  } catch (...) {
-    closeStore();
-    rethrowUnexpected(label, kCommitFailureMap);
-  }
-}
-
 // The rule of one active key per group: if `group` has an active key in
 // `keys` (a private copy), it becomes KEY_INACTIVE with update time `when`
 // and its revision raised by one, and the demotion is audited. Never refuses.
@@ -231,6 +209,24 @@ bool isAsciiByte(char c) {
 }
 
 }  // namespace
+
+// Commits the tables (a copy where they change, the live one where they do
+// not). On failure the store is closed unless the disk is known to be
+// unchanged (1276); then the error is rethrown under kCommitFailureMap.
+void FileKeyStore::commitChange(const char* label, const KeyTable& keys, const GroupTable& groups) {
+  KMS_TRACE("FileKeyStore::commitChange");
+  try {
+    writeToFile(*m_hmkFile, *m_kpkFile, *m_metadata, keys, groups, m_locator);
+  } catch (const KeyStoreError& error) {
+    if (error.status() != EC_KS_write_failed_nothing_changed) {
+      deinitialize();
+    }
+    rethrowTranslated(label, error, kCommitFailureMap);
+  } catch (...) {
+    deinitialize();
+    rethrowUnexpected(label, kCommitFailureMap);
+  }
+}
 
 // ---- Validity rules ----
 
@@ -408,8 +404,7 @@ KeyRecord_v1 FileKeyStore::addKeyWithOrWithout(const KeyRecord_v1& rec,
   KS_ASSERT(kLabel, added);
   ChangeAudit::keyAdded(kLabel, newRecord, fipsKey);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, *krtable, *m_groupTable);
   m_keyTable = std::move(krtable);
   return m_keyTable->getRecord(tag);
 }
@@ -468,8 +463,7 @@ KeyRecord_v1 FileKeyStore::updateKeyRecord(const KeyRecord_v1& rec) {
   KS_ASSERT(kLabel, updated == true);
   ChangeAudit::keyUpdated(kLabel, old, result);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, *krtable, *m_groupTable);
   m_keyTable = std::move(krtable);
   keyRecordFilter(result, true);
   return result;
@@ -496,8 +490,7 @@ void FileKeyStore::deleteKeyRecord(const std::string& tag) {
   KS_ASSERT(kLabel, removed);
   ChangeAudit::keyDeleted(kLabel, doomed);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *krtable, *m_groupTable, m_locator,
-                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, *krtable, *m_groupTable);
   m_keyTable = std::move(krtable);
 }
 
@@ -533,8 +526,7 @@ KeyGrpRecord_v1 FileKeyStore::addKeyGroup(const KeyGrpRecord_v1& rec) {
   KS_ASSERT(kLabel, added);
   ChangeAudit::groupAdded(kLabel, fresh);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, *m_keyTable, *kgtable);
   m_groupTable = std::move(kgtable);
   KeyGrpRecord_v1 result = m_groupTable->getRecord(tag);
   keyGroupRecordFilter(result);
@@ -584,8 +576,7 @@ KeyGrpRecord_v1 FileKeyStore::updateKeyGroupRecord(const KeyGrpRecord_v1& rec) {
   KS_ASSERT(kLabel, updated == true);
   ChangeAudit::groupUpdated(kLabel, old, result);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, *m_keyTable, *kgtable, m_locator,
-                [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, *m_keyTable, *kgtable);
   m_groupTable = std::move(kgtable);
   keyGroupRecordFilter(result);
   return result;
@@ -629,8 +620,7 @@ void FileKeyStore::deleteKeyGroupRecord(const std::string& tagToDelete, bool for
   KS_ASSERT(kLabel, removed == true);
   ChangeAudit::groupDeleted(kLabel, tag);
 
-  commitOrClose(kLabel, *m_hmkFile, *m_kpkFile, *m_metadata, krtable ? *krtable : *m_keyTable,
-                *kgtable, m_locator, [this]() NO_THREAD_SAFETY_ANALYSIS { deinitialize(); });
+  commitChange(kLabel, krtable ? *krtable : *m_keyTable, *kgtable);
   if (krtable) {
     m_keyTable = std::move(krtable);
   }
