@@ -2,7 +2,6 @@
 
 #include <pwd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <set>
