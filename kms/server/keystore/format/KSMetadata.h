@@ -13,8 +13,7 @@
 // "true"/"false", the version as 4 bytes big-endian.
 //
 // Some accessors belong to some versions only and throw KeyStoreError 1219
-// outside them: the hashes up to 0x200, the verifiers from 0x300, the salt
-// setters from 0x200, setMasterIV in 0x200 alone. A plain value with no lock.
+// outside them. A plain value with no lock.
 #pragma once
 
 #include <string>
@@ -39,39 +38,57 @@ class KSMetadata {
   // 0x100 list without "HMKFIPS"/"KPKFIPS" gets them, set to "false".
   explicit KSMetadata(const AttributeList& list);
 
+  // What the block holds for each master key: the HMK's fields are the
+  // "HMK..." attributes and "MENCALG", the KPK's the "KPK..." ones and
+  // "KENCALG". The named accessors below read and write these.
+  enum Master { HMK, KPK };
+  struct MasterFields {
+    std::string id;
+    std::string hash;      // up to 0x200
+    std::string verifier;  // from 0x300
+    std::string salt;      // from 0x200
+    KSCrypt::CryptType algorithm = KSCrypt::CRYPT_INVALID;
+    bool random = false;
+    bool fips = false;
+  };
+  const MasterFields& master(Master which) const { return m_master[which]; }
+
   ks_version_t version() const { return m_version; }
-  const std::string& hmkID() const { return m_hmkID; }
-  const std::string& kpkID() const { return m_kpkID; }
-  const std::string& hmkHash() const;      // throws 1219 above 0x200
-  const std::string& kpkHash() const;      // throws 1219 above 0x200
-  const std::string& hmkVerifier() const;  // throws 1219 below 0x300
-  const std::string& kpkVerifier() const;  // throws 1219 below 0x300
-  KSCrypt::CryptType masterEncAlgo() const { return m_masterEncAlgo; }
-  KSCrypt::CryptType keyEncAlgo() const { return m_keyEncAlgo; }
-  bool hmkRandom() const { return m_hmkRandom; }
-  bool kpkRandom() const { return m_kpkRandom; }
-  bool hmkFips() const { return m_hmkFips; }
-  bool kpkFips() const { return m_kpkFips; }
-  const std::string& hmkSalt() const { return m_hmkSalt; }
-  const std::string& kpkSalt() const { return m_kpkSalt; }
+  const std::string& hmkID() const { return m_master[HMK].id; }
+  const std::string& kpkID() const { return m_master[KPK].id; }
+  // The hashes throw 1219 above 0x200, the verifiers below 0x300.
+  const std::string& hmkHash() const { return checked(m_master[HMK].hash, hashed()); }
+  const std::string& kpkHash() const { return checked(m_master[KPK].hash, hashed()); }
+  const std::string& hmkVerifier() const { return checked(m_master[HMK].verifier, verified()); }
+  const std::string& kpkVerifier() const { return checked(m_master[KPK].verifier, verified()); }
+  KSCrypt::CryptType masterEncAlgo() const { return m_master[HMK].algorithm; }
+  KSCrypt::CryptType keyEncAlgo() const { return m_master[KPK].algorithm; }
+  bool hmkRandom() const { return m_master[HMK].random; }
+  bool kpkRandom() const { return m_master[KPK].random; }
+  bool hmkFips() const { return m_master[HMK].fips; }
+  bool kpkFips() const { return m_master[KPK].fips; }
+  const std::string& hmkSalt() const { return m_master[HMK].salt; }
+  const std::string& kpkSalt() const { return m_master[KPK].salt; }
   // Empty except in 0x200, where it is the IV of the data file's body.
   const std::string& masterIV() const { return m_masterIV; }
 
-  void setHmkID(const std::string& id);
-  void setKpkID(const std::string& id);
-  void setHmkHash(const std::string& hash);          // throws 1219 above 0x200
-  void setKpkHash(const std::string& hash);          // throws 1219 above 0x200
-  void setHmkVerifier(const std::string& verifier);  // throws 1219 below 0x300
-  void setKpkVerifier(const std::string& verifier);  // throws 1219 below 0x300
-  void setMasterEncAlgo(KSCrypt::CryptType type);
-  void setKeyEncAlgo(KSCrypt::CryptType type);
-  void setHmkRandom(bool random);
-  void setKpkRandom(bool random);
-  void setHmkFips(bool fips);
-  void setKpkFips(bool fips);
-  void setHmkSalt(const std::string& salt);  // throws 1219 below 0x200
-  void setKpkSalt(const std::string& salt);  // throws 1219 below 0x200
-  void setMasterIV(const std::string& iv);   // throws 1219 unless 0x200
+  // The hash setters throw 1219 above 0x200, the verifier setters below
+  // 0x300, the salt setters below 0x200.
+  void setHmkID(const std::string& id) { set(HMK, &MasterFields::id, id); }
+  void setKpkID(const std::string& id) { set(KPK, &MasterFields::id, id); }
+  void setHmkHash(const std::string& hash) { set(HMK, &MasterFields::hash, hash, hashed()); }
+  void setKpkHash(const std::string& hash) { set(KPK, &MasterFields::hash, hash, hashed()); }
+  void setHmkVerifier(const std::string& v) { set(HMK, &MasterFields::verifier, v, verified()); }
+  void setKpkVerifier(const std::string& v) { set(KPK, &MasterFields::verifier, v, verified()); }
+  void setMasterEncAlgo(KSCrypt::CryptType type) { set(HMK, &MasterFields::algorithm, type); }
+  void setKeyEncAlgo(KSCrypt::CryptType type) { set(KPK, &MasterFields::algorithm, type); }
+  void setHmkRandom(bool random) { set(HMK, &MasterFields::random, random); }
+  void setKpkRandom(bool random) { set(KPK, &MasterFields::random, random); }
+  void setHmkFips(bool fips) { set(HMK, &MasterFields::fips, fips); }
+  void setKpkFips(bool fips) { set(KPK, &MasterFields::fips, fips); }
+  void setHmkSalt(const std::string& salt) { set(HMK, &MasterFields::salt, salt, salted()); }
+  void setKpkSalt(const std::string& salt) { set(KPK, &MasterFields::salt, salt, salted()); }
+  void setMasterIV(const std::string& iv);  // throws 1219 unless 0x200
 
   // Empties every field but the version; types 0, flags false.
   void clear();
@@ -87,22 +104,25 @@ class KSMetadata {
   static bool stringToBool(const std::string& text);
 
  private:
+  bool hashed() const { return m_version <= KS_VERSION_200; }
+  bool verified() const { return m_version >= KS_VERSION_300; }
+  bool salted() const { return m_version >= KS_VERSION_200; }
+  // Throws KeyStoreError 1219 unless `available`: the version has no such field.
+  void requireField(bool available) const;
+  const std::string& checked(const std::string& value, bool available) const {
+    requireField(available);
+    return value;
+  }
+  template <typename T>
+  void set(Master which, T MasterFields::*field, const T& value, bool available = true) {
+    requireField(available);
+    m_master[which].*field = value;
+    m_outOfDate = true;
+  }
+
   ks_version_t m_version;
-  std::string m_hmkID;
-  std::string m_hmkHash;
-  std::string m_kpkID;
-  std::string m_kpkHash;
-  KSCrypt::CryptType m_masterEncAlgo;
-  KSCrypt::CryptType m_keyEncAlgo;
-  bool m_hmkRandom;
-  bool m_kpkRandom;
-  bool m_hmkFips;
-  bool m_kpkFips;
-  std::string m_hmkSalt;
-  std::string m_kpkSalt;
+  MasterFields m_master[2];
   std::string m_masterIV;
-  std::string m_hmkVerifier;
-  std::string m_kpkVerifier;
   mutable AttributeList m_attrs;
   mutable bool m_outOfDate;
 };

@@ -302,21 +302,13 @@ bool fipsModeOn() {
   return FIPS_mode() != 0;
 }
 
-KeyInfo hmkInfoOf(const KSMetadata& meta) {
+KeyInfo infoOf(const KSMetadata& meta, KSMetadata::Master which) {
+  const KSMetadata::MasterFields& key = meta.master(which);
   KeyInfo info;
-  info.id = meta.hmkID();
-  info.algorithm = meta.masterEncAlgo();
-  info.random = meta.hmkRandom();
-  info.fips = meta.hmkFips();
-  return info;
-}
-
-KeyInfo kpkInfoOf(const KSMetadata& meta) {
-  KeyInfo info;
-  info.id = meta.kpkID();
-  info.algorithm = meta.keyEncAlgo();
-  info.random = meta.kpkRandom();
-  info.fips = meta.kpkFips();
+  info.id = key.id;
+  info.algorithm = key.algorithm;
+  info.random = key.random;
+  info.fips = key.fips;
   return info;
 }
 
@@ -422,9 +414,8 @@ struct FileKeyStore::MasterKeyKind {
   const char* createLabel;
   const char* idLabel;
   const char* infoLabel;
-  KeyInfo (*info)(const KSMetadata& meta);
+  KSMetadata::Master which;
   const std::string& (KMSFileLocator::*path)() const;
-  bool (KSMetadata::*random)() const;
   const ErrorMap& goodMap;
   const ErrorMap& createMap;
   int fileExists;  // a good file stands there and overwriting was not asked
@@ -441,9 +432,8 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kHmkKind = {"FileKeyStore::goodH
                                                             "FileKeyStore::createHMKFile",
                                                             "FileKeyStore::getHMKId",
                                                             "FileKeyStore::getHMKInfo",
-                                                            &hmkInfoOf,
+                                                            KSMetadata::HMK,
                                                             &KMSFileLocator::hmkPath,
-                                                            &KSMetadata::hmkRandom,
                                                             kGoodHmkFileMap,
                                                             kCreateHmkFileMap,
                                                             EC_KS_hmk_file_exists,
@@ -457,9 +447,8 @@ const FileKeyStore::MasterKeyKind FileKeyStore::kKpkKind = {"FileKeyStore::goodK
                                                             "FileKeyStore::createKPKFile",
                                                             "FileKeyStore::getKPKId",
                                                             "FileKeyStore::getKPKInfo",
-                                                            &kpkInfoOf,
+                                                            KSMetadata::KPK,
                                                             &KMSFileLocator::kpkPath,
-                                                            &KSMetadata::kpkRandom,
                                                             kGoodKpkFileMap,
                                                             kCreateKpkFileMap,
                                                             EC_KS_kpk_file_exists,
@@ -475,7 +464,8 @@ KeyInfo FileKeyStore::masterKeyInfo(const MasterKeyKind& kind, const char* label
   KMS_TRACE_THIS(label);
   StoreReadGuard guard(m_lock, m_writerTurnstile);
   return metadataFact(label, m_initialized ? m_metadata.get() : nullptr,
-                      !m_initialized && fipsEnableFailed(), m_locator, kind.info);
+                      !m_initialized && fipsEnableFailed(), m_locator,
+                      [&kind](const KSMetadata& meta) { return infoOf(meta, kind.which); });
 }
 
 std::string FileKeyStore::getHMKId() {
@@ -651,7 +641,7 @@ int FileKeyStore::createKeyFile(const MasterKeyKind& kind, const std::string& pa
       KS_THROW(kind.fileExists, label);
     }
     const KSMetadata meta = readStoreMetadata(label, m_locator);
-    if (refuseRandom && (meta.*kind.random)()) {
+    if (refuseRandom && meta.master(kind.which).random) {
       // A random key cannot come back from a passphrase.
       KS_THROW(kind.randomKey, label);
     }
@@ -697,7 +687,8 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
         meta->setHmkSalt(salt);
         meta->setHmkFips(fipsModeOn());
 
-        logKeyChange(kLabel, kMsgChangingHmk, hmkInfoOf(*m_metadata), hmkInfoOf(*meta));
+        logKeyChange(kLabel, kMsgChangingHmk, infoOf(*m_metadata, KSMetadata::HMK),
+                     infoOf(*meta, KSMetadata::HMK));
 
         // The records stay as they are: their keys are wrapped under the
         // KPK, which has not changed. The stream is written anew under the
@@ -750,7 +741,8 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
         meta->setKpkSalt(salt);
         meta->setKpkFips(fipsModeOn());
 
-        logKeyChange(kLabel, kMsgChangingKpk, kpkInfoOf(*m_metadata), kpkInfoOf(*meta));
+        logKeyChange(kLabel, kMsgChangingKpk, infoOf(*m_metadata, KSMetadata::KPK),
+                     infoOf(*meta, KSMetadata::KPK));
 
         writeToFile(*m_hmkFile, *kpkFile, *meta, *keyTable, *m_groupTable, m_locator);
 
