@@ -74,18 +74,7 @@ const FlagRule* ruleOf(ACE_Arg_Shifter_T<char>& shifter) {
   return nullptr;
 }
 
-void wipe(std::optional<std::string>& secret) {
-  if (secret && !secret->empty()) {
-    OPENSSL_cleanse(&(*secret)[0], secret->size());
-  }
-}
-
 }  // namespace
-
-AdminFlags::~AdminFlags() {
-  wipe(m_hmkPassphrase);
-  wipe(m_kpkPassphrase);
-}
 
 void AdminFlags::swap(AdminFlags& other) {
   std::swap(m_overwrite, other.m_overwrite);
@@ -120,14 +109,14 @@ int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
     seen[rule->group] = true;
     shifter.consume_arg(1);
 
-    std::string value;
+    CmnCrypto::Secret value;
     if (rule->takesValue) {
       // The value is never logged: it may be a passphrase.
       if (!shifter.is_anything_left() || shifter.get_current()[0] == '\0') {
         KMS_DEBUG(kLabel, 1, "Flag without its value: " << rule->name);
         return EC_KS_bad_argument;
       }
-      value = shifter.get_current();
+      value = CmnCrypto::Secret(std::string(shifter.get_current()));
       if (rule->flag == kHmkPass || rule->flag == kKpkPass) {
         // The word lives in the process's argv, which others read through
         // /proc/<pid>/cmdline for as long as the process runs.
@@ -147,28 +136,25 @@ int AdminFlags::parse(ACE_Arg_Shifter_T<char>& shifter, Operation operation) {
         parsed.m_ignoreRandom = rule->flag == kIgnoreRandom;
         break;
       case kHmkPass:
-        parsed.m_hmkPassphrase = value;
+        parsed.m_hmkPassphrase = std::move(value);
         break;
       case kKpkPass:
-        parsed.m_kpkPassphrase = value;
+        parsed.m_kpkPassphrase = std::move(value);
         break;
       case kRandomHmk:
-        parsed.m_hmkPassphrase = std::string();
+        parsed.m_hmkPassphrase.emplace();
         parsed.m_randomRequested = true;
         break;
       case kRandomKpk:
-        parsed.m_kpkPassphrase = std::string();
+        parsed.m_kpkPassphrase.emplace();
         parsed.m_randomRequested = true;
         break;
       case kHmkIdFlag:
-        parsed.m_hmkId = value;
+        parsed.m_hmkId = value.str();
         break;
       case kKpkIdFlag:
-        parsed.m_kpkId = value;
+        parsed.m_kpkId = value.str();
         break;
-    }
-    if (!value.empty()) {
-      OPENSSL_cleanse(&value[0], value.size());
     }
   }
   swap(parsed);

@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+#include "kms/platform/Secret.h"
+
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
@@ -20,7 +22,6 @@ class AdminFlags {
   enum Operation { kCreateEmptyDB = 1, kResetHmk = 2, kResetKpk = 4 };
 
   AdminFlags() = default;
-  ~AdminFlags();
   AdminFlags(const AdminFlags&) = delete;
   AdminFlags& operator=(const AdminFlags&) = delete;
 
@@ -41,8 +42,8 @@ class AdminFlags {
 
   // A passphrase given on the command line; "-randomhmk" / "-randomkpk" give
   // the empty one (a random key).
-  const std::optional<std::string>& hmkPassphrase() const { return m_hmkPassphrase; }
-  const std::optional<std::string>& kpkPassphrase() const { return m_kpkPassphrase; }
+  const std::optional<CmnCrypto::Secret>& hmkPassphrase() const { return m_hmkPassphrase; }
+  const std::optional<CmnCrypto::Secret>& kpkPassphrase() const { return m_kpkPassphrase; }
   const std::optional<std::string>& hmkId() const { return m_hmkId; }
   const std::optional<std::string>& kpkId() const { return m_kpkId; }
 
@@ -54,8 +55,8 @@ class AdminFlags {
 
   std::optional<bool> m_overwrite;
   std::optional<bool> m_ignoreRandom;
-  std::optional<std::string> m_hmkPassphrase;
-  std::optional<std::string> m_kpkPassphrase;
+  std::optional<CmnCrypto::Secret> m_hmkPassphrase;
+  std::optional<CmnCrypto::Secret> m_kpkPassphrase;
   std::optional<std::string> m_hmkId;
   std::optional<std::string> m_kpkId;
   bool m_randomRequested = false;

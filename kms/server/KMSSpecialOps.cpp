@@ -34,6 +34,12 @@ namespace {
 
 using CmnCrypto::Secret;
 
+// A passphrase given on the command line, copied into a Secret of its own;
+// empty when none was given.
+Secret copyOf(const std::optional<Secret>& given) {
+  return Secret(given ? std::string(given->str()) : std::string());
+}
+
 constexpr int kThisProgram = 286;
 
 // Refusals of setupEnv.
@@ -282,8 +288,8 @@ int KMSSpecialOps::createEmptyDB(ACE_Arg_Shifter_T<char>& shifter) {
       }
     }
 
-    Secret hmkPassphrase(flags.hmkPassphrase().value_or(""));
-    Secret kpkPassphrase(flags.kpkPassphrase().value_or(""));
+    Secret hmkPassphrase(copyOf(flags.hmkPassphrase()));
+    Secret kpkPassphrase(copyOf(flags.kpkPassphrase()));
     std::string hmkId = flags.hmkId().value_or("");
     std::string kpkId = flags.kpkId().value_or("");
 
@@ -334,7 +340,7 @@ struct KMSSpecialOps::MasterKeyReset {
   bool (KeyStore::*goodFileExists)();
   int overwriteQuestion;
   int overwriteRefused;
-  const std::optional<std::string>& (AdminFlags::*passphrase)() const;
+  const std::optional<Secret>& (AdminFlags::*passphrase)() const;
   int prompt;
   int (KeyStore::*createFile)(const std::string& passphrase, bool overwrite, bool refuseRandom);
 };
@@ -399,8 +405,8 @@ int KMSSpecialOps::resetMasterKey(ACE_Arg_Shifter_T<char>& shifter, const Master
       }
     }
 
-    const std::optional<std::string>& given = (flags.*kind.passphrase)();
-    Secret passphrase(given.value_or(""));
+    const std::optional<Secret>& given = (flags.*kind.passphrase)();
+    Secret passphrase(copyOf(given));
     if (!given) {
       status = getPassphrase(passphrase, kind.prompt, false, 0);
       if (status != EC_KS_success) {
