@@ -120,6 +120,13 @@ KSMetadata::KSMetadata(const AttributeList& list)
   }
 }
 
+void KSMetadata::setMaster(Master which, const MasterFields& fields) {
+  requireField((fields.hash.empty() || hashed()) && (fields.verifier.empty() || verified()) &&
+               (fields.salt.empty() || salted()));
+  m_master[which] = fields;
+  m_outOfDate = true;
+}
+
 void KSMetadata::requireField(bool available) const {
   requireVersion(available, m_version, "KSMetadata::requireField");
 }

@@ -52,6 +52,9 @@ class KSMetadata {
     bool fips = false;
   };
   const MasterFields& master(Master which) const { return m_master[which]; }
+  // Replaces all of one key's fields; throws 1219 for a hash, verifier or
+  // salt that the version does not hold.
+  void setMaster(Master which, const MasterFields& fields);
 
   ks_version_t version() const { return m_version; }
   const std::string& hmkID() const { return m_master[HMK].id; }

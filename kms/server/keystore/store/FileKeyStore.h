@@ -48,6 +48,7 @@
 #include "kms/server/keystore/crypto/KPKMgr.h"
 #include "kms/server/keystore/crypto/KSCrypt.h"
 #include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/format/KSMetadata.h"
 #include "kms/server/keystore/records/KeyGrpRecord_v1.h"
 #include "kms/server/keystore/records/KeyRecordTable.h"
 #include "kms/server/keystore/records/KeyRecord_v1.h"
@@ -61,7 +62,6 @@ namespace DL {
 namespace KMS {
 
 class KeyFile;
-class KSMetadata;
 class KSEximMetadata;
 class KSInputBuffer;
 class KSOutStream;
@@ -235,6 +235,12 @@ class FileKeyStore : public KeyStore {
   // 1221 (HMK) or 1249 (KPK); a hash that cannot be made throws 1225.
   static void verifyHmk(const std::string& key, const KSMetadata& meta);
   static void verifyKpk(const std::string& key, const KSMetadata& meta);
+  // The fields of a master key at the current version: a fresh verifier of
+  // `key` under `algorithm`, the rest as given. Throws as generateVerifier.
+  static KSMetadata::MasterFields currentMasterFields(KSMetadata::Master which,
+                                                      const std::string& key, const std::string& id,
+                                                      KSCrypt::CryptType algorithm, bool random,
+                                                      bool fips, const std::string& salt);
 
   // ---- Export (FileKeyStoreExport.cpp). No lock ----
 

@@ -575,18 +575,12 @@ int FileKeyStore::createEmpty(const std::string& hmkPassphrase, const std::strin
 
       const bool fips = fipsModeOn();
       KSMetadata meta(kCurrentVersion);
-      meta.setHmkVerifier(generateVerifier("HMKV", hmk.str(), m_masterEncAlgo, kCurrentVersion));
-      meta.setHmkID(hmkId);
-      meta.setKpkVerifier(generateVerifier("KPKV", kpk.str(), m_keyEncAlgo, kCurrentVersion));
-      meta.setKpkID(kpkId);
-      meta.setMasterEncAlgo(m_masterEncAlgo);
-      meta.setKeyEncAlgo(m_keyEncAlgo);
-      meta.setHmkRandom(hmkPassphrase.empty());
-      meta.setKpkRandom(kpkPassphrase.empty());
-      meta.setHmkFips(fips);
-      meta.setKpkFips(fips);
-      meta.setHmkSalt(hmkSalt);
-      meta.setKpkSalt(kpkSalt);
+      meta.setMaster(KSMetadata::HMK,
+                     currentMasterFields(KSMetadata::HMK, hmk.str(), hmkId, m_masterEncAlgo,
+                                         hmkPassphrase.empty(), fips, hmkSalt));
+      meta.setMaster(KSMetadata::KPK,
+                     currentMasterFields(KSMetadata::KPK, kpk.str(), kpkId, m_keyEncAlgo,
+                                         kpkPassphrase.empty(), fips, kpkSalt));
 
       const KeyTable keys(true);
       const GroupTable groups;
@@ -680,12 +674,9 @@ int FileKeyStore::updateHMK(const std::string& passphrase, const std::string& hm
         kpkFile->setKey(
             Utils::encryptKeyWithKey(kpk.str(), hmk.str(), m_masterEncAlgo, kpkFile->version()));
 
-        meta->setHmkVerifier(generateVerifier("HMKV", hmk.str(), m_masterEncAlgo, meta->version()));
-        meta->setHmkID(hmkId);
-        meta->setMasterEncAlgo(m_masterEncAlgo);
-        meta->setHmkRandom(passphrase.empty());
-        meta->setHmkSalt(salt);
-        meta->setHmkFips(fipsModeOn());
+        meta->setMaster(KSMetadata::HMK,
+                        currentMasterFields(KSMetadata::HMK, hmk.str(), hmkId, m_masterEncAlgo,
+                                            passphrase.empty(), fipsModeOn(), salt));
 
         logKeyChange(kLabel, kMsgChangingHmk, infoOf(*m_metadata, KSMetadata::HMK),
                      infoOf(*meta, KSMetadata::HMK));
@@ -734,12 +725,9 @@ int FileKeyStore::updateKPK(const std::string& passphrase, const std::string& kp
 
         kpkFile->setKey(
             Utils::encryptKeyWithKey(kpk.str(), hmk, meta->masterEncAlgo(), kpkFile->version()));
-        meta->setKpkVerifier(generateVerifier("KPKV", kpk.str(), m_keyEncAlgo, meta->version()));
-        meta->setKpkID(kpkId);
-        meta->setKeyEncAlgo(m_keyEncAlgo);
-        meta->setKpkRandom(passphrase.empty());
-        meta->setKpkSalt(salt);
-        meta->setKpkFips(fipsModeOn());
+        meta->setMaster(KSMetadata::KPK,
+                        currentMasterFields(KSMetadata::KPK, kpk.str(), kpkId, m_keyEncAlgo,
+                                            passphrase.empty(), fipsModeOn(), salt));
 
         logKeyChange(kLabel, kMsgChangingKpk, infoOf(*m_metadata, KSMetadata::KPK),
                      infoOf(*meta, KSMetadata::KPK));

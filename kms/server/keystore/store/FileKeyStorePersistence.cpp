@@ -364,18 +364,14 @@ KSMetadata upgradedMetadata(const KSMetadata& meta, const std::string& hmkKey,
                             KSCrypt::CryptType keyEncAlgo) {
   constexpr ks_version_t kCurrent = FileKeyStore::kCurrentVersion;
   KSMetadata upgraded(kCurrent);
-  upgraded.setHmkVerifier(FileKeyStore::generateVerifier("HMKV", hmkKey, masterEncAlgo, kCurrent));
-  upgraded.setHmkID(meta.hmkID());
-  upgraded.setKpkVerifier(FileKeyStore::generateVerifier("KPKV", plainKpk, keyEncAlgo, kCurrent));
-  upgraded.setKpkID(meta.kpkID());
-  upgraded.setMasterEncAlgo(masterEncAlgo);
-  upgraded.setKeyEncAlgo(keyEncAlgo);
-  upgraded.setHmkRandom(meta.hmkRandom());
-  upgraded.setKpkRandom(meta.kpkRandom());
-  upgraded.setHmkFips(meta.hmkFips());
-  upgraded.setKpkFips(meta.kpkFips());
-  upgraded.setHmkSalt(meta.hmkSalt());
-  upgraded.setKpkSalt(meta.kpkSalt());
+  for (const KSMetadata::Master which : {KSMetadata::HMK, KSMetadata::KPK}) {
+    const KSMetadata::MasterFields& old = meta.master(which);
+    const bool hmk = which == KSMetadata::HMK;
+    upgraded.setMaster(
+        which, FileKeyStore::currentMasterFields(which, hmk ? hmkKey : plainKpk, old.id,
+                                                 hmk ? masterEncAlgo : keyEncAlgo, old.random,
+                                                 old.fips, old.salt));
+  }
   return upgraded;
 }
 

@@ -42,6 +42,28 @@ std::string keyDigest(const char* label, const std::string& key) {
   return digest;
 }
 
+// How each master key is proved, by KSMetadata::Master.
+struct MasterProof {
+  const char* label;
+  const char* prefix;
+  int wrongKey;
+};
+const MasterProof kProofs[] = {{"FileKeyStore::verifyHmk", "HMKV", EC_KS_wrong_hmk},
+                               {"FileKeyStore::verifyKpk", "KPKV", EC_KS_wrong_kpk}};
+
+void verifyMaster(KSMetadata::Master which, const std::string& key, const KSMetadata& meta) {
+  const MasterProof& proof = kProofs[which];
+  KMS_TRACE(proof.label);
+  const KSMetadata::MasterFields& fields = meta.master(which);
+  const bool proved = provedByHash(meta.version())
+                          ? keyDigest(proof.label, key) == fields.hash
+                          : FileKeyStore::isVerifierValid(proof.prefix, key, fields.verifier,
+                                                          fields.algorithm, meta.version());
+  if (!proved) {
+    KS_THROW(proof.wrongKey, proof.label);
+  }
+}
+
 }  // namespace
 
 std::string FileKeyStore::generateVerifier(const char* prefix, const std::string& key,
@@ -76,31 +98,24 @@ bool FileKeyStore::isVerifierValid(const char* prefix, const std::string& key,
 }
 
 void FileKeyStore::verifyHmk(const std::string& key, const KSMetadata& meta) {
-  static const char* const kLabel = "FileKeyStore::verifyHmk";
-  KMS_TRACE(kLabel);
-  if (provedByHash(meta.version())) {
-    if (keyDigest(kLabel, key) != meta.hmkHash()) {
-      KS_THROW(EC_KS_wrong_hmk, kLabel);
-    }
-    return;
-  }
-  if (!isVerifierValid("HMKV", key, meta.hmkVerifier(), meta.masterEncAlgo(), meta.version())) {
-    KS_THROW(EC_KS_wrong_hmk, kLabel);
-  }
+  verifyMaster(KSMetadata::HMK, key, meta);
 }
 
 void FileKeyStore::verifyKpk(const std::string& key, const KSMetadata& meta) {
-  static const char* const kLabel = "FileKeyStore::verifyKpk";
-  KMS_TRACE(kLabel);
-  if (provedByHash(meta.version())) {
-    if (keyDigest(kLabel, key) != meta.kpkHash()) {
-      KS_THROW(EC_KS_wrong_kpk, kLabel);
-    }
-    return;
-  }
-  if (!isVerifierValid("KPKV", key, meta.kpkVerifier(), meta.keyEncAlgo(), meta.version())) {
-    KS_THROW(EC_KS_wrong_kpk, kLabel);
-  }
+  verifyMaster(KSMetadata::KPK, key, meta);
+}
+
+KSMetadata::MasterFields FileKeyStore::currentMasterFields(
+    KSMetadata::Master which, const std::string& key, const std::string& id,
+    KSCrypt::CryptType algorithm, bool random, bool fips, const std::string& salt) {
+  KSMetadata::MasterFields fields;
+  fields.id = id;
+  fields.verifier = generateVerifier(kProofs[which].prefix, key, algorithm, kCurrentVersion);
+  fields.salt = salt;
+  fields.algorithm = algorithm;
+  fields.random = random;
+  fields.fips = fips;
+  return fields;
 }
 
 }  // namespace KMS
