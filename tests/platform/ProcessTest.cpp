@@ -22,29 +22,23 @@ TEST(Fips, ProcessModeFollowsTheProcessFlagOfTheMasterConfiguration) {
   PlatformTestRoot root;
   EXPECT_NE(VR_read_master_config(), 0);  // no file: no process-wide copy either
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
-
   // Without a process-wide copy the file is read directly.
   root.writeConf("VRKMS_FIPS = TRUE\n");
   EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
   root.writeConf("VRKMS_FIPS = maybe\n");
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
-
   // With one, the copy decides.
   root.writeConf("VRKMS_FIPS = yes\nOTHER_FIPS = no\n");
   ASSERT_EQ(VR_read_master_config(), 0);
   root.writeConf("VRKMS_FIPS = no\n");
   EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
-  EXPECT_EQ(getFIPSModeForProcess("other"), 0);
-  EXPECT_EQ(getFIPSModeForProcess("absent"), 0);
-  EXPECT_EQ(getFIPSModeForProcess(""), 0);
-  EXPECT_EQ(getFIPSModeForProcess(nullptr), 0);
+  for (const char* other : {"other", "absent", "", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(getFIPSModeForProcess(other), 0) << (other ? other : "null");
+  }
   ASSERT_EQ(VR_read_master_config(), 0);  // re-read: now "no"
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
-
   EXPECT_EQ(FIPS_mode(), EVP_default_properties_is_fips_enabled(nullptr) ? 1 : 0);
-}
 
-TEST(ProcessAccount, AdminCheckCanBeOverriddenAndRestored) {
   const bool real = geteuid() == 0;
   EXPECT_EQ(is_user_admin(), real);
   setAdminCheckOverride(AdminCheck::kForceNotAdmin);
@@ -60,23 +54,17 @@ TEST(SecureFGets, ReadsLinesFromAPipeUpToTheGivenCount) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   // 1022 characters and the line end fit a count of 1023; 1023 do not.
-  const std::string fits(1022, 'a');
-  const std::string tooLong(1023, 'b');
+  const std::string fits(1022, 'a'), tooLong(1023, 'b');
   const std::string input = fits + "\n" + tooLong + "\nlast";
   ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
   close(fds[1]);
   FILE* in = fdopen(fds[0], "r");
   ASSERT_NE(in, nullptr);
-
   char buf[1024];
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), fits + "\n");
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), tooLong);  // stopped before the line end
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), "\n");
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), "last");
+  for (const std::string& line : {fits + "\n", tooLong, std::string("\n"), std::string("last")}) {
+    ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
+    EXPECT_EQ(std::string(buf), line);
+  }
   EXPECT_EQ(SecureFGets(buf, 1023, in), nullptr);  // end of file
   EXPECT_EQ(SecureFGets(buf, 0, in), nullptr);
   EXPECT_EQ(SecureFGets(buf, 10, nullptr), nullptr);

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <filesystem>
+#include <iterator>
 
 #include "support/PlatformTestRoot.h"
 
@@ -27,7 +27,6 @@ TEST(VrConfInfo, SetThenGetRoundTripsAndLeavesOtherLinesAlone) {
   EXPECT_STREQ(info.emm_server, kVrconfDefaultEmmServer);
   vrconf_free_info(&info);
   EXPECT_EQ(info.emm_server, nullptr);
-
   char server[] = "emm.example:1556";
   vrconf_info_t update{0, 5, server};
   ASSERT_EQ(vrconf_set_info(&update), 0);
@@ -51,12 +50,8 @@ TEST(VrConfInfo, SetThenGetRoundTripsAndLeavesOtherLinesAlone) {
   vrconf_free_info(&info);
 
   // Nothing else is left beside the file.
-  int entries = 0;
-  for (const auto& e : std::filesystem::directory_iterator(root.etcDir())) {
-    (void)e;
-    ++entries;
-  }
-  EXPECT_EQ(entries, 1);
+  const std::filesystem::directory_iterator etc(root.etcDir());
+  EXPECT_EQ(std::distance(begin(etc), end(etc)), 1);
 }
 
 TEST(VrConfInfo, FailuresReturnNonZeroAndChangeNothing) {
@@ -69,11 +64,9 @@ TEST(VrConfInfo, FailuresReturnNonZeroAndChangeNothing) {
   vrconf_free_info(&info);
   vrconf_free_info(nullptr);
   EXPECT_NE(vrconf_get_info(nullptr), 0);
-
   vrconf_info_t update{1, 1, nullptr};
   EXPECT_NE(vrconf_set_info(&update), 0);  // the service never creates the file
   EXPECT_NE(vrconf_set_info(nullptr), 0);
-
   root.writeConf("EMM_SERVER = old\n");
   char broken[] = "two\nlines";
   vrconf_info_t bad{1, 1, broken};
