@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <ctime>
-
 #include <list>
 #include <string>
 
@@ -15,7 +14,6 @@
 #include "kms/server/KMSModifiableFacetImpl.h"
 #include "kms/server/KMSQueryableFacetImpl.h"
 #include "kms/server/KMSServiceContainer.h"
-#include "kms/server/RecordConvertor.h"
 #include "kms/server/keystore/files/KMSFileLocator.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "server/ServiceClient.h"
@@ -24,10 +22,7 @@
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
-using Ardentis::Vaultrest::DL::KMS::KMSControlFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::KMSModifiableFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::KMSQueryableFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::RecordConvertor;
+using namespace Ardentis::Vaultrest::DL::KMS;
 using Vaultrest::DL::KMS::FileKeyStore;
 using Vaultrest::DL::KMS::KMSFileLocator;
 using Vaultrest::DL::KMS::KMSServiceContainer;
@@ -46,13 +41,6 @@ class Facet : public ::testing::Test {
     ASSERT_EQ(m_store.init(), 0);
   }
 
-  Facets::KeyGroupRecord_var newGroup(const char* name) {
-    Facets::KeyGroupRecord_var record = m_modify->getNewKeyGroup();
-    record->name = name;
-    record->type = 1;
-    return m_modify->createKeyGroup(record.in());
-  }
-
   TempRoot m_root{"vrkms-facet"};
   LogCapture m_log{4};
   FileKeyStore m_store{KMSFileLocator(m_root.file("kms"))};
@@ -63,153 +51,37 @@ class Facet : public ::testing::Test {
       new KMSModifiableFacetImpl(&m_store)};
 };
 
-TEST_F(Facet, AStoreErrorBecomesServiceExceptionAndALostStoreStopsTheService) {
+TEST_F(Facet, StoreErrorsBecomeServiceExceptionsAndALostStoreStopsTheService) {
   KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
                                 Fw::ServiceContainerOptions{0}, "");
   ASSERT_EQ(Fw::OrbService::Instance(), &container);
-
   EXPECT_EQ(m_control->quiesce(), 1);
   EXPECT_EQ(m_control->isQuiesced(), 1);
   EXPECT_EQ(m_control->unquiesce(false), 0);
   // The store stays live: the error goes back and the service goes on.
-  EXPECT_EQ(serviceError([&] { m_control->unquiesce(true); }), 1280);
-  EXPECT_FALSE(container.stopRequested());
-  EXPECT_FALSE(LogCapture::containing(m_log.debugLines(),
-                                      "KMSControlFacetImpl::unquiesce: Throwing ServiceException:  "
-                                      "Error code 1280 (")
-                   .empty());
-  // What a client reads of the refusal.
   try {
     m_control->unquiesce(true);
+    ADD_FAILURE() << "no exception";
   } catch (const Fw::ServiceException& e) {
     const auto* details = Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
     ASSERT_NE(details, nullptr);
     ACE_utsname host;
     ASSERT_EQ(ACE_OS::uname(&host), 0);
+    EXPECT_EQ(details->errorCode(), 1280);
     EXPECT_STREQ(details->originatingService(), "vrkms");
     EXPECT_STREQ(details->exceptionClassName(), "ServiceException");
     EXPECT_STREQ(details->originatingMethod(), "KMSControlFacetImpl::unquiesce");
     EXPECT_EQ(std::string(details->originatingHost()), std::string(host.nodename).substr(0, 64));
     EXPECT_LE(std::abs(details->timeStamp() - std::time(nullptr)), 60);
   }
-  // A status result is raised the same way.
-  EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);
+  EXPECT_FALSE(LogCapture::containing(m_log.debugLines(),
+                                      "KMSControlFacetImpl::unquiesce: Throwing ServiceException:  "
+                                      "Error code 1280 (")
+                   .empty());
+  EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);  // a status result
   CORBA::String_var id = m_control->getHMKId();
   EXPECT_STREQ(id.in(), "hmk-1");
-  EXPECT_FALSE(container.stopRequested());
-
-  // Once the store has dropped its state the process must not go on serving.
-  ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_EQ(serviceError([&] { m_control->isQuiesced(); }), 1202);
-  EXPECT_TRUE(container.stopRequested());
-  EXPECT_TRUE(container.stoppedAbnormally());
-  EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
-}
-
-TEST_F(Facet, WithoutAServiceALostStoreOnlyRaises) {
-  ASSERT_EQ(Fw::OrbService::Instance(), nullptr);
-  ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_EQ(serviceError([&] { Facets::KeyGroupRecord_var g = newGroup("g"); }), 1202);
-}
-
-TEST_F(Facet, QueryArgumentsThatCannotReachTheStore) {
-  Facets::KeyGroupRecord_var group = newGroup("g");
-  Facets::KeyRecord_var blank = m_modify->getNewKey();
-  blank->name = "k";
-  blank->keyGroup = group->tag;
-  blank->state = 1;
-  blank->kpkType = 1;
-  Facets::KeyRecord_var key = m_modify->createKey("", blank.in());
-  EXPECT_EQ(key->encKey.length(), 0u);  // a change hands out no key material
-
-  Facets::KeyRecord_var record;
-  Fw::octetSeq_var kad;
-  // Tags that are not strict hexadecimal: refused by getKeyAndKad itself,
-  // not found by every other lookup.
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad("", 12, record.out(), kad.out()); }), 1215);
-  std::string upper = key->tag.in();
-  for (char& c : upper) {
-    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  EXPECT_EQ(
-      serviceError([&] { m_query->getKeyAndKad(upper.c_str(), 12, record.out(), kad.out()); }),
-      1215);
-  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKey(upper.c_str()); }), 1260);
-  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKeyRecord("0g"); }), 1260);
-  // A length that no KAD can have never reaches the store.
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, -1, record.out(), kad.out()); }),
-            1214);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, 4097, record.out(), kad.out()); }),
-            1214);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, 11, record.out(), kad.out()); }),
-            1220);
-  // The longest KAD is the tag padded with '0' characters.
-  EXPECT_EQ(m_query->getKeyAndKad(key->tag, 4096, record.out(), kad.out()), 1);
-  ASSERT_EQ(kad->length(), 4096u);
-  EXPECT_EQ(kad[32], '0');
-  EXPECT_EQ(record->encKey.length(), 16u);
-
-  Facets::KeyRecordSeq_var found;
-  Fw::octetSeq shortKad;
-  shortKad.length(11);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyRecordsByKad(shortKad, found.out()); }), 1220);
-  ASSERT_EQ(m_query->getKeyRecordsByKad(kad.in(), found.out()), 3);
-  ASSERT_EQ(found->length(), 1u);
-  EXPECT_EQ(found[0].encKey.length(), 16u);
-}
-
-TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
-  Facets::KeyRecord_var blankKey = m_modify->getNewKey();
-  EXPECT_EQ(blankKey->createTime, kEpochTicks);
-  EXPECT_EQ(blankKey->updateTime, kEpochTicks);
-  EXPECT_EQ(blankKey->state, 0);
-  EXPECT_STREQ(blankKey->tag.in(), "");
-  EXPECT_EQ(blankKey->attributeList.length(), 0u);
-  Facets::KeyGroupRecord_var blankGroup = m_modify->getNewKeyGroup();
-  EXPECT_EQ(blankGroup->createTime, kEpochTicks);
-  EXPECT_EQ(blankGroup->type, 0);
-  // The form as it came is not a group the store takes.
-  EXPECT_EQ(serviceError(
-                [&] { Facets::KeyGroupRecord_var g = m_modify->createKeyGroup(blankGroup.in()); }),
-            1214);
-
-  // The counts of a group are the store's own, whatever was sent.
-  blankGroup->name = "g";
-  blankGroup->type = 3;
-  blankGroup->stat.hasActiveKey = true;
-  blankGroup->stat.numKeys = 99;
-  Facets::KeyGroupRecord_var group = m_modify->createKeyGroup(blankGroup.in());
-  EXPECT_FALSE(group->stat.hasActiveKey);
-  EXPECT_EQ(group->stat.numKeys, 0);
-  EXPECT_EQ(group->rev, 1);
-
-  blankKey->name = "k";
-  blankKey->keyGroup = group->tag;
-  blankKey->state = 2;
-  blankKey->kpkType = 1;
-  blankKey->tag = "ABCDEF";  // not strict hexadecimal: no tag at all
-  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = m_modify->recoverKey("p", blankKey); }),
-            1215);
-  blankKey->tag = "abcdef0123456789abcdef01";
-  Facets::KeyRecord_var recovered = m_modify->recoverKey("p", blankKey.in());
-  EXPECT_STREQ(recovered->tag.in(), "abcdef0123456789abcdef01");
-  Facets::KeyGroupRecord_var counted = m_query->getKeyGroupRecord(group->tag);
-  EXPECT_EQ(counted->stat.numKeys, 1);
-  EXPECT_FALSE(counted->stat.hasActiveKey);
-
-  EXPECT_EQ(serviceError([&] { m_modify->deleteKey(recovered->tag); }), 1242);
-  EXPECT_EQ(serviceError([&] { m_modify->deleteKeyGroup(group->tag, false); }), 1222);
-  m_modify->deleteKeyGroup(group->tag, true);
-  Facets::KeyGroupRecordSeq_var groups = m_query->getAllKeyGroupRecords();
-  EXPECT_EQ(groups->length(), 0u);
-}
-
-// exportKS and importKS: a refusal comes back as a status, not as an
-// exception; a store that has lost its state raises on export (and stops
-// the service) and ends the process on import.
-TEST_F(Facet, EximRefusalsAreStatusesAndALostStoreRaisesOnExport) {
-  KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
-                                Fw::ServiceContainerOptions{0}, "");
+  // exportKS and importKS answer a refusal with a status, not an exception.
   Fw::octetSeq_var data;
   const auto exportAll = [&] {
     return m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
@@ -224,19 +96,101 @@ TEST_F(Facet, EximRefusalsAreStatusesAndALostStoreRaisesOnExport) {
   EXPECT_NE(status->error_code, 0);
   EXPECT_FALSE(container.stopRequested());
 
+  // Once the store has dropped its state the process must not go on serving.
   ASSERT_EQ(m_store.shutdown(), 0);
   EXPECT_EQ(serviceError([&] { Facets::KSOpStatus_var lost = exportAll(); }), 1202);
   EXPECT_TRUE(container.stopRequested());
+  EXPECT_TRUE(container.stoppedAbnormally());
+  EXPECT_EQ(serviceError([&] { m_control->isQuiesced(); }), 1202);
+  EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
 }
 
-TEST_F(Facet, ImportOnALostStoreEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(Facet, WithoutAServiceALostStoreOnlyRaisesButImportEndsTheProcess) {
+  ASSERT_EQ(Fw::OrbService::Instance(), nullptr);
   ASSERT_EQ(m_store.shutdown(), 0);
+  EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
         Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
       },
       "terminate called after throwing an instance of '.*KeyStoreError'");
+}
+
+TEST_F(Facet, FormsCountsAndArgumentsThatCannotReachTheStore) {
+  Facets::KeyRecord_var blank = m_modify->getNewKey();
+  EXPECT_EQ(blank->createTime, kEpochTicks);
+  EXPECT_EQ(blank->updateTime, kEpochTicks);
+  EXPECT_EQ(blank->state, 0);
+  EXPECT_STREQ(blank->tag.in(), "");
+  EXPECT_EQ(blank->attributeList.length(), 0u);
+  Facets::KeyGroupRecord_var form = m_modify->getNewKeyGroup();
+  EXPECT_EQ(form->createTime, kEpochTicks);
+  EXPECT_EQ(form->type, 0);
+  // The form as it came is not a group the store takes.
+  EXPECT_EQ(serviceError([&] { Facets::KeyGroupRecord_var g = m_modify->createKeyGroup(form); }),
+            1214);
+  // The counts of a group are the store's own, whatever was sent.
+  form->name = "g";
+  form->type = 1;
+  form->stat.hasActiveKey = true;
+  form->stat.numKeys = 99;
+  Facets::KeyGroupRecord_var group = m_modify->createKeyGroup(form.in());
+  EXPECT_FALSE(group->stat.hasActiveKey);
+  EXPECT_EQ(group->stat.numKeys, 0);
+  EXPECT_EQ(group->rev, 1);
+
+  blank->name = "k";
+  blank->keyGroup = group->tag;
+  blank->state = 1;
+  blank->kpkType = 1;
+  Facets::KeyRecord_var key = m_modify->createKey("", blank.in());
+  EXPECT_EQ(key->encKey.length(), 0u);  // a change hands out no key material
+  Facets::KeyGroupRecord_var counted = m_query->getKeyGroupRecord(group->tag);
+  EXPECT_EQ(counted->stat.numKeys, 1);
+  EXPECT_TRUE(counted->stat.hasActiveKey);
+  blank->name = "r";
+  blank->tag = "ABCDEF";  // not strict hexadecimal: no tag at all
+  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = m_modify->recoverKey("p", blank); }),
+            1215);
+
+  // Tags that are not strict hexadecimal are refused by getKeyAndKad itself
+  // and not found by every other lookup; no KAD length outside 12..4096
+  // reaches the store.
+  std::string upper = key->tag.in();
+  for (char& c : upper) {
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  Facets::KeyRecord_var record;
+  Fw::octetSeq_var kad;
+  const struct {
+    std::string tag;
+    int length, status;
+  } refusals[] = {{"", 12, 1215},
+                  {upper, 12, 1215},
+                  {key->tag.in(), -1, 1214},
+                  {key->tag.in(), 4097, 1214},
+                  {key->tag.in(), 11, 1220}};
+  for (const auto& r : refusals) {
+    EXPECT_EQ(serviceError(
+                  [&] { m_query->getKeyAndKad(r.tag.c_str(), r.length, record.out(), kad.out()); }),
+              r.status)
+        << r.tag << " " << r.length;
+  }
+  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKey(upper.c_str()); }), 1260);
+  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKeyRecord("0g"); }), 1260);
+  // The longest KAD is the tag padded with '0' characters.
+  EXPECT_EQ(m_query->getKeyAndKad(key->tag, 4096, record.out(), kad.out()), 1);
+  ASSERT_EQ(kad->length(), 4096u);
+  EXPECT_EQ(kad[32], '0');
+  EXPECT_EQ(record->encKey.length(), 16u);
+  Facets::KeyRecordSeq_var found;
+  Fw::octetSeq shortKad;
+  shortKad.length(11);
+  EXPECT_EQ(serviceError([&] { m_query->getKeyRecordsByKad(shortKad, found.out()); }), 1220);
+  ASSERT_EQ(m_query->getKeyRecordsByKad(kad.in(), found.out()), 3);
+  ASSERT_EQ(found->length(), 1u);
+  EXPECT_EQ(found[0].encKey.length(), 16u);
 }
 
 }  // namespace

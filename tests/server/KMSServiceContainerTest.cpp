@@ -1,12 +1,12 @@
 // The service's peer rule, with peers and master configurations made up by
-// the test. (The framework's judgement of requests is tested on the running
-// service: VrkmsSecurityTest.)
+// the test.
 #include "kms/server/KMSServiceContainer.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <list>
+#include <map>
 #include <string>
 
 #include "support/LogCapture.h"
@@ -39,18 +39,14 @@ TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
     EXPECT_EQ(container.extraServiceLevelValidation(row.peer), row.passes) << row.conf;
   }
   const auto lines = log.debugLines();
-  EXPECT_EQ(LogCapture::containing(lines,
-                                   "Configuration flag:VRKMS_BLOCK_MEDIA is set, checking "
-                                   "whether the peer is media server")
-                .size(),
-            4u);
-  EXPECT_EQ(
-      LogCapture::containing(lines, "Peer:127.0.0.1 is master server, allowing request").size(),
-      1u);
-  EXPECT_EQ(
-      LogCapture::containing(lines, "Peer:192.0.2.7 is media server, NOT allowing request").size(),
-      1u);
-
+  for (const auto& [text, count] : std::map<std::string, size_t>{
+           {"Configuration flag:VRKMS_BLOCK_MEDIA is set, checking whether the peer is media "
+            "server",
+            4},
+           {"Peer:127.0.0.1 is master server, allowing request", 1},
+           {"Peer:192.0.2.7 is media server, NOT allowing request", 1}}) {
+    EXPECT_EQ(LogCapture::containing(lines, text).size(), count) << text;
+  }
   // An unreadable master configuration lets everyone in.
   ASSERT_EQ(::unlink(root.confPath().c_str()), 0);
   EXPECT_EQ(container.extraServiceLevelValidation("192.0.2.7"), 1);

@@ -15,43 +15,32 @@ namespace {
 
 const int64_t kEpochTicks = 122192928000000000LL;
 
-Store::KeyRecord_v1 sampleKey() {
-  Store::KeyRecord_v1 rec;
-  rec.setFields(std::string(32, '\x01') + "\xff", "key one", std::string(32, '\xab'),
-                Store::KEY_ACTIVE, 1700000001, 1700000000, "the description", 7, Store::KPK_LOCAL,
-                std::string(32, '\x7f'), "");
-  rec.attributes().addAttribute("b-name", "two");
-  rec.attributes().addAttribute("a-name", "one");
-  return rec;
+std::string times32(const std::string& pair) {
+  std::string text;
+  for (int i = 0; i < 32; ++i) {
+    text += pair;
+  }
+  return text;
 }
 
 }  // namespace
 
-TEST(RecordConvertor, TimesCountTicksFromTheGregorianReformAndRoundTripWholeSeconds) {
-  EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks), 0u);
-  EXPECT_EQ(RecordConvertor::toIdlTime(0), kEpochTicks);
-  for (uint64_t seconds : {uint64_t{0}, uint64_t{1}, uint64_t{1700000000}, uint64_t{4102444800}}) {
-    EXPECT_EQ(RecordConvertor::toKsTime(RecordConvertor::toIdlTime(seconds)), seconds);
-  }
-  // Below a second is lost going in.
-  EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks + 10000000LL * 5 + 9999999), 5u);
-}
-
+// Times count 100 ns ticks from the Gregorian reform: whole seconds round
+// trip, below a second is lost going in.
 TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
-  const Store::KeyRecord_v1 rec = sampleKey();
+  EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks + 10000000LL * 5 + 9999999), 5u);
+  EXPECT_EQ(RecordConvertor::toKsTime(RecordConvertor::toIdlTime(4102444800)), 4102444800u);
+  Store::KeyRecord_v1 rec;
+  rec.setFields(times32("\x01") + "\xff", "key one", times32("\xab"), Store::KEY_ACTIVE, 1700000001,
+                1700000000, "the description", 7, Store::KPK_LOCAL, times32("\x7f"), "");
+  rec.attributes().addAttribute("b-name", "two");
+  rec.attributes().addAttribute("a-name", "one");
   Wire::KeyRecord_var wire = RecordConvertor::toIdlKeyRecord(rec);
-  EXPECT_EQ(wire->createTime, (12219292800LL + 1700000000LL) * 10000000LL);
-  EXPECT_EQ(wire->updateTime, (12219292800LL + 1700000001LL) * 10000000LL);
-  const auto hex = [](const char* pair) {
-    std::string text;
-    for (int i = 0; i < 32; ++i) {
-      text += pair;
-    }
-    return text;
-  };
-  EXPECT_EQ(std::string(wire->tag.in()), hex("01") + "ff");
-  EXPECT_EQ(std::string(wire->keyGroup.in()), hex("ab"));
-  EXPECT_EQ(std::string(wire->kpkTag.in()), hex("7f"));
+  EXPECT_EQ(wire->createTime, kEpochTicks + 1700000000LL * 10000000LL);
+  EXPECT_EQ(wire->updateTime, kEpochTicks + 1700000001LL * 10000000LL);
+  EXPECT_EQ(std::string(wire->tag.in()), times32("01") + "ff");
+  EXPECT_EQ(std::string(wire->keyGroup.in()), times32("ab"));
+  EXPECT_EQ(std::string(wire->kpkTag.in()), times32("7f"));
   EXPECT_EQ(wire->state, 1);
   EXPECT_EQ(wire->kpkType, 1);
   EXPECT_EQ(wire->rev, 7);
@@ -60,7 +49,6 @@ TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   EXPECT_STREQ(wire->attributeList[0].name, "a-name");  // the list's order
   EXPECT_STREQ(wire->attributeList[0].value, "one");
   EXPECT_STREQ(wire->attributeList[1].name, "b-name");
-
   EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()), rec);
 
   wire->encKey.length(3);
@@ -68,31 +56,24 @@ TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   wire->encKey[1] = 0xff;
   wire->encKey[2] = 0x10;
   EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).key(), std::string("\x00\xff\x10", 3));
-
   // A tag that is not strict hexadecimal arrives as no tag at all.
   wire->tag = "ABCDEF";
   wire->keyGroup = "abc";
-  const Store::KeyRecord_v1 odd = RecordConvertor::toKsKeyRecord(wire.in());
-  EXPECT_EQ(odd.tag(), "");
-  EXPECT_EQ(odd.keyGroup(), "");
-}
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).tag(), "");
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).keyGroup(), "");
 
-TEST(RecordConvertor, LongNamesAreCutAndUnknownEnumerationsRefused) {
+  // Long names are cut, unknown enumerations refused.
   LogCapture log;
-  Wire::KeyRecord_var wire = RecordConvertor::toIdlKeyRecord(sampleKey());
   wire->name = std::string(5000, 'n').c_str();
   wire->description = std::string(4097, 'd').c_str();
-  const Store::KeyRecord_v1 rec = RecordConvertor::toKsKeyRecord(wire.in());
-  EXPECT_EQ(rec.name(), std::string(4096, 'n'));
-  EXPECT_EQ(rec.description(), std::string(4096, 'd'));
-  EXPECT_EQ(LogCapture::containing(log.debugLines(),
-                                   "KeyRecord_v1::setName: Encountered Name of size 5000. "
-                                   "Truncating to 4096")
-                .size(),
-            1u);
-  EXPECT_EQ(LogCapture::containing(log.debugLines(), "Encountered Description of size 4097").size(),
-            1u);
-
+  const Store::KeyRecord_v1 cut = RecordConvertor::toKsKeyRecord(wire.in());
+  EXPECT_EQ(cut.name(), std::string(4096, 'n'));
+  EXPECT_EQ(cut.description(), std::string(4096, 'd'));
+  for (const char* text :
+       {"KeyRecord_v1::setName: Encountered Name of size 5000. Truncating to 4096",
+        "Encountered Description of size 4097"}) {
+    EXPECT_EQ(LogCapture::containing(log.debugLines(), text).size(), 1u) << text;
+  }
   for (int state : {6, -1}) {
     wire->state = state;
     try {
