@@ -73,37 +73,29 @@ TEST(SecureFGets, ReadsLinesFromAPipeUpToTheGivenCount) {
 
 TEST(SecureFGets, DoesNotEchoOnATerminalAndRestoresItsSettings) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(master, 0);
-  ASSERT_EQ(grantpt(master), 0);
-  ASSERT_EQ(unlockpt(master), 0);
-  const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
-  ASSERT_GE(slave, 0);
-  struct termios before;
-  ASSERT_EQ(tcgetattr(slave, &before), 0);
-  ASSERT_TRUE(before.c_lflag & ECHO);
-  FILE* in = fdopen(slave, "r");
+  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  FILE* in = fdopen(open(ptsname(master), O_RDWR | O_NOCTTY), "r");
   ASSERT_NE(in, nullptr);
-
+  struct termios before, now, after;
+  ASSERT_EQ(tcgetattr(fileno(in), &before), 0);
+  ASSERT_TRUE(before.c_lflag & ECHO);
   char buf[64];
   char* result = nullptr;
   std::thread reader([&] { result = SecureFGets(buf, sizeof(buf) - 1, in); });
   // Type only once echo is off, as a person at the prompt would.
-  struct termios now;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   do {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    ASSERT_EQ(tcgetattr(slave, &now), 0);
+    ASSERT_EQ(tcgetattr(fileno(in), &now), 0);
   } while ((now.c_lflag & ECHO) && std::chrono::steady_clock::now() < deadline);
   EXPECT_FALSE(now.c_lflag & (ECHO | ECHONL));
   ASSERT_EQ(write(master, "s3cret\n", 7), 7);
   reader.join();
   ASSERT_EQ(result, buf);
   EXPECT_STREQ(buf, "s3cret\n");
-
   struct pollfd pfd = {master, POLLIN, 0};
   EXPECT_EQ(poll(&pfd, 1, 100), 0) << "something was echoed";
-  struct termios after;
-  ASSERT_EQ(tcgetattr(slave, &after), 0);
+  ASSERT_EQ(tcgetattr(fileno(in), &after), 0);
   EXPECT_EQ(after.c_lflag, before.c_lflag);
   fclose(in);
   close(master);
