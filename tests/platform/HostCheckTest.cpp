@@ -38,12 +38,14 @@ TEST(HostCheck, LocalHostIsThisHostByNameLoopbackOrInterfaceAddress) {
   EXPECT_FALSE(vrnet_is_local_host(nullptr));
 }
 
+// The process-wide copy of the master configuration: dropped when the file
+// cannot be read, while a copy a caller holds stays valid.
 TEST(HostCheck, MasterServerIsTheFirstServerOfTheConfiguration) {
   PlatformTestRoot root;
-  VR_read_master_config();  // none yet
+  root.writeConf("EMM_SERVER = localhost\n");
+  ASSERT_EQ(VR_read_master_config(), 0);
   EXPECT_FALSE(vrnet_is_master_server("localhost"));
-
-  root.writeConf("SERVER = localhost\nSERVER = 192.0.2.1\n");
+  root.writeConf("SERVER = localhost\nSERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = yes\n");
   ASSERT_EQ(VR_read_master_config(), 0);
   for (const char* name : {"localhost", "LocalHost", "127.0.0.1"}) {  // by name or address
     EXPECT_TRUE(vrnet_is_master_server(name)) << name;
@@ -51,8 +53,20 @@ TEST(HostCheck, MasterServerIsTheFirstServerOfTheConfiguration) {
   EXPECT_FALSE(vrnet_is_master_server("192.0.2.1"));  // a server, not the first
   EXPECT_FALSE(vrnet_is_master_server(""));
   EXPECT_FALSE(vrnet_is_master_server(nullptr));
+  bool block = false;
+  EXPECT_EQ(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
+  EXPECT_TRUE(block);
+  EXPECT_NE(vrconfGetKeyValPairAsBool("ABSENT", &block), 0);
 
-  root.writeConf("EMM_SERVER = localhost\n");
-  ASSERT_EQ(VR_read_master_config(), 0);
+  const auto config = get_master_config_ptr();
+  ASSERT_TRUE(config);
+  std::remove(root.confPath().c_str());
+  EXPECT_NE(VR_read_master_config(), 0);
+  EXPECT_FALSE(get_master_config_ptr());
   EXPECT_FALSE(vrnet_is_master_server("localhost"));
+  EXPECT_NE(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
+  EXPECT_EQ(config->servers, (std::vector<std::string>{"localhost", "192.0.2.1"}));
+  VrConfReader direct;
+  EXPECT_NE(direct.read(root.confPath()), 0);
+  EXPECT_TRUE(direct.entries().empty());
 }

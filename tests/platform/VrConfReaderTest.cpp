@@ -4,8 +4,6 @@
 
 #include <map>
 
-#include "support/PlatformTestRoot.h"
-
 TEST(VrConfReader, SkipsCommentsCountsBadLinesAndReadsValues) {
   VrConfReader conf;
   conf.parse(
@@ -51,27 +49,4 @@ TEST(VrConfReader, SkipsCommentsCountsBadLinesAndReadsValues) {
   VrConfReader none;
   none.parse("# nothing\n");
   EXPECT_TRUE(none.servers().empty());
-}
-
-TEST(VrConfReader, MissingMasterConfigurationIsAnErrorAndDropsTheOldCopy) {
-  PlatformTestRoot root;
-  root.writeConf("SERVER = a\nSERVER = b\nKMS_DIR = /k\nVRKMS_BLOCK_MEDIA = yes\n");
-  ASSERT_EQ(VR_read_master_config(), 0);
-  auto config = get_master_config_ptr();
-  ASSERT_TRUE(config);
-  EXPECT_EQ(config->servers, (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(config->kmsDir, "/k");
-  bool block = false;
-  EXPECT_EQ(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
-  EXPECT_TRUE(block);
-  EXPECT_NE(vrconfGetKeyValPairAsBool("ABSENT", &block), 0);
-
-  std::remove(root.confPath().c_str());
-  VrConfReader direct;
-  EXPECT_NE(direct.read(root.confPath()), 0);
-  EXPECT_TRUE(direct.entries().empty());
-  EXPECT_NE(VR_read_master_config(), 0);
-  EXPECT_FALSE(get_master_config_ptr());
-  EXPECT_EQ(config->kmsDir, "/k");  // a copy held by a caller stays valid
-  EXPECT_NE(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
 }
