@@ -1,6 +1,8 @@
 // The compiled-in catalogue: sorted (lookups are binary searches), complete
 // for every message and status code the program names, and with as many
-// placeholders as the callers pass arguments.
+// placeholders as the callers pass arguments. And the refusals of both digest
+// front ends (their known answers are checked by the store format tests, which
+// digest with OpenSSL directly).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,6 +12,8 @@
 
 #include "kms/platform/CatalogueTexts.h"
 #include "kms/platform/CrvnLis.h"
+#include "kms/platform/Hash.h"
+#include "kms/platform/HashGenerator.h"
 
 namespace {
 
@@ -97,4 +101,33 @@ TEST(Catalogue, BuildsArgumentsFromAPrintfStyleFormat) {
   EXPECT_EQ(crvnLisBuild(&lis, 47, nullptr), CRVN_LIS_BAD_ARG);
   ASSERT_EQ(crvnLisBuild(&lis, 83, ""), CRVN_LIS_SUCCESS);
   EXPECT_EQ(lis.argCount, 0);
+}
+
+TEST(HashGenerator, LengthsAndRefusals) {
+  using CmnCrypto::HashGenerator;
+  EXPECT_EQ(HashGenerator::digestLength(CmnCrypto::HASH_SHA256), 32u);
+  EXPECT_EQ(HashGenerator::digestLength(CmnCrypto::HASH_SHA1), 20u);
+  EXPECT_THROW(HashGenerator(static_cast<CmnCrypto::_HASH_ALGO>(2)), CmnCrypto::CmnException);
+  EXPECT_THROW(HashGenerator::digestLength(static_cast<CmnCrypto::_HASH_ALGO>(0)),
+               CmnCrypto::CmnException);
+  HashGenerator sha1(CmnCrypto::HASH_SHA1);
+  sha1.addData("a", 1);
+  sha1.addData("", 0);
+  sha1.addData("bc", 2);
+  EXPECT_EQ(sha1.generateBinaryHash().size(), 20u);
+  EXPECT_THROW(sha1.addData("x"), CmnCrypto::CmnException);
+  EXPECT_THROW(sha1.generateBinaryHash(), CmnCrypto::CmnException);
+
+  std::string digest;
+  Hash hash(MANGLE_HASH_SHA1);
+  ASSERT_EQ(hash.update("Z", 1), 0);
+  ASSERT_EQ(hash.getHash(&digest), 0);
+  EXPECT_EQ(digest.size(), 20u);
+  EXPECT_NE(hash.update("Z", 1), 0);
+  EXPECT_NE(hash.getHash(&digest), 0);
+  Hash unknown(static_cast<mangleHashType>(2));
+  EXPECT_NE(unknown.update("Z", 1), 0);
+  digest = "untouched";
+  EXPECT_NE(unknown.getHash(&digest), 0);
+  EXPECT_EQ(digest, "untouched");
 }
