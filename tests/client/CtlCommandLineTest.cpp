@@ -14,7 +14,6 @@
 #include "kms/client/CtlExportFile.h"
 #include "kms/client/CtlOpMessages.h"
 #include "kms/client/JsonWriter.h"
-#include "support/PlatformTestRoot.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
@@ -108,12 +107,6 @@ TEST(CtlEndpoint, ReferencesFromEndpointsAndTheMasterConfiguration) {
   for (const char* bad : {"giop:unix:", "giop:ssh:h:1", "host", "host:port"}) {
     EXPECT_THROW(CtlEndpoint::toReference(bad), UsageError) << bad;
   }
-  // By default the local endpoint, whatever the master configuration says.
-  PlatformTestRoot root;
-  root.writeConf("SERVER = localhost\nVRKMS_ENDPOINT = giop:tcp:192.0.2.7:4321\n");
-  EXPECT_EQ(CtlEndpoint::configuredReference(),
-            "corbaloc:omniunix:" + root.etcDir().substr(0, root.etcDir().size() - 4) +
-                "/var/vrkms/local/vrkms.sock:/KMS.KMSMgr");
 }
 
 TEST(CtlOutput, JsonEscapesEveryByteAndUnwordedMessagesShowAsTheyCame) {
