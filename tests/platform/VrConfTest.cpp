@@ -22,18 +22,9 @@
 TEST(VrConfReader, SkipsCommentsCountsBadLinesAndReadsValues) {
   VrConfReader conf;
   conf.parse(
-      "# master configuration\n"
-      "   # indented comment = not an entry\n"
-      "\n"
-      "SERVER = master.example\n"
-      "SERVER=media1\n"
-      "  SERVER   =   media2  \r\n"
-      "no equals sign here\n"
-      "TWO WORDS = x\n"
-      " = no name\n"
-      "KMS_DIR = /srv/kms = odd\n"
-      "EMPTY =\n"
-      "server = lower-case names are other names\n"
+      "# master configuration\n   # indented comment = not an entry\n\nSERVER = master.example\n"
+      "SERVER=media1\n  SERVER   =   media2  \r\nno equals sign here\nTWO WORDS = x\n = no name\n"
+      "KMS_DIR = /srv/kms = odd\nEMPTY =\nserver = lower-case names are other names\n"
       "A = YES\nB = no\nC = TRUE\nD = 0\nE = yEs\nF = False\nG = 1\nH = maybe\nI = 2\n");
   EXPECT_EQ(conf.badLines(), 3);
   EXPECT_EQ(conf.servers(), (std::vector<std::string>{"master.example", "media1", "media2"}));
@@ -66,53 +57,7 @@ TEST(VrConfReader, SkipsCommentsCountsBadLinesAndReadsValues) {
   EXPECT_TRUE(none.servers().empty());
 }
 
-TEST(VrConfInfo, SetThenGetRoundTripsAndLeavesOtherLinesAlone) {
-  PlatformTestRoot root;
-  root.writeConf(
-      "# product settings\n"
-      "SERVER = master\n"
-      "USE_CXSS = 1\n"
-      "  VERBOSE=3   # odd spacing\r\n"
-      "KMS_DIR = /srv/kms\n"
-      "USE_CXSS = 9\n"
-      "trailing line without newline");
-  chmod(root.confPath().c_str(), 0640);
-
-  vrconf_info_t info{};
-  ASSERT_EQ(vrconf_get_info(&info), 0);
-  EXPECT_EQ(info.use_cxss, 1);                     // the first of a repeated name
-  EXPECT_EQ(info.verbose, kVrconfDefaultVerbose);  // "3   # odd spacing" is no number
-  EXPECT_STREQ(info.emm_server, kVrconfDefaultEmmServer);
-  vrconf_free_info(&info);
-  EXPECT_EQ(info.emm_server, nullptr);
-  char server[] = "emm.example:1556";
-  vrconf_info_t update{0, 5, server};
-  ASSERT_EQ(vrconf_set_info(&update), 0);
-  EXPECT_EQ(root.readConf(),
-            "# product settings\n"
-            "SERVER = master\n"
-            "USE_CXSS = 0\n"
-            "VERBOSE = 5\r\n"
-            "KMS_DIR = /srv/kms\n"
-            "USE_CXSS = 0\n"
-            "trailing line without newline\n"
-            "EMM_SERVER = emm.example:1556\n");
-  struct stat st;
-  ASSERT_EQ(stat(root.confPath().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0640u);
-
-  ASSERT_EQ(vrconf_get_info(&info), 0);
-  EXPECT_EQ(info.use_cxss, 0);
-  EXPECT_EQ(info.verbose, 5);
-  EXPECT_STREQ(info.emm_server, "emm.example:1556");
-  vrconf_free_info(&info);
-
-  // Nothing else is left beside the file.
-  const std::filesystem::directory_iterator etc(root.etcDir());
-  EXPECT_EQ(std::distance(begin(etc), end(etc)), 1);
-}
-
-TEST(VrConfInfo, FailuresReturnNonZeroAndChangeNothing) {
+TEST(VrConfInfo, FailuresChangeNothingSetThenGetLeavesOtherLinesAlone) {
   PlatformTestRoot root;
   vrconf_info_t info{};
   info.use_cxss = 77;
@@ -130,10 +75,36 @@ TEST(VrConfInfo, FailuresReturnNonZeroAndChangeNothing) {
   vrconf_info_t bad{1, 1, broken};
   EXPECT_NE(vrconf_set_info(&bad), 0);
   EXPECT_EQ(root.readConf(), "EMM_SERVER = old\n");
-
-  update.emm_server = nullptr;  // written as empty
-  ASSERT_EQ(vrconf_set_info(&update), 0);
+  ASSERT_EQ(vrconf_set_info(&update), 0);  // no server: written as empty
   EXPECT_EQ(root.readConf(), "EMM_SERVER = \nUSE_CXSS = 1\nVERBOSE = 1\n");
+
+  root.writeConf(
+      "# product settings\nSERVER = master\nUSE_CXSS = 1\n  VERBOSE=3   # odd spacing\r\n"
+      "KMS_DIR = /srv/kms\nUSE_CXSS = 9\ntrailing line without newline");
+  chmod(root.confPath().c_str(), 0640);
+  ASSERT_EQ(vrconf_get_info(&info), 0);
+  EXPECT_EQ(info.use_cxss, 1);                     // the first of a repeated name
+  EXPECT_EQ(info.verbose, kVrconfDefaultVerbose);  // "3   # odd spacing" is no number
+  EXPECT_STREQ(info.emm_server, kVrconfDefaultEmmServer);
+  vrconf_free_info(&info);
+  EXPECT_EQ(info.emm_server, nullptr);
+  char server[] = "emm.example:1556";
+  update = vrconf_info_t{0, 5, server};
+  ASSERT_EQ(vrconf_set_info(&update), 0);
+  EXPECT_EQ(root.readConf(),
+            "# product settings\nSERVER = master\nUSE_CXSS = 0\nVERBOSE = 5\r\nKMS_DIR = /srv/kms\n"
+            "USE_CXSS = 0\ntrailing line without newline\nEMM_SERVER = emm.example:1556\n");
+  struct stat st;
+  ASSERT_EQ(stat(root.confPath().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  ASSERT_EQ(vrconf_get_info(&info), 0);
+  EXPECT_EQ(info.use_cxss, 0);
+  EXPECT_EQ(info.verbose, 5);
+  EXPECT_STREQ(info.emm_server, "emm.example:1556");
+  vrconf_free_info(&info);
+  // Nothing else is left beside the file.
+  const std::filesystem::directory_iterator etc(root.etcDir());
+  EXPECT_EQ(std::distance(begin(etc), end(etc)), 1);
 }
 
 TEST(HostCheck, LocalHostIsThisHostByNameLoopbackOrInterfaceAddress) {

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iterator>
 #include <list>
-#include <map>
 #include <set>
 #include <string>
 
@@ -16,7 +15,6 @@
 #include "kms/platform/framework/RequestGuard.h"
 #include "kms/server/KMSAuthTable.h"
 #include "kms/server/KMSServiceContainer.h"
-#include "support/LogCapture.h"
 #include "support/PlatformTestRoot.h"
 
 using namespace Ardentis::Vaultrest::TL::Framework;
@@ -64,11 +62,8 @@ TEST(Authorization, GrantsNameEachKindOfPeer) {
   PeerGrants grants;
   std::string error;
   ASSERT_TRUE(
-      grantsOf("VRKMS_GRANT = 192.0.2.1 1, 3\n"
-               "VRKMS_GRANT = * 28\n"
-               "VRKMS_GRANT = uid:4242 40\n"
-               "VRKMS_GRANT = uid:root 2\n"
-               "VRKMS_GRANT = cert:CN=media01 1,2\n",
+      grantsOf("VRKMS_GRANT = 192.0.2.1 1, 3\nVRKMS_GRANT = * 28\nVRKMS_GRANT = uid:4242 40\n"
+               "VRKMS_GRANT = uid:root 2\nVRKMS_GRANT = cert:CN=media01 1,2\n",
                &grants, &error))
       << error;
   const uid_t service = 1234;
@@ -140,7 +135,6 @@ TEST(Authorization, PeerAddressesAndOperationKeys) {
 
 TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
   PlatformTestRoot root;
-  LogCapture log{6};
   KMSServiceContainer container{
       false, "vrkms", 286, std::list<std::string>{}, 10, ServiceContainerOptions{0}, ""};
   const struct {
@@ -161,19 +155,7 @@ TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
     root.writeConf(row.conf);
     EXPECT_EQ(container.extraServiceLevelValidation(row.peer), row.passes) << row.conf;
   }
-  const auto lines = log.debugLines();
-  for (const auto& [text, count] : std::map<std::string, size_t>{
-           {"Configuration flag:VRKMS_BLOCK_MEDIA is set, checking whether the peer is media "
-            "server",
-            4},
-           {"Peer:127.0.0.1 is master server, allowing request", 1},
-           {"Peer:192.0.2.7 is media server, NOT allowing request", 1}}) {
-    EXPECT_EQ(LogCapture::containing(lines, text).size(), count) << text;
-  }
   // An unreadable master configuration lets everyone in.
   ASSERT_EQ(::unlink(root.confPath().c_str()), 0);
   EXPECT_EQ(container.extraServiceLevelValidation("192.0.2.7"), 1);
-  EXPECT_FALSE(
-      LogCapture::containing(log.debugLines(), "VR_read_master_config failed with status :")
-          .empty());
 }
