@@ -1,6 +1,4 @@
-// The client's side of a command: the command line, the endpoint, the JSON
-// text, import messages, the export file, and the program's exit statuses
-// where no service answers.
+// The client's side of a command, up to where the service answers.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -57,7 +55,6 @@ TEST(CtlCommandLine, OperandsOptionsAndUsageErrors) {
     EXPECT_THROW(CtlCommands::parseHex(bad, "x"), UsageError) << bad;
   }
   EXPECT_THROW(CtlCommands::parseState("KEY_"), UsageError);
-
   const std::pair<std::vector<std::string>, const char*> faults[] = {
       {{}, "no command given"},
       {{"key", "steal"}, "unknown command key steal"},
@@ -125,7 +122,6 @@ TEST(CtlOutput, JsonEscapesEveryByteAndUnwordedMessagesShowAsTheyCame) {
   json.endObject();
   EXPECT_EQ(out.str(),
             "{\"s\":\"a\\\"b\\\\c\\u000a\\u0001\\u00e9\",\"list\":[true,{},-1234567890123]}");
-
   // Arguments are put in as they are, in one pass.
   EXPECT_EQ(CtlOpMessages::text(4, {"a%2", "b%1"}), "Changing key group [a%2] to [b%1]");
   EXPECT_EQ(CtlOpMessages::text(4, {"g"}), "message 4: g");

@@ -1,9 +1,6 @@
-// vrclusterutil against Pacemaker's own tools in their file mode (CIB_file:
-// they read and write one file, with no cluster daemons): the recipe of
-// dist/pacemaker loaded into a CIB of two nodes, this host and "peer", its
-// status made by crm_simulate. Then the service started on such a CIB, as
-// systemd would start it: readiness, watchdog and status lines on a
-// datagram socket the test owns (NOTIFY_SOCKET).
+// vrclusterutil against Pacemaker's tools in their file mode (CIB_file, no
+// cluster daemons), on CIBs of this host and "peer" made from dist/pacemaker;
+// then the service on such a CIB as systemd starts it (NOTIFY_SOCKET).
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -129,7 +126,6 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   }
   EXPECT_EQ(clusterUtil(cibOf("none"), {"-monitor", "vrkms"}).exitStatus, 1);
   EXPECT_EQ(clusterUtil(cibOf("here"), {"-bogus"}).exitStatus, 2);
-
   // The service started as systemd starts it, the utility installed.
   ASSERT_TRUE(service.makeStore());
   const std::string bin = service.root().file("vaultrest/bin");
@@ -145,7 +141,6 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
             "STATUS=This host is an inactive node of a cluster. The key management service was "
             "not started.");
   EXPECT_NE(service.appLog().find("286-86 "), std::string::npos);
-
   // Active and not yet monitored: ready once advertised, fed, monitored; a
   // second -monitor changes nothing.
   const std::string cib = cibOf("unmonitored");

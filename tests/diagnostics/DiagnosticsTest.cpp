@@ -29,7 +29,6 @@ TEST(Messages, CatalogueFailuresThrow1269ReleaseTheArgumentsAndAreLogged) {
   ASSERT_EQ(crvnLisBuild(&lis, 92, "%s", GetCxULMessageEx(286, 25).c_str()), CRVN_LIS_SUCCESS);
   EXPECT_EQ(GetCxULMessageBottom(286, 92, CRVN_LIS_SUCCESS, &lis), "FIPS compliant: Yes");
   EXPECT_EQ(lis.argCount, 0);  // released
-
   const std::function<void()> failures[] = {
       [] { GetCxULMessageEx(286, 9999); },  // no such message
       [&] {

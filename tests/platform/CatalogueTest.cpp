@@ -1,8 +1,5 @@
-// The compiled-in catalogue: sorted (lookups are binary searches), complete
-// for every message and status code the program names, and with as many
-// placeholders as the callers pass arguments. And the refusals of both digest
-// front ends (their known answers are checked by the store format tests, which
-// digest with OpenSSL directly).
+// The compiled-in catalogue, and the digests' refusals (their known answers
+// are checked against OpenSSL by the store format tests).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -94,7 +91,6 @@ TEST(Catalogue, BuildsArgumentsFromAPrintfStyleFormat) {
       crvnLisBuild(&lis, 89, "[%hd] %lud %c%%%lf", static_cast<short>(-2), 4000000000UL, 'x', 1.5),
       CRVN_LIS_SUCCESS);
   EXPECT_EQ(text(89), "Assertion failed: (-2) in file 4000000000 at line x1.500000");
-
   EXPECT_EQ(crvnLisBuild(&lis, 47, "%s%q", "a", 1), CRVN_LIS_BAD_ARG);
   EXPECT_EQ(lis.argCount, 0);
   EXPECT_EQ(crvnLisBuild(&lis, 47, "%"), CRVN_LIS_BAD_ARG);
@@ -117,7 +113,6 @@ TEST(HashGenerator, LengthsAndRefusals) {
   EXPECT_EQ(sha1.generateBinaryHash().size(), 20u);
   EXPECT_THROW(sha1.addData("x"), CmnCrypto::CmnException);
   EXPECT_THROW(sha1.generateBinaryHash(), CmnCrypto::CmnException);
-
   std::string digest;
   Hash hash(MANGLE_HASH_SHA1);
   ASSERT_EQ(hash.update("Z", 1), 0);

@@ -74,11 +74,9 @@ TEST(ProcessHandler, FindsProcessesByArgv0BaseNameOrCommandNameButNotTheCallerNo
   for (const std::string& none : {name, std::string(), name.substr(0, name.size() - 1)}) {
     EXPECT_TRUE(ProcessHandler(none).getProcessIDs().empty()) << none;
   }
-
   const std::string self = "kmsself" + std::to_string(::getpid());
   ASSERT_EQ(::prctl(PR_SET_NAME, self.c_str(), 0, 0, 0), 0);
   EXPECT_FALSE(listed(self, ::getpid(), false));
-
   const std::string zombieName = "kmszmb" + std::to_string(::getpid());
   const pid_t zombie = childNamed(zombieName, true);
   std::string stat;
@@ -148,7 +146,6 @@ TEST(VRCluster, RunsTheUtilityAndReadsItsAnswers) {
   EXPECT_NE(cluster.getClusterData(info, nullptr), 0);
   EXPECT_EQ(info.monitoredServices, std::vector<std::string>{"kept"});
   EXPECT_NE(cluster.enableServiceMonitoring("vrkms"), 0);
-
   const std::string bin = InstallRoot::path("vaultrest/bin");
   ::mkdir(InstallRoot::path("vaultrest").c_str(), 0755);
   ::mkdir(bin.c_str(), 0755);

@@ -77,7 +77,6 @@ TEST(VrConfInfo, FailuresChangeNothingSetThenGetLeavesOtherLinesAlone) {
   EXPECT_EQ(root.readConf(), "EMM_SERVER = old\n");
   ASSERT_EQ(vrconf_set_info(&update), 0);  // no server: written as empty
   EXPECT_EQ(root.readConf(), "EMM_SERVER = \nUSE_CXSS = 1\nVERBOSE = 1\n");
-
   root.writeConf(
       "# product settings\nSERVER = master\nUSE_CXSS = 1\n  VERBOSE=3   # odd spacing\r\n"
       "KMS_DIR = /srv/kms\nUSE_CXSS = 9\ntrailing line without newline");
@@ -153,7 +152,6 @@ TEST(HostCheck, MasterServerIsTheFirstServerOfTheConfiguration) {
   EXPECT_EQ(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
   EXPECT_TRUE(block);
   EXPECT_NE(vrconfGetKeyValPairAsBool("ABSENT", &block), 0);
-
   const auto config = get_master_config_ptr();
   ASSERT_TRUE(config);
   std::remove(root.confPath().c_str());

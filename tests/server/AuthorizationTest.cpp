@@ -99,7 +99,6 @@ TEST(Authorization, GrantsNameEachKindOfPeer) {
   ASSERT_TRUE(grantsOf("SERVER = localhost\n", &grants, &error));
   EXPECT_FALSE(grants.rightsOf({PeerTransport::kTcp, "127.0.0.1"}, service).holdsAny());
   EXPECT_TRUE(grants.rightsOf({PeerTransport::kLocal, "uid:1234"}, service).holdsAll());
-
   // A line that cannot be read is named, and no grant is read at all.
   for (const char* bad : {"*", "127.0.0.1 none", "localhost 1", "uid:no-such-user-here 1", "uid: 1",
                           "cert: 1", "tls:CN=a 1", "10.0.0.1 1,x"}) {

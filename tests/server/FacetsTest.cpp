@@ -1,7 +1,5 @@
-// The three facet servants called directly, as the ORB calls them, over a
-// real store in a temporary root: the failure road to ServiceException, the
-// stop of a service whose store has lost its state, the checks made before
-// the store; and the conversion of records at the border.
+// The facet servants called as the ORB calls them, over a real store; and the
+// conversion of records at the border.
 #include <ace/OS_NS_sys_utsname.h>
 #include <gtest/gtest.h>
 
@@ -51,7 +49,6 @@ class Facet : public ::testing::Test {
     ASSERT_EQ(m_store.createEmpty("", "hmk-1", "", "kpk-1", false), 0);
     ASSERT_EQ(m_store.init(), 0);
   }
-
   TempRoot m_root{"vrkms-facet"};
   LogCapture m_log{4};
   FileKeyStore m_store{KMSFileLocator(m_root.file("kms"))};
@@ -84,7 +81,6 @@ TEST_F(Facet, StoreErrorsBecomeServiceExceptionsAndALostStoreStopsTheService) {
   }
   EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);  // a status result
   EXPECT_FALSE(container.stopRequested());
-
   // Once the store has dropped its state the process must not go on serving.
   ASSERT_EQ(m_store.shutdown(), 0);
   Fw::octetSeq_var data;
@@ -128,7 +124,6 @@ TEST_F(Facet, FormsCountsAndArgumentsThatCannotReachTheStore) {
   EXPECT_FALSE(group->stat.hasActiveKey);
   EXPECT_EQ(group->stat.numKeys, 0);
   EXPECT_EQ(group->rev, 1);
-
   blank->name = "k";
   blank->keyGroup = group->tag;
   blank->state = 1;
@@ -139,7 +134,6 @@ TEST_F(Facet, FormsCountsAndArgumentsThatCannotReachTheStore) {
   blank->tag = "ABCDEF";  // not strict hexadecimal: no tag at all
   EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = m_modify->recoverKey("p", blank); }),
             1215);
-
   // Tags that are not strict hexadecimal are refused by getKeyAndKad itself
   // and not found by other lookups; no length above 4096 reaches the store.
   std::string upper = key->tag.in();
@@ -186,7 +180,6 @@ TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   EXPECT_STREQ(wire->attributeList[0].name, "a-name");  // the list's order
   // Any field lost or changed on one way shows on the way back.
   EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()), rec);
-
   wire->encKey.length(3);
   wire->encKey[0] = 0;
   wire->encKey[1] = 0xff;
@@ -197,7 +190,6 @@ TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   wire->keyGroup = "abc";
   EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).tag(), "");
   EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).keyGroup(), "");
-
   // Long names are cut, unknown enumerations refused.
   LogCapture log;
   wire->name = std::string(5000, 'n').c_str();
