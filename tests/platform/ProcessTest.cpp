@@ -1,5 +1,5 @@
-// Processes of this host: the listing by name, the administrator check,
-// the terminal read of secrets and the cluster utility.
+// Processes of this host: the listing by name, the terminal read of secrets
+// and the cluster utility.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -19,7 +19,6 @@
 #include <thread>
 
 #include "kms/platform/InstallRoot.h"
-#include "kms/platform/ProcessAccount.h"
 #include "kms/platform/ProcessHandler.h"
 #include "kms/platform/SecureFGets.h"
 #include "kms/platform/VRCluster.h"
@@ -87,18 +86,6 @@ TEST(ProcessHandler, FindsProcessesByArgv0BaseNameOrCommandNameButNotTheCallerNo
   ASSERT_NE(stat.find(") Z "), std::string::npos) << stat;
   EXPECT_FALSE(listed(zombieName, zombie, false));
   ::waitpid(zombie, nullptr, 0);
-}
-
-TEST(ProcessAccount, AdminCheckCanBeOverriddenAndRestored) {
-  const bool real = geteuid() == 0;
-  EXPECT_EQ(is_user_admin(), real);
-  setAdminCheckOverride(AdminCheck::kForceNotAdmin);
-  EXPECT_FALSE(is_user_admin());
-  setAdminCheckOverride(AdminCheck::kForceAdmin);
-  EXPECT_TRUE(is_user_admin());
-  setAdminCheckOverride(AdminCheck::kSystem);
-  EXPECT_EQ(is_user_admin(), real);
-  EXPECT_EQ(enable_process_for_service_account(), 0);
 }
 
 // (Its bound on a pipe is met by the passphrase dialogue: KMSSpecialOps.)
