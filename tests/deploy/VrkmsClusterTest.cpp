@@ -1,9 +1,6 @@
-// vrclusterutil against Pacemaker's own tools in their file mode (CIB_file:
-// they read and write one file, with no cluster daemons): the recipe of
-// dist/pacemaker loaded into a CIB of two nodes, this host and "peer", its
-// status made by crm_simulate. Then the service started on such a CIB, as
-// systemd would start it: readiness, watchdog and status lines on a
-// datagram socket the test owns (NOTIFY_SOCKET).
+// vrclusterutil against Pacemaker's tools in their file mode (CIB_file, no
+// cluster daemons), on CIBs of this host and "peer" made from dist/pacemaker;
+// then the service on such a CIB as systemd starts it (NOTIFY_SOCKET).
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -59,17 +56,12 @@ bool writeCib(const std::string& path, Placement placement) {
       {"crm_simulate", "-x", path, "-u", thisNode(), "-u", "peer", "-S", "-O", path + ".new"});
   for (const std::vector<std::string>& step : steps) {
     const ProcessResult r = tool(path, kSbin + step[0], {step.begin() + 1, step.end()});
+    EXPECT_EQ(r.exitStatus, 0) << step[0] << ": " << r.err;
     if (r.exitStatus != 0) {
-      ADD_FAILURE() << step[0] << ": " << r.err;
       return false;
     }
   }
   return ::rename((path + ".new").c_str(), path.c_str()) == 0;
-}
-
-std::string readCib(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 ProcessResult clusterUtil(const std::string& cib, std::vector<std::string> args) {
@@ -100,18 +92,17 @@ class NotifySocket {
     const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(m_fd, buffer, sizeof buffer, 0) : 0;
     return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
   }
-
- private:
-  int m_fd;
+  const int m_fd;
 };
 
 }  // namespace
 
-TEST(ClusterUtil, AnswersFromTheCibWithTheCallersSenses) {
+TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   if (::access((kSbin + "crm_simulate").c_str(), X_OK) != 0) {
     GTEST_SKIP() << "Pacemaker's tools (pacemaker-cli-utils) are not installed";
   }
-  TempRoot dir("vrkms-cib");
+  ServiceSandbox service;
+  const auto cibOf = [&](const std::string& name) { return service.root().file(name + ".xml"); };
   struct Case {
     const char* name;
     std::optional<Placement> placement;  // none: no CIB at all
@@ -124,7 +115,7 @@ TEST(ClusterUtil, AnswersFromTheCibWithTheCallersSenses) {
                         Case{"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
                         Case{"none", std::nullopt, 0, 0, 1, 1, ""}}) {
     SCOPED_TRACE(c.name);
-    const std::string cib = dir.file(std::string(c.name) + ".xml");
+    const std::string cib = cibOf(c.name);
     ASSERT_TRUE(!c.placement || writeCib(cib, *c.placement));
     EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, c.isCluster);
     EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, c.isNodeClustered);
@@ -133,45 +124,27 @@ TEST(ClusterUtil, AnswersFromTheCibWithTheCallersSenses) {
     EXPECT_EQ(list.exitStatus, c.listStatus);
     EXPECT_EQ(list.out, c.monitored);
   }
-  EXPECT_EQ(clusterUtil(dir.file("none.xml"), {"-monitor", "vrkms"}).exitStatus, 1);
-  EXPECT_EQ(clusterUtil(dir.file("here.xml"), {"-bogus"}).exitStatus, 2);
-
-  // -monitor adds the unit to the group once; the second run changes nothing.
-  const std::string cib = dir.file("unmonitored.xml");
-  EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
-  EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
-  const std::string once = readCib(cib);
-  EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
-  EXPECT_EQ(readCib(cib), once);
-  EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
-            std::string::npos);
-}
-
-TEST(VrkmsCluster, PassiveNodeRefusesTheStartActiveNodeIsReadyAndMonitored) {
-  if (::access((kSbin + "crm_simulate").c_str(), X_OK) != 0) {
-    GTEST_SKIP() << "Pacemaker's tools (pacemaker-cli-utils) are not installed";
-  }
-  ServiceSandbox service;
+  EXPECT_EQ(clusterUtil(cibOf("none"), {"-monitor", "vrkms"}).exitStatus, 1);
+  EXPECT_EQ(clusterUtil(cibOf("here"), {"-bogus"}).exitStatus, 2);
+  // The service started as systemd starts it, the utility installed.
   ASSERT_TRUE(service.makeStore());
   const std::string bin = service.root().file("vaultrest/bin");
   ::mkdir(service.root().file("vaultrest").c_str(), 0755);
   ::mkdir(bin.c_str(), 0755);
   ASSERT_EQ(::symlink(VRCLUSTERUTIL_BINARY, (bin + "/vrclusterutil").c_str()), 0);
   const NotifySocket notify(service.root().file("notify.sock"));
-  const std::string cib = service.root().file("cib.xml");
-  ::setenv("CIB_file", cib.c_str(), 1);
-
   // Passive: the refusal is the unit's status, and no failure of the process.
-  ASSERT_TRUE(writeCib(cib, Placement::kPeer));
+  ::setenv("CIB_file", cibOf("peer").c_str(), 1);
   service.launch({"-console"});
   EXPECT_EQ(service.waitForExit(std::chrono::seconds(60)), 0);
   EXPECT_EQ(notify.next(),
             "STATUS=This host is an inactive node of a cluster. The key management service was "
             "not started.");
   EXPECT_NE(service.appLog().find("286-86 "), std::string::npos);
-
-  // Active and not yet monitored: ready once advertised, fed, monitored.
-  ASSERT_TRUE(writeCib(cib, Placement::kUnmonitored));
+  // Active and not yet monitored: ready once advertised, fed, monitored; a
+  // second -monitor changes nothing.
+  const std::string cib = cibOf("unmonitored");
+  ::setenv("CIB_file", cib.c_str(), 1);
   service.launch({"-console"});
   EXPECT_EQ(notify.next(), "READY=1");
   struct stat advertised;
@@ -179,6 +152,11 @@ TEST(VrkmsCluster, PassiveNodeRefusesTheStartActiveNodeIsReadyAndMonitored) {
   EXPECT_EQ(notify.next(), "WATCHDOG=1");
   EXPECT_EQ(notify.next(), "WATCHDOG=1");
   EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
+  const std::string once = ServiceSandbox::readPath(cib);
+  EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
+  EXPECT_EQ(ServiceSandbox::readPath(cib), once);
+  EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
+            std::string::npos);
   EXPECT_EQ(service.terminate().second, 0);
   ::unsetenv("CIB_file");
 }

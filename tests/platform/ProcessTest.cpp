@@ -1,122 +1,155 @@
+// Processes of this host: the listing by name, the terminal read of secrets
+// and the cluster utility.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
-#include "kms/platform/Fips.h"
-#include "kms/platform/ProcessAccount.h"
+#include "kms/platform/InstallRoot.h"
+#include "kms/platform/ProcessHandler.h"
 #include "kms/platform/SecureFGets.h"
-#include "kms/platform/VrConfReader.h"
+#include "kms/platform/VRCluster.h"
 #include "support/PlatformTestRoot.h"
+#include "support/ProcessRunner.h"
 
-TEST(Fips, ProcessModeFollowsTheProcessFlagOfTheMasterConfiguration) {
-  PlatformTestRoot root;
-  EXPECT_NE(VR_read_master_config(), 0);  // no file: no process-wide copy either
-  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
+namespace {
 
-  // Without a process-wide copy the file is read directly.
-  root.writeConf("VRKMS_FIPS = TRUE\n");
-  EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
-  root.writeConf("VRKMS_FIPS = maybe\n");
-  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
-
-  // With one, the copy decides.
-  root.writeConf("VRKMS_FIPS = yes\nOTHER_FIPS = no\n");
-  ASSERT_EQ(VR_read_master_config(), 0);
-  root.writeConf("VRKMS_FIPS = no\n");
-  EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
-  EXPECT_EQ(getFIPSModeForProcess("other"), 0);
-  EXPECT_EQ(getFIPSModeForProcess("absent"), 0);
-  EXPECT_EQ(getFIPSModeForProcess(""), 0);
-  EXPECT_EQ(getFIPSModeForProcess(nullptr), 0);
-  ASSERT_EQ(VR_read_master_config(), 0);  // re-read: now "no"
-  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
-
-  EXPECT_EQ(FIPS_mode(), EVP_default_properties_is_fips_enabled(nullptr) ? 1 : 0);
+// Whether the listing of `name` shows `pid`, waiting up to five seconds for
+// it to become `present`.
+bool listed(const std::string& name, pid_t pid, bool present) {
+  for (int i = 0; i < 500; ++i) {
+    const std::vector<pid_t> pids = ProcessHandler(name).getProcessIDs();
+    if ((std::find(pids.begin(), pids.end(), pid) != pids.end()) == present) {
+      return present;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return !present;
 }
 
-TEST(ProcessAccount, AdminCheckCanBeOverriddenAndRestored) {
-  const bool real = geteuid() == 0;
-  EXPECT_EQ(is_user_admin(), real);
-  setAdminCheckOverride(AdminCheck::kForceNotAdmin);
-  EXPECT_FALSE(is_user_admin());
-  setAdminCheckOverride(AdminCheck::kForceAdmin);
-  EXPECT_TRUE(is_user_admin());
-  setAdminCheckOverride(AdminCheck::kSystem);
-  EXPECT_EQ(is_user_admin(), real);
-  EXPECT_EQ(enable_process_for_service_account(), 0);
+// A child whose command name is `name` (argv[0] stays the test's).
+pid_t childNamed(const std::string& name, bool exitAtOnce) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::prctl(PR_SET_NAME, name.c_str(), 0, 0, 0);
+    if (exitAtOnce) {
+      ::_exit(0);
+    }
+    for (;;) {
+      ::pause();
+    }
+  }
+  return pid;
 }
 
-TEST(SecureFGets, ReadsLinesFromAPipeUpToTheGivenCount) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  // 1022 characters and the line end fit a count of 1023; 1023 do not.
-  const std::string fits(1022, 'a');
-  const std::string tooLong(1023, 'b');
-  const std::string input = fits + "\n" + tooLong + "\nlast";
-  ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-  close(fds[1]);
-  FILE* in = fdopen(fds[0], "r");
-  ASSERT_NE(in, nullptr);
+}  // namespace
 
-  char buf[1024];
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), fits + "\n");
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), tooLong);  // stopped before the line end
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), "\n");
-  ASSERT_EQ(SecureFGets(buf, 1023, in), buf);
-  EXPECT_EQ(std::string(buf), "last");
-  EXPECT_EQ(SecureFGets(buf, 1023, in), nullptr);  // end of file
-  EXPECT_EQ(SecureFGets(buf, 0, in), nullptr);
-  EXPECT_EQ(SecureFGets(buf, 10, nullptr), nullptr);
-  fclose(in);
+TEST(ProcessHandler, FindsProcessesByArgv0BaseNameOrCommandNameButNotTheCallerNorZombies) {
+  const std::string name = "kmsph" + std::to_string(::getpid());
+  RunningProcess byArgv0 =
+      ProcessRunner("/bin/sleep").argv0("/some/dir/" + name).args({"30"}).spawn();
+  EXPECT_TRUE(listed(name, byArgv0.pid(), true));
+  const pid_t byComm = childNamed(name, false);  // renamed itself
+  EXPECT_TRUE(listed(name, byComm, true));
+  const std::vector<pid_t> both = ProcessHandler(name).getProcessIDs();
+  EXPECT_EQ(both.size(), 2u);
+  EXPECT_TRUE(std::is_sorted(both.begin(), both.end()));
+  byArgv0.stop();
+  ::kill(byComm, SIGKILL);
+  ::waitpid(byComm, nullptr, 0);
+  for (const std::string& none : {name, std::string(), name.substr(0, name.size() - 1)}) {
+    EXPECT_TRUE(ProcessHandler(none).getProcessIDs().empty()) << none;
+  }
+  const std::string self = "kmsself" + std::to_string(::getpid());
+  ASSERT_EQ(::prctl(PR_SET_NAME, self.c_str(), 0, 0, 0), 0);
+  EXPECT_FALSE(listed(self, ::getpid(), false));
+  const std::string zombieName = "kmszmb" + std::to_string(::getpid());
+  const pid_t zombie = childNamed(zombieName, true);
+  std::string stat;
+  for (int i = 0; i < 500 && stat.find(") Z ") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::getline(std::ifstream("/proc/" + std::to_string(zombie) + "/stat"), stat);
+  }
+  ASSERT_NE(stat.find(") Z "), std::string::npos) << stat;
+  EXPECT_FALSE(listed(zombieName, zombie, false));
+  ::waitpid(zombie, nullptr, 0);
 }
 
+// (Its bound on a pipe is met by the passphrase dialogue: KMSSpecialOps.)
 TEST(SecureFGets, DoesNotEchoOnATerminalAndRestoresItsSettings) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(master, 0);
-  ASSERT_EQ(grantpt(master), 0);
-  ASSERT_EQ(unlockpt(master), 0);
-  const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
-  ASSERT_GE(slave, 0);
-  struct termios before;
-  ASSERT_EQ(tcgetattr(slave, &before), 0);
-  ASSERT_TRUE(before.c_lflag & ECHO);
-  FILE* in = fdopen(slave, "r");
+  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  FILE* in = fdopen(open(ptsname(master), O_RDWR | O_NOCTTY), "r");
   ASSERT_NE(in, nullptr);
-
+  struct termios before, now, after;
+  ASSERT_EQ(tcgetattr(fileno(in), &before), 0);
+  ASSERT_TRUE(before.c_lflag & ECHO);
   char buf[64];
   char* result = nullptr;
   std::thread reader([&] { result = SecureFGets(buf, sizeof(buf) - 1, in); });
   // Type only once echo is off, as a person at the prompt would.
-  struct termios now;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   do {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    ASSERT_EQ(tcgetattr(slave, &now), 0);
+    ASSERT_EQ(tcgetattr(fileno(in), &now), 0);
   } while ((now.c_lflag & ECHO) && std::chrono::steady_clock::now() < deadline);
   EXPECT_FALSE(now.c_lflag & (ECHO | ECHONL));
   ASSERT_EQ(write(master, "s3cret\n", 7), 7);
   reader.join();
   ASSERT_EQ(result, buf);
   EXPECT_STREQ(buf, "s3cret\n");
-
   struct pollfd pfd = {master, POLLIN, 0};
   EXPECT_EQ(poll(&pfd, 1, 100), 0) << "something was echoed";
-  struct termios after;
-  ASSERT_EQ(tcgetattr(slave, &after), 0);
+  ASSERT_EQ(tcgetattr(fileno(in), &after), 0);
   EXPECT_EQ(after.c_lflag, before.c_lflag);
+  EXPECT_EQ(SecureFGets(buf, 0, in), nullptr);
+  EXPECT_EQ(SecureFGets(buf, 10, nullptr), nullptr);
   fclose(in);
   close(master);
+}
+
+// The cluster utility run with its arguments (here a stand-in that answers by
+// them and notes each call), and no cluster and failing queries without it.
+TEST(VRCluster, RunsTheUtilityAndReadsItsAnswers) {
+  PlatformTestRoot root;
+  const VRCluster cluster(0);
+  ClusterGroupInfo info;
+  info.monitoredServices = {"kept"};
+  EXPECT_FALSE(cluster.isClustered());
+  EXPECT_FALSE(cluster.isNodeClustered());
+  EXPECT_NE(cluster.getClusterData(info, nullptr), 0);
+  EXPECT_EQ(info.monitoredServices, std::vector<std::string>{"kept"});
+  EXPECT_NE(cluster.enableServiceMonitoring("vrkms"), 0);
+  const std::string bin = InstallRoot::path("vaultrest/bin");
+  ::mkdir(InstallRoot::path("vaultrest").c_str(), 0755);
+  ::mkdir(bin.c_str(), 0755);
+  std::ofstream(bin + "/vrclusterutil")
+      << "#!/bin/sh\necho \"$*\" >> '" << bin << "/calls'\ncase \"$*\" in\n"
+      << "'-np -iscluster') exit 1 ;;\n'-np -isnodeclustered') exit 3 ;;\n"
+      << "'-np -listmonitored') printf 'vrpem\\nvrkms\\r\\n\\nvrdb\\n'; exit 0 ;;\n"
+      << "'-np -monitor vrkms') exit 0 ;;\nesac\nexit 99\n";
+  ::chmod((bin + "/vrclusterutil").c_str(), 0755);
+  EXPECT_TRUE(cluster.isClustered());
+  EXPECT_TRUE(cluster.isNodeClustered());
+  EXPECT_EQ(cluster.getClusterData(info, nullptr), 0);
+  EXPECT_EQ(info.monitoredServices, (std::vector<std::string>{"vrpem", "vrkms", "vrdb"}));
+  EXPECT_EQ(cluster.enableServiceMonitoring("vrkms"), 0);
+  EXPECT_EQ(cluster.enableServiceMonitoring("other"), 99);
+  std::ifstream calls(bin + "/calls");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(calls), std::istreambuf_iterator<char>()),
+            "-np -iscluster\n-np -isnodeclustered\n-np -listmonitored\n-np -monitor vrkms\n"
+            "-np -monitor other\n");
 }

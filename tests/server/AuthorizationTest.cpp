@@ -1,10 +1,11 @@
-// The framework's evaluation of authorization tables and grants, without an
-// ORB. (The service's own table is tested operation by operation against the
-// running service: VrkmsSecurityTest.)
+// The framework's evaluation of authorization tables and grants, and the
+// service's peer rule, without an ORB.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
+#include <list>
 #include <set>
 #include <string>
 
@@ -13,18 +14,14 @@
 #include "kms/platform/framework/PeerGrants.h"
 #include "kms/platform/framework/RequestGuard.h"
 #include "kms/server/KMSAuthTable.h"
+#include "kms/server/KMSServiceContainer.h"
+#include "support/PlatformTestRoot.h"
 
 using namespace Ardentis::Vaultrest::TL::Framework;
 using Vaultrest::DL::KMS::KMSRightsTable;
+using Vaultrest::DL::KMS::KMSServiceContainer;
 
 namespace {
-
-const std::string kMgr = "Ardentis/Vaultrest/DL/KMS/KMSMgr_";
-const std::string kControl = "Ardentis/Vaultrest/DL/KMSFacetsV1/KMSControlFacet_";
-
-PeerRights rights(std::set<int> held) {
-  return PeerRights::of(std::move(held));
-}
 
 bool grantsOf(const std::string& conf, PeerGrants* grants, std::string* error) {
   VrConfReader reader;
@@ -53,23 +50,20 @@ TEST(Authorization, MixedJoinsBindAndBeforeOr) {
                                          {"", 0, 0, nullptr, 0}};
   const AuthorizationTable rules(table);
   EXPECT_EQ(rules.rowCount(), 5u);
-  EXPECT_TRUE(rules.allows("op", rights({1, 2})));
-  EXPECT_TRUE(rules.allows("op", rights({3, 4})));
-  EXPECT_FALSE(rules.allows("op", rights({1, 3})));
-  EXPECT_FALSE(rules.allows("op", rights({2, 4})));
-  EXPECT_TRUE(rules.allows("other", rights({4})));
-  EXPECT_FALSE(rules.allows("other", rights({1})));
+  EXPECT_TRUE(rules.allows("op", PeerRights::of({1, 2})));
+  EXPECT_TRUE(rules.allows("op", PeerRights::of({3, 4})));
+  EXPECT_FALSE(rules.allows("op", PeerRights::of({1, 3})));
+  EXPECT_FALSE(rules.allows("op", PeerRights::of({2, 4})));
+  EXPECT_TRUE(rules.allows("other", PeerRights::of({4})));
+  EXPECT_FALSE(rules.allows("other", PeerRights::of({1})));
 }
 
 TEST(Authorization, GrantsNameEachKindOfPeer) {
   PeerGrants grants;
   std::string error;
   ASSERT_TRUE(
-      grantsOf("VRKMS_GRANT = 192.0.2.1 1, 3\n"
-               "VRKMS_GRANT = * 28\n"
-               "VRKMS_GRANT = uid:4242 40\n"
-               "VRKMS_GRANT = uid:root 2\n"
-               "VRKMS_GRANT = cert:CN=media01 1,2\n",
+      grantsOf("VRKMS_GRANT = 192.0.2.1 1, 3\nVRKMS_GRANT = * 28\nVRKMS_GRANT = uid:4242 40\n"
+               "VRKMS_GRANT = uid:root 2\nVRKMS_GRANT = cert:CN=media01 1,2\n",
                &grants, &error))
       << error;
   const uid_t service = 1234;
@@ -105,7 +99,6 @@ TEST(Authorization, GrantsNameEachKindOfPeer) {
   ASSERT_TRUE(grantsOf("SERVER = localhost\n", &grants, &error));
   EXPECT_FALSE(grants.rightsOf({PeerTransport::kTcp, "127.0.0.1"}, service).holdsAny());
   EXPECT_TRUE(grants.rightsOf({PeerTransport::kLocal, "uid:1234"}, service).holdsAll());
-
   // A line that cannot be read is named, and no grant is read at all.
   for (const char* bad : {"*", "127.0.0.1 none", "localhost 1", "uid:no-such-user-here 1", "uid: 1",
                           "cert: 1", "tls:CN=a 1", "10.0.0.1 1,x"}) {
@@ -117,18 +110,51 @@ TEST(Authorization, GrantsNameEachKindOfPeer) {
 }
 
 TEST(Authorization, PeerAddressesAndOperationKeys) {
-  EXPECT_EQ(peerHostOf("giop:tcp:127.0.0.1:40123"), "127.0.0.1");
-  EXPECT_EQ(peerHostOf("giop:tcp:[::1]:40123"), "::1");
-  EXPECT_EQ(peerHostOf("giop:tcp:[::ffff:10.1.2.3]:5"), "10.1.2.3");
-  EXPECT_EQ(peerHostOf("giop:unix:/tmp/socket"), "giop:unix:/tmp/socket");
-  EXPECT_EQ(transportOf("giop:unix:/tmp/socket"), PeerTransport::kLocal);
-  EXPECT_EQ(transportOf("giop:ssl:10.0.0.1:5"), PeerTransport::kTls);
-  EXPECT_EQ(transportOf("giop:tcp:10.0.0.1:5"), PeerTransport::kTcp);
-  EXPECT_EQ(transportOf("giop:sctp:10.0.0.1:5"), PeerTransport::kNone);
+  const struct {
+    const char* endpoint;
+    const char* host;
+    PeerTransport transport;
+  } rows[] = {{"giop:tcp:127.0.0.1:40123", "127.0.0.1", PeerTransport::kTcp},
+              {"giop:tcp:[::1]:40123", "::1", PeerTransport::kTcp},
+              {"giop:tcp:[::ffff:10.1.2.3]:5", "10.1.2.3", PeerTransport::kTcp},
+              {"giop:unix:/tmp/socket", "giop:unix:/tmp/socket", PeerTransport::kLocal},
+              {"giop:ssl:10.0.0.1:5", "10.0.0.1", PeerTransport::kTls},
+              {"giop:sctp:10.0.0.1:5", nullptr, PeerTransport::kNone}};
+  for (const auto& row : rows) {
+    EXPECT_TRUE(row.host == nullptr || peerHostOf(row.endpoint) == row.host) << row.endpoint;
+    EXPECT_EQ(transportOf(row.endpoint), row.transport) << row.endpoint;
+  }
   EXPECT_EQ(
       RequestGuard::operationKey("IDL:Ardentis/Vaultrest/DL/KMS/KMSMgr:1.0", "getQueryableFacet"),
-      kMgr + "getQueryableFacet");
+      "Ardentis/Vaultrest/DL/KMS/KMSMgr_getQueryableFacet");
   EXPECT_EQ(RequestGuard::operationKey("IDL:Ardentis/Vaultrest/DL/KMSFacetsV1/KMSControlFacet:1.0",
                                        "quiesce"),
-            kControl + "quiesce");
+            "Ardentis/Vaultrest/DL/KMSFacetsV1/KMSControlFacet_quiesce");
+}
+
+TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
+  PlatformTestRoot root;
+  KMSServiceContainer container{
+      false, "vrkms", 286, std::list<std::string>{}, 10, ServiceContainerOptions{0}, ""};
+  const struct {
+    const char* conf;
+    const char* peer;
+    int passes;
+  } rows[] = {
+      {"SERVER = 192.0.2.1\n", "192.0.2.7", 1},
+      {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = NO\n", "192.0.2.7", 1},
+      {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = maybe\n", "192.0.2.7", 1},
+      // Blocked: only a local master server passes.
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "127.0.0.1", 1},
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "192.0.2.7", 0},
+      {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", nullptr, 0},
+      {"SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "127.0.0.1", 0},
+  };
+  for (const auto& row : rows) {
+    root.writeConf(row.conf);
+    EXPECT_EQ(container.extraServiceLevelValidation(row.peer), row.passes) << row.conf;
+  }
+  // An unreadable master configuration lets everyone in.
+  ASSERT_EQ(::unlink(root.confPath().c_str()), 0);
+  EXPECT_EQ(container.extraServiceLevelValidation("192.0.2.7"), 1);
 }

@@ -1,13 +1,10 @@
-// The three facet servants called directly, as the ORB calls them, over a
-// real store in a temporary root: the failure road to ServiceException, the
-// stop of a service whose store has lost its state, and the checks that the
-// facets make before the store.
+// The facet servants called as the ORB calls them, over a real store; and the
+// conversion of records at the border.
 #include <ace/OS_NS_sys_utsname.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
-
 #include <list>
 #include <string>
 
@@ -16,6 +13,7 @@
 #include "kms/server/KMSQueryableFacetImpl.h"
 #include "kms/server/KMSServiceContainer.h"
 #include "kms/server/RecordConvertor.h"
+#include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/keystore/files/KMSFileLocator.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "server/ServiceClient.h"
@@ -24,17 +22,23 @@
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
-using Ardentis::Vaultrest::DL::KMS::KMSControlFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::KMSModifiableFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::KMSQueryableFacetImpl;
-using Ardentis::Vaultrest::DL::KMS::RecordConvertor;
+using namespace Ardentis::Vaultrest::DL::KMS;
 using Vaultrest::DL::KMS::FileKeyStore;
 using Vaultrest::DL::KMS::KMSFileLocator;
 using Vaultrest::DL::KMS::KMSServiceContainer;
+namespace Store = Vaultrest::DL::KMS;
 
 namespace {
 
-constexpr int64_t kEpochTicks = 122192928000000000LL;
+constexpr int64_t kEpochTicks = 122192928000000000LL;  // 1970 in ticks of the IDL times
+
+std::string times32(const std::string& pair) {
+  std::string text;
+  for (int i = 0; i < 32; ++i) {
+    text += pair;
+  }
+  return text;
+}
 
 using ServiceClient::serviceError;
 
@@ -45,14 +49,6 @@ class Facet : public ::testing::Test {
     ASSERT_EQ(m_store.createEmpty("", "hmk-1", "", "kpk-1", false), 0);
     ASSERT_EQ(m_store.init(), 0);
   }
-
-  Facets::KeyGroupRecord_var newGroup(const char* name) {
-    Facets::KeyGroupRecord_var record = m_modify->getNewKeyGroup();
-    record->name = name;
-    record->type = 1;
-    return m_modify->createKeyGroup(record.in());
-  }
-
   TempRoot m_root{"vrkms-facet"};
   LogCapture m_log{4};
   FileKeyStore m_store{KMSFileLocator(m_root.file("kms"))};
@@ -63,180 +59,161 @@ class Facet : public ::testing::Test {
       new KMSModifiableFacetImpl(&m_store)};
 };
 
-TEST_F(Facet, AStoreErrorBecomesServiceExceptionAndALostStoreStopsTheService) {
+TEST_F(Facet, StoreErrorsBecomeServiceExceptionsAndALostStoreStopsTheService) {
   KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
                                 Fw::ServiceContainerOptions{0}, "");
   ASSERT_EQ(Fw::OrbService::Instance(), &container);
-
-  EXPECT_EQ(m_control->quiesce(), 1);
-  EXPECT_EQ(m_control->isQuiesced(), 1);
-  EXPECT_EQ(m_control->unquiesce(false), 0);
   // The store stays live: the error goes back and the service goes on.
-  EXPECT_EQ(serviceError([&] { m_control->unquiesce(true); }), 1280);
-  EXPECT_FALSE(container.stopRequested());
-  EXPECT_FALSE(LogCapture::containing(m_log.debugLines(),
-                                      "KMSControlFacetImpl::unquiesce: Throwing ServiceException:  "
-                                      "Error code 1280 (")
-                   .empty());
-  // What a client reads of the refusal.
   try {
     m_control->unquiesce(true);
+    ADD_FAILURE() << "no exception";
   } catch (const Fw::ServiceException& e) {
     const auto* details = Fw::ErrorCodeExceptionDetails::_downcast(e.details.in());
     ASSERT_NE(details, nullptr);
     ACE_utsname host;
     ASSERT_EQ(ACE_OS::uname(&host), 0);
+    EXPECT_EQ(details->errorCode(), 1280);
     EXPECT_STREQ(details->originatingService(), "vrkms");
     EXPECT_STREQ(details->exceptionClassName(), "ServiceException");
     EXPECT_STREQ(details->originatingMethod(), "KMSControlFacetImpl::unquiesce");
     EXPECT_EQ(std::string(details->originatingHost()), std::string(host.nodename).substr(0, 64));
     EXPECT_LE(std::abs(details->timeStamp() - std::time(nullptr)), 60);
   }
-  // A status result is raised the same way.
-  EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);
-  CORBA::String_var id = m_control->getHMKId();
-  EXPECT_STREQ(id.in(), "hmk-1");
+  EXPECT_EQ(serviceError([&] { m_control->updateHMK("", ""); }), 1214);  // a status result
   EXPECT_FALSE(container.stopRequested());
-
   // Once the store has dropped its state the process must not go on serving.
   ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_EQ(serviceError([&] { m_control->isQuiesced(); }), 1202);
+  Fw::octetSeq_var data;
+  EXPECT_EQ(serviceError([&] {
+              Facets::KSOpStatus_var lost =
+                  m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
+            }),
+            1202);
   EXPECT_TRUE(container.stopRequested());
   EXPECT_TRUE(container.stoppedAbnormally());
+  EXPECT_EQ(serviceError([&] { m_control->isQuiesced(); }), 1202);
   EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
 }
 
-TEST_F(Facet, WithoutAServiceALostStoreOnlyRaises) {
+TEST_F(Facet, WithoutAServiceALostStoreOnlyRaisesButImportEndsTheProcess) {
   ASSERT_EQ(Fw::OrbService::Instance(), nullptr);
   ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_EQ(serviceError([&] { Facets::KeyGroupRecord_var g = newGroup("g"); }), 1202);
+  EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
+      },
+      "terminate called after throwing an instance of '.*KeyStoreError'");
 }
 
-TEST_F(Facet, QueryArgumentsThatCannotReachTheStore) {
-  Facets::KeyGroupRecord_var group = newGroup("g");
+TEST_F(Facet, FormsCountsAndArgumentsThatCannotReachTheStore) {
   Facets::KeyRecord_var blank = m_modify->getNewKey();
+  Facets::KeyGroupRecord_var form = m_modify->getNewKeyGroup();
+  EXPECT_EQ(blank->updateTime, kEpochTicks);
+  EXPECT_EQ(form->createTime, kEpochTicks);
+  // The form as it came is not a group the store takes.
+  EXPECT_EQ(serviceError([&] { Facets::KeyGroupRecord_var g = m_modify->createKeyGroup(form); }),
+            1214);
+  // The counts of a group are the store's own, whatever was sent.
+  form->name = "g";
+  form->type = 1;
+  form->stat.hasActiveKey = true;
+  form->stat.numKeys = 99;
+  Facets::KeyGroupRecord_var group = m_modify->createKeyGroup(form.in());
+  EXPECT_FALSE(group->stat.hasActiveKey);
+  EXPECT_EQ(group->stat.numKeys, 0);
+  EXPECT_EQ(group->rev, 1);
   blank->name = "k";
   blank->keyGroup = group->tag;
   blank->state = 1;
   blank->kpkType = 1;
   Facets::KeyRecord_var key = m_modify->createKey("", blank.in());
   EXPECT_EQ(key->encKey.length(), 0u);  // a change hands out no key material
-
-  Facets::KeyRecord_var record;
-  Fw::octetSeq_var kad;
-  // Tags that are not strict hexadecimal: refused by getKeyAndKad itself,
-  // not found by every other lookup.
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad("", 12, record.out(), kad.out()); }), 1215);
+  blank->name = "r";
+  blank->tag = "ABCDEF";  // not strict hexadecimal: no tag at all
+  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = m_modify->recoverKey("p", blank); }),
+            1215);
+  // Tags that are not strict hexadecimal are refused by getKeyAndKad itself
+  // and not found by other lookups; no length above 4096 reaches the store.
   std::string upper = key->tag.in();
   for (char& c : upper) {
     c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
-  EXPECT_EQ(
-      serviceError([&] { m_query->getKeyAndKad(upper.c_str(), 12, record.out(), kad.out()); }),
-      1215);
+  Facets::KeyRecord_var record;
+  Fw::octetSeq_var kad;
+  const struct {
+    std::string tag;
+    int length, status;
+  } refusals[] = {{upper, 12, 1215}, {key->tag.in(), -1, 1214}, {key->tag.in(), 4097, 1214}};
+  for (const auto& r : refusals) {
+    EXPECT_EQ(serviceError(
+                  [&] { m_query->getKeyAndKad(r.tag.c_str(), r.length, record.out(), kad.out()); }),
+              r.status)
+        << r.tag << " " << r.length;
+  }
   EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKey(upper.c_str()); }), 1260);
   EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var r = m_query->getKeyRecord("0g"); }), 1260);
-  // A length that no KAD can have never reaches the store.
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, -1, record.out(), kad.out()); }),
-            1214);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, 4097, record.out(), kad.out()); }),
-            1214);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyAndKad(key->tag, 11, record.out(), kad.out()); }),
-            1220);
   // The longest KAD is the tag padded with '0' characters.
   EXPECT_EQ(m_query->getKeyAndKad(key->tag, 4096, record.out(), kad.out()), 1);
   ASSERT_EQ(kad->length(), 4096u);
   EXPECT_EQ(kad[32], '0');
   EXPECT_EQ(record->encKey.length(), 16u);
-
-  Facets::KeyRecordSeq_var found;
-  Fw::octetSeq shortKad;
-  shortKad.length(11);
-  EXPECT_EQ(serviceError([&] { m_query->getKeyRecordsByKad(shortKad, found.out()); }), 1220);
-  ASSERT_EQ(m_query->getKeyRecordsByKad(kad.in(), found.out()), 3);
-  ASSERT_EQ(found->length(), 1u);
-  EXPECT_EQ(found[0].encKey.length(), 16u);
 }
 
-TEST_F(Facet, BlankFormsGroupCountsAndRecoveryWithoutATag) {
-  Facets::KeyRecord_var blankKey = m_modify->getNewKey();
-  EXPECT_EQ(blankKey->createTime, kEpochTicks);
-  EXPECT_EQ(blankKey->updateTime, kEpochTicks);
-  EXPECT_EQ(blankKey->state, 0);
-  EXPECT_STREQ(blankKey->tag.in(), "");
-  EXPECT_EQ(blankKey->attributeList.length(), 0u);
-  Facets::KeyGroupRecord_var blankGroup = m_modify->getNewKeyGroup();
-  EXPECT_EQ(blankGroup->createTime, kEpochTicks);
-  EXPECT_EQ(blankGroup->type, 0);
-  // The form as it came is not a group the store takes.
-  EXPECT_EQ(serviceError(
-                [&] { Facets::KeyGroupRecord_var g = m_modify->createKeyGroup(blankGroup.in()); }),
-            1214);
-
-  // The counts of a group are the store's own, whatever was sent.
-  blankGroup->name = "g";
-  blankGroup->type = 3;
-  blankGroup->stat.hasActiveKey = true;
-  blankGroup->stat.numKeys = 99;
-  Facets::KeyGroupRecord_var group = m_modify->createKeyGroup(blankGroup.in());
-  EXPECT_FALSE(group->stat.hasActiveKey);
-  EXPECT_EQ(group->stat.numKeys, 0);
-  EXPECT_EQ(group->rev, 1);
-
-  blankKey->name = "k";
-  blankKey->keyGroup = group->tag;
-  blankKey->state = 2;
-  blankKey->kpkType = 1;
-  blankKey->tag = "ABCDEF";  // not strict hexadecimal: no tag at all
-  EXPECT_EQ(serviceError([&] { Facets::KeyRecord_var k = m_modify->recoverKey("p", blankKey); }),
-            1215);
-  blankKey->tag = "abcdef0123456789abcdef01";
-  Facets::KeyRecord_var recovered = m_modify->recoverKey("p", blankKey.in());
-  EXPECT_STREQ(recovered->tag.in(), "abcdef0123456789abcdef01");
-  Facets::KeyGroupRecord_var counted = m_query->getKeyGroupRecord(group->tag);
-  EXPECT_EQ(counted->stat.numKeys, 1);
-  EXPECT_FALSE(counted->stat.hasActiveKey);
-
-  EXPECT_EQ(serviceError([&] { m_modify->deleteKey(recovered->tag); }), 1242);
-  EXPECT_EQ(serviceError([&] { m_modify->deleteKeyGroup(group->tag, false); }), 1222);
-  m_modify->deleteKeyGroup(group->tag, true);
-  Facets::KeyGroupRecordSeq_var groups = m_query->getAllKeyGroupRecords();
-  EXPECT_EQ(groups->length(), 0u);
-}
-
-// exportKS and importKS: a refusal comes back as a status, not as an
-// exception; a store that has lost its state raises on export (and stops
-// the service) and ends the process on import.
-TEST_F(Facet, EximRefusalsAreStatusesAndALostStoreRaisesOnExport) {
-  KMSServiceContainer container(false, "vrkms", 286, std::list<std::string>{}, 10,
-                                Fw::ServiceContainerOptions{0}, "");
-  Fw::octetSeq_var data;
-  const auto exportAll = [&] {
-    return m_query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
-  };
-  Facets::KSOpStatus_var status = exportAll();
-  EXPECT_EQ(status->error_code, 1285);
-  EXPECT_EQ(status->messages.length(), 0u);
-  EXPECT_EQ(data->length(), 0u);
-  Fw::octetSeq junk;
-  junk.length(3);
-  status = m_modify->importKS(junk, "pass", false, false, "");
-  EXPECT_NE(status->error_code, 0);
-  EXPECT_FALSE(container.stopRequested());
-
-  ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_EQ(serviceError([&] { Facets::KSOpStatus_var lost = exportAll(); }), 1202);
-  EXPECT_TRUE(container.stopRequested());
-}
-
-TEST_F(Facet, ImportOnALostStoreEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  ASSERT_EQ(m_store.shutdown(), 0);
-  EXPECT_DEATH(
-      {
-        Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
-      },
-      "terminate called after throwing an instance of '.*KeyStoreError'");
+// Times count 100 ns ticks from the Gregorian reform: whole seconds round
+// trip, below a second is lost going in.
+TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
+  EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks + 10000000LL * 5 + 9999999), 5u);
+  EXPECT_EQ(RecordConvertor::toKsTime(RecordConvertor::toIdlTime(4102444800)), 4102444800u);
+  Store::KeyRecord_v1 rec;
+  rec.setFields(times32("\x01") + "\xff", "key one", times32("\xab"), Store::KEY_ACTIVE, 1700000001,
+                1700000000, "the description", 7, Store::KPK_LOCAL, times32("\x7f"), "");
+  rec.attributes().addAttribute("b-name", "two");
+  rec.attributes().addAttribute("a-name", "one");
+  Facets::KeyRecord_var wire = RecordConvertor::toIdlKeyRecord(rec);
+  EXPECT_EQ(wire->createTime, kEpochTicks + 1700000000LL * 10000000LL);
+  EXPECT_EQ(wire->updateTime, kEpochTicks + 1700000001LL * 10000000LL);
+  EXPECT_EQ(std::string(wire->tag.in()), times32("01") + "ff");
+  EXPECT_EQ(wire->encKey.length(), 0u);  // a filtered record carries no key
+  ASSERT_EQ(wire->attributeList.length(), 2u);
+  EXPECT_STREQ(wire->attributeList[0].name, "a-name");  // the list's order
+  // Any field lost or changed on one way shows on the way back.
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()), rec);
+  wire->encKey.length(3);
+  wire->encKey[0] = 0;
+  wire->encKey[1] = 0xff;
+  wire->encKey[2] = 0x10;
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).key(), std::string("\x00\xff\x10", 3));
+  // A tag that is not strict hexadecimal arrives as no tag at all.
+  wire->tag = "ABCDEF";
+  wire->keyGroup = "abc";
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).tag(), "");
+  EXPECT_EQ(RecordConvertor::toKsKeyRecord(wire.in()).keyGroup(), "");
+  // Long names are cut, unknown enumerations refused.
+  LogCapture log;
+  wire->name = std::string(5000, 'n').c_str();
+  wire->description = std::string(4097, 'd').c_str();
+  const Store::KeyRecord_v1 cut = RecordConvertor::toKsKeyRecord(wire.in());
+  EXPECT_EQ(cut.name(), std::string(4096, 'n'));
+  EXPECT_EQ(cut.description(), std::string(4096, 'd'));
+  for (const char* text :
+       {"KeyRecord_v1::setName: Encountered Name of size 5000. Truncating to 4096",
+        "Encountered Description of size 4097"}) {
+    EXPECT_EQ(LogCapture::containing(log.debugLines(), text).size(), 1u) << text;
+  }
+  for (int state : {6, -1}) {
+    wire->state = state;
+    try {
+      RecordConvertor::toKsKeyRecord(wire.in());
+      ADD_FAILURE() << state;
+    } catch (const Store::KeyStoreError& e) {
+      EXPECT_EQ(e.status(), 1214);
+    }
+  }
+  Facets::KeyGroupRecord group;
+  group.type = 9;
+  EXPECT_THROW(RecordConvertor::toKsKeyGroupRecord(group), Store::KeyStoreError);
 }
 
 }  // namespace
