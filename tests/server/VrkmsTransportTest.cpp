@@ -2,11 +2,8 @@
 // certificate of the service's CA gets past the TLS handshake, vrkmsctl
 // sends nothing to a service it cannot verify, and peers without rights
 // can neither make the service hold their requests nor keep others out.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <KMS.h>
@@ -133,22 +130,6 @@ long peakResidentKiB(pid_t pid) {
   return -1;
 }
 
-// A TCP connection from `from` to the service's plain port; -1 if refused.
-int connectFrom(const char* from, int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  ::inet_pton(AF_INET, from, &address.sin_addr);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) {
   // 127.0.0.1 may fetch the facets (3) and read (1, 28), but not import.
   m_vrkms.writeConf("VRKMS_GRANT = 127.0.0.1 1,3,28\nVRKMS_GRANT = 127.0.0.2 1\n");
@@ -198,7 +179,7 @@ TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) 
   std::vector<int> idle;
   for (const char* from : {"127.0.0.2", "127.0.0.3"}) {
     for (int i = 0; i < 500; ++i) {
-      const int fd = connectFrom(from, m_vrkms.port());
+      const int fd = ServiceSandbox::connectTo(m_vrkms.port(), from);
       if (fd >= 0) {
         idle.push_back(fd);
       }
