@@ -1,11 +1,9 @@
 // A vrkms installation for process-level tests: a private root whose master
 // configuration names this host as master server, the service on a free
 // loopback port, and vrkms and vrkmsctl run as an administrator would, each
-// behind an optional command prefix (nsenter, setpriv).
-//
-// Only one vrkms may run on a host: admin() and start() wait out another
-// vrkms (1272 for an administrator option, a quiet exit for the service) for
-// up to five minutes. Suites that use it are named Vrkms* (RESOURCE_LOCK).
+// behind an optional command prefix (nsenter, setpriv). Only one vrkms may
+// run on a host: suites that use it are named Vrkms* (RESOURCE_LOCK) and run
+// in a PID namespace of their own.
 #pragma once
 
 #include <arpa/inet.h>
@@ -71,16 +69,8 @@ class ServiceSandbox {
   ProcessResult run(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMS_BINARY, args).stdinText(input).run();
   }
-  // Runs vrkms with an administrator option, waiting out another vrkms.
   ProcessResult admin(const std::vector<std::string>& args, const std::string& input = "") const {
-    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
-    for (;;) {
-      const ProcessResult r = run(args, input);
-      if (!CtlOutput::contains(r.err, "EXIT STATUS = 1272\n") ||
-          std::chrono::steady_clock::now() > deadline)
-        return r;
-      std::this_thread::sleep_for(std::chrono::seconds(1));
-    }
+    return run(args, input);
   }
   RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
     return runner(VRKMS_BINARY, args).spawnOnTerminal();
@@ -89,29 +79,20 @@ class ServiceSandbox {
     return runner(VRKMSCTL_BINARY, args).stdinText(input).run();
   }
 
-  // Starts "vrkms -console" and waits until the manager is advertised,
-  // waiting out another vrkms; false when the service ends or takes too long.
+  // Starts "vrkms -console" and waits until the manager is advertised;
+  // false when the service ends or takes a minute.
   bool start() {
-    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
-    for (;;) {
-      const size_t refusalsBefore = CtlOutput::countOf(appLog(), "286-31 ");
-      ::unlink(iorPath().c_str());
-      launch({"-console"});
-      struct stat info;
-      for (int i = 0; i < 3000 && m_pid > 0; ++i) {
-        if (::stat(iorPath().c_str(), &info) == 0)
-          return true;
-        reap(WNOHANG);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-      const bool gated = waitForExit(std::chrono::seconds(1)) == 0 &&
-                         CtlOutput::countOf(appLog(), "286-31 ") > refusalsBefore;
-      if (!gated || std::chrono::steady_clock::now() > deadline) {
-        kill();
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::seconds(1));
+    ::unlink(iorPath().c_str());
+    launch({"-console"});
+    struct stat info;
+    for (int i = 0; i < 3000 && m_pid > 0; ++i) {
+      if (::stat(iorPath().c_str(), &info) == 0)
+        return true;
+      reap(WNOHANG);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    kill();
+    return false;
   }
 
   // Starts vrkms with `args`, standard error to stderrText(), and returns.
@@ -254,8 +235,6 @@ class ServiceSandbox {
   }
 
  private:
-  static constexpr std::chrono::minutes kGateWait{5};
-
   void reap(int options) {
     int status = 0;
     if (m_pid > 0 && ::waitpid(m_pid, &status, options) == m_pid) {

@@ -281,13 +281,11 @@ class Driver {
     return c;
   }
 
-  // Sends `c`; `reply` gets the facts of the answer. Refused: `failure`
-  // tells why; otherwise whether the change was sent before the connection
-  // failed (the reply lost) or not.
-  enum Outcome { Acknowledged, InDoubt, NotBegun, Refused };
+  // Sends `c`; `reply` gets the facts of the answer, `failure` tells why
+  // there is none. A change whose call failed may or may not be applied.
+  enum Outcome { Acknowledged, InDoubt, Refused };
   Outcome send(KmsClient& service, const Store& store, const Change& c, Reply* reply,
                std::string* failure) {
-    bool sent = false;
     const auto answer = [&](const auto& made) {
       *reply = {made->tag.in(), made->createTime, made->updateTime};
     };
@@ -301,12 +299,10 @@ class Driver {
         if (c.kind == Change::AddGroup)
           r->type = c.value;
         r->description = c.description.c_str();
-        sent = true;
         answer(Facets::KeyGroupRecord_var(c.kind == Change::AddGroup
                                               ? service.modify()->createKeyGroup(r.in())
                                               : service.modify()->updateKeyGroup(r.in())));
       } else if (c.kind == Change::DeleteGroup) {
-        sent = true;
         service.modify()->deleteKeyGroup(store.at(c.group).tag.c_str(), c.force);
       } else if (c.kind == Change::AddKey) {
         Facets::KeyRecord_var r = service.modify()->getNewKey();
@@ -315,7 +311,6 @@ class Driver {
         r->state = c.value;
         r->kpkType = 1;
         r->description = c.description.c_str();
-        sent = true;
         answer(Facets::KeyRecord_var(service.modify()->createKey("", r.in())));
       } else if (c.kind == Change::UpdateKey) {
         const Facts& facts = store.at(c.group).keys.at(c.key);
@@ -331,10 +326,8 @@ class Driver {
         r->keyGroup = store.at(c.newGroup).tag.c_str();
         r->state = c.value;
         r->description = c.description.c_str();
-        sent = true;
         answer(Facets::KeyRecord_var(service.modify()->updateKey(r.in())));
       } else {
-        sent = true;
         service.modify()->deleteKey(store.at(c.group).keys.at(c.key).tag.c_str());
       }
       return Acknowledged;
@@ -343,7 +336,7 @@ class Driver {
       return Refused;
     } catch (const CORBA::SystemException& e) {
       *failure = e._name();
-      return sent ? InDoubt : NotBegun;
+      return InDoubt;
     }
   }
 
@@ -413,83 +406,72 @@ class KillRun {
   // it serves; the store must then be as acknowledged, or with the change
   // in doubt applied. Without `mayArm` no kill is pending.
   Start startAndVerify(bool mayArm) {
-    const auto deadline = Clock::now() + 300s;
-    for (;;) {
-      const Clock::time_point began = Clock::now();
-      m_sandbox.launch({"-console"});
-      const pid_t pid = m_sandbox.pid();
-      ++starts;
-      if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
-        m_killer.arm(pid, std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2));
-      }
-      std::unique_ptr<KmsClient> service;
-      Store actual;
-      bool read = false;
-      while (!read && !m_sandbox.ended()) {
-        try {
-          if (!service)
-            service = std::make_unique<KmsClient>(m_sandbox.reference());
-          actual = readStore(service->query());
-          read = true;
-        } catch (const Fw::ServiceException& e) {
-          ADD_FAILURE() << "reading the store after a restart: " << errorCode(e) << tail();
-          return Failed;
-        } catch (const CORBA::SystemException&) {
-          std::this_thread::sleep_for(5ms);  // the client fetches what failed again
-        }
-        if (Clock::now() > deadline) {
-          ADD_FAILURE() << "the service did not serve within 300 s" << tail();
-          return Failed;
-        }
-      }
-      if (!read) {
-        // Killed while starting, or ended before serving: with 0 when the
-        // start gate refused because another vrkms runs here.
-        const bool armed = m_killer.armed();
-        int killed = 0;
-        if (armed && !m_killer.awaitKill(30s, &killed)) {
-          ADD_FAILURE() << "the killer did not report";
-          return Failed;
-        }
-        const int status = reap();
-        if (armed && status == 128 + SIGKILL) {
-          ++kills;
-          ++killsWhileStarting;
-          return KilledWhileStarting;
-        }
-        if (status != 0 || Clock::now() > deadline) {
-          ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
-          return Failed;
-        }
-        std::this_thread::sleep_for(1s);
-        continue;
-      }
-      m_startTime = (m_startTime * 7 + (Clock::now() - began)) / 8;
-      // The run files of the dead service did not stand in the way, and now
-      // name this one. The manager answers a moment before its IOR file has
-      // been renamed into place.
-      EXPECT_EQ(m_sandbox.readFile("var/vrkms/vrkms.pid"), std::to_string(pid) + "\n");
-      std::string ior;
-      for (auto until = Clock::now() + 10s; ior.empty() && Clock::now() < until;
-           std::this_thread::sleep_for(5ms)) {
-        ior = m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior");
-      }
-      EXPECT_EQ(ior.substr(0, 4), "IOR:");
-      std::string beforeWhy, afterWhy;
-      const bool asBefore = matches(m_expected, actual, "", &beforeWhy);
-      const bool asAfter = m_inDoubt && matches(*m_inDoubt, actual, "", &afterWhy);
-      if (!asBefore && !asAfter) {
-        ADD_FAILURE() << "after kill " << kills << " the store is neither as acknowledged ("
-                      << beforeWhy << ")"
-                      << (m_inDoubt ? " nor with the change in doubt (" + afterWhy + ")" : "")
-                      << "; last change: " << lastChange << tail();
-      }
-      inDoubtApplied += asAfter && !asBefore ? 1 : 0;
-      m_expected = actual;  // the driver goes on from what it found
-      m_inDoubt.reset();
-      m_connection = std::move(service);
-      return ::testing::Test::HasFailure() ? Failed : Serving;
+    const Clock::time_point began = Clock::now();
+    m_sandbox.launch({"-console"});
+    const pid_t pid = m_sandbox.pid();
+    ++starts;
+    if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
+      m_killer.arm(pid, std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2));
     }
+    std::unique_ptr<KmsClient> service;
+    Store actual;
+    bool read = false;
+    while (!read && !m_sandbox.ended()) {
+      try {
+        if (!service)
+          service = std::make_unique<KmsClient>(m_sandbox.reference());
+        actual = readStore(service->query());
+        read = true;
+      } catch (const Fw::ServiceException& e) {
+        ADD_FAILURE() << "reading the store after a restart: " << errorCode(e) << tail();
+        return Failed;
+      } catch (const CORBA::SystemException&) {
+        std::this_thread::sleep_for(5ms);  // the client fetches what failed again
+      }
+      if (Clock::now() > began + 300s) {
+        ADD_FAILURE() << "the service did not serve within 300 s" << tail();
+        return Failed;
+      }
+    }
+    if (!read) {  // killed while starting, or ended on its own
+      int killed = 0;
+      const bool armed = m_killer.armed();
+      if (armed && !m_killer.awaitKill(30s, &killed)) {
+        ADD_FAILURE() << "the killer did not report";  // the pid stays unreaped
+        return Failed;
+      }
+      const int status = reap();
+      if (armed && status == 128 + SIGKILL) {
+        ++kills;
+        ++killsWhileStarting;
+        return KilledWhileStarting;
+      }
+      ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
+      return Failed;
+    }
+    m_startTime = (m_startTime * 7 + (Clock::now() - began)) / 8;
+    // The run files of the dead service did not stand in the way, and now
+    // name this one. The manager answers a moment before its IOR file has
+    // been renamed into place.
+    EXPECT_EQ(m_sandbox.readFile("var/vrkms/vrkms.pid"), std::to_string(pid) + "\n");
+    std::string ior;
+    for (auto until = Clock::now() + 10s; ior.empty() && Clock::now() < until;
+         std::this_thread::sleep_for(5ms)) {
+      ior = m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior");
+    }
+    EXPECT_EQ(ior.substr(0, 4), "IOR:");
+    std::string beforeWhy, afterWhy;
+    const bool asBefore = matches(m_expected, actual, "", &beforeWhy);
+    const bool asAfter = m_inDoubt && matches(*m_inDoubt, actual, "", &afterWhy);
+    EXPECT_TRUE(asBefore || asAfter)
+        << "after kill " << kills << " the store is neither as acknowledged (" << beforeWhy << ")"
+        << (m_inDoubt ? " nor with the change in doubt (" + afterWhy + ")" : "")
+        << "; last change: " << lastChange << tail();
+    inDoubtApplied += asAfter && !asBefore ? 1 : 0;
+    m_expected = actual;  // the driver goes on from what it found
+    m_inDoubt.reset();
+    m_connection = std::move(service);
+    return ::testing::Test::HasFailure() ? Failed : Serving;
   }
 
   // Applies changes until the killer's kill ends the service.
@@ -507,10 +489,8 @@ class KillRun {
         continue;
       }
       ASSERT_NE(outcome, Driver::Refused) << change.text() << ": " << failure << tail();
-      if (outcome == Driver::InDoubt) {
-        m_inDoubt = applied(m_expected, change, Reply());
-        ++inDoubt;
-      }
+      m_inDoubt = applied(m_expected, change, Reply());
+      ++inDoubt;
       const pid_t target = m_killer.target();
       int killed = -1;
       ASSERT_TRUE(m_killer.awaitKill(30s, &killed))

@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "server/CtlOutput.h"
-#include "server/GuardedCalls.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "support/TestCertificates.h"
@@ -28,11 +27,6 @@ namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 
 namespace {
-
-// The reference of the manager at TLS endpoint "giop:ssl:HOST:PORT".
-std::string tlsReference(const std::string& endpoint) {
-  return "corbaloc:ssliop:" + endpoint.substr(9) + "/KMS.KMSMgr";
-}
 
 class VrkmsTransport : public ::testing::Test {
  protected:
@@ -99,23 +93,6 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   EXPECT_NE(status.out.find("hmk-1"), std::string::npos) << status.out << status.err;
   EXPECT_EQ(m_vrkms.debugLog().find("updateHMK"), std::string::npos);
 
-  // A certificate of the CA that no grant names is refused every operation,
-  // getKey and the others that hand out key values included (its facets
-  // are fetched while a grant names it).
-  const auto tagOf = [&](const std::vector<std::string>& args) {
-    return CtlOutput::jsonField(m_vrkms.ctl(args).out, "tag");
-  };
-  tagOf({"--json", "group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = tagOf({"--json", "key", "create", "g", "k"});
-  const std::string groupTag = tagOf({"--json", "group", "show", "g"});
-  KmsClient client(tlsReference(m_endpoint),
-                   {m_ca.cert("media02"), m_ca.key("media02"), m_ca.ca()});
-  m_vrkms.writeConf(m_tls + "VRKMS_GRANT = cert:CN=media02 1,2,3,4,28,40\n");
-  GuardedCalls::Facets3 facets(client, tag, groupTag);
-  m_vrkms.writeConf(m_tls);
-  for (const GuardedCalls::Guarded& op : facets.operations()) {
-    EXPECT_EQ(ServiceClient::outcome(op.call), "NO_PERMISSION") << op.name;
-  }
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
