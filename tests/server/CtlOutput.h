@@ -2,6 +2,9 @@
 // JSON, and plain text searches.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <map>
 #include <string>
 
 namespace CtlOutput {
@@ -29,6 +32,14 @@ inline size_t countOf(const std::string& text, const std::string& part) {
     ++n;
   }
   return n;
+}
+
+// Each member of `json` named in `fields` holds its value there.
+inline void expectFields(const std::string& json,
+                         const std::map<std::string, std::string>& fields) {
+  for (const auto& [name, value] : fields) {
+    EXPECT_EQ(jsonField(json, name), value) << name << " in " << json;
+  }
 }
 
 inline bool contains(const std::string& text, const std::string& part) {

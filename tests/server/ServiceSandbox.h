@@ -1,20 +1,12 @@
 // A vrkms installation for process-level tests: a private root whose master
 // configuration names this host as master server, the service on a free
-// loopback port, the administrator options, "vrkms -console" and vrkmsctl,
-// each run as an administrator would run them.
-//
-// Only one vrkms may run on a host, and the gate that enforces it looks at
-// every process named vrkms: admin() and start() wait out another vrkms
-// (1272 for an administrator option, a quiet exit for the service) for up to
-// five minutes. Every program can be run behind a command prefix (nsenter
-// into a mount namespace, setpriv).
-//
-// Tests that use it run a process named vrkms: their suite names start with
-// "Vrkms" (RESOURCE_LOCK vrkms_process).
+// loopback port, and vrkms and vrkmsctl run as an administrator would, each
+// behind an optional command prefix (nsenter, setpriv). Only one vrkms may
+// run on a host: suites that use it are named Vrkms* (RESOURCE_LOCK) and run
+// in a PID namespace of their own.
 #pragma once
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -24,8 +16,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,12 +30,12 @@
 
 class ServiceSandbox {
  public:
-  // The test process calls over TCP from loopback (vrkmsctl calls on the
-  // local endpoint): that address holds every right of the service's table.
+  // The test process calls over TCP from loopback (vrkmsctl on the local
+  // endpoint): that address holds every right of the service's table.
   static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n";
 
-  // `debugLevel` is the service's VRKMS_DEBUG_LEVEL; `prefix`: argv words put
-  // before every program this object runs.
+  // `debugLevel`: VRKMS_DEBUG_LEVEL; `prefix`: argv words put before every
+  // program this object runs.
   explicit ServiceSandbox(int debugLevel = 9, std::vector<std::string> prefix = {})
       : m_prefix(std::move(prefix)), m_port(freePort()), m_debugLevel(debugLevel) {
     ::mkdir(m_root.file("etc").c_str(), 0700);
@@ -72,55 +66,36 @@ class ServiceSandbox {
     return r.exited && r.exitStatus == 0;
   }
 
-  // Runs vrkms with `args`, once.
   ProcessResult run(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMS_BINARY, args).stdinText(input).run();
   }
-  // Runs vrkms with an administrator option, waiting out another vrkms.
   ProcessResult admin(const std::vector<std::string>& args, const std::string& input = "") const {
-    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
-    for (;;) {
-      const ProcessResult r = run(args, input);
-      const bool gated = r.exited && r.exitStatus == 252 &&
-                         r.err.find("EXIT STATUS = 1272\n") != std::string::npos;
-      if (!gated || std::chrono::steady_clock::now() > deadline) {
-        return r;
-      }
-      std::this_thread::sleep_for(std::chrono::seconds(1));
-    }
+    return run(args, input);
   }
-  // Starts vrkms on a terminal of its own and returns at once.
   RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
     return runner(VRKMS_BINARY, args).spawnOnTerminal();
   }
-  // Runs vrkmsctl; it finds the service through the master configuration.
   ProcessResult ctl(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMSCTL_BINARY, args).stdinText(input).run();
   }
 
-  // Starts "vrkms -console" and waits until the manager is advertised,
-  // waiting out another vrkms; false when the service ends or takes too long.
+  // Starts "vrkms -console" and waits until the manager is advertised;
+  // false when the service ends or takes a minute.
   bool start() {
-    const auto deadline = std::chrono::steady_clock::now() + kGateWait;
-    for (;;) {
-      const size_t refusalsBefore = CtlOutput::countOf(appLog(), "286-31 ");
-      ::unlink(iorPath().c_str());
-      launch({"-console"});
-      if (waitForAdvertisement()) {
+    ::unlink(iorPath().c_str());
+    launch({"-console"});
+    struct stat info;
+    for (int i = 0; i < 3000 && m_pid > 0; ++i) {
+      if (::stat(iorPath().c_str(), &info) == 0)
         return true;
-      }
-      const int status = waitForExit(std::chrono::seconds(1));
-      const bool gated = status == 0 && CtlOutput::countOf(appLog(), "286-31 ") > refusalsBefore;
-      if (!gated || std::chrono::steady_clock::now() > deadline) {
-        kill();
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::seconds(1));
+      reap(WNOHANG);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    kill();
+    return false;
   }
 
-  // Starts vrkms with `args`, standard error to "stderr.txt" of the root,
-  // without waiting for anything.
+  // Starts vrkms with `args`, standard error to stderrText(), and returns.
   void launch(const std::vector<std::string>& args) {
     m_exit = -1;
     std::vector<std::string> words = m_prefix;
@@ -135,8 +110,7 @@ class ServiceSandbox {
     m_pid = ::fork();
     if (m_pid == 0) {
       ::setenv("VREST_ROOT", m_root.path().c_str(), 1);
-      const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-      ::dup2(err, 2);
+      ::dup2(::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
       ::execvp(argv[0], argv.data());
       ::_exit(127);
     }
@@ -151,20 +125,6 @@ class ServiceSandbox {
            info.si_pid == m_pid;
   }
 
-  // Waits until the manager is advertised; false if vrkms ends first or
-  // takes a minute.
-  bool waitForAdvertisement() {
-    struct stat info;
-    for (int i = 0; i < 3000 && m_pid > 0; ++i) {
-      if (::stat(iorPath().c_str(), &info) == 0) {
-        return true;
-      }
-      reap(WNOHANG);
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-  }
-
   // The exit status of the launched vrkms once it ends (128 + signal for a
   // killed one), or -1 after `limit`.
   int waitForExit(std::chrono::milliseconds limit) {
@@ -176,8 +136,8 @@ class ServiceSandbox {
     return m_pid > 0 ? -1 : m_exit;
   }
 
-  // Runs "vrkms -terminate" and gives its exit status and that of the
-  // service (-1 if it did not end).
+  // Runs "vrkms -terminate": its exit status and the service's (-1 if it
+  // did not end).
   std::pair<int, int> terminate() {
     const ProcessResult stopper = run({"-terminate"});
     const int service = waitForExit(std::chrono::seconds(30));
@@ -191,8 +151,7 @@ class ServiceSandbox {
     }
   }
 
-  // A file of the root, readable by its owner only, with `text` in it; its
-  // path.
+  // A file of the root, readable by its owner only, holding `text`; its path.
   std::string writePrivate(const std::string& name, const std::string& text) const {
     const std::string path = m_root.file(name);
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -207,7 +166,6 @@ class ServiceSandbox {
   std::string readFile(const std::string& name) const { return readPath(m_root.file(name)); }
   std::string debugLog() const { return readFile("logs/vrkms/vrkms_debug.log"); }
   std::string appLog() const { return readFile("logs/vrkms/vrkms_app.log"); }
-  // What the service wrote on standard error.
   std::string stderrText() const { return readFile("stderr.txt"); }
   std::string iorPath() const { return m_root.file("var/vrkms/KMS.KMSMgr.ior"); }
   std::string pidPath() const { return m_root.file("var/vrkms/vrkms.pid"); }
@@ -227,23 +185,40 @@ class ServiceSandbox {
   // it holds.
   static std::vector<std::string> walk(const std::string& dir) {
     std::vector<std::string> found;
-    DIR* stream = ::opendir(dir.c_str());
-    while (const dirent* entry = stream != nullptr ? ::readdir(stream) : nullptr) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..") {
-        continue;
-      }
-      found.push_back(dir + "/" + name);
-      struct stat info;
-      if (::lstat(found.back().c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        const std::vector<std::string> below = walk(dir + "/" + name);
-        found.insert(found.end(), below.begin(), below.end());
-      }
-    }
-    if (stream != nullptr) {
-      ::closedir(stream);
+    std::error_code ec;
+    const auto options = std::filesystem::directory_options::skip_permission_denied;
+    for (std::filesystem::recursive_directory_iterator it(dir, options, ec), end; !ec && it != end;
+         it.increment(ec)) {
+      found.push_back(it->path().string());
     }
     return found;
+  }
+
+  // Every regular file under `dir` by its path relative to `dir`, with its
+  // bytes.
+  static std::map<std::string, std::string> snapshot(const std::string& dir) {
+    std::map<std::string, std::string> files;
+    for (const std::string& path : walk(dir)) {
+      struct stat info;
+      if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+        files[path.substr(dir.size() + 1)] = readPath(path);
+    }
+    return files;
+  }
+
+  // A TCP connection from `from` to `port` on 127.0.0.1; -1 if refused.
+  static int connectTo(int port, const char* from = "127.0.0.1") {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    ::inet_pton(AF_INET, from, &address.sin_addr);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+      return fd;
+    ::close(fd);
+    return -1;
   }
 
   // A loopback port that nothing listens on at the moment.
@@ -260,8 +235,6 @@ class ServiceSandbox {
   }
 
  private:
-  static constexpr std::chrono::minutes kGateWait{5};
-
   void reap(int options) {
     int status = 0;
     if (m_pid > 0 && ::waitpid(m_pid, &status, options) == m_pid) {
@@ -272,9 +245,8 @@ class ServiceSandbox {
 
   ProcessRunner runner(const std::string& program, const std::vector<std::string>& args) const {
     std::vector<std::string> all(m_prefix.begin() + (m_prefix.empty() ? 0 : 1), m_prefix.end());
-    if (!m_prefix.empty()) {
+    if (!m_prefix.empty())
       all.push_back(program);
-    }
     all.insert(all.end(), args.begin(), args.end());
     return ProcessRunner(m_prefix.empty() ? program : m_prefix.front())
         .args(std::move(all))

@@ -1,10 +1,5 @@
-// vrkmsctl against the built vrkms: a service started on a free loopback port
-// under a temporary root, driven command by command as an administrator
-// would, with the results read from the JSON or text output and the exit
-// statuses.
-//
-// These tests run a process named vrkms; CTest keeps them apart from every
-// other such test (RESOURCE_LOCK vrkms_process).
+// vrkmsctl against the built vrkms, driven command by command as an
+// administrator would, read back from its JSON or text output and exit status.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -24,6 +19,7 @@ namespace {
 
 using CtlOutput::contains;
 using CtlOutput::countOf;
+using CtlOutput::expectFields;
 using CtlOutput::jsonField;
 
 class VrkmsCtl : public ::testing::Test {
@@ -33,8 +29,7 @@ class VrkmsCtl : public ::testing::Test {
     ASSERT_TRUE(m_service.start()) << m_service.stderrText() << m_service.debugLog();
   }
 
-  // Runs a command that must succeed and gives its standard output.
-  std::string ok(std::vector<std::string> args) {
+  std::string ok(std::vector<std::string> args) {  // must succeed; its output
     const ProcessResult r = m_service.ctl(args);
     EXPECT_EQ(r.exitStatus, 0) << args[0] << " " << (args.size() > 1 ? args[1] : "") << ": "
                                << r.out << r.err;
@@ -60,9 +55,7 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   EXPECT_EQ(jsonField(g1, "name"), "g1");
   EXPECT_EQ(jsonField(g1, "cipherType"), "CT_AES256_CBC");
   EXPECT_TRUE(contains(g1, R"("description":"first \"group\"")")) << g1;
-  EXPECT_EQ(jsonField(g1, "rev"), "1");
-  EXPECT_EQ(jsonField(g1, "numKeys"), "0");
-  EXPECT_EQ(jsonField(g1, "hasActiveKey"), "false");
+  expectFields(g1, {{"rev", "1"}, {"numKeys", "0"}, {"hasActiveKey", "false"}});
   EXPECT_EQ(jsonField(g1, "createTime"), jsonField(g1, "updateTime"));
   // Seconds since 1970, from the wire's ticks since 1582.
   EXPECT_LT(std::abs(std::stoll(jsonField(g1, "createTime")) - std::time(nullptr)), 300) << g1;
@@ -96,9 +89,7 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
       client.query()->getKeyRecordByName(jsonField(g1, "tag").c_str(), "k1");
   const std::string renamed =
       json({"key", "update", "g1", "k1", "--new-name", "k1b", "--description", "changed"});
-  EXPECT_EQ(jsonField(renamed, "name"), "k1b");
-  EXPECT_EQ(jsonField(renamed, "rev"), "3");
-  EXPECT_EQ(jsonField(renamed, "state"), "KEY_INACTIVE");
+  expectFields(renamed, {{"name", "k1b"}, {"rev", "3"}, {"state", "KEY_INACTIVE"}});
   stale->description = "lost update";
   EXPECT_EQ(ServiceClient::serviceError(
                 [&] { Facets::KeyRecord_var r = client.modify()->updateKey(stale.in()); }),
@@ -140,11 +131,11 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   refused({"group", "show", "g1"}, 1229);
   refused({"key", "list", "g1"}, 1229);
   const std::string stats = json({"status"});
-  EXPECT_EQ(jsonField(stats, "numKeyGroups"), "2");
-  EXPECT_EQ(jsonField(stats, "numKeys"), "1");
-  EXPECT_EQ(jsonField(stats, "quiesceCount"), "0");
-  EXPECT_EQ(jsonField(stats, "hmkId"), "hmk-1");
-  EXPECT_EQ(jsonField(stats, "kpkId"), "kpk-1");
+  expectFields(stats, {{"numKeyGroups", "2"},
+                       {"numKeys", "1"},
+                       {"quiesceCount", "0"},
+                       {"hmkId", "hmk-1"},
+                       {"kpkId", "kpk-1"}});
   // Every request of the client carries its version.
   EXPECT_TRUE(contains(m_service.debugLog(),
                        "Found Peer Version Information in TSS,  Major 1 Minor 0 Patch 0"));
@@ -265,9 +256,7 @@ TEST_F(VrkmsCtl, TerminateEndsTheServiceAndARestartServesTheSameData) {
 
   ASSERT_TRUE(m_service.start()) << m_service.readFile("stderr.txt");
   const std::string stats = json({"status"});
-  EXPECT_EQ(jsonField(stats, "hmkId"), "hmk-2");
-  EXPECT_EQ(jsonField(stats, "kpkId"), "kpk-2");
-  EXPECT_EQ(jsonField(stats, "numKeys"), "1");
+  expectFields(stats, {{"hmkId", "hmk-2"}, {"kpkId", "kpk-2"}, {"numKeys", "1"}});
   EXPECT_EQ(json({"group", "list"}), groups);
   EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
   // The endpoint given on the command line works the same.

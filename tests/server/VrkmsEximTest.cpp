@@ -1,11 +1,7 @@
-// Export and import with vrkmsctl between real services: a source service
-// exports its store, whole and in parts, to files; it is stopped (only one
-// vrkms runs on a machine) and services on other roots import the files,
-// with new names or with the names preserved. What arrives is compared with
+// Export and import with vrkmsctl between real services: a source exports
+// its store, whole and in parts; services on other roots import the files,
+// with new names or the names preserved, and what arrives is compared with
 // what left, record by record, as vrkmsctl shows both.
-//
-// These tests run a process named vrkms; CTest keeps them apart from every
-// other such test (RESOURCE_LOCK vrkms_process).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,25 +14,12 @@
 
 #include "server/CtlOutput.h"
 #include "server/ServiceSandbox.h"
-#include "support/TempRoot.h"
 
 namespace {
 
 using CtlOutput::contains;
 using CtlOutput::countOf;
 using CtlOutput::jsonField;
-
-// Every file below a directory by its relative path, with its bytes.
-std::map<std::string, std::string> snapshot(const std::string& dir) {
-  std::map<std::string, std::string> files;
-  for (const std::string& path : ServiceSandbox::walk(dir)) {
-    struct stat info;
-    if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-      files[path.substr(dir.size() + 1)] = ServiceSandbox::readPath(path);
-    }
-  }
-  return files;
-}
 
 // The common suffix of imported group names, "_IMPORTED_" and the 14 digits
 // of the time of the import, made alike for comparing two runs.
@@ -69,78 +52,65 @@ std::string importedName(const std::string& groupsJson, const std::string& name)
   return std::regex_search(groupsJson, found, pattern) ? found[1].str() : "<absent>";
 }
 
-// The files that the source service exported, and what it showed of its
-// records, shared by the tests of the suite that run in one process.
-struct Source {
-  TempRoot files{"vrkms-exim"};
-  std::string passphrase;  // file holding the export passphrase
-  std::string wrongPassphrase;
-  std::map<std::string, std::string> shown;  // what `json` showed, by command
-  std::map<std::string, std::string> keys;   // plain keys by key name
-  std::string exportDir() const { return files.file("out"); }
-  std::string exported(const std::string& name) const { return files.file("out/" + name); }
-};
-
+// A source service's exports and what it showed of its records, then a
+// target service, on a root of its own, to import them.
 class VrkmsExim : public ::testing::Test {
  protected:
-  static void TearDownTestSuite() {
-    delete s_source;
-    s_source = nullptr;
+  std::string exported(const std::string& name) const { return m_source.path("out/" + name); }
+  ProcessResult importFile(const std::string& file, std::vector<std::string> options,
+                           bool json = false) {
+    std::vector<std::string> args = {"import", exported(file), "--passphrase-file", m_passphrase};
+    args.insert(args.end(), options.begin(), options.end());
+    if (json)
+      args.insert(args.begin(), "--json");
+    return m_target->ctl(args);
+  }
+  std::string json(ServiceSandbox& service, std::vector<std::string> args) {
+    args.insert(args.begin(), "--json");
+    const ProcessResult r = service.ctl(args);
+    EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
+    return r.out;
+  }
+  std::string json(std::vector<std::string> args) { return json(*m_target, std::move(args)); }
+  std::map<std::string, std::string> storeFiles() const {
+    return ServiceSandbox::snapshot(m_target->path("kms"));
+  }
+  // Starts a new target service with a store of its own.
+  void startTarget() {
+    m_target = std::make_unique<ServiceSandbox>();
+    ASSERT_TRUE(m_target->makeStore());
+    ASSERT_TRUE(m_target->start()) << m_target->stderrText() << m_target->debugLog();
   }
 
-  // The source is made by the first test that runs, and its failures are
-  // that test's; the tests after it find no files and fail as well.
-  void SetUp() override {
-    if (s_source == nullptr) {
-      s_source = new Source();
-      makeSource(*s_source);
-    }
-    struct stat info;
-    ASSERT_EQ(::stat(s_source->exported("all").c_str(), &info), 0) << "no source exports";
-  }
-
-  // The source store, its exports, and the refusals of export.
-  static void makeSource(Source& source) {
-    ::mkdir(source.exportDir().c_str(), 0700);
-    source.passphrase = source.files.file("export.pass");
-    std::ofstream(source.passphrase) << "export passphrase\n";
-    source.wrongPassphrase = source.files.file("wrong.pass");
-    std::ofstream(source.wrongPassphrase) << "export passphrase2\n";
-    const std::string keyPassphrase = source.files.file("key.pass");
-    std::ofstream(keyPassphrase) << "key passphrase\n";
-
-    ServiceSandbox service;
+  // The source store and its exports, and the refusals of export.
+  void makeSource() {
+    ServiceSandbox& service = m_source;
+    ::mkdir(service.path("out").c_str(), 0700);
+    const std::string keyPassphrase = service.writePrivate("key.pass", "key passphrase\n");
     ASSERT_TRUE(service.makeStore());
     ASSERT_TRUE(service.start()) << service.stderrText() << service.debugLog();
-    const auto run = [&](std::vector<std::string> args) {
-      args.insert(args.begin(), "--json");
-      const ProcessResult r = service.ctl(args);
-      EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
-      return r.out;
-    };
-    run({"group", "create", "g", "--cipher", "AES256", "--description", "gd"});
+    json(service, {"group", "create", "g", "--cipher", "AES256", "--description", "gd"});
     // a: from a passphrase (with its salt attribute), demoted by b; c prelive.
-    run({"key", "create", "g", "a", "--passphrase-file", keyPassphrase});
-    run({"key", "create", "g", "b", "--description", "bd"});
-    run({"key", "create", "g", "c", "--state", "prelive"});
-    run({"group", "create", "h", "--cipher", "AES128"});
-    run({"key", "create", "h", "x"});
-    run({"group", "create", "e", "--cipher", "BLOWFISH"});
-    const std::vector<std::vector<std::string>> shown = {
-        {"key", "list", "g"},   {"key", "list", "h"},   {"group", "show", "g"},
-        {"group", "show", "h"}, {"group", "show", "e"},
-    };
-    for (const std::vector<std::string>& args : shown) {
-      source.shown[args[0] + " " + args[1] + " " + args[2]] = run(args);
+    json(service, {"key", "create", "g", "a", "--passphrase-file", keyPassphrase});
+    json(service, {"key", "create", "g", "b", "--description", "bd"});
+    json(service, {"key", "create", "g", "c", "--state", "prelive"});
+    json(service, {"group", "create", "h", "--cipher", "AES128"});
+    json(service, {"key", "create", "h", "x"});
+    json(service, {"group", "create", "e", "--cipher", "BLOWFISH"});
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"key", "list", "g"},
+                                               {"key", "list", "h"},
+                                               {"group", "show", "g"},
+                                               {"group", "show", "h"},
+                                               {"group", "show", "e"}}) {
+      m_shown[args[0] + " " + args[1] + " " + args[2]] = json(service, args);
     }
     for (const char* name : {"a", "b"}) {
-      const std::string tag = jsonField(run({"key", "show", "g", name}), "tag");
-      source.keys[name] = jsonField(run({"key", "get", tag}), "key");
+      const std::string tag = jsonField(json(service, {"key", "show", "g", name}), "tag");
+      m_keys[name] = jsonField(json(service, {"key", "get", tag}), "key");
     }
-
     const auto exportTo = [&](const std::string& file, std::vector<std::string> selection) {
-      std::vector<std::string> args = {"export", source.exported(file), "--passphrase-file",
-                                       source.passphrase};
+      std::vector<std::string> args = {"export", exported(file), "--passphrase-file", m_passphrase};
       args.insert(args.end(), selection.begin(), selection.end());
       const ProcessResult r = service.ctl(args);
       EXPECT_EQ(r.exitStatus, 0) << file << ": " << r.out << r.err;
@@ -152,13 +122,12 @@ class VrkmsExim : public ::testing::Test {
     exportTo("h-alone", {"--select", "h"});
     exportTo("e", {"--select", "e/*"});
     // Export is a read: a quiesced store exports all the same.
-    run({"quiesce"});
+    json(service, {"quiesce"});
     exportTo("all-again", {});
-
     // Unknown names: every one is reported, and no file is written.
     const ProcessResult unknown =
-        service.ctl({"--json", "export", source.exported("none"), "--passphrase-file",
-                     source.passphrase, "--select", "nope/k", "--select", "g/zz"});
+        service.ctl({"--json", "export", exported("none"), "--passphrase-file", m_passphrase,
+                     "--select", "nope/k", "--select", "g/zz"});
     EXPECT_EQ(unknown.exitStatus, 1);
     EXPECT_EQ(unknown.out,
               "{\"error_code\":1214,\"messages\":[{\"code\":8,\"args\":[\"zz\",\"g\"]},"
@@ -166,75 +135,45 @@ class VrkmsExim : public ::testing::Test {
     EXPECT_EQ(service.terminate().second, 0) << service.debugLog();
   }
 
-  // A second service, on a root of its own, with a store of its own.
-  void startTarget() {
-    ASSERT_TRUE(m_target.makeStore());
-    ASSERT_TRUE(m_target.start()) << m_target.stderrText() << m_target.debugLog();
-  }
-
-  ProcessResult importFile(const std::string& file, std::vector<std::string> options,
-                           bool json = false) {
-    std::vector<std::string> args = {"import", s_source->exported(file), "--passphrase-file",
-                                     s_source->passphrase};
-    args.insert(args.end(), options.begin(), options.end());
-    if (json) {
-      args.insert(args.begin(), "--json");
-    }
-    return m_target.ctl(args);
-  }
-
-  std::string json(std::vector<std::string> args) {
-    args.insert(args.begin(), "--json");
-    const ProcessResult r = m_target.ctl(args);
-    EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
-    return r.out;
-  }
-
-  std::map<std::string, std::string> storeFiles() const {
-    return snapshot(m_target.root().file("kms"));
-  }
-
-  static Source* s_source;
-  ServiceSandbox m_target;
+  ServiceSandbox m_source;
+  std::string m_passphrase = m_source.writePrivate("export.pass", "export passphrase\n");
+  std::map<std::string, std::string> m_shown;  // what the source showed, by command
+  std::map<std::string, std::string> m_keys;   // plain keys by key name
+  std::unique_ptr<ServiceSandbox> m_target;
 };
 
-Source* VrkmsExim::s_source = nullptr;
-
-TEST_F(VrkmsExim, ExportFilesAreWholeAndPrivate) {
+TEST_F(VrkmsExim, ExportedFilesImportUnderNewOrPreservedNames) {
+  ASSERT_NO_FATAL_FAILURE(makeSource());
   // Only the finished files: no file for a refused export, no temporary one.
   std::vector<std::string> names;
-  for (const auto& entry : snapshot(s_source->exportDir())) {
+  for (const auto& entry : ServiceSandbox::snapshot(m_source.path("out"))) {
     names.push_back(entry.first);
   }
   EXPECT_EQ(names, (std::vector<std::string>{"all", "all-again", "e", "g", "h-alone"}));
   for (const std::string& name : names) {
     struct stat info;
-    ASSERT_EQ(::stat(s_source->exported(name).c_str(), &info), 0);
+    ASSERT_EQ(::stat(exported(name).c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0600u) << name;
     EXPECT_GT(info.st_size, 0) << name;
   }
 
   // A store without groups has nothing to export, and the file is not made.
   startTarget();
-  const std::string empty = m_target.root().file("empty.vrx");
-  const ProcessResult r =
-      m_target.ctl({"export", empty, "--passphrase-file", s_source->passphrase});
+  const std::string empty = m_target->path("empty.vrx");
+  const ProcessResult r = m_target->ctl({"export", empty, "--passphrase-file", m_passphrase});
   EXPECT_EQ(r.exitStatus, 1);
   EXPECT_EQ(r.out, "status 1285: The key store holds no key groups; there is nothing to export.\n");
   struct stat info;
   EXPECT_NE(::stat(empty.c_str(), &info), 0);
   // A directory that cannot take the file is refused before the service is
   // asked.
-  const ProcessResult noDir = m_target.ctl(
-      {"export", m_target.root().file("missing/x.vrx"), "--passphrase-file", s_source->passphrase});
+  const ProcessResult noDir =
+      m_target->ctl({"export", m_target->path("missing/x.vrx"), "--passphrase-file", m_passphrase});
   EXPECT_EQ(noDir.exitStatus, 2);
   EXPECT_TRUE(contains(noDir.err, "cannot create a file in the directory of")) << noDir.err;
-}
 
-TEST_F(VrkmsExim, ImportUnderNewNamesKeepsEveryKeyAsItWas) {
-  startTarget();
-
-  // A preview changes nothing and says what the import then does.
+  // Under new names, every key as it was. A preview changes nothing and says what the import then
+  // does.
   const std::map<std::string, std::string> before = storeFiles();
   const ProcessResult preview = importFile("all", {"--preview"});
   EXPECT_EQ(preview.exitStatus, 0) << preview.out << preview.err;
@@ -255,17 +194,17 @@ TEST_F(VrkmsExim, ImportUnderNewNamesKeepsEveryKeyAsItWas) {
   EXPECT_EQ(importedName(groups, "h"), "h" + suffix);
   EXPECT_EQ(importedName(groups, "e"), "e" + suffix);
   for (const std::string name : {"g", "h", "e"}) {
-    std::string expected = s_source->shown["group show " + name];
+    std::string expected = m_shown["group show " + name];
     expected.replace(expected.find("\"name\":\"" + name + "\""), name.size() + 9,
                      "\"name\":\"" + name + suffix + "\"");
     EXPECT_EQ(json({"group", "show", name + suffix}), expected);
   }
   // Keys arrive as they left: tags, states, times, revisions, attributes.
-  EXPECT_EQ(records(json({"key", "list", g})), records(s_source->shown["key list g"]));
-  EXPECT_EQ(json({"key", "list", "h" + suffix}), s_source->shown["key list h"]);
+  EXPECT_EQ(records(json({"key", "list", g})), records(m_shown["key list g"]));
+  EXPECT_EQ(json({"key", "list", "h" + suffix}), m_shown["key list h"]);
   for (const char* name : {"a", "b"}) {
     const std::string tag = jsonField(json({"key", "show", g, name}), "tag");
-    EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), s_source->keys[name]) << name;
+    EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), m_keys[name]) << name;
   }
 
   // Import goes on while the store is quiesced. The same keys again are
@@ -279,55 +218,55 @@ TEST_F(VrkmsExim, ImportUnderNewNamesKeepsEveryKeyAsItWas) {
   EXPECT_EQ(countOf(again.out, "{\"code\":5,\"args\":[\""), 1u) << again.out;
   EXPECT_EQ(countOf(again.out, "{\"code\":10,"), 0u);
   const std::string stats = json({"status"});
-  EXPECT_EQ(jsonField(stats, "numKeyGroups"), "4");
-  EXPECT_EQ(jsonField(stats, "numKeys"), "4");
-  EXPECT_EQ(jsonField(stats, "quiesceCount"), "1");
+  CtlOutput::expectFields(stats, {{"numKeyGroups", "4"}, {"numKeys", "4"}, {"quiesceCount", "1"}});
 
   // A wrong passphrase opens nothing.
-  const ProcessResult wrong = m_target.ctl(
-      {"import", s_source->exported("all"), "--passphrase-file", s_source->wrongPassphrase});
+  const ProcessResult wrong =
+      m_target->ctl({"import", exported("all"), "--passphrase-file",
+                     m_target->writePrivate("wrong.pass", "export passphrase2\n")});
   EXPECT_EQ(wrong.exitStatus, 1);
   EXPECT_EQ(wrong.out,
             "status 1284: The passphrase of the export is wrong, or the exported data was "
             "changed.\n");
   EXPECT_EQ(jsonField(json({"status"}), "numKeyGroups"), "4");
-}
 
-TEST_F(VrkmsExim, ImportWithPreservedNamesAndItsClashes) {
+  // With the names preserved, and its clashes.
   startTarget();
-  const std::map<std::string, std::string> before = storeFiles();
-  const ProcessResult preview = importFile("g", {"--preserve-names", "--preview"});
-  EXPECT_EQ(preview.exitStatus, 0) << preview.out << preview.err;
-  EXPECT_EQ(storeFiles(), before);
-  const ProcessResult imported = importFile("g", {"--preserve-names"});
-  EXPECT_EQ(imported.exitStatus, 0) << imported.out << imported.err;
-  EXPECT_EQ(imported.out, preview.out);
-  EXPECT_TRUE(contains(imported.out, "Key group [g] imported as-is\n")) << imported.out;
-  EXPECT_TRUE(contains(imported.out, "Key [c] of key group [g] imported as-is\n"));
-  EXPECT_EQ(records(json({"key", "list", "g"})), records(s_source->shown["key list g"]));
-  EXPECT_EQ(json({"group", "show", "g"}), s_source->shown["group show g"]);
+  {
+    const std::map<std::string, std::string> before = storeFiles();
+    const ProcessResult preview = importFile("g", {"--preserve-names", "--preview"});
+    EXPECT_EQ(preview.exitStatus, 0) << preview.out << preview.err;
+    EXPECT_EQ(storeFiles(), before);
+    const ProcessResult imported = importFile("g", {"--preserve-names"});
+    EXPECT_EQ(imported.exitStatus, 0) << imported.out << imported.err;
+    EXPECT_EQ(imported.out, preview.out);
+    EXPECT_TRUE(contains(imported.out, "Key group [g] imported as-is\n")) << imported.out;
+    EXPECT_TRUE(contains(imported.out, "Key [c] of key group [g] imported as-is\n"));
+    EXPECT_EQ(records(json({"key", "list", "g"})), records(m_shown["key list g"]));
+    EXPECT_EQ(json({"group", "show", "g"}), m_shown["group show g"]);
 
-  // A group alone, and a group that is empty, arrive without keys.
-  EXPECT_EQ(importFile("h-alone", {"--preserve-names"}).exitStatus, 0);
-  EXPECT_EQ(importFile("e", {"--preserve-names"}).exitStatus, 0);
-  EXPECT_EQ(jsonField(json({"group", "show", "h"}), "numKeys"), "0");
-  EXPECT_EQ(jsonField(json({"group", "show", "h"}), "tag"),
-            jsonField(s_source->shown["group show h"], "tag"));
-  EXPECT_EQ(json({"group", "show", "e"}), s_source->shown["group show e"]);
+    // A group alone, and a group that is empty, arrive without keys.
+    EXPECT_EQ(importFile("h-alone", {"--preserve-names"}).exitStatus, 0);
+    EXPECT_EQ(importFile("e", {"--preserve-names"}).exitStatus, 0);
+    EXPECT_EQ(jsonField(json({"group", "show", "h"}), "numKeys"), "0");
+    EXPECT_EQ(jsonField(json({"group", "show", "h"}), "tag"),
+              jsonField(m_shown["group show h"], "tag"));
+    EXPECT_EQ(json({"group", "show", "e"}), m_shown["group show e"]);
 
-  // The same group again clashes by name and by tag; nothing changes.
-  const std::map<std::string, std::string> settled = storeFiles();
-  const ProcessResult clash = importFile("g", {"--preserve-names"});
-  EXPECT_EQ(clash.exitStatus, 1);
-  EXPECT_TRUE(contains(clash.out,
-                       "Key group [g] already exists in the database\n"
-                       "Tag for key group [g]  conflicts with the existing key group [g]\n"))
-      << clash.out;
-  EXPECT_TRUE(contains(clash.out,
-                       "\nstatus 1283: The import was refused. See the messages of the import "
-                       "for the reasons.\n"))
-      << clash.out;
-  EXPECT_EQ(storeFiles(), settled);
+    // The same group again clashes by name and by tag; nothing changes.
+    const std::map<std::string, std::string> settled = storeFiles();
+    const ProcessResult clash = importFile("g", {"--preserve-names"});
+    EXPECT_EQ(clash.exitStatus, 1);
+    EXPECT_TRUE(contains(clash.out,
+                         "Key group [g] already exists in the database\n"
+                         "Tag for key group [g]  conflicts with the existing key group [g]\n"))
+        << clash.out;
+    EXPECT_TRUE(contains(clash.out,
+                         "\nstatus 1283: The import was refused. See the messages of the import "
+                         "for the reasons.\n"))
+        << clash.out;
+    EXPECT_EQ(storeFiles(), settled);
+  }
 }
 
 }  // namespace

@@ -1,17 +1,12 @@
-// The committed corpus of the GIOP request fuzzer replayed against the built
-// vrkms: each file becomes the bytes the fuzzer would send, on a connection
-// of its own, and the service must answer as the file's name says (see
-// fuzz/giop/GiopSeeds.cpp) and never leave a connection hanging. Afterwards
-// the service must still serve and stop in order.
-//
-// Runs a process named vrkms: RESOURCE_LOCK vrkms_process.
+// The GIOP request fuzzer's corpus replayed against vrkms, each file on a
+// connection of its own: answered as the file's name says (see
+// fuzz/giop/GiopSeeds.cpp), no connection left hanging, and the service
+// serves on and stops in order.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,32 +23,17 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct CorpusFile {
-  std::string name;
-  std::string bytes;
-};
-
-std::vector<CorpusFile> corpus() {
-  std::vector<CorpusFile> files;
-  const std::filesystem::path dir =
-      std::filesystem::path(VRKMS_SOURCE_DIR) / "fuzz" / "corpus" / "GiopRequestFuzz";
-  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-    std::ifstream in(entry.path(), std::ios::binary);
-    files.push_back(
-        {entry.path().filename().string(), std::string(std::istreambuf_iterator<char>(in), {})});
-  }
-  std::sort(files.begin(), files.end(),
-            [](const CorpusFile& a, const CorpusFile& b) { return a.name < b.name; });
-  return files;
-}
-
 bool startsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
 }
 
 // The body of the test; the harness's own calls through the stubs throw.
 void replayCorpus() {
-  const std::vector<CorpusFile> files = corpus();
+  std::map<std::string, std::string> files;  // the corpus by name, in order
+  for (const auto& entry : std::filesystem::directory_iterator(std::string(VRKMS_SOURCE_DIR) +
+                                                               "/fuzz/corpus/GiopRequestFuzz")) {
+    files[entry.path().filename().string()] = ServiceSandbox::readPath(entry.path().string());
+  }
   ASSERT_GT(files.size(), 50u);
 
   ServiceSandbox sandbox(4);
@@ -73,28 +53,27 @@ void replayCorpus() {
   EXPECT_NE(keys.key[giopfuzz::kControl], keys.key[giopfuzz::kQuery]);
 
   int answeredWithResult = 0;
-  for (const CorpusFile& file : files) {
-    SCOPED_TRACE(file.name);
+  for (const auto& [name, bytes] : files) {
+    SCOPED_TRACE(name);
     if (!baseline.refresh()) {
       baseline.reset();
     }
-    const giopfuzz::Wire wire =
-        giopfuzz::buildWire(reinterpret_cast<const uint8_t*>(file.bytes.data()), file.bytes.size(),
-                            keys, baseline.markers());
+    const giopfuzz::Wire wire = giopfuzz::buildWire(reinterpret_cast<const uint8_t*>(bytes.data()),
+                                                    bytes.size(), keys, baseline.markers());
     const giopfuzz::Exchange result = giopfuzz::exchange(port, wire, 20s);
     ASSERT_NE(result.outcome, giopfuzz::Outcome::kTimedOut);
     ASSERT_NE(result.outcome, giopfuzz::Outcome::kNoConnection);
-    if (startsWith(file.name, "ok-")) {
+    if (startsWith(name, "ok-")) {
       ASSERT_EQ(result.outcome, giopfuzz::Outcome::kReply) << giopfuzz::outcomeName(result.outcome);
       EXPECT_EQ(result.messageType, giopwire::kReply);
       EXPECT_TRUE(result.head.status == giopwire::kNoException ||
                   result.head.status == giopwire::kUserException)
           << "reply status " << result.head.status;
       answeredWithResult += result.head.status == giopwire::kNoException ? 1 : 0;
-    } else if (startsWith(file.name, "sys-")) {
+    } else if (startsWith(name, "sys-")) {
       ASSERT_EQ(result.outcome, giopfuzz::Outcome::kReply) << giopfuzz::outcomeName(result.outcome);
       EXPECT_EQ(result.head.status, giopwire::kSystemException);
-    } else if (startsWith(file.name, "locate-")) {
+    } else if (startsWith(name, "locate-")) {
       ASSERT_EQ(result.outcome, giopfuzz::Outcome::kReply) << giopfuzz::outcomeName(result.outcome);
       EXPECT_EQ(result.messageType, giopwire::kLocateReply);
     }

@@ -1,31 +1,25 @@
-// The live service killed again and again: this process drives a stream of
-// changes (groups and keys added, renamed, described, moved between groups,
-// stepped through their states, deleted) through the remote interface,
-// while a forked killer process (VrkmsKiller.h) sends SIGKILL to the
-// service at a random moment. After every kill the service is started
-// again on the same root, with the pid and IOR files the dead one left, and
-// the store it serves must hold every acknowledged change, and the one
-// change in flight either whole or not at all. The driver then goes on from
-// the state it found. Now and then the killer is armed while the service
-// is still starting, so that recovery itself is cut short.
-//
-// VRKMS_KILLS sets the number of kills: 10 by default, 200 in the run of the
-// tests labelled long (`make test-long`); VRKMS_KILL_SEED replays a run (the
-// seed is printed). Runs a process named vrkms (RESOURCE_LOCK
-// vrkms_process); a start refused because some other vrkms runs on this
-// machine is retried.
+// The live service killed (SIGKILL, at a random moment)
+// again and again while a stream of changes runs: groups and keys added,
+// renamed, described, moved, stepped through their states, deleted. After
+// every kill it starts again on the same root, over the run files the dead
+// one left, and must hold every acknowledged change and the one in flight
+// whole or not at all; now and then the kill cuts recovery itself short.
+// VRKMS_KILLS kills (10; 200 in `make test-long`); VRKMS_KILL_SEED replays.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <KMS.h>
@@ -33,73 +27,188 @@
 #include "server/CtlOutput.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
-#include "server/VrkmsKillModel.h"
-#include "server/VrkmsKiller.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
-namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 using namespace std::chrono_literals;
-using KillModel::Change;
 using Clock = std::chrono::steady_clock;
+using ServiceClient::errorCode;
 
 namespace {
 
-constexpr size_t kMaxGroups = 6;
-constexpr size_t kMaxKeysPerGroup = 8;
+constexpr long kActive = 1, kInactive = 2, kDeprecated = 3, kPrelive = 4, kTerminated = 5;
+constexpr size_t kMaxGroups = 6, kMaxKeysPerGroup = 8;
 
-long envNumber(const char* name, long fallback) {
-  const char* text = std::getenv(name);
-  return text != nullptr && *text != '\0' ? std::strtol(text, nullptr, 10) : fallback;
+// What a client knows of a group or a key. A change whose reply was lost
+// leaves its tag ("") and times (-1) unknown, and they match anything.
+struct Facts {
+  std::string tag;
+  long kind = 0;  // a key's state, a group's cipher type
+  std::string description;
+  long rev = 0;
+  long long createTime = -1, updateTime = -1;
+  std::map<std::string, Facts> keys;  // a group's keys by name
+};
+using Store = std::map<std::string, Facts>;  // groups by name
+
+// Whether `got`, read from the service, is `want`; `why` tells the first
+// difference.
+bool matches(const Store& want, const Store& got, const std::string& where, std::string* why) {
+  for (const auto& entry : got) {
+    if (want.count(entry.first) == 0)
+      return *why = where + entry.first + " should not be there", false;
+  }
+  for (const auto& [name, w] : want) {
+    const auto found = got.find(name);
+    if (found == got.end())
+      return *why = where + name + " is missing", false;
+    const Facts& g = found->second;
+    const auto time = [](long long w, long long g) { return w < 0 || w == g; };
+    if (!(w.tag.empty() || w.tag == g.tag) || w.kind != g.kind || w.description != g.description ||
+        w.rev != g.rev || !time(w.createTime, g.createTime) || !time(w.updateTime, g.updateTime)) {
+      return *why = where + name + " differs: state/type " + std::to_string(g.kind) + " for " +
+                    std::to_string(w.kind) + ", rev " + std::to_string(g.rev) + " for " +
+                    std::to_string(w.rev) + ", description \"" + g.description + "\" for \"" +
+                    w.description + "\"",
+             false;
+    }
+    if (!matches(w.keys, g.keys, where + name + "/", why))
+      return false;
+  }
+  return true;
 }
 
-using ServiceClient::errorCode;
+// One change as sent. UpdateKey: key `key` of `group` becomes `newName` in
+// `newGroup` with `value` as state; UpdateGroup: `group` becomes `newName`.
+struct Change {
+  enum Kind { AddGroup, UpdateGroup, DeleteGroup, AddKey, UpdateKey, DeleteKey } kind = AddGroup;
+  std::string group, key, newGroup, newName, description;
+  long value = 0;  // a key's state, a new group's cipher type
+  bool force = false;
 
-// Everything the service holds, as the model sees it.
-KillModel::Store readStore(Facets::KMSQueryableFacet_ptr query) {
-  KillModel::Store store;
+  std::string text() const {
+    static const char* const kNames[] = {"add group", "update group", "delete group",
+                                         "add key",   "update key",   "delete key"};
+    return kNames[kind] + (" " + group) + (key.empty() ? "" : "/" + key) +
+           (newName.empty() ? "" : " -> " + newGroup + "/" + newName) + " value " +
+           std::to_string(value);
+  }
+};
+
+// The facts of the reply to a change; unknown when it was lost.
+struct Reply {
+  std::string tag;
+  long long createTime = -1, updateTime = -1;
+};
+
+// The service demotes a group's active key when another becomes active.
+void demoteActive(Facts& group, long long now) {
+  for (auto& [name, key] : group.keys) {
+    if (key.kind == kActive) {
+      key.kind = kInactive;
+      key.rev += 1;
+      key.updateTime = now;
+    }
+  }
+}
+
+Facts factsOf(const std::string& tag, long kind, const std::string& description, long rev,
+              long long created, long long updated) {
+  return {tag, kind, description, rev, created, updated, {}};
+}
+
+// `store` with `change` applied as the service applies it.
+Store applied(Store store, const Change& c, const Reply& reply) {
+  switch (c.kind) {
+    case Change::AddGroup:
+      store[c.group] =
+          factsOf(reply.tag, c.value, c.description, 1, reply.createTime, reply.updateTime);
+      break;
+    case Change::UpdateGroup: {
+      Facts group = store.at(c.group);
+      store.erase(c.group);
+      group.description = c.description;
+      group.rev += 1;
+      group.updateTime = reply.updateTime;
+      store[c.newName] = group;
+      break;
+    }
+    case Change::DeleteGroup:
+      store.erase(c.group);
+      break;
+    case Change::AddKey: {
+      Facts& group = store.at(c.group);
+      if (c.value == kActive)
+        demoteActive(group, reply.updateTime);
+      group.keys[c.key] =
+          factsOf(reply.tag, c.value, c.description, 1, reply.createTime, reply.updateTime);
+      break;
+    }
+    case Change::UpdateKey: {
+      Facts key = store.at(c.group).keys.at(c.key);
+      store.at(c.group).keys.erase(c.key);
+      Facts& to = store.at(c.newGroup);
+      if ((c.newGroup != c.group || c.value != key.kind) && c.value == kActive)
+        demoteActive(to, reply.updateTime);
+      key.kind = c.value;
+      key.description = c.description;
+      key.rev += 1;
+      key.updateTime = reply.updateTime;
+      to.keys[c.newName] = key;
+      break;
+    }
+    case Change::DeleteKey:
+      store.at(c.group).keys.erase(c.key);
+      break;
+  }
+  return store;
+}
+
+Store readStore(Facets::KMSQueryableFacet_ptr query) {
+  Store store;
   Facets::KeyGroupRecordSeq_var groups = query->getAllKeyGroupRecords();
   for (CORBA::ULong i = 0; i < groups->length(); ++i) {
-    const Facets::KeyGroupRecord& record = groups[i];
-    KillModel::GroupFacts& group = store[record.name.in()];
-    group.tag = record.tag.in();
-    group.type = record.type;
-    group.description = record.description.in();
-    group.rev = record.rev;
-    group.createTime = record.createTime;
-    group.updateTime = record.updateTime;
-    Facets::KeyRecordSeq_var keys = query->getAllKeyRecordsInGroup(record.tag.in());
+    const Facets::KeyGroupRecord& g = groups[i];
+    Facts& group = store[g.name.in()] =
+        factsOf(g.tag.in(), g.type, g.description.in(), g.rev, g.createTime, g.updateTime);
+    Facets::KeyRecordSeq_var keys = query->getAllKeyRecordsInGroup(g.tag.in());
     for (CORBA::ULong k = 0; k < keys->length(); ++k) {
-      KillModel::KeyFacts& key = group.keys[keys[k].name.in()];
-      key.tag = keys[k].tag.in();
-      key.state = keys[k].state;
-      key.description = keys[k].description.in();
-      key.rev = keys[k].rev;
-      key.createTime = keys[k].createTime;
-      key.updateTime = keys[k].updateTime;
+      const Facets::KeyRecord& r = keys[k];
+      group.keys[r.name.in()] =
+          factsOf(r.tag.in(), r.state, r.description.in(), r.rev, r.createTime, r.updateTime);
     }
   }
   return store;
 }
 
-struct Counts {
-  long kills = 0;
-  long killsWhileStarting = 0;
-  long starts = 0;
-  long staleRunFiles = 0;  // services that started over the pid file of a dead one
-  long startsRefusedByGate = 0;
-  long acknowledged = 0;
-  long inDoubt = 0;
-  long inDoubtApplied = 0;
-  long notBegun = 0;
-};
+// Kills a process (SIGKILL) after a delay drawn from a seeded generator
+// within a window, from a thread of its own. The owner must not reap the
+// process before the kill was reported.
+class Killer {
+ public:
+  explicit Killer(uint64_t seed) : m_random(seed) {}
+  bool armed() const { return m_pending.valid(); }
+  pid_t target() const { return m_target; }
+  void arm(pid_t pid, std::chrono::microseconds window) {
+    const std::chrono::microseconds delay(m_random() % (window.count() + 1));
+    m_target = pid;
+    m_pending = std::async(std::launch::async, [pid, delay] {
+      std::this_thread::sleep_for(delay);
+      return ::kill(pid, SIGKILL);
+    });
+  }
+  // What kill() gave, once it was done within `limit`.
+  bool awaitKill(std::chrono::milliseconds limit, int* result) {
+    if (!armed() || m_pending.wait_for(limit) != std::future_status::ready)
+      return false;
+    *result = m_pending.get();
+    return true;
+  }
 
-// How a change went.
-enum class Outcome {
-  Acknowledged,
-  InDoubt,   // sent, and the reply was lost
-  NotBegun,  // the service went away before the change was sent
-  Refused,   // the service answered with an error: a fault of model or service
+ private:
+  std::mt19937_64 m_random;
+  std::future<int> m_pending;
+  pid_t m_target = -1;
 };
 
 class Driver {
@@ -107,169 +216,127 @@ class Driver {
   explicit Driver(uint64_t seed) : m_random(seed) {}
 
   // A change the service should accept in `store`.
-  Change choose(const KillModel::Store& store) {
-    std::vector<std::string> groups;
-    std::vector<std::string> roomy;  // groups with room for one more key
-    std::vector<std::pair<std::string, std::string>> keys;
-    std::vector<std::pair<std::string, std::string>> deletable;
+  Change choose(const Store& store) {
+    std::vector<std::string> groups, roomy;  // roomy: room for one more key
+    std::vector<std::pair<std::string, std::string>> keys, deletable;
     for (const auto& [name, group] : store) {
       groups.push_back(name);
-      if (group.keys.size() < kMaxKeysPerGroup) {
+      if (group.keys.size() < kMaxKeysPerGroup)
         roomy.push_back(name);
-      }
       for (const auto& [keyName, key] : group.keys) {
         keys.emplace_back(name, keyName);
-        if (key.state == KillModel::kPrelive || key.state == KillModel::kTerminated) {
+        if (key.kind == kPrelive || key.kind == kTerminated)
           deletable.emplace_back(name, keyName);
-        }
       }
     }
     const int roll = static_cast<int>(m_random() % 100);
-    Change change;
-    if (groups.size() < 2 || (roll < 4 && groups.size() < kMaxGroups) ||
-        (roomy.empty() && groups.size() < kMaxGroups)) {
-      change.kind = Change::AddGroup;
-      change.group = "g" + std::to_string(m_next);
-      change.type = 1 + m_next % 2;
-      change.description = "gd" + std::to_string(m_next++);
-      return change;
-    }
-    if ((roll < 8 && groups.size() > 2) || roomy.empty()) {
-      change.kind = Change::DeleteGroup;
-      change.group = pick(groups);
-      change.force = !store.at(change.group).keys.empty();
-      return change;
-    }
-    if (roll < 14) {
-      change.kind = Change::UpdateGroup;
-      change.group = pick(groups);
-      change.newName = m_random() % 3 == 0 ? "g" + std::to_string(m_next++) : change.group;
-      change.description = "gd" + std::to_string(m_next++);
-      return change;
-    }
-    if (roll < 45 || keys.empty()) {
-      change.kind = Change::AddKey;
-      change.group = pick(roomy);
-      change.key = "k" + std::to_string(m_next++);
-      change.state = m_random() % 3 == 0 ? KillModel::kActive : KillModel::kPrelive;
-      change.description = "d" + std::to_string(m_next++);
-      return change;
-    }
-    if (roll < 60 && !deletable.empty()) {
-      const auto& [group, key] = deletable[m_random() % deletable.size()];
-      change.kind = Change::DeleteKey;
-      change.group = group;
-      change.key = key;
-      return change;
-    }
-    const auto& [group, key] = keys[m_random() % keys.size()];
-    const KillModel::KeyFacts& facts = store.at(group).keys.at(key);
-    change.kind = Change::UpdateKey;
-    change.group = group;
-    change.key = key;
-    change.newGroup = group;
-    change.newName = key;
-    change.state = facts.state;
-    change.description = facts.description;
-    const int what = static_cast<int>(m_random() % 4);
-    if (what == 1) {
-      change.description = "d" + std::to_string(m_next++);
-    } else if (what == 2) {
-      change.newName = "k" + std::to_string(m_next++);
-    } else if (what == 3) {
-      // A move to another group of the same cipher type, with room.
-      std::vector<std::string> targets;
+    Change c;
+    if (groups.size() < 2 || (groups.size() < kMaxGroups && (roll < 4 || roomy.empty()))) {
+      c.kind = Change::AddGroup;
+      c.group = "g" + std::to_string(m_next);
+      c.value = 1 + m_next % 2;
+      c.description = "gd" + std::to_string(m_next++);
+    } else if ((roll < 8 && groups.size() > 2) || roomy.empty()) {
+      c.kind = Change::DeleteGroup;
+      c.group = pick(groups);
+      c.force = !store.at(c.group).keys.empty();
+    } else if (roll < 14) {
+      c.kind = Change::UpdateGroup;
+      c.group = pick(groups);
+      c.newName = m_random() % 3 == 0 ? "g" + std::to_string(m_next++) : c.group;
+      c.description = "gd" + std::to_string(m_next++);
+    } else if (roll < 45 || keys.empty()) {
+      c.kind = Change::AddKey;
+      c.group = pick(roomy);
+      c.key = "k" + std::to_string(m_next++);
+      c.value = m_random() % 3 == 0 ? kActive : kPrelive;
+      c.description = "d" + std::to_string(m_next++);
+    } else if (roll < 60 && !deletable.empty()) {
+      c.kind = Change::DeleteKey;
+      std::tie(c.group, c.key) = pick(deletable);
+    } else {
+      c.kind = Change::UpdateKey;
+      std::tie(c.group, c.key) = pick(keys);
+      const Facts& facts = store.at(c.group).keys.at(c.key);
+      c.newGroup = c.group;
+      c.newName = c.key;
+      c.value = facts.kind;
+      c.description = facts.description;
+      const int what = static_cast<int>(m_random() % 4);
+      std::vector<std::string> targets;  // of the same cipher type, with room
       for (const std::string& name : roomy) {
-        if (name != group && store.at(name).type == store.at(group).type) {
+        if (what == 3 && name != c.group && store.at(name).kind == store.at(c.group).kind)
           targets.push_back(name);
-        }
       }
-      if (!targets.empty()) {
-        change.newGroup = pick(targets);
-        return change;
+      if (what == 1) {
+        c.description = "d" + std::to_string(m_next++);
+      } else if (what == 2) {
+        c.newName = "k" + std::to_string(m_next++);
+      } else if (!targets.empty()) {
+        c.newGroup = pick(targets);
+      } else {
+        c.value = nextState(facts.kind);
       }
     }
-    if (what == 0 || what == 3) {
-      change.state = nextState(facts.state);
-    }
-    return change;
+    return c;
   }
 
-  // Sends `change` to the service; `reply` gets the facts of its answer.
-  // `failure` tells a refusal or, for a lost reply, the system exception.
-  Outcome send(KmsClient& service, const KillModel::Store& store, const Change& change,
-               KillModel::Reply* reply, std::string* failure) {
-    bool sent = false;
+  // Sends `c`; `reply` gets the facts of the answer, `failure` tells why
+  // there is none. A change whose call failed may or may not be applied.
+  enum Outcome { Acknowledged, InDoubt, Refused };
+  Outcome send(KmsClient& service, const Store& store, const Change& c, Reply* reply,
+               std::string* failure) {
+    const auto answer = [&](const auto& made) {
+      *reply = {made->tag.in(), made->createTime, made->updateTime};
+    };
     try {
-      switch (change.kind) {
-        case Change::AddGroup: {
-          Facets::KeyGroupRecord_var record = service.modify()->getNewKeyGroup();
-          record->name = change.group.c_str();
-          record->type = change.type;
-          record->description = change.description.c_str();
-          sent = true;
-          Facets::KeyGroupRecord_var made = service.modify()->createKeyGroup(record.in());
-          *reply = {made->tag.in(), made->createTime, made->updateTime};
-          break;
+      if (c.kind == Change::AddGroup || c.kind == Change::UpdateGroup) {
+        Facets::KeyGroupRecord_var r =
+            c.kind == Change::AddGroup
+                ? service.modify()->getNewKeyGroup()
+                : service.query()->getKeyGroupRecord(store.at(c.group).tag.c_str());
+        r->name = (c.kind == Change::AddGroup ? c.group : c.newName).c_str();
+        if (c.kind == Change::AddGroup)
+          r->type = c.value;
+        r->description = c.description.c_str();
+        answer(Facets::KeyGroupRecord_var(c.kind == Change::AddGroup
+                                              ? service.modify()->createKeyGroup(r.in())
+                                              : service.modify()->updateKeyGroup(r.in())));
+      } else if (c.kind == Change::DeleteGroup) {
+        service.modify()->deleteKeyGroup(store.at(c.group).tag.c_str(), c.force);
+      } else if (c.kind == Change::AddKey) {
+        Facets::KeyRecord_var r = service.modify()->getNewKey();
+        r->name = c.key.c_str();
+        r->keyGroup = store.at(c.group).tag.c_str();
+        r->state = c.value;
+        r->kpkType = 1;
+        r->description = c.description.c_str();
+        answer(Facets::KeyRecord_var(service.modify()->createKey("", r.in())));
+      } else if (c.kind == Change::UpdateKey) {
+        const Facts& facts = store.at(c.group).keys.at(c.key);
+        // Read-modify-write, as a client must; what it reads is checked too.
+        Facets::KeyRecord_var r = service.query()->getKeyRecord(facts.tag.c_str());
+        if (r->rev != facts.rev || r->state != facts.kind ||
+            facts.description != r->description.in()) {
+          *failure = "the service reads " + c.group + "/" + c.key + " at rev " +
+                     std::to_string(r->rev) + ", acknowledged was rev " + std::to_string(facts.rev);
+          return Refused;
         }
-        case Change::UpdateGroup: {
-          Facets::KeyGroupRecord_var record =
-              service.query()->getKeyGroupRecord(store.at(change.group).tag.c_str());
-          record->name = change.newName.c_str();
-          record->description = change.description.c_str();
-          sent = true;
-          Facets::KeyGroupRecord_var updated = service.modify()->updateKeyGroup(record.in());
-          *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
-          break;
-        }
-        case Change::DeleteGroup:
-          sent = true;
-          service.modify()->deleteKeyGroup(store.at(change.group).tag.c_str(), change.force);
-          break;
-        case Change::AddKey: {
-          Facets::KeyRecord_var record = service.modify()->getNewKey();
-          record->name = change.key.c_str();
-          record->keyGroup = store.at(change.group).tag.c_str();
-          record->state = change.state;
-          record->kpkType = 1;
-          record->description = change.description.c_str();
-          sent = true;
-          Facets::KeyRecord_var made = service.modify()->createKey("", record.in());
-          *reply = {made->tag.in(), made->createTime, made->updateTime};
-          break;
-        }
-        case Change::UpdateKey: {
-          const KillModel::KeyFacts& facts = store.at(change.group).keys.at(change.key);
-          // Read-modify-write, as a client must; what it reads is checked too.
-          Facets::KeyRecord_var record = service.query()->getKeyRecord(facts.tag.c_str());
-          if (record->rev != facts.rev || record->state != facts.state ||
-              facts.description != record->description.in()) {
-            *failure = "the service reads " + change.group + "/" + change.key + " at rev " +
-                       std::to_string(record->rev) + ", acknowledged was rev " +
-                       std::to_string(facts.rev);
-            return Outcome::Refused;
-          }
-          record->name = change.newName.c_str();
-          record->keyGroup = store.at(change.newGroup).tag.c_str();
-          record->state = change.state;
-          record->description = change.description.c_str();
-          sent = true;
-          Facets::KeyRecord_var updated = service.modify()->updateKey(record.in());
-          *reply = {updated->tag.in(), updated->createTime, updated->updateTime};
-          break;
-        }
-        case Change::DeleteKey:
-          sent = true;
-          service.modify()->deleteKey(store.at(change.group).keys.at(change.key).tag.c_str());
-          break;
+        r->name = c.newName.c_str();
+        r->keyGroup = store.at(c.newGroup).tag.c_str();
+        r->state = c.value;
+        r->description = c.description.c_str();
+        answer(Facets::KeyRecord_var(service.modify()->updateKey(r.in())));
+      } else {
+        service.modify()->deleteKey(store.at(c.group).keys.at(c.key).tag.c_str());
       }
-      return Outcome::Acknowledged;
+      return Acknowledged;
     } catch (const Fw::ServiceException& e) {
       *failure = "ServiceException " + std::to_string(errorCode(e));
-      return Outcome::Refused;
+      return Refused;
     } catch (const CORBA::SystemException& e) {
       *failure = e._name();
-      return sent ? Outcome::InDoubt : Outcome::NotBegun;
+      return InDoubt;
     }
   }
 
@@ -284,16 +351,16 @@ class Driver {
   long nextState(long state) {
     const bool back = m_random() % 4 == 0;
     switch (state) {
-      case KillModel::kPrelive:
-        return KillModel::kActive;
-      case KillModel::kActive:
-        return KillModel::kInactive;
-      case KillModel::kInactive:
-        return back ? KillModel::kActive : KillModel::kDeprecated;
-      case KillModel::kDeprecated:
-        return back ? KillModel::kInactive : KillModel::kTerminated;
+      case kPrelive:
+        return kActive;
+      case kActive:
+        return kInactive;
+      case kInactive:
+        return back ? kActive : kDeprecated;
+      case kDeprecated:
+        return back ? kInactive : kTerminated;
       default:
-        return KillModel::kDeprecated;
+        return kDeprecated;
     }
   }
 
@@ -311,190 +378,137 @@ class KillRun {
         m_target(kills) {}
 
   void run() {
-    ASSERT_TRUE(m_killer.running());
-    while (m_counts.kills < m_target) {
+    while (kills < m_target) {
       const Start start = startAndVerify(true);
-      if (start == Start::Failed) {
+      if (start == Failed)
         return;
-      }
-      if (start == Start::KilledWhileStarting) {
+      if (start == KilledWhileStarting)
         continue;
-      }
       if (!m_killer.armed()) {
-        ASSERT_TRUE(m_killer.arm(m_sandbox.pid(), kChangeWindow));
+        m_killer.arm(m_sandbox.pid(), 300ms);
       }
       ASSERT_NO_FATAL_FAILURE(driveUntilKilled());
     }
     // The last kill is recovered from too, and the service stops in order.
-    ASSERT_EQ(startAndVerify(false), Start::Serving);
+    ASSERT_EQ(startAndVerify(false), Serving);
     ASSERT_EQ(::kill(m_sandbox.pid(), SIGTERM), 0);
     EXPECT_EQ(reap(), 0) << tail();
   }
 
-  const Counts& counts() const { return m_counts; }
-  const std::string& lastChange() const { return m_lastChange; }
+  long kills = 0, killsWhileStarting = 0, starts = 0, acknowledged = 0, inDoubt = 0,
+       inDoubtApplied = 0;
+  std::string lastChange;
 
  private:
-  // From arming to the kill, while changes run.
-  static constexpr std::chrono::microseconds kChangeWindow{300000};
+  enum Start { Serving, KilledWhileStarting, Failed };
 
-  enum class Start { Serving, KilledWhileStarting, Failed };
-
-  // Starts the service, now and then with the killer already armed, and
-  // waits until it serves; then the store must be as acknowledged, or with
-  // the change in doubt applied. Without `mayArm` no kill is pending.
+  // Starts the service, now and then with the killer armed already, until
+  // it serves; the store must then be as acknowledged, or with the change
+  // in doubt applied. Without `mayArm` no kill is pending.
   Start startAndVerify(bool mayArm) {
-    const auto deadline = Clock::now() + 300s;
-    for (;;) {
-      const long stalePid =
-          std::strtol(m_sandbox.readFile("var/vrkms/vrkms.pid").c_str(), nullptr, 10);
-      const bool stale = stalePid > 0 && ::kill(static_cast<pid_t>(stalePid), 0) != 0;
-      const Clock::time_point began = Clock::now();
-      m_sandbox.launch({"-console"});
-      const pid_t pid = m_sandbox.pid();
-      ++m_counts.starts;
-      if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
-        const auto window = std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2);
-        EXPECT_TRUE(m_killer.arm(pid, window));
-      }
-      std::unique_ptr<KmsClient> service;
-      KillModel::Store actual;
-      bool read = false;
-      while (!read && !m_sandbox.ended()) {
-        try {
-          if (!service) {
-            service = std::make_unique<KmsClient>(m_sandbox.reference());
-          }
-          actual = readStore(service->query());
-          read = true;
-        } catch (const Fw::ServiceException& e) {
-          ADD_FAILURE() << "reading the store after a restart: ServiceException " << errorCode(e)
-                        << tail();
-          return Start::Failed;
-        } catch (const CORBA::SystemException&) {
-          std::this_thread::sleep_for(5ms);  // the client fetches what failed again
-        }
-        if (Clock::now() > deadline) {
-          ADD_FAILURE() << "the service did not serve within 300 s" << tail();
-          return Start::Failed;
-        }
-      }
-      if (!read) {
-        if (m_killer.armed()) {
-          // Killed while starting, or ended on its own before the kill.
-          Killer::Report report;
-          if (!m_killer.awaitReport(30s, &report)) {
-            ADD_FAILURE() << "the killer did not report";
-            return Start::Failed;
-          }
-          const int status = reap();
-          if (status == 128 + SIGKILL) {
-            ++m_counts.kills;
-            ++m_counts.killsWhileStarting;
-            return Start::KilledWhileStarting;
-          }
-          if (status != 0) {
-            ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
-            return Start::Failed;
-          }
-        } else {
-          const int status = reap();
-          if (status != 0) {
-            ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
-            return Start::Failed;
-          }
-        }
-        // Ended with 0 before serving: some other vrkms runs on this machine
-        // and the start gate refused. Wait for it to go.
-        ++m_counts.startsRefusedByGate;
-        if (Clock::now() > deadline) {
-          ADD_FAILURE() << "another vrkms kept this one from starting for 300 s";
-          return Start::Failed;
-        }
-        std::this_thread::sleep_for(1s);
-        continue;
-      }
-      m_startTime = (m_startTime * 7 + (Clock::now() - began)) / 8;
-      m_counts.staleRunFiles += stale ? 1 : 0;
-      // The run files of the dead service did not stand in the way, and now
-      // name this one.
-      EXPECT_EQ(m_sandbox.readFile("var/vrkms/vrkms.pid"), std::to_string(pid) + "\n");
-      // The manager answers by its corbaloc name a moment before its IOR
-      // file has been renamed into place.
-      std::string ior;
-      for (auto until = Clock::now() + 10s; ior.empty() && Clock::now() < until;
-           std::this_thread::sleep_for(5ms)) {
-        ior = m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior");
-      }
-      EXPECT_EQ(ior.substr(0, 4), "IOR:");
-      compare(actual);
-      m_connection = std::move(service);
-      return ::testing::Test::HasFailure() ? Start::Failed : Start::Serving;
+    const Clock::time_point began = Clock::now();
+    m_sandbox.launch({"-console"});
+    const pid_t pid = m_sandbox.pid();
+    ++starts;
+    if (mayArm && m_random() % 8 == 0 && !m_killer.armed()) {
+      m_killer.arm(pid, std::chrono::duration_cast<std::chrono::microseconds>(m_startTime * 2));
     }
-  }
-
-  // The store read back after a restart against what was acknowledged and
-  // what was in doubt; the driver goes on from what it found.
-  void compare(const KillModel::Store& actual) {
-    std::string asBeforeWhy;
-    std::string asAfterWhy;
-    const bool asBefore = KillModel::matches(m_expected, actual, &asBeforeWhy);
-    const bool asAfter = m_inDoubt && KillModel::matches(*m_inDoubt, actual, &asAfterWhy);
-    if (!asBefore && !asAfter) {
-      ADD_FAILURE() << "after kill " << m_counts.kills << " the store is neither as acknowledged ("
-                    << asBeforeWhy << ")"
-                    << (m_inDoubt ? " nor with the change in doubt (" + asAfterWhy + ")" : "")
-                    << "; last change: " << m_lastChange << tail();
+    std::unique_ptr<KmsClient> service;
+    Store actual;
+    bool read = false;
+    while (!read && !m_sandbox.ended()) {
+      try {
+        if (!service)
+          service = std::make_unique<KmsClient>(m_sandbox.reference());
+        actual = readStore(service->query());
+        read = true;
+      } catch (const Fw::ServiceException& e) {
+        ADD_FAILURE() << "reading the store after a restart: " << errorCode(e) << tail();
+        return Failed;
+      } catch (const CORBA::SystemException&) {
+        std::this_thread::sleep_for(5ms);  // the client fetches what failed again
+      }
+      if (Clock::now() > began + 300s) {
+        ADD_FAILURE() << "the service did not serve within 300 s" << tail();
+        return Failed;
+      }
     }
-    if (m_inDoubt && asAfter && !asBefore) {
-      ++m_counts.inDoubtApplied;
+    if (!read) {  // killed while starting, or ended on its own
+      int killed = 0;
+      const bool armed = m_killer.armed();
+      if (armed && !m_killer.awaitKill(30s, &killed)) {
+        ADD_FAILURE() << "the killer did not report";  // the pid stays unreaped
+        return Failed;
+      }
+      const int status = reap();
+      if (armed && status == 128 + SIGKILL) {
+        ++kills;
+        ++killsWhileStarting;
+        return KilledWhileStarting;
+      }
+      ADD_FAILURE() << "the service did not start after a kill: status " << status << tail();
+      return Failed;
     }
-    m_expected = actual;
+    m_startTime = (m_startTime * 7 + (Clock::now() - began)) / 8;
+    // The run files of the dead service did not stand in the way, and now
+    // name this one. The manager answers a moment before its IOR file has
+    // been renamed into place.
+    EXPECT_EQ(m_sandbox.readFile("var/vrkms/vrkms.pid"), std::to_string(pid) + "\n");
+    std::string ior;
+    for (auto until = Clock::now() + 10s; ior.empty() && Clock::now() < until;
+         std::this_thread::sleep_for(5ms)) {
+      ior = m_sandbox.readFile("var/vrkms/KMS.KMSMgr.ior");
+    }
+    EXPECT_EQ(ior.substr(0, 4), "IOR:");
+    std::string beforeWhy, afterWhy;
+    const bool asBefore = matches(m_expected, actual, "", &beforeWhy);
+    const bool asAfter = m_inDoubt && matches(*m_inDoubt, actual, "", &afterWhy);
+    EXPECT_TRUE(asBefore || asAfter)
+        << "after kill " << kills << " the store is neither as acknowledged (" << beforeWhy << ")"
+        << (m_inDoubt ? " nor with the change in doubt (" + afterWhy + ")" : "")
+        << "; last change: " << lastChange << tail();
+    inDoubtApplied += asAfter && !asBefore ? 1 : 0;
+    m_expected = actual;  // the driver goes on from what it found
     m_inDoubt.reset();
+    m_connection = std::move(service);
+    return ::testing::Test::HasFailure() ? Failed : Serving;
   }
 
   // Applies changes until the killer's kill ends the service.
   void driveUntilKilled() {
     for (;;) {
       const Change change = m_driver.choose(m_expected);
-      m_lastChange = change.text();
-      KillModel::Reply reply;
+      lastChange = change.text();
+      Reply reply;
       std::string failure;
-      const Outcome outcome = m_driver.send(*m_connection, m_expected, change, &reply, &failure);
-      if (outcome == Outcome::Acknowledged) {
-        m_expected = KillModel::applied(m_expected, change, reply);
-        ++m_counts.acknowledged;
+      const Driver::Outcome outcome =
+          m_driver.send(*m_connection, m_expected, change, &reply, &failure);
+      if (outcome == Driver::Acknowledged) {
+        m_expected = applied(m_expected, change, reply);
+        ++acknowledged;
         continue;
       }
-      if (outcome == Outcome::Refused) {
-        FAIL() << change.text() << ": " << failure << tail();
-      }
-      if (outcome == Outcome::InDoubt) {
-        m_inDoubt = KillModel::applied(m_expected, change, KillModel::Reply());
-        ++m_counts.inDoubt;
-      } else {
-        ++m_counts.notBegun;
-      }
-      Killer::Report report;
-      ASSERT_TRUE(m_killer.awaitReport(30s, &report))
+      ASSERT_NE(outcome, Driver::Refused) << change.text() << ": " << failure << tail();
+      m_inDoubt = applied(m_expected, change, Reply());
+      ++inDoubt;
+      const pid_t target = m_killer.target();
+      int killed = -1;
+      ASSERT_TRUE(m_killer.awaitKill(30s, &killed))
           << change.text() << ": " << failure << ", yet the service was not killed" << tail();
-      EXPECT_EQ(report.pid, m_sandbox.pid());
-      EXPECT_EQ(report.killResult, 0);
+      EXPECT_EQ(target, m_sandbox.pid());
+      EXPECT_EQ(killed, 0);
       EXPECT_EQ(reap(), 128 + SIGKILL) << tail();
       m_connection.reset();
-      ++m_counts.kills;
+      ++kills;
       return;
     }
   }
 
-  // Waits for the service's end, which the killer may have caused: its
-  // exit status, or 128 and the signal.
   int reap() { return m_sandbox.waitForExit(std::chrono::hours(1)); }
 
-  // The end of what the service wrote, for a failure message.
   std::string tail() const {
     const std::string log = m_sandbox.debugLog();
-    return "\n--- stderr\n" + m_sandbox.readFile("stderr.txt") + "--- end of the debug log\n" +
+    return "\n--- stderr\n" + m_sandbox.stderrText() + "--- end of the debug log\n" +
            log.substr(log.size() > 3000 ? log.size() - 3000 : 0);
   }
 
@@ -503,43 +517,38 @@ class KillRun {
   Driver m_driver;
   std::mt19937_64 m_random;
   const long m_target;
-  Counts m_counts;
   std::unique_ptr<KmsClient> m_connection;
-  KillModel::Store m_expected;
-  std::optional<KillModel::Store> m_inDoubt;
-  std::string m_lastChange;
+  Store m_expected;
+  std::optional<Store> m_inDoubt;
   Clock::duration m_startTime = 250ms;
 };
 
+long envNumber(const char* name, long fallback) {
+  const char* text = std::getenv(name);
+  return text != nullptr && *text != '\0' ? std::strtol(text, nullptr, 10) : fallback;
+}
+
 TEST(VrkmsKill, EveryAcknowledgedChangeSurvivesSigkillOfTheServiceAtRandomMoments) {
   const long kills = envNumber("VRKMS_KILLS", 10);
-  const uint64_t seed = static_cast<uint64_t>(envNumber("VRKMS_KILL_SEED", 0)) != 0
-                            ? static_cast<uint64_t>(envNumber("VRKMS_KILL_SEED", 0))
-                            : (static_cast<uint64_t>(std::random_device()()) & 0x7fffffff) + 1;
-  std::cout << "[ kill     ] seed " << seed << " (VRKMS_KILL_SEED=" << seed << " replays it), "
-            << kills << " kills" << std::endl;
-  // Debug logging kept low: hundreds of starts write to one log.
-  ServiceSandbox sandbox(1);
+  uint64_t seed = static_cast<uint64_t>(envNumber("VRKMS_KILL_SEED", 0));
+  seed = seed != 0 ? seed : (static_cast<uint64_t>(std::random_device()()) & 0x7fffffff) + 1;
+  std::cout << "[ kill     ] seed " << seed << " (VRKMS_KILL_SEED replays it), " << kills
+            << " kills" << std::endl;
+  ServiceSandbox sandbox(1);  // debug logging low: hundreds of starts write one log
   ASSERT_TRUE(sandbox.makeStore());
-
   KillRun run(sandbox, seed, kills);
   run.run();
-  const Counts& c = run.counts();
-  const std::string app = sandbox.readFile("logs/vrkms/vrkms_app.log");
-  std::cout << "[ kill     ] " << c.kills << " kills (" << c.killsWhileStarting
-            << " while starting), " << c.starts << " starts (" << c.staleRunFiles
-            << " over the pid file of a killed one, " << c.startsRefusedByGate
-            << " refused while another vrkms ran), " << c.acknowledged << " changes acknowledged, "
-            << c.inDoubt << " in doubt (" << c.inDoubtApplied << " of them applied), " << c.notBegun
-            << " not begun; recoveries in the log: " << CtlOutput::countOf(app, "286-55 ")
-            << " rolled back, " << CtlOutput::countOf(app, "286-56 ") << " completed forward"
-            << std::endl;
-  EXPECT_GE(c.kills, kills);
-  EXPECT_GT(c.acknowledged, 0);
-  if (::testing::Test::HasFailure()) {
-    std::cout << "[ kill     ] replay with VRKMS_KILL_SEED=" << seed << "; last change "
-              << run.lastChange() << std::endl;
-  }
+  const std::string app = sandbox.appLog();
+  std::cout << "[ kill     ] " << run.kills << " kills (" << run.killsWhileStarting
+            << " while starting), " << run.starts << " starts, " << run.acknowledged
+            << " changes acknowledged, " << run.inDoubt << " in doubt (" << run.inDoubtApplied
+            << " applied); recoveries: " << CtlOutput::countOf(app, "286-55 ") << " rolled back, "
+            << CtlOutput::countOf(app, "286-56 ") << " completed forward" << std::endl;
+  EXPECT_GE(run.kills, kills);
+  EXPECT_GT(run.acknowledged, 0);
+  if (::testing::Test::HasFailure())
+    std::cout << "[ kill     ] replay: VRKMS_KILL_SEED=" << seed << "; last " << run.lastChange
+              << std::endl;
 }
 
 }  // namespace

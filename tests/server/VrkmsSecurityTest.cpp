@@ -1,8 +1,6 @@
-// What the built vrkms and vrkmsctl leave behind and whom they serve: after
-// a run through every administrator option and every vrkmsctl command, each
-// file under the installation root is private to its owner and none but the
-// store's own files and the export holds a passphrase or a key; and a peer
-// that holds none of the rights an operation asks for is refused it.
+// What vrkms and vrkmsctl leave behind and whom they serve: files private to
+// their owner, no secret outside the store and the export, a peer refused
+// what its rights do not cover, and secrets kept inside the process.
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <openssl/evp.h>
@@ -14,10 +12,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <regex>
 #include <set>
 #include <string>
@@ -27,7 +23,6 @@
 #include <KMS.h>
 
 #include "server/CtlOutput.h"
-#include "server/GuardedCalls.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 
@@ -44,51 +39,31 @@ bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-std::string bytesOfHex(const std::string& hex) {
-  std::string bytes;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
-
-std::string upper(std::string text) {
-  for (char& c : text) {
-    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  return text;
-}
-
-std::string base64(const std::string& bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
-                                reinterpret_cast<const unsigned char*>(bytes.data()),
-                                static_cast<int>(bytes.size()));
-  out.resize(static_cast<size_t>(n));
-  return out;
-}
-
 // A secret and the forms it could be written in.
 struct Secret {
   std::string name;
   std::vector<std::string> forms;
 };
 
-Secret passphrase(const std::string& text) {
-  return {"passphrase " + text, {text}};
-}
-
-// A key read back as hexadecimal: its bytes, hexadecimal in either case and
-// base64.
+// A key read back as hexadecimal: its bytes, hexadecimal in either case, base64.
 Secret key(const std::string& name, const std::string& hex) {
-  const std::string bytes = bytesOfHex(hex);
-  return {"key " + name, {bytes, hex, upper(hex), base64(bytes)}};
+  std::string bytes, upper = hex;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  for (char& c : upper) {
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  std::string base64(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  base64.resize(static_cast<size_t>(EVP_EncodeBlock(
+      reinterpret_cast<unsigned char*>(&base64[0]),
+      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()))));
+  return {"key " + name, {bytes, hex, upper, base64}};
 }
 
 // Whether a process of the same user without CAP_SYS_PTRACE may open
-// `pid`'s memory, as it may for every process that did not make itself
-// non-dumpable (and has no capability the prober lacks). Asked from a child
-// that drops the capability from its effective set.
+// `pid`'s memory (as it may unless `pid` made itself non-dumpable); asked
+// from a child that drops the capability.
 bool readableWithoutPtraceCapability(pid_t pid) {
   const std::string path = "/proc/" + std::to_string(pid) + "/mem";
   const pid_t child = ::fork();
@@ -116,46 +91,155 @@ std::vector<std::string> expectPrivate(const std::string& root) {
   const std::vector<std::string> found = ServiceSandbox::walk(root);
   for (const std::string& file : found) {
     struct stat info;
-    if (::lstat(file.c_str(), &info) != 0) {
-      continue;  // gone meanwhile
+    if (::lstat(file.c_str(), &info) != 0 || S_ISSOCK(info.st_mode)) {
+      continue;  // gone meanwhile; the local endpoint's, in a closed directory
     }
-    if (S_ISDIR(info.st_mode)) {
-      EXPECT_EQ(info.st_mode & 077, 0u) << file << std::oct << " mode " << info.st_mode;
-    } else if (!S_ISSOCK(info.st_mode)) {  // the local endpoint's: its directory is closed
-      EXPECT_TRUE(S_ISREG(info.st_mode)) << file;
-      EXPECT_EQ(info.st_mode & 0177, 0u) << file << std::oct << " mode " << info.st_mode;
-    }
+    EXPECT_TRUE(S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) << file;
+    EXPECT_EQ(info.st_mode & (S_ISDIR(info.st_mode) ? 077 : 0177), 0u)
+        << file << std::oct << " mode " << info.st_mode;
   }
   return found;
 }
 
-// "Vrkms" suite: a real service on a free loopback port, driven as an
-// administrator would.
+std::string grantLine(const std::vector<int>& rights) {
+  std::string line = "VRKMS_GRANT = 127.0.0.1 ";
+  for (size_t i = 0; i < rights.size(); ++i) {
+    line += (i == 0 ? "" : ",") + std::to_string(rights[i]);
+  }
+  return line + "\n";
+}
+
+// Every remote operation the authorization table guards, with the rights
+// each of its alternatives asks for all together, and a call of it.
+struct Guarded {
+  const char* name;
+  std::vector<std::vector<int>> alternatives;
+  std::function<void()> call;
+};
+
+// The facets of `client` (the peer must hold the rights to fetch them, the
+// key-value one included), the records of key `tag` and group `groupTag` as
+// forms for the calls, and the key's KAD of 12 bytes. Throws what the ORB
+// throws.
+struct Facets3 {
+  Facets3(KmsClient& client, const std::string& keyTag, const std::string& groupTagHex)
+      : tag(keyTag),
+        groupTag(groupTagHex),
+        mgr(client.manager()),
+        query(client.query()),
+        modify(client.modify()),
+        control(client.control()) {
+    keyForm = query->getKeyRecord(tag.c_str());
+    groupForm = query->getKeyGroupRecord(groupTag.c_str());
+    Facets::KeyRecord_var record;
+    query->getKeyAndKad(tag.c_str(), 12, record.out(), kad.out());
+  }
+
+  // The guarded operations, called on these facets (valid while they are);
+  // what a call returns is let go at once.
+  std::vector<Guarded> operations() {
+    return {
+        {"getQueryableFacet",
+         {{28}, {3}, {1}},
+         [this] { CORBA::release(mgr->getQueryableFacet()); }},
+        {"getModifiableFacet",
+         {{2}, {40}, {3}},
+         [this] { CORBA::release(mgr->getModifiableFacet()); }},
+        {"getControlFacet", {{28}, {1}, {40}}, [this] { CORBA::release(mgr->getControlFacet()); }},
+        {"getKeyStoreStats", {{28}, {1}}, [this] { query->getKeyStoreStats(); }},
+        {"getKeyRecordByName", {{1}}, [this] { delete query->getKeyRecordByName("g", "k"); }},
+        {"getKeyGroupRecordByName", {{1}}, [this] { delete query->getKeyGroupRecordByName("g"); }},
+        {"getAllKeyGroupRecords", {{28}, {1}}, [this] { delete query->getAllKeyGroupRecords(); }},
+        {"getKeyRecord", {{1}}, [this] { delete query->getKeyRecord(tag.c_str()); }},
+        {"getKeyGroupRecord", {{1}}, [this] { delete query->getKeyGroupRecord(groupTag.c_str()); }},
+        {"getActiveKeyRecord",
+         {{1}},
+         [this] { delete query->getActiveKeyRecord(groupTag.c_str()); }},
+        {"getAllKeyRecordsInGroup",
+         {{28}, {1}},
+         [this] { delete query->getAllKeyRecordsInGroup(groupTag.c_str()); }},
+        {"exportKS",
+         {{1, 3}},
+         [this] {
+           Fw::octetSeq_var data;
+           delete query->exportKS(Facets::ExportKeyListSeq(), "pass", data.out());
+         }},
+        {"createKeyGroup", {{2}}, [this] { delete modify->createKeyGroup(groupForm.in()); }},
+        {"createKey", {{2}}, [this] { delete modify->createKey("", keyForm.in()); }},
+        {"recoverKey", {{2}}, [this] { delete modify->recoverKey("", keyForm.in()); }},
+        {"updateKey", {{40}}, [this] { delete modify->updateKey(keyForm.in()); }},
+        {"updateKeyGroup", {{40}}, [this] { delete modify->updateKeyGroup(groupForm.in()); }},
+        {"getNewKeyGroup", {{2}}, [this] { delete modify->getNewKeyGroup(); }},
+        {"getNewKey", {{2}}, [this] { delete modify->getNewKey(); }},
+        {"deleteKeyGroup", {{3}}, [this] { modify->deleteKeyGroup(nowhere.c_str(), false); }},
+        {"deleteKey", {{3}}, [this] { modify->deleteKey(nowhere.c_str()); }},
+        {"importKS",
+         {{2}},
+         [this] { delete modify->importKS(Fw::octetSeq(), "pass", true, true, ""); }},
+        {"updateHMK", {{40}}, [this] { control->updateHMK("", "hmk-2"); }},
+        {"updateKPK", {{40}}, [this] { control->updateKPK("", "kpk-2"); }},
+        {"getHMKId", {{1}}, [this] { CORBA::string_free(control->getHMKId()); }},
+        {"getKPKId", {{1}}, [this] { CORBA::string_free(control->getKPKId()); }},
+        {"quiesce", {{40}}, [this] { control->quiesce(); }},
+        {"unquiesce", {{40}}, [this] { control->unquiesce(true); }},
+        {"isQuiesced", {{28}, {1}}, [this] { control->isQuiesced(); }},
+        {"getKey", {{4}}, [this] { delete query->getKey(tag.c_str()); }},
+        {"getKeyAndKad",
+         {{4}},
+         [this] {
+           Facets::KeyRecord_var r;
+           Fw::octetSeq_var k;
+           EXPECT_EQ(query->getKeyAndKad(tag.c_str(), 12, r.out(), k.out()), 1);
+           EXPECT_EQ(r->encKey.length(), 32u);
+         }},
+        {"getKeyRecordsByKad",
+         {{4}},
+         [this] {
+           Facets::KeyRecordSeq_var found;
+           EXPECT_EQ(query->getKeyRecordsByKad(kad.in(), found.out()), 3);
+         }},
+        {"getEximFacet", {{4}}, [this] { CORBA::release(mgr->getEximFacet()); }},
+    };
+  }
+
+  std::string tag;
+  std::string groupTag;
+  std::string nowhere = std::string(64, '0');
+  Remote::KMSMgr_ptr mgr;  // borrowed from the client
+  Facets::KMSQueryableFacet_ptr query;
+  Facets::KMSModifiableFacet_ptr modify;
+  Facets::KMSControlFacet_ptr control;
+  Facets::KeyRecord_var keyForm;
+  Facets::KeyGroupRecord_var groupForm;
+  Fw::octetSeq_var kad;
+};
+
 class VrkmsSecurity : public ::testing::Test {
  protected:
   void SetUp() override { m_vrkms.writeConf(""); }
 
   std::string path(const std::string& name) const { return m_vrkms.root().file(name); }
-
   // Runs an administrator option that must succeed.
   void admin(const std::vector<std::string>& args, const std::string& input = "") {
     const ProcessResult r = m_vrkms.admin(args, input);
     EXPECT_EQ(r.exitStatus, 0) << args[0] << ": " << r.out << r.err;
   }
-  // Runs a vrkmsctl command that must succeed; its JSON output.
-  std::string json(std::vector<std::string> args) {
-    args.insert(args.begin(), "--json");
-    const ProcessResult r = m_vrkms.ctl(args);
-    EXPECT_EQ(r.exitStatus, 0) << args[1] << " " << (args.size() > 2 ? args[2] : "") << ": "
-                               << r.out << r.err;
-    return r.out;
-  }
-  // Runs a vrkmsctl command that must succeed; its text output.
+  // Runs a vrkmsctl command that must succeed; its output.
   std::string text(const std::vector<std::string>& args) {
     const ProcessResult r = m_vrkms.ctl(args);
-    EXPECT_EQ(r.exitStatus, 0) << args[0] << " " << (args.size() > 1 ? args[1] : "") << ": "
-                               << r.out << r.err;
+    EXPECT_EQ(r.exitStatus, 0) << args[0] << " " << args[1 % args.size()] << ": " << r.out << r.err;
     return r.out;
+  }
+  std::string json(std::vector<std::string> args) {
+    args.insert(args.begin(), "--json");
+    return text(args);
+  }
+  // A store with group "g" and key "k" in it, served; the key's tag.
+  std::string serveOneKey() {
+    EXPECT_TRUE(m_vrkms.makeStore());
+    EXPECT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
+    json({"group", "create", "g", "--cipher", "AES256"});
+    return jsonField(json({"key", "create", "g", "k"}), "tag");
   }
 
   ServiceSandbox m_vrkms;
@@ -166,7 +250,7 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
                     kpk2 = "Kpk2-Wc4nH8qA", keyPass = "Key-Mn3bC4zR", exportPass = "Exp-Lp6dF0sE";
   std::vector<Secret> secrets;
   for (const std::string& p : {hmk1, kpk1, hmk2, kpk2, keyPass, exportPass}) {
-    secrets.push_back(passphrase(p));
+    secrets.push_back({"passphrase " + p, {p}});
   }
   const std::set<std::string> passphraseFiles = {
       m_vrkms.writePrivate("hmk2.txt", hmk2 + "\n"),
@@ -244,16 +328,13 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   const std::vector<std::string> written = expectPrivate(m_vrkms.root().path());
   EXPECT_TRUE(std::find(written.begin(), written.end(), exportFile) != written.end());
 
-  // No secret in the logs or in any other file written, in any form. The
-  // store's files and the export hold them only sealed: not in the clear
-  // either.
+  // No secret in any form in any file written; the store's files and the
+  // export hold them only sealed.
   size_t searched = 0;
   for (const std::string& file : written) {
     struct stat info;
-    if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
-        passphraseFiles.count(file) != 0) {
+    if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || passphraseFiles.count(file))
       continue;
-    }
     const std::string content = ServiceSandbox::readPath(file);
     ++searched;
     for (const Secret& secret : secrets) {
@@ -265,40 +346,24 @@ TEST_F(VrkmsSecurity, AFullRunLeavesOnlyPrivateFilesAndNoSecretOutsideTheStore) 
   EXPECT_GE(searched, 6u);  // two logs, the store's three files, the export
   // The logs did see the passphrases go by.
   const std::string log = m_vrkms.debugLog();
-  EXPECT_NE(log.find("-hmkpass ****** -hmkid hmk-1 -kpkpass ****** "), std::string::npos);
-  EXPECT_NE(log.find("updateHMK"), std::string::npos);
-  EXPECT_NE(log.find("exportKS"), std::string::npos);
-  EXPECT_NE(log.find("importKS"), std::string::npos);
-}
-
-std::string grantLine(const std::vector<int>& rights) {
-  std::string line = "VRKMS_GRANT = 127.0.0.1 ";
-  for (size_t i = 0; i < rights.size(); ++i) {
-    line += (i == 0 ? "" : ",") + std::to_string(rights[i]);
+  for (const char* seen :
+       {"-hmkpass ****** -hmkid hmk-1 -kpkpass ****** ", "updateHMK", "exportKS", "importKS"}) {
+    EXPECT_TRUE(CtlOutput::contains(log, seen)) << seen;
   }
-  return line + "\n";
 }
 
 TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
-  ASSERT_TRUE(m_vrkms.makeStore());
-  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
-  json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string tag = serveOneKey();
   const std::string groupTag = jsonField(json({"group", "show", "g"}), "tag");
-
   // The facets and a KAD, fetched while loopback holds every right.
   m_vrkms.writeConf(grantLine({1, 2, 3, 4, 28, 40}));
   KmsClient client(m_vrkms.reference());
-  GuardedCalls::Facets3 facets(client, tag, groupTag);
+  Facets3 facets(client, tag, groupTag);
   ASSERT_EQ(facets.kad->length(), 12u);
-  using GuardedCalls::Guarded;
-  // Every operation, with the rights each alternative asks for all
-  // together; those without a row hand out key values and ask for right 4.
   const std::vector<Guarded> guarded = facets.operations();
 
-  // No grant (loopback is an address like any other), rights that no row
-  // names, and every right but the key-value one: refused every operation
-  // that asks for more.
+  // No grant (loopback is an address like any other), rights no row names,
+  // every right but the key-value one: refused what asks for more.
   const std::set<std::string> keyValues = {"getKey", "getKeyAndKad", "getKeyRecordsByKad",
                                            "getEximFacet"};
   for (const std::vector<int>& held :
@@ -315,17 +380,9 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
   m_vrkms.writeConf("");
   EXPECT_EQ(m_vrkms.ctl({"--endpoint", m_vrkms.reference(), "status"}).exitStatus, 3);
   m_vrkms.writeConf(grantLine({7, 99}));
-  for (const std::vector<std::string>& args :
-       std::vector<std::vector<std::string>>{{"status"},
-                                             {"group", "list"},
-                                             {"key", "create", "g", "k2"},
-                                             {"rotate-kpk", "--id", "x"}}) {
-    std::vector<std::string> overTcp = {"--endpoint", m_vrkms.reference()};
-    overTcp.insert(overTcp.end(), args.begin(), args.end());
-    const ProcessResult r = m_vrkms.ctl(overTcp);
-    EXPECT_EQ(r.exitStatus, 1) << args[0];
-    EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << r.err;
-  }
+  const ProcessResult refused = m_vrkms.ctl({"--endpoint", m_vrkms.reference(), "status"});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_TRUE(startsWith(refused.err, "error NO_PERMISSION: ")) << refused.err;
 
   // Exactly the rights of one alternative let the operation through; part
   // of an "and" does not.
@@ -346,12 +403,9 @@ TEST_F(VrkmsSecurity, APeerIsRefusedEveryOperationWhoseRightsItLacks) {
 }
 
 TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
-  ASSERT_TRUE(m_vrkms.makeStore());
-  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
   // The service's own user holds every right (the other tests' vrkmsctl
   // runs as it); the socket's directory is that user's alone.
-  json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string tag = serveOneKey();
   const std::string key = jsonField(json({"key", "get", tag}), "key");
   struct stat dir;
   ASSERT_EQ(::lstat(path("var/vrkms/local").c_str(), &dir), 0);
@@ -381,18 +435,16 @@ TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
   ::mkdir(path("drop").c_str(), 0700);
   ::chmod(path("drop").c_str(), 0777);  // where nobody may write its export
   // Reads, key values, changes, master keys, export: each asks for a right.
-  const std::vector<std::vector<std::string>> everyCommand = {
-      {"status"},
-      {"key", "show", "g", "k"},
-      {"key", "get", tag},
-      {"kad", "find", tag.substr(0, 24)},
-      {"group", "create", "h", "--cipher", "AES128"},
-      {"key", "delete", "g", "k"},
-      {"quiesce"},
-      {"rotate-kpk", "--id", "x"},
-      {"export", path("drop/out.export"), "--passphrase-file", pass},
-  };
-  for (const std::vector<std::string>& args : everyCommand) {
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"status"},
+           {"key", "show", "g", "k"},
+           {"key", "get", tag},
+           {"kad", "find", tag.substr(0, 24)},
+           {"group", "create", "h", "--cipher", "AES128"},
+           {"key", "delete", "g", "k"},
+           {"quiesce"},
+           {"rotate-kpk", "--id", "x"},
+           {"export", path("drop/out.export"), "--passphrase-file", pass}}) {
     const ProcessResult r = asNobody(true, args);
     EXPECT_EQ(r.exitStatus, 1) << args[0] << " " << args[1 % args.size()];
     EXPECT_TRUE(startsWith(r.err, "error NO_PERMISSION: ")) << args[0] << ": " << r.err;
@@ -406,33 +458,26 @@ TEST_F(VrkmsSecurity, LocalCallersHoldWhatTheirUidIsGranted) {
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
-// Bytes of a GIOP 1.0 message, little-endian, aligned from its start
-// (the version in which a client first calls a corbaloc object).
+// A GIOP 1.0 reply (the version in which a client first calls a corbaloc
+// object) to request `id` with `status`, little-endian; done() sets its size.
 struct Cdr {
-  std::string bytes;
-  void align(size_t n) { bytes.resize((bytes.size() + n - 1) / n * n, '\0'); }
-  void ulong(uint32_t v) {
-    align(4);
+  std::string bytes = std::string("GIOP\x01\x00\x01\x01", 8) + "size";
+  void ulong(uint32_t v, size_t align = 4) {
+    bytes.resize((bytes.size() + align - 1) / align * align, '\0');
     bytes.append(reinterpret_cast<const char*>(&v), 4);
-  }
-  void longlong(int64_t v) {
-    align(8);
-    bytes.append(reinterpret_cast<const char*>(&v), 8);
   }
   void string(const std::string& text) {
     ulong(static_cast<uint32_t>(text.size() + 1));
     bytes.append(text.c_str(), text.size() + 1);
   }
-  // A reply to request `id` with `status`; size set by done().
-  Cdr(uint32_t id, uint32_t status) : bytes(std::string("GIOP\x01\x00\x01\x01", 8) + "size") {
-    ulong(0);  // no service context
-    ulong(id);
-    ulong(status);
+  Cdr(uint32_t id, uint32_t status) {
+    for (const uint32_t v : {0u, id, status}) {  // no service context
+      ulong(v);
+    }
   }
   std::string done() {
     const uint32_t size = static_cast<uint32_t>(bytes.size() - 12);
-    bytes.replace(8, 4, reinterpret_cast<const char*>(&size), 4);
-    return bytes;
+    return bytes.replace(8, 4, reinterpret_cast<const char*>(&size), 4);
   }
 };
 
@@ -449,13 +494,14 @@ std::string nestedFailure(uint32_t id, int depth) {
     m.string("");
     m.string("");
     m.ulong(0);  // message: null
-    m.string("");
-    m.string("");
-    m.string("");
+    for (int i = 0; i < 3; ++i) {
+      m.string("");
+    }
     m.ulong(level < depth ? 1 : 0);  // root causes
   }
   for (int level = 0; level <= depth; ++level) {
-    m.longlong(0);
+    m.ulong(0, 8);  // a long long 0, then the code
+    m.ulong(0);
     m.ulong(1200);
   }
   return m.done();
@@ -470,9 +516,8 @@ void serveNestedFailure(int listener, int depth) {
     uint32_t size = 0;
     std::memcpy(&size, header + 8, 4);
     std::string body(size, '\0');
-    if (::recv(fd, &body[0], size, MSG_WAITALL) != static_cast<ssize_t>(size)) {
+    if (::recv(fd, &body[0], size, MSG_WAITALL) != static_cast<ssize_t>(size))
       break;
-    }
     // Service contexts, request id, response flag, object key, operation.
     size_t at = 0;
     const auto ulong = [&] {
@@ -490,25 +535,25 @@ void serveNestedFailure(int listener, int depth) {
     at += 1;
     at += ulong();
     const uint32_t length = ulong();
-    const std::string operation = body.substr(std::min<size_t>(at, size), length);
-    std::string reply;
-    if (operation == std::string("_is_a", 6)) {
-      Cdr m(id, 0);
-      m.bytes.push_back('\1');
-      reply = m.done();
-    } else {
-      reply = nestedFailure(id, depth);
-    }
-    if (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) !=
-        static_cast<ssize_t>(reply.size())) {
+    Cdr isA(id, 0);
+    isA.bytes.push_back('\1');  // true
+    const std::string reply =
+        body.substr(std::min<size_t>(at, size), length) == std::string("_is_a", 6)
+            ? isA.done()
+            : nestedFailure(id, depth);
+    if (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(reply.size()))
       break;
-    }
   }
   ::close(fd);
 }
 
 TEST_F(VrkmsSecurity, VrkmsctlDistrustsAReplyNestedBeyondReason) {
-  for (const int depth : {3, 20000}) {
+  const struct {
+    int depth, exitStatus;
+    const char* error;
+  } rows[] = {{3, 1, "error 1200: "},
+              {20000, 3, "error MARSHAL: the reply from corbaloc::127.0.0.1:"}};
+  for (const auto& [depth, exitStatus, error] : rows) {
     const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -522,46 +567,24 @@ TEST_F(VrkmsSecurity, VrkmsctlDistrustsAReplyNestedBeyondReason) {
         {"--endpoint", "127.0.0.1:" + std::to_string(ntohs(address.sin_port)), "status"});
     fake.join();
     ::close(listener);
-    EXPECT_TRUE(r.exited) << depth << ": " << r.err;
-    if (depth == 3) {
-      EXPECT_EQ(r.exitStatus, 1) << r.err;
-      EXPECT_TRUE(startsWith(r.err, "error 1200: ")) << r.err;
-    } else {
-      EXPECT_EQ(r.exitStatus, 3) << r.err;
-      EXPECT_TRUE(startsWith(r.err, "error MARSHAL: the reply from corbaloc::127.0.0.1:")) << r.err;
-    }
+    EXPECT_TRUE(r.exited && r.exitStatus == exitStatus) << depth << ": " << r.err;
+    EXPECT_TRUE(startsWith(r.err, error)) << r.err;
   }
 }
-
-// A TCP connection to the service that sends nothing.
-struct IdleConnection {
-  explicit IdleConnection(int port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  }
-  ~IdleConnection() { ::close(fd); }
-  int fd;
-};
 
 TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
   ASSERT_TRUE(m_vrkms.makeStore());
   // A grant that cannot be read keeps the service from starting.
   m_vrkms.writeConf("VRKMS_GRANT = host:media01 1\n");
   EXPECT_FALSE(m_vrkms.start());
-  EXPECT_NE(
-      m_vrkms.stderrText().find("vrkms: cannot start: in " + m_vrkms.root().file("etc/vr.conf") +
-                                ", the line \"VRKMS_GRANT = host:media01 1\" cannot be read: "
-                                "\"host:media01\" is neither uid:USER, cert:SUBJECT, a "
-                                "numeric address nor \"*\"\n"),
-      std::string::npos)
+  EXPECT_TRUE(CtlOutput::contains(m_vrkms.stderrText(),
+                                  "vrkms: cannot start: in " + path("etc/vr.conf") +
+                                      ", the line \"VRKMS_GRANT = host:media01 1\" cannot be read: "
+                                      "\"host:media01\" is neither uid:USER, cert:SUBJECT, a "
+                                      "numeric address nor \"*\"\n"))
       << m_vrkms.stderrText();
   m_vrkms.writeConf(grantLine({28}));
-  ASSERT_TRUE(m_vrkms.start()) << m_vrkms.stderrText() << m_vrkms.debugLog();
-  json({"group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = jsonField(json({"key", "create", "g", "k"}), "tag");
+  const std::string tag = serveOneKey();
   KmsClient client(m_vrkms.reference());
   Facets::KMSQueryableFacet_ptr query = client.query();
   Facets::KMSControlFacet_ptr control = client.control();
@@ -621,17 +644,19 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
   const rlimit tight{openFiles() + 4, before.rlim_max};
   ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
   {
-    std::vector<std::unique_ptr<IdleConnection>> idle;
+    std::vector<int> idle;
     for (int i = 0; i < 16; ++i) {
-      idle.push_back(std::make_unique<IdleConnection>(m_vrkms.port()));
+      idle.push_back(ServiceSandbox::connectTo(m_vrkms.port()));
     }
     for (int i = 0; i < 500 && openFiles() < tight.rlim_cur; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     m_vrkms.writeConf(grantLine({4, 28}));
     EXPECT_EQ(rights(), only28) << "at the descriptor limit";
-    EXPECT_NE(m_vrkms.debugLog().find("Too many open files; the grants last read stay"),
-              std::string::npos);
+    EXPECT_TRUE(CtlOutput::contains(m_vrkms.debugLog(), "Too many open files; the grants last"));
+    for (const int fd : idle) {
+      ::close(fd);
+    }
   }
   ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
   for (int i = 0; i < 500 && rights() != with4; ++i) {

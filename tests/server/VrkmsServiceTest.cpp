@@ -1,16 +1,8 @@
 // The built vrkms as a program and as a service: its usage, the gates that
-// keep a start off a host that must not serve, the service started under a
-// private root on a loopback port of its own, reached through corbaloc,
-// judged by its peer rules, and stopped in order by signal and by
-// "-terminate".
-//
-// These tests run a process named vrkms; CTest keeps them apart from every
-// other such test (RESOURCE_LOCK vrkms_process).
-#include <arpa/inet.h>
+// keep a start off a host that must not serve, the service reached through
+// corbaloc and judged by its peer rules, and stopped in order.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +14,6 @@
 
 #include "kms/platform/ProcessHandler.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
-#include "kms/platform/framework/Orb.h"
 #include "server/CtlOutput.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
@@ -35,15 +26,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// Whether the service's port still takes connections.
 bool canConnect(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  const bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return connected;
+  const int fd = ServiceSandbox::connectTo(port);
+  return fd >= 0 && ::close(fd) == 0;
 }
 
 bool exists(const std::string& path) {
@@ -99,7 +85,7 @@ class VrkmsService : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigterm) {
+TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsInOrder) {
   ASSERT_NO_FATAL_FAILURE(startWithStore());
   EXPECT_EQ(m_box.readFile("var/vrkms/vrkms.pid"), std::to_string(m_box.pid()) + "\n");
   EXPECT_EQ(m_box.readFile("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
@@ -128,10 +114,9 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsOnSigt
 
   ASSERT_EQ(::kill(m_box.pid(), SIGTERM), 0);
   EXPECT_EQ(m_box.waitForExit(60s), 0) << m_box.stderrText();
-  expectOrderlyStop();
-}
-
-TEST_F(VrkmsService, TerminateStopsTheServiceInOrder) {
+  ASSERT_NO_FATAL_FAILURE(expectOrderlyStop());
+  // "-terminate" stops it in the same order.
+  ::unlink(m_box.path("logs/vrkms/vrkms_debug.log").c_str());
   ASSERT_NO_FATAL_FAILURE(startWithStore());
   EXPECT_EQ(m_box.terminate(), std::make_pair(0, 0)) << m_box.stderrText();
   expectOrderlyStop();
@@ -224,13 +209,14 @@ TEST(VrkmsProgram, UsageCodesAndTheLoggedCommandLine) {
   box.run({"-createemptydb", "-kpkpass", "secret3", "-hmkpass"});
   box.run({"-resetkpk", "-hmkpassword", "plain"});
   const std::string log = box.debugLog();
-  EXPECT_TRUE(contains(log, "Actual Error Code: 1271 (")) << log;
-  EXPECT_TRUE(contains(log, "kmsExit: Exiting with Status: 252 (")) << log;
-  EXPECT_TRUE(contains(log, "FIPS mode DISABLED in configuration")) << log;
-  EXPECT_TRUE(contains(log, "Command Line Args: " VRKMS_BINARY " -resethmk -hmkpass ****** "));
-  EXPECT_TRUE(contains(log, " -resethmk -HMKPASS ****** -overwrite ")) << log;
-  EXPECT_TRUE(contains(log, " -createemptydb -kpkpass ****** -hmkpass ****** ")) << log;
-  EXPECT_TRUE(contains(log, " -resetkpk -hmkpassword plain ")) << log;
+  for (const char* logged :
+       {"Actual Error Code: 1271 (", "kmsExit: Exiting with Status: 252 (",
+        "FIPS mode DISABLED in configuration",
+        "Command Line Args: " VRKMS_BINARY " -resethmk -hmkpass ****** ",
+        " -resethmk -HMKPASS ****** -overwrite ",
+        " -createemptydb -kpkpass ****** -hmkpass ****** ", " -resetkpk -hmkpassword plain "}) {
+    EXPECT_TRUE(contains(log, logged)) << logged;
+  }
   EXPECT_FALSE(contains(log, "secret")) << log;
 }
 
@@ -284,27 +270,4 @@ TEST(VrkmsProgram, StartGatesRefuseOffTheMasterServerAndOnAnInactiveClusterNode)
           << box.appLog();
     }
   }
-}
-
-// A service whose ORB is initialised sends and accepts messages up to the
-// bound, far above the ORB's own 2 MiB: a whole store travels in one call.
-// Run in a child of its own, whose ORB is the first and only one.
-TEST(OrbMessageBound, ServiceOrbAcceptsWholeStoreExports) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto check = [] {
-    TempRoot run("orb-bound");
-    Fw::Orb orb;
-    char name[] = "vrkms";
-    char* argv[] = {name, nullptr};
-    const std::string endpoint = "giop:tcp:127.0.0.1:" + std::to_string(ServiceSandbox::freePort());
-    if (orb.init(1, argv, endpoint, run.path()) != 0) {
-      return 2;
-    }
-    const unsigned long bound = std::strtoul(Fw::Orb::kMaxMessageSize, nullptr, 10);
-    const int status = omniORB::giopMaxMsgSize() == bound && bound >= (64ul << 20) ? 0 : 1;
-    orb.shutdown(true);
-    orb.destroy();
-    return status;
-  };
-  EXPECT_EXIT(std::_Exit(check()), ::testing::ExitedWithCode(0), "");
 }

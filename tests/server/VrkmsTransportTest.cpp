@@ -2,11 +2,8 @@
 // certificate of the service's CA gets past the TLS handshake, vrkmsctl
 // sends nothing to a service it cannot verify, and peers without rights
 // can neither make the service hold their requests nor keep others out.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <KMS.h>
@@ -21,7 +18,6 @@
 #include <vector>
 
 #include "server/CtlOutput.h"
-#include "server/GuardedCalls.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 #include "support/TestCertificates.h"
@@ -31,11 +27,6 @@ namespace Remote = Ardentis::Vaultrest::DL::KMS;
 namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 
 namespace {
-
-// The reference of the manager at TLS endpoint "giop:ssl:HOST:PORT".
-std::string tlsReference(const std::string& endpoint) {
-  return "corbaloc:ssliop:" + endpoint.substr(9) + "/KMS.KMSMgr";
-}
 
 class VrkmsTransport : public ::testing::Test {
  protected:
@@ -102,23 +93,6 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
   EXPECT_NE(status.out.find("hmk-1"), std::string::npos) << status.out << status.err;
   EXPECT_EQ(m_vrkms.debugLog().find("updateHMK"), std::string::npos);
 
-  // A certificate of the CA that no grant names is refused every operation,
-  // getKey and the others that hand out key values included (its facets
-  // are fetched while a grant names it).
-  const auto tagOf = [&](const std::vector<std::string>& args) {
-    return CtlOutput::jsonField(m_vrkms.ctl(args).out, "tag");
-  };
-  tagOf({"--json", "group", "create", "g", "--cipher", "AES256"});
-  const std::string tag = tagOf({"--json", "key", "create", "g", "k"});
-  const std::string groupTag = tagOf({"--json", "group", "show", "g"});
-  KmsClient client(tlsReference(m_endpoint),
-                   {m_ca.cert("media02"), m_ca.key("media02"), m_ca.ca()});
-  m_vrkms.writeConf(m_tls + "VRKMS_GRANT = cert:CN=media02 1,2,3,4,28,40\n");
-  GuardedCalls::Facets3 facets(client, tag, groupTag);
-  m_vrkms.writeConf(m_tls);
-  for (const GuardedCalls::Guarded& op : facets.operations()) {
-    EXPECT_EQ(ServiceClient::outcome(op.call), "NO_PERMISSION") << op.name;
-  }
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
@@ -131,22 +105,6 @@ long peakResidentKiB(pid_t pid) {
     }
   }
   return -1;
-}
-
-// A TCP connection from `from` to the service's plain port; -1 if refused.
-int connectFrom(const char* from, int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  ::inet_pton(AF_INET, from, &address.sin_addr);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
 }
 
 TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) {
@@ -198,7 +156,7 @@ TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) 
   std::vector<int> idle;
   for (const char* from : {"127.0.0.2", "127.0.0.3"}) {
     for (int i = 0; i < 500; ++i) {
-      const int fd = connectFrom(from, m_vrkms.port());
+      const int fd = ServiceSandbox::connectTo(m_vrkms.port(), from);
       if (fd >= 0) {
         idle.push_back(fd);
       }

@@ -4,11 +4,13 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 extern char** environ;
 
@@ -16,19 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Pipe {
-  int fd[2] = {-1, -1};
-  bool open() { return pipe2(fd, O_CLOEXEC) == 0; }
-  void closeBoth() {
-    for (int& f : fd) {
-      if (f >= 0) {
-        close(f);
-        f = -1;
-      }
-    }
-  }
-};
-
+// Pointers into `strings`, ended by a null pointer, for execve.
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> result;
   for (std::string& s : strings) {
@@ -38,14 +28,15 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
   return result;
 }
 
-int waitFor(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) {
-      return -1;
-    }
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  ::lseek(fd, 0, SEEK_SET);
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) {
+    text.append(buffer, static_cast<size_t>(n));
   }
-  return status;
+  ::close(fd);
+  return text;
 }
 
 }  // namespace
@@ -59,12 +50,12 @@ void RunningProcess::stop() {
     close(m_terminal);
     m_terminal = -1;
   }
-  if (m_pid <= 0) {
-    return;
+  if (m_pid > 0) {
+    kill(m_pid, SIGKILL);
+    while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
   }
-  kill(m_pid, SIGKILL);
-  waitFor(m_pid);
-  m_pid = -1;
 }
 
 bool RunningProcess::awaitOutput(const std::string& text, std::chrono::milliseconds limit,
@@ -75,14 +66,11 @@ bool RunningProcess::awaitOutput(const std::string& text, std::chrono::milliseco
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd p{m_terminal, POLLIN, 0};
-    if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) {
-      return false;
-    }
     char buffer[4096];
-    const ssize_t n = read(m_terminal, buffer, sizeof(buffer));
-    if (n <= 0) {
+    ssize_t n = 0;
+    if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0 ||
+        (n = read(m_terminal, buffer, sizeof(buffer))) <= 0)
       return false;
-    }
     seen->append(buffer, static_cast<size_t>(n));
   }
   return true;
@@ -90,16 +78,11 @@ bool RunningProcess::awaitOutput(const std::string& text, std::chrono::milliseco
 
 int RunningProcess::awaitExit(std::chrono::milliseconds limit) {
   const Clock::time_point deadline = Clock::now() + limit;
-  while (m_pid > 0) {
-    int status = 0;
+  for (int status = 0; m_pid > 0 && Clock::now() <= deadline; usleep(10000)) {
     if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
       m_pid = -1;
       return status;
     }
-    if (Clock::now() > deadline) {
-      break;
-    }
-    usleep(10000);
   }
   return -1;
 }
@@ -119,11 +102,6 @@ ProcessRunner& ProcessRunner::env(const std::string& name, const std::string& va
   return *this;
 }
 
-ProcessRunner& ProcessRunner::unsetEnv(const std::string& name) {
-  m_env[name] = std::nullopt;
-  return *this;
-}
-
 ProcessRunner& ProcessRunner::stdinText(std::string text) {
   m_stdin = std::move(text);
   return *this;
@@ -134,174 +112,94 @@ ProcessRunner& ProcessRunner::timeout(std::chrono::milliseconds limit) {
   return *this;
 }
 
-std::vector<std::string> ProcessRunner::buildEnvironment() const {
-  std::vector<std::string> result;
+pid_t ProcessRunner::start(const std::function<void()>& inChild, int* terminal) const {
+  std::vector<std::string> argvText{m_argv0.value_or(m_program)};
+  argvText.insert(argvText.end(), m_args.begin(), m_args.end());
+  std::vector<std::string> envText;
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string entry = *e;
-    const std::string name = entry.substr(0, entry.find('='));
-    if (m_env.count(name) == 0) {
-      result.push_back(entry);
-    }
+    if (m_env.count(entry.substr(0, entry.find('='))) == 0)
+      envText.push_back(entry);
   }
   for (const auto& [name, value] : m_env) {
-    if (value) {
-      result.push_back(name + "=" + *value);
-    }
+    envText.push_back(name + "=" + value);
   }
-  return result;
+  std::vector<char*> argv = pointers(argvText);
+  std::vector<char*> envp = pointers(envText);
+  const pid_t pid = terminal != nullptr ? forkpty(terminal, nullptr, nullptr, nullptr) : fork();
+  if (pid == 0) {
+    inChild();  // async-signal-safe calls only
+    execve(m_program.c_str(), argv.data(), envp.data());
+    static const char kFailed[] = "exec failed\n";
+    ssize_t ignored = write(STDERR_FILENO, kFailed, sizeof kFailed - 1);
+    (void)ignored;
+    _exit(127);
+  }
+  return pid;
 }
 
 RunningProcess ProcessRunner::spawn() const {
-  std::vector<std::string> argvText{m_argv0.value_or(m_program)};
-  argvText.insert(argvText.end(), m_args.begin(), m_args.end());
-  std::vector<std::string> envText = buildEnvironment();
-  std::vector<char*> argv = pointers(argvText);
-  std::vector<char*> envp = pointers(envText);
-
-  const pid_t pid = fork();
-  if (pid == 0) {
+  return RunningProcess(start([] {
     const int devNull = open("/dev/null", O_RDWR);
-    dup2(devNull, STDIN_FILENO);
-    dup2(devNull, STDOUT_FILENO);
-    dup2(devNull, STDERR_FILENO);
-    execve(m_program.c_str(), argv.data(), envp.data());
-    _exit(127);
-  }
-  return RunningProcess(pid);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      dup2(devNull, fd);
+    }
+  }));
 }
 
 RunningProcess ProcessRunner::spawnOnTerminal() const {
-  std::vector<std::string> argvText{m_argv0.value_or(m_program)};
-  argvText.insert(argvText.end(), m_args.begin(), m_args.end());
-  std::vector<std::string> envText = buildEnvironment();
-  std::vector<char*> argv = pointers(argvText);
-  std::vector<char*> envp = pointers(envText);
-
   int master = -1;
-  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-  if (pid == 0) {
-    // As on a terminal of its own: the signals a terminal sends take effect
-    // even where the test runs with them ignored (in the background).
-    for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
-      ::signal(signal, SIG_DFL);
-    }
-    execve(m_program.c_str(), argv.data(), envp.data());
-    _exit(127);
-  }
-  if (pid < 0) {
+  const pid_t pid = start(
+      [] {
+        // As on a terminal of its own: the signals a terminal sends take
+        // effect even where the test runs with them ignored (in the background).
+        for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
+          ::signal(signal, SIG_DFL);
+        }
+      },
+      &master);
+  if (pid < 0)
     return RunningProcess(-1);
-  }
   fcntl(master, F_SETFD, FD_CLOEXEC);
   return RunningProcess(pid, master);
 }
 
 ProcessResult ProcessRunner::run() const {
   ProcessResult result;
-  std::vector<std::string> argvText{m_argv0.value_or(m_program)};
-  argvText.insert(argvText.end(), m_args.begin(), m_args.end());
-  std::vector<std::string> envText = buildEnvironment();
-  std::vector<char*> argv = pointers(argvText);
-  std::vector<char*> envp = pointers(envText);
-
-  Pipe in, out, err, execError;
-  if (!in.open() || !out.open() || !err.open() || !execError.open()) {
-    result.err = std::string("pipe failed: ") + std::strerror(errno);
-    in.closeBoth(), out.closeBoth(), err.closeBoth(), execError.closeBoth();
+  // Standard input is a pipe holding the whole text (which must fit in its
+  // buffer), output and error are memory files read once the child ended.
+  int in[2] = {-1, -1};
+  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+  if (pipe2(in, O_CLOEXEC) != 0 || out < 0 || err < 0) {
+    result.err = std::string("cannot run: ") + std::strerror(errno);
     return result;
   }
-
-  const pid_t pid = fork();
-  if (pid < 0) {
-    result.err = std::string("fork failed: ") + std::strerror(errno);
-    in.closeBoth(), out.closeBoth(), err.closeBoth(), execError.closeBoth();
-    return result;
-  }
-  if (pid == 0) {
-    // Only async-signal-safe calls from here on.
-    dup2(in.fd[0], STDIN_FILENO);
-    dup2(out.fd[1], STDOUT_FILENO);
-    dup2(err.fd[1], STDERR_FILENO);
-    execve(m_program.c_str(), argv.data(), envp.data());
-    const int error = errno;
-    ssize_t ignored = write(execError.fd[1], &error, sizeof(error));
-    (void)ignored;
-    _exit(127);
-  }
-
-  close(in.fd[0]), close(out.fd[1]), close(err.fd[1]), close(execError.fd[1]);
-  in.fd[0] = out.fd[1] = err.fd[1] = execError.fd[1] = -1;
-
-  int execErrno = 0;
-  const bool execFailed = read(execError.fd[0], &execErrno, sizeof(execErrno)) ==
-                          static_cast<ssize_t>(sizeof(execErrno));
-  execError.closeBoth();
-
-  // Feed stdin and drain stdout/stderr together, so that no pipe fills up.
+  fcntl(in[1], F_SETPIPE_SZ, static_cast<int>(m_stdin.size()) + 1);
+  const bool fed =
+      write(in[1], m_stdin.data(), m_stdin.size()) == static_cast<ssize_t>(m_stdin.size());
+  close(in[1]);
   signal(SIGPIPE, SIG_IGN);
-  size_t written = 0;
-  if (m_stdin.empty()) {
-    in.closeBoth();
-  }
+  const pid_t pid = start([&] {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+  });
+  close(in[0]);
+  int status = -1;
   const Clock::time_point deadline = Clock::now() + m_timeout;
-  while (out.fd[0] >= 0 || err.fd[0] >= 0) {
-    std::vector<pollfd> fds;
-    if (in.fd[1] >= 0) {
-      fds.push_back({in.fd[1], POLLOUT, 0});
-    }
-    if (out.fd[0] >= 0) {
-      fds.push_back({out.fd[0], POLLIN, 0});
-    }
-    if (err.fd[0] >= 0) {
-      fds.push_back({err.fd[0], POLLIN, 0});
-    }
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) {
-      result.timedOut = true;
+  while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
+    if (Clock::now() > deadline) {
       kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
       break;
     }
-    const int ready = poll(fds.data(), fds.size(), static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) {
-      break;
-    }
-    for (const pollfd& p : fds) {
-      if (p.revents == 0) {
-        continue;
-      }
-      if (p.fd == in.fd[1]) {
-        const ssize_t n = write(p.fd, m_stdin.data() + written, m_stdin.size() - written);
-        if (n > 0) {
-          written += static_cast<size_t>(n);
-        }
-        if (n < 0 || written == m_stdin.size()) {
-          in.closeBoth();
-        }
-        continue;
-      }
-      char buffer[4096];
-      const ssize_t n = read(p.fd, buffer, sizeof(buffer));
-      std::string& sink = p.fd == out.fd[0] ? result.out : result.err;
-      if (n > 0) {
-        sink.append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        (p.fd == out.fd[0] ? out : err).closeBoth();
-      }
-    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  in.closeBoth(), out.closeBoth(), err.closeBoth();
-
-  const int status = waitFor(pid);
-  if (execFailed) {
-    result.err += std::string("exec failed: ") + std::strerror(execErrno);
-    return result;
-  }
-  result.started = true;
+  result.out = readAll(out);
+  result.err = (fed ? "" : "standard input not written whole\n") + readAll(err);
   if (status >= 0 && WIFEXITED(status)) {
     result.exited = true;
     result.exitStatus = WEXITSTATUS(status);
-  } else if (status >= 0 && WIFSIGNALED(status)) {
-    result.termSignal = WTERMSIG(status);
   }
   return result;
 }
