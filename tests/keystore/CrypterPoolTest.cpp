@@ -31,15 +31,11 @@ std::string sealUnder(const std::string& key, const std::string& plain) {
 
 TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
   CrypterPool pool;
-  EXPECT_EQ(ksStatus([&] { pool.lease(CrypterPool::DECRYPT); }), 1223) << "no key yet";
+  EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::DECRYPT)), 1223) << "no key yet";
   pool.setKey(KSCrypt::AES_256_GCM, kKeyA);
-
   // A decryption that nobody fetched leaves no plaintext for the next lease.
   const std::string secretA = sealUnder(kKeyA, "plaintext left behind");
-  {
-    CrypterPool::Lease c = pool.lease(CrypterPool::DECRYPT);
-    ASSERT_EQ(c->decrypt(u8(secretA), secretA.size(), true), 0);
-  }
+  ASSERT_EQ(pool.lease(CrypterPool::DECRYPT)->decrypt(u8(secretA), secretA.size(), true), 0);
   {
     CrypterPool::Lease c = pool.lease(CrypterPool::DECRYPT);
     const unsigned char* p = nullptr;
@@ -48,23 +44,12 @@ TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
     EXPECT_EQ(n, 0u);
     EXPECT_EQ(decryptAll(*c, secretA).bytes, "plaintext left behind");
   }
-
   // An encrypt side comes back with a fresh IV, ready for the next stream.
-  std::string first;
-  std::string second;
-  {
-    CrypterPool::Lease c = pool.lease(CrypterPool::ENCRYPT);
-    first = encryptAll(*c, "same").bytes;
-  }
-  {
-    CrypterPool::Lease c = pool.lease(CrypterPool::ENCRYPT);
-    const auto r = encryptAll(*c, "same");
-    ASSERT_EQ(r.status, 0);
-    second = r.bytes;
-  }
-  EXPECT_NE(first.substr(0, 12), second.substr(0, 12));
-  EXPECT_EQ(decryptAll(*pool.lease(CrypterPool::DECRYPT), second).bytes, "same");
-
+  const std::string first = encryptAll(*pool.lease(CrypterPool::ENCRYPT), "same").bytes;
+  const auto second = encryptAll(*pool.lease(CrypterPool::ENCRYPT), "same");
+  ASSERT_EQ(second.status, 0);
+  EXPECT_NE(first.substr(0, 12), second.bytes.substr(0, 12));
+  EXPECT_EQ(decryptAll(*pool.lease(CrypterPool::DECRYPT), second.bytes).bytes, "same");
   // A crypter leased under the old key does not return to serve the new one.
   const std::string secretB = sealUnder(kKeyB, "under b");
   {
@@ -72,13 +57,12 @@ TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
     pool.setKey(KSCrypt::AES_256_GCM, kKeyB);
   }
   for (int i = 0; i < 3; ++i) {
-    CrypterPool::Lease c = pool.lease(CrypterPool::DECRYPT);
-    EXPECT_EQ(decryptAll(*c, secretB).bytes, "under b") << i;
+    EXPECT_EQ(decryptAll(*pool.lease(CrypterPool::DECRYPT), secretB).bytes, "under b") << i;
   }
   pool.clear();
-  EXPECT_EQ(ksStatus([&] { pool.lease(CrypterPool::ENCRYPT); }), 1223);
+  EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::ENCRYPT)), 1223);
   pool.setKey(KSCrypt::AES_256_GCM, std::string(31, 'x'));
-  EXPECT_EQ(ksStatus([&] { pool.lease(CrypterPool::ENCRYPT); }), 1223) << "the factory's error";
+  EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::ENCRYPT)), 1223) << "the factory's error";
 }
 
 TEST(CrypterPool, ManagerWrapsAndUnwrapsFromManyThreadsAndFollowsRefills) {
@@ -97,7 +81,7 @@ TEST(CrypterPool, ManagerWrapsAndUnwrapsFromManyThreadsAndFollowsRefills) {
           // A damaged wrap between good ones fails alone.
           if (i % 7 == 0) {
             wrapped[wrapped.size() - 1] ^= 0x01;
-            if (ksStatus([&] { mgr.decryptKey(wrapped, KPK_LOCAL, ""); }) != 1200) {
+            if (KS_STATUS(mgr.decryptKey(wrapped, KPK_LOCAL, "")) != 1200) {
               ++bad;
             }
           }
@@ -112,7 +96,7 @@ TEST(CrypterPool, ManagerWrapsAndUnwrapsFromManyThreadsAndFollowsRefills) {
     // After a refill, the crypters of the old KPK are gone.
     const std::string underA = mgr.encryptKey(kKeyB, KPK_LOCAL, "");
     mgr.set(kKeyB, KSCrypt::AES_256_GCM, version, true);
-    EXPECT_EQ(ksStatus([&] { mgr.decryptKey(underA, KPK_LOCAL, ""); }), 1200) << version;
+    EXPECT_EQ(KS_STATUS(mgr.decryptKey(underA, KPK_LOCAL, "")), 1200) << version;
     const std::string underB = mgr.encryptKey(kKeyA, KPK_LOCAL, "");
     EXPECT_EQ(Utils::decryptKeyWithKey(underB, kKeyB, KSCrypt::AES_256_GCM, version), kKeyA);
     const KPKMgr copy(mgr);

@@ -58,12 +58,12 @@ TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSalt) {
 }
 
 TEST(KeyGen, PassphraseToKeyRefusesMalformedSalts) {
-  const std::string good = saltWithScheme(3);
-  std::string otherLetter = good;
+  std::string otherLetter = saltWithScheme(3);
   otherLetter[0] = 'T';
-  for (const std::string& salt : {good.substr(0, 23), good + "x", otherLetter, saltWithScheme(0),
-                                  saltWithScheme(4), saltWithScheme(0xff), std::string()}) {
-    EXPECT_EQ(ksStatus([&] { KeyGen::passphraseToKey("pw", salt, 32); }), 1282) << hex(salt);
+  for (const std::string& salt :
+       {saltWithScheme(3).substr(0, 23), saltWithScheme(3) + "x", otherLetter, saltWithScheme(0),
+        saltWithScheme(4), saltWithScheme(0xff), std::string()}) {
+    EXPECT_EQ(KS_STATUS(KeyGen::passphraseToKey("pw", salt, 32)), 1282) << hex(salt);
   }
 }
 
@@ -84,23 +84,14 @@ TEST(KeyGen, DeprecatedDerivationIsUnsaltedBytesToKey) {
             static_cast<size_t>(EVP_CIPHER_get_key_length(cipher)));
 }
 
-TEST(KeyGen, RandomKeysAreBoundedAndMadeInOneAttempt) {
-  EXPECT_EQ(KeyGen::generateRandomKey(0), "");
-  EXPECT_EQ(KeyGen::generateRandomKey(65), "");
+TEST(KeyGen, KeysSaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
+  EXPECT_EQ(KeyGen::generateRandomKey(0) + KeyGen::generateRandomKey(65), "");
   EXPECT_EQ(KeyGen::generateRandomKey(64).size(), 64u);
   EXPECT_EQ(KeyGen::generateRandomKey(1).size(), 1u);
   EXPECT_NE(KeyGen::generateRandomKey(32), KeyGen::generateRandomKey(32));
-
-  ScriptedRandom oneFailure(1);
-  EXPECT_EQ(KeyGen::generateRandomKey(32), "");
-  EXPECT_EQ(ScriptedRandom::calls(), 1);
-}
-
-TEST(KeyGen, SaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
   const std::string salt = KeyGen::generateSalt();
   ASSERT_EQ(salt.size(), 24u);
-  EXPECT_EQ(salt[0], 'S');
-  EXPECT_EQ(salt[1], 2);
+  EXPECT_EQ(salt.substr(0, 2), "S\x02");
   EXPECT_NE(KeyGen::generateSalt(), salt);
   KeyGen::s_use_weak_kdf = true;
   const std::string weak = KeyGen::generateSalt();
@@ -113,6 +104,11 @@ TEST(KeyGen, SaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
   EXPECT_EQ(tag.size(), 32u);
   EXPECT_NE(TagGen::newTag(), tag);
   EXPECT_EQ(Utils::getRandData(0), "");
+  {
+    ScriptedRandom oneFailure(1);  // a random key is made in one attempt
+    EXPECT_EQ(KeyGen::generateRandomKey(32), "");
+    EXPECT_EQ(ScriptedRandom::calls(), 1);
+  }
   {
     ScriptedRandom nineteenFailures(19, "r");
     EXPECT_EQ(Utils::getRandData(5), "rrrrr");

@@ -2,6 +2,7 @@
 // applies it to key records.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -84,106 +85,67 @@ TEST(KeyWrap, CallersTypeCountsOnlyUnderVersion200) {
   EXPECT_EQ(none.substr(32), kKey);
 }
 
-TEST(KeyWrap, FailuresByForm) {
-  EXPECT_EQ(
-      ksStatus([] { Utils::encryptKeyWithKey("", kKek, KSCrypt::AES_256_GCM, KS_VERSION_300); }),
-      1200)
-      << "no random half for an empty key";
-  EXPECT_EQ(ksStatus([] {
-              Utils::encryptKeyWithKey(kKey, kKek.substr(1), KSCrypt::AES_256_GCM, KS_VERSION_300);
-            }),
-            1223)
-      << "a wrapping key of the wrong length";
-  {
-    ScriptedRandom broken(20);
-    EXPECT_EQ(ksStatus([] {
-                Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::AES_256_GCM, KS_VERSION_200);
-              }),
-              1200);
-  }
-
+TEST(KeyWrap, FailuresByFormAndEveryFlippedByte) {
   const std::string gcm =
       Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::AES_256_GCM, KS_VERSION_300);
-  EXPECT_EQ(ksStatus([&] {
-              Utils::decryptKeyWithKey(gcm, std::string(32, 'x'), KSCrypt::AES_256_GCM,
-                                       KS_VERSION_300);
-            }),
-            1270);
-  EXPECT_EQ(ksStatus([&] {
-              Utils::decryptKeyWithKey(gcm.substr(0, 27), kKek, KSCrypt::AES_256_GCM,
-                                       KS_VERSION_300);
-            }),
-            1224)
-      << "too short for IV and tag";
-
-  // No room behind the IV under 0x200.
-  for (size_t len : {0, 15, 16}) {
-    EXPECT_EQ(ksStatus([&] {
-                Utils::decryptKeyWithKey(std::string(len, 'x'), kKek, KSCrypt::AES_256_CBC_EVP,
-                                         KS_VERSION_200);
-              }),
-              1200)
-        << len;
-  }
-  EXPECT_EQ(
-      ksStatus([] { Utils::decryptKeyWithKey("", kKek, KSCrypt::AES_256_GCM, KS_VERSION_200); }),
-      1200);
-
   // A sound stream whose plaintext has odd length is no wrapped key.
   GCMCrypter c(kKek);
   const std::string odd = encryptAll(c, std::string(33, 'o')).bytes;
-  EXPECT_EQ(
-      ksStatus([&] { Utils::decryptKeyWithKey(odd, kKek, KSCrypt::AES_256_GCM, KS_VERSION_300); }),
-      1270);
-}
-
-TEST(KeyWrap, EveryFlippedByteIsRefused) {
-  const std::string wrapped =
-      Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::AES_256_GCM, KS_VERSION_300);
-  const KPKMgr mgr(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
-  for (size_t at = 0; at < wrapped.size(); ++at) {
-    std::string bad = wrapped;
+  const KSCrypt::CryptType kGcm = KSCrypt::AES_256_GCM, kEvp = KSCrypt::AES_256_CBC_EVP;
+  const std::pair<std::function<void()>, int> rows[] = {
+      // No random half for an empty key; a wrapping key of the wrong length.
+      {[] { Utils::encryptKeyWithKey("", kKek, kGcm, KS_VERSION_300); }, 1200},
+      {[] { Utils::encryptKeyWithKey(kKey, kKek.substr(1), kGcm, KS_VERSION_300); }, 1223},
+      {[&] { Utils::decryptKeyWithKey(gcm, std::string(32, 'x'), kGcm, KS_VERSION_300); }, 1270},
+      {[&] { Utils::decryptKeyWithKey(gcm.substr(0, 27), kKek, kGcm, KS_VERSION_300); }, 1224},
+      {[&] { Utils::decryptKeyWithKey(odd, kKek, kGcm, KS_VERSION_300); }, 1270},
+      // No room behind the IV under 0x200.
+      {[] { Utils::decryptKeyWithKey("", kKek, kEvp, KS_VERSION_200); }, 1200},
+      {[] { Utils::decryptKeyWithKey(std::string(15, 'x'), kKek, kEvp, KS_VERSION_200); }, 1200},
+      {[] { Utils::decryptKeyWithKey(std::string(16, 'x'), kKek, kEvp, KS_VERSION_200); }, 1200},
+      {[] { Utils::decryptKeyWithKey("", kKek, kGcm, KS_VERSION_200); }, 1200},
+  };
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    EXPECT_EQ(cryptotest::ksStatus(rows[i].first), rows[i].second) << i;
+  }
+  {
+    ScriptedRandom broken(20);
+    EXPECT_EQ(KS_STATUS(Utils::encryptKeyWithKey(kKey, kKek, kGcm, KS_VERSION_200)), 1200);
+  }
+  const KPKMgr mgr(kKek, kGcm, KS_VERSION_300, true);
+  for (size_t at = 0; at < gcm.size(); ++at) {
+    std::string bad = gcm;
     bad[at] = static_cast<char>(bad[at] ^ 0x01);
-    ASSERT_EQ(ksStatus([&] {
-                Utils::decryptKeyWithKey(bad, kKek, KSCrypt::AES_256_GCM, KS_VERSION_300);
-              }),
-              1270)
-        << at;
-    ASSERT_EQ(ksStatus([&] { mgr.decryptKey(bad, KPK_LOCAL, ""); }), 1200) << at;
+    ASSERT_EQ(KS_STATUS(Utils::decryptKeyWithKey(bad, kKek, kGcm, KS_VERSION_300)), 1270) << at;
+    ASSERT_EQ(KS_STATUS(mgr.decryptKey(bad, KPK_LOCAL, "")), 1200) << at;
   }
 }
 
 TEST(KPKMgr, WrapsUnderTheHeldKpkAndReportsEveryFailureAsInternal) {
   const KPKMgr empty;
   EXPECT_FALSE(empty.isSetUp());
-  EXPECT_EQ(ksStatus([&] { empty.encryptKey(kKey, KPK_LOCAL, ""); }), 1254);
-  EXPECT_EQ(ksStatus([&] { empty.decryptKey(kKey, KPK_LOCAL, ""); }), 1254);
-
+  EXPECT_EQ(KS_STATUS(empty.encryptKey(kKey, KPK_LOCAL, "")), 1254);
+  EXPECT_EQ(KS_STATUS(empty.decryptKey(kKey, KPK_LOCAL, "")), 1254);
   KPKMgr mgr;
   mgr.set(kKek, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200, true);
   EXPECT_EQ(mgr.encryptKey(kKey, KPK_LOCAL, "").size(), 96u);
   mgr.set(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
   EXPECT_TRUE(mgr.isSetUp());
-  EXPECT_EQ(ksStatus([&] { mgr.encryptKey(kKey, KPK_INVALID, ""); }), 1255);
-  EXPECT_EQ(ksStatus([&] { mgr.decryptKey(kKey, static_cast<ks_kpktype_t>(2), ""); }), 1255);
+  EXPECT_EQ(KS_STATUS(mgr.encryptKey(kKey, KPK_INVALID, "")), 1255);
+  EXPECT_EQ(KS_STATUS(mgr.decryptKey(kKey, static_cast<ks_kpktype_t>(2), "")), 1255);
   const std::string wrapped = mgr.encryptKey(kKey, KPK_LOCAL, "any tag");
   EXPECT_EQ(wrapped.size(), 92u);
   EXPECT_EQ(mgr.decryptKey(wrapped, KPK_LOCAL, "another tag"), kKey);
-
   const KPKMgr other(std::string(32, 'o'), KSCrypt::AES_256_GCM, KS_VERSION_300, true);
-  EXPECT_EQ(ksStatus([&] { other.decryptKey(wrapped, KPK_LOCAL, ""); }), 1200) << "wrong KPK";
-  EXPECT_EQ(ksStatus([&] { mgr.encryptKey("", KPK_LOCAL, ""); }), 1200) << "passed on as is";
+  EXPECT_EQ(KS_STATUS(other.decryptKey(wrapped, KPK_LOCAL, "")), 1200) << "wrong KPK";
+  EXPECT_EQ(KS_STATUS(mgr.encryptKey("", KPK_LOCAL, "")), 1200) << "passed on as is";
   const KPKMgr shortKpk(std::string(16, 's'), KSCrypt::AES_256_GCM, KS_VERSION_300, true);
-  EXPECT_EQ(ksStatus([&] { shortKpk.encryptKey(kKey, KPK_LOCAL, ""); }), 1200) << "1223 mapped";
+  EXPECT_EQ(KS_STATUS(shortKpk.encryptKey(kKey, KPK_LOCAL, "")), 1200) << "1223 mapped";
   KPKMgr assigned;
   assigned = mgr;
   EXPECT_EQ(assigned.decryptKey(wrapped, KPK_LOCAL, ""), kKey);
-}
-
-TEST(KPKMgrDeathTest, EmptyUnwrappedKeyAborts) {
   // A sound GCM stream of nothing under the KPK unwraps to an empty key.
   GCMCrypter c(kKek);
   const std::string emptyWrap = encryptAll(c, "").bytes;
-  const KPKMgr mgr(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
   EXPECT_DEATH(mgr.decryptKey(emptyWrap, KPK_LOCAL, ""), "");
 }

@@ -7,34 +7,25 @@
 
 using namespace Vaultrest::DL::KMS;
 
-TEST(RecordUtils, HexRoundTripsEveryByteAndHexToBinIsStrict) {
+TEST(RecordUtils, HexKeyLengthsTimestampsAndDisplay) {
   std::string all;
   for (int b = 0; b < 256; ++b) {
     all.push_back(static_cast<char>(b));
   }
   const std::string hex = Utils::binToHex(all);
-  ASSERT_EQ(hex.size(), 512u);
-  EXPECT_EQ(hex.substr(0, 24), "000102030405060708090a0b");  // lower case
-  EXPECT_EQ(hex.substr(508), "feff");
+  EXPECT_EQ(hex.substr(0, 24) + hex.substr(508), "000102030405060708090a0bfeff");  // lower case
   EXPECT_EQ(Utils::hexToBin(hex), all);
-  EXPECT_EQ(Utils::toAscii(9), '9');
-  EXPECT_EQ(Utils::toAscii(10), 'a');
   for (const std::string& bad :
        {std::string("AB"), std::string("abc"), std::string("abcg"), std::string("0x12"),
         std::string("a b "), std::string("a\0", 2), std::string("/0"), std::string(":0"),
         std::string("`0"), std::string("0g")}) {
     EXPECT_EQ(Utils::hexToBin(bad), "") << bad;
   }
-}
-
-TEST(RecordUtils, CipherKeyLengthsAndTimestamps) {
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(CT_AES128_CBC), 16u);
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(CT_AES192_CBC), 24u);
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(CT_AES256_CBC), 32u);
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(CT_BLOW_CBC), 16u);  // not an AES cipher, still 16
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(CT_INVALID_CBC), 0u);
-  EXPECT_EQ(Utils::cipherTypeToKeyLen(static_cast<ks_ciphertype_t>(5)), 0u);
-
+  // Blowfish is no AES cipher, and still 16.
+  const size_t lens[] = {0, 16, 24, 32, 16, 0};
+  for (int type = 0; type < 6; ++type) {
+    EXPECT_EQ(Utils::cipherTypeToKeyLen(static_cast<ks_ciphertype_t>(type)), lens[type]) << type;
+  }
   const char* savedTz = getenv("TZ");
   const std::string saved = savedTz != nullptr ? savedTz : "";
   setenv("TZ", "UTC", 1);
@@ -42,9 +33,7 @@ TEST(RecordUtils, CipherKeyLengthsAndTimestamps) {
   EXPECT_EQ(Utils::getTimestampSuffix(1700000000), "20231114221320");
   savedTz != nullptr ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
   tzset();
-}
 
-TEST(RecordUtils, BufferToStringAndDisplayBufferShowPrintablesAndHex) {
   EXPECT_EQ(Utils::bufferToString(std::string("a \0Z~", 5)), "a..Z~(6120005a7e)");
   std::string bytes(33, 'x');
   bytes[1] = '\0';
