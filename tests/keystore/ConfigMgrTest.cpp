@@ -190,7 +190,6 @@ TEST(ConfigMgrTest, AgentFailuresServeDefaultsAndEveryAgentIsTried) {
   EXPECT_EQ(KS_STATUS(empty.setStringValue("emm_server", "x")), 1257);
   EXPECT_EQ(KS_STATUS(empty.reload()), 0);
   EXPECT_EQ(KS_STATUS(empty.save()), 0);
-
   // Reload and save try both agents before failing.
   ScriptedAgent::Script file, central;
   ConfigMgr mgr(kTable, std::make_unique<ScriptedAgent>(&file),
