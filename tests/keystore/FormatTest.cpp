@@ -6,11 +6,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,8 +15,6 @@
 #include "FormatTestUtil.h"
 #include "kms/server/keystore/crypto/CryptFactory.h"
 #include "kms/server/keystore/crypto/GCMCrypter.h"
-#include "kms/server/keystore/files/FileFaults.h"
-#include "kms/server/keystore/format/FileOutDest.h"
 #include "kms/server/keystore/format/KSEximMetadata.h"
 #include "kms/server/keystore/format/KSInputBuffer.h"
 #include "kms/server/keystore/format/KSMetadata.h"
@@ -31,7 +25,6 @@
 #include "kms/server/keystore/format/StringOutDest.h"
 #include "kms/server/keystore/records/KeyRecordTable.h"
 #include "kms/server/keystore/records/RecordTable.h"
-#include "support/TempRoot.h"
 
 using namespace Vaultrest::DL::KMS;
 using cryptotest::decryptAll;
@@ -102,26 +95,6 @@ TEST(KSOutStream, BufferRulesAndAWriteLargerThanTheBuffer) {
   EXPECT_EQ(dest.bytes.size(), 117u);
 }
 
-TEST(KSOutStream, FailingFileWriteGives1210AndKeepsTheBytes) {
-  TempRoot dir("vrkms-stream");
-  FILE* file = std::fopen(dir.file("out").c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  {
-    FileOutDest dest(file);
-    KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
-    out.write("payload", 7);
-    {
-      FailNthFileOp full(1, ENOSPC, FileOp::Fwrite);
-      ScopedFileFaultHook hook(&full);
-      EXPECT_EQ(KS_STATUS(out.flush(true)), 1210);
-    }
-    out.flush(true);  // the bytes stayed in the buffer
-  }
-  std::fclose(file);
-  std::ifstream in(dir.file("out"));
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
-}
-
 TEST(KSOutStream, EmptyFinalFlushOfAGcmStreamIsIvAndTagAndEndsTheStream) {
   GCMCrypter crypter(kKey), opener(kKey);
   RecordingDest dest;
@@ -143,24 +116,6 @@ TEST(KSOutStreamDeathTest, DroppingAStreamWithBytesAborts) {
         out.write("x", 1);
       },
       "m_buf.empty\\(\\)");
-}
-
-TEST(KSInputBuffer, OwnsACopyAndMovesOnlyWithinIt) {
-  std::string source("abc\0def", 7);
-  KSInputBuffer in(source);
-  source[0] = 'X';
-  EXPECT_EQ(in.cursor()[0], 'a');
-  in.advance(4);
-  EXPECT_EQ(in.remaining(), 3u);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(in.cursor()), 3), "def");
-  in.advance(3);
-  EXPECT_EQ(in.remaining(), 0u);
-  EXPECT_DEATH(
-      {
-        formattest::logAppToStderr();
-        in.advance(1);
-      },
-      "n <= m_remaining");
 }
 
 namespace {
