@@ -64,6 +64,57 @@ std::string pump(KSCrypt& c, bool encrypting, const std::string& in, size_t piec
   return out;
 }
 
+const std::string kCbcIv = unhex("000102030405060708090a0b0c0d0e0f");
+const std::string kPlain = unhex(
+    "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
+    "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
+
+struct CbcVector {
+  mangleCipherType type;
+  const char* key;
+  const char* cipher;    // the four published blocks
+  const char* padBlock;  // encryption of the PKCS#7 block that follows them
+};
+
+const CbcVector kVectors[] = {
+    {MANGLE_AES_128, "2b7e151628aed2a6abf7158809cf4f3c",
+     "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
+     "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7",
+     "8cb82807230e1321d3fae00d18cc2012"},
+    {MANGLE_AES_192, "8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b",
+     "4f021db243bc633d7178183a9fa071e8b4d9ada9ad7dedf4e5e738763f69145a"
+     "571b242012fb7ae07fa9baac3df102e008b0e27988598881d920a9e64f5615cd",
+     "612ccd79224b350935d45dd6a98f8176"},
+    {MANGLE_AES_256, "603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4",
+     "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
+     "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b",
+     "3f461796d6b0d6b2e0c2a72b4d80e644"},
+};
+
+const std::string kKey = unhex("feffe9928665731c6d6a8f9467308308feffe9928665731c6d6a8f9467308308");
+const std::string kIv = unhex("cafebabefacedbaddecaf888");
+const std::string kAad = unhex("feedfacedeadbeeffeedfacedeadbeefabaddad2");
+// Test case 15: 64 bytes, no AAD.
+const std::string kPlain15 = unhex(
+    "d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a72"
+    "1c3c0c95956809532fcf0e2449a6b525b16aedf5aa0de657ba637b391aafd255");
+const std::string kStream15 =
+    kIv + unhex(
+              "522dc1f099567d07f47f37a32a84427d643a8cdcbfe5c0c97598a2bd2555d1aa"
+              "8cb08e48590dbb3da7b08b1056828838c5f61e6393ba7a0abcc9f662898015ad"
+              "b094dac5d93471bdec1a502270e3cc6c");
+// Test case 16: the same key and IV, 60 bytes of plaintext, 20 bytes of AAD.
+const std::string kStream16 = kStream15.substr(0, 72) + unhex("76fc6ece0f4e1768cddf8853bb2d551b");
+// Test case 13: the zero key, the zero IV and no plaintext: IV and tag only.
+const std::string kStream13 = unhex(std::string(24, '0') + "530f8afbc74536b9a963b4f1c4cb738b");
+
+std::string fetchDecrypted(GCMCrypter& c, int expected = 0) {
+  const unsigned char* p = nullptr;
+  unsigned long n = 0;
+  EXPECT_EQ(c.getDecryptedData(&p, &n), expected);
+  return expected == 0 ? std::string(reinterpret_cast<const char*>(p), n) : "";
+}
+
 }  // namespace
 
 TEST(CryptType, TableNamesAndColumns) {
@@ -182,37 +233,6 @@ TEST_P(EveryCrypter, OutputIsHandedOutOnceAndTheFinalCallEndsTheSideUntilReset) 
   EXPECT_EQ(decryptAll(*c, enc.bytes).bytes, "payload");
 }
 
-namespace {
-
-const std::string kCbcIv = unhex("000102030405060708090a0b0c0d0e0f");
-const std::string kPlain = unhex(
-    "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
-    "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
-
-struct CbcVector {
-  mangleCipherType type;
-  const char* key;
-  const char* cipher;    // the four published blocks
-  const char* padBlock;  // encryption of the PKCS#7 block that follows them
-};
-
-const CbcVector kVectors[] = {
-    {MANGLE_AES_128, "2b7e151628aed2a6abf7158809cf4f3c",
-     "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
-     "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7",
-     "8cb82807230e1321d3fae00d18cc2012"},
-    {MANGLE_AES_192, "8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b",
-     "4f021db243bc633d7178183a9fa071e8b4d9ada9ad7dedf4e5e738763f69145a"
-     "571b242012fb7ae07fa9baac3df102e008b0e27988598881d920a9e64f5615cd",
-     "612ccd79224b350935d45dd6a98f8176"},
-    {MANGLE_AES_256, "603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4",
-     "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
-     "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b",
-     "3f461796d6b0d6b2e0c2a72b4d80e644"},
-};
-
-}  // namespace
-
 TEST(EVPCrypter, KnownAnswerAndAFailedPaddingCheckLocksTheSide) {
   const CbcVector& v = kVectors[2];
   EVPCrypter enc(EVPCrypter::EVP_AES_256_CBC, unhex(v.key), kCbcIv);
@@ -316,34 +336,6 @@ TEST(MangleCipher, ContextRulesAndResultCodes) {
   EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK);
   EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK) << "free twice";
 }
-
-namespace {
-
-const std::string kKey = unhex("feffe9928665731c6d6a8f9467308308feffe9928665731c6d6a8f9467308308");
-const std::string kIv = unhex("cafebabefacedbaddecaf888");
-const std::string kAad = unhex("feedfacedeadbeeffeedfacedeadbeefabaddad2");
-// Test case 15: 64 bytes, no AAD.
-const std::string kPlain15 = unhex(
-    "d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a72"
-    "1c3c0c95956809532fcf0e2449a6b525b16aedf5aa0de657ba637b391aafd255");
-const std::string kStream15 =
-    kIv + unhex(
-              "522dc1f099567d07f47f37a32a84427d643a8cdcbfe5c0c97598a2bd2555d1aa"
-              "8cb08e48590dbb3da7b08b1056828838c5f61e6393ba7a0abcc9f662898015ad"
-              "b094dac5d93471bdec1a502270e3cc6c");
-// Test case 16: the same key and IV, 60 bytes of plaintext, 20 bytes of AAD.
-const std::string kStream16 = kStream15.substr(0, 72) + unhex("76fc6ece0f4e1768cddf8853bb2d551b");
-// Test case 13: the zero key, the zero IV and no plaintext: IV and tag only.
-const std::string kStream13 = unhex(std::string(24, '0') + "530f8afbc74536b9a963b4f1c4cb738b");
-
-std::string fetchDecrypted(GCMCrypter& c, int expected = 0) {
-  const unsigned char* p = nullptr;
-  unsigned long n = 0;
-  EXPECT_EQ(c.getDecryptedData(&p, &n), expected);
-  return expected == 0 ? std::string(reinterpret_cast<const char*>(p), n) : "";
-}
-
-}  // namespace
 
 TEST(GCMCrypter, KnownAnswersAlsoFromAReusedCrypter) {
   {

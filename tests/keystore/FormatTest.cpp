@@ -47,6 +47,193 @@ class RecordingDest : public KSOutDest {
   std::string bytes;
 };
 
+typedef KeyRecordTable<KeyRecord_v1> KeyTable;
+typedef RecordTable<KeyGrpRecord_v1> GroupTable;
+
+KeyRecord_v1 fullKey(unsigned n, const std::string& group, ks_keystate_t state) {
+  KeyRecord_v1 rec = keyRecord(tagOf(n), group, state);
+  rec.setName(std::string("key\0name", 8) + std::to_string(n));
+  rec.setUpdateTime(0x0102030405060708ull + n);
+  rec.setCreateTime(0xfffffffffffffff0ull);
+  rec.setDescription(std::string(4096, 'd'));
+  rec.setRev(0x80000001u);
+  rec.setKpkTag(std::string(32, '\xee'));
+  rec.setKey(std::string(92, static_cast<char>(n)));
+  rec.attributes().addAttribute("colour", "blue");
+  rec.attributes().addAttribute(std::string("\0bin", 4), std::string(4096, '\x01'));
+  return rec;
+}
+
+KeyGrpRecord_v1 fullGroup(unsigned n) {
+  KeyGrpRecord_v1 rec;
+  rec.setFields(tagOf(n, 'G'), "group " + std::to_string(n), CT_AES256_CBC, 1700000000, 1600000000,
+                "", 7);
+  rec.attributes().addAttribute("owner", "ops");
+  return rec;
+}
+
+template <typename Record>
+Record readBack(const std::string& bytes, unsigned long* left = nullptr) {
+  KSInputBuffer in(bytes);
+  Record rec;
+  ReaderWriter::readRecord(in, rec);
+  if (left != nullptr) {
+    *left = in.remaining();
+  }
+  return rec;
+}
+
+template <typename Record>
+int readStatus(const std::string& bytes) {
+  return KS_STATUS(readBack<Record>(bytes));
+}
+
+template <typename Record>
+std::string bytesOf(const Record& rec) {
+  return written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, rec); });
+}
+
+int readListStatus(const std::string& bytes) {
+  KSInputBuffer in(bytes);
+  AttributeList list;
+  return KS_STATUS(ReaderWriter::readAttributeList(in, list));
+}
+
+// Fails the first call to encrypt with 1224, then passes through to GCM.
+class FlakyCrypter : public GCMCrypter {
+ public:
+  FlakyCrypter() : GCMCrypter(std::string(32, '\x01')) {}
+  int encrypt(const unsigned char* data, unsigned long len, bool final) override {
+    return m_failed++ == 0 ? 1224 : GCMCrypter::encrypt(data, len, final);
+  }
+
+ private:
+  int m_failed = 0;
+};
+
+const std::string kV100 = unhex("00000100");
+const std::string kV200 = unhex("00000200");
+const std::string kV300 = unhex("00000300");
+
+// A complete, valid list of `version` as a store of that version has it.
+AttributeList metadataList(ks_version_t version) {
+  KSMetadata meta(version);
+  meta.setHmkID("hmk-id");
+  meta.setKpkID("kpk-id");
+  if (version == KS_VERSION_300) {
+    meta.setHmkVerifier(std::string(92, 'h'));
+    meta.setKpkVerifier(std::string(92, 'k'));
+  } else {
+    meta.setHmkHash(std::string(20, 'h'));
+    meta.setKpkHash(std::string(20, 'k'));
+  }
+  meta.setMasterEncAlgo(version == KS_VERSION_300 ? KSCrypt::AES_256_GCM : KSCrypt::AES_256_CBC);
+  meta.setKeyEncAlgo(KSCrypt::AES_256_GCM);
+  meta.setHmkRandom(true);
+  meta.setKpkFips(true);
+  if (version >= KS_VERSION_200) {
+    meta.setHmkSalt(std::string(24, 's'));
+  }
+  if (version == KS_VERSION_200) {
+    meta.setMasterIV(std::string(16, 'i'));
+  }
+  return meta.attributes();
+}
+
+AttributeList with(AttributeList list, const std::string& name, const std::string& value) {
+  if (!list.updateAttribute(name, value)) {
+    list.addAttribute(name, value);
+  }
+  return list;
+}
+
+AttributeList without(AttributeList list, const std::string& name) {
+  list.removeAttribute(name);
+  return list;
+}
+
+int metadataStatus(const AttributeList& list) {
+  return KS_STATUS(KSMetadata{list});
+}
+
+const std::string kPass = "correct horse";
+
+std::string seal(const std::string& data, const std::string& passphrase = kPass) {
+  return written(
+      [&](KSOutStream& out) { ReaderWriter::writeDataPasswordSecured(out, passphrase, data); });
+}
+
+int openStatus(const std::string& block, std::string* data = nullptr,
+               const std::string& passphrase = kPass) {
+  std::string sink = "untouched";
+  KSInputBuffer in(block);
+  const int status = KS_STATUS(ReaderWriter::readDataPasswordSecured(in, passphrase, sink));
+  if (data != nullptr) {
+    *data = sink;
+  }
+  return status;
+}
+
+// The header list of a block (after the HMAC field of 34 bytes and the N
+// field of 6) and its length.
+AttributeList headerOf(const std::string& block, size_t* length) {
+  KSInputBuffer in(block.substr(40));
+  AttributeList header;
+  ReaderWriter::readAttributeList(in, header);
+  *length = block.size() - 40 - in.remaining();
+  return header;
+}
+
+AttributeList header(const std::string& version, const std::string& salt, const std::string& iv) {
+  AttributeList list;
+  list.addAttribute("VERSION", version);
+  list.addAttribute("SALT", salt);
+  list.addAttribute("IV", iv);
+  return list;
+}
+
+// A block laid out by hand with keys derived the way scheme 3 says
+// (PBKDF2-HMAC-SHA-1, 2 iterations, 64 bytes): `header` as given, a right
+// HMAC, and `content` as the ciphertext or, with `encrypt`, encrypted under
+// AES-256-CBC with the first half of the keys and the header's IV.
+std::string handBlock(const AttributeList& header, std::string content, bool encrypt = false) {
+  const std::string salt = header.getAttribute("SALT");
+  unsigned char derived[64];
+  PKCS5_PBKDF2_HMAC(kPass.data(), static_cast<int>(kPass.size()), cryptotest::u8(salt),
+                    static_cast<int>(salt.size()), 2, EVP_sha1(), sizeof derived, derived);
+  if (encrypt) {
+    std::string cipher(content.size() + 16, '\0');
+    int len = 0;
+    int tail = 0;
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, derived,
+                       cryptotest::u8(header.getAttribute("IV")));
+    EVP_EncryptUpdate(ctx, reinterpret_cast<unsigned char*>(&cipher[0]), &len,
+                      cryptotest::u8(content), static_cast<int>(content.size()));
+    EVP_EncryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(&cipher[len]), &tail);
+    EVP_CIPHER_CTX_free(ctx);
+    content = cipher.substr(0, static_cast<size_t>(len + tail));
+  }
+  const std::string region =
+      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, header); }) +
+      field(be(content.size(), 4)) + content;
+  unsigned char mac[32];
+  unsigned int macLen = 0;
+  HMAC(EVP_sha256(), derived + 32, 32, cryptotest::u8(region), region.size(), mac, &macLen);
+  return field(std::string(reinterpret_cast<const char*>(mac), macLen)) +
+         field(be(region.size(), 4)) + region;
+}
+
+std::string data() {
+  std::string s(300, '\0');
+  for (size_t i = 0; i < s.size(); ++i) {
+    s[i] = static_cast<char>(i * 37);
+  }
+  return s;
+}
+
+const std::string kWeakSalt = std::string("S\x03", 2) + std::string(22, '\x11');
+
 }  // namespace
 
 TEST(KSOutStream, PartialFlushThenFinalEqualsOneFinalFlush) {
@@ -118,74 +305,6 @@ TEST(KSOutStreamDeathTest, DroppingAStreamWithBytesAborts) {
       "m_buf.empty\\(\\)");
 }
 
-namespace {
-
-typedef KeyRecordTable<KeyRecord_v1> KeyTable;
-typedef RecordTable<KeyGrpRecord_v1> GroupTable;
-
-KeyRecord_v1 fullKey(unsigned n, const std::string& group, ks_keystate_t state) {
-  KeyRecord_v1 rec = keyRecord(tagOf(n), group, state);
-  rec.setName(std::string("key\0name", 8) + std::to_string(n));
-  rec.setUpdateTime(0x0102030405060708ull + n);
-  rec.setCreateTime(0xfffffffffffffff0ull);
-  rec.setDescription(std::string(4096, 'd'));
-  rec.setRev(0x80000001u);
-  rec.setKpkTag(std::string(32, '\xee'));
-  rec.setKey(std::string(92, static_cast<char>(n)));
-  rec.attributes().addAttribute("colour", "blue");
-  rec.attributes().addAttribute(std::string("\0bin", 4), std::string(4096, '\x01'));
-  return rec;
-}
-
-KeyGrpRecord_v1 fullGroup(unsigned n) {
-  KeyGrpRecord_v1 rec;
-  rec.setFields(tagOf(n, 'G'), "group " + std::to_string(n), CT_AES256_CBC, 1700000000, 1600000000,
-                "", 7);
-  rec.attributes().addAttribute("owner", "ops");
-  return rec;
-}
-
-template <typename Record>
-Record readBack(const std::string& bytes, unsigned long* left = nullptr) {
-  KSInputBuffer in(bytes);
-  Record rec;
-  ReaderWriter::readRecord(in, rec);
-  if (left != nullptr) {
-    *left = in.remaining();
-  }
-  return rec;
-}
-
-template <typename Record>
-int readStatus(const std::string& bytes) {
-  return KS_STATUS(readBack<Record>(bytes));
-}
-
-template <typename Record>
-std::string bytesOf(const Record& rec) {
-  return written([&](KSOutStream& out) { ReaderWriter::writeRecord(out, rec); });
-}
-
-int readListStatus(const std::string& bytes) {
-  KSInputBuffer in(bytes);
-  AttributeList list;
-  return KS_STATUS(ReaderWriter::readAttributeList(in, list));
-}
-
-// Fails the first call to encrypt with 1224, then passes through to GCM.
-class FlakyCrypter : public GCMCrypter {
- public:
-  FlakyCrypter() : GCMCrypter(std::string(32, '\x01')) {}
-  int encrypt(const unsigned char* data, unsigned long len, bool final) override {
-    return m_failed++ == 0 ? 1224 : GCMCrypter::encrypt(data, len, final);
-  }
-
- private:
-  int m_failed = 0;
-};
-
-}  // namespace
-
 TEST(ReaderWriter, FieldsUpTo4096BytesAndTheReadChecks) {
   const std::string max(4096, '\x7f');
   const std::string bytes = written([&](KSOutStream& out) {
@@ -209,6 +328,9 @@ TEST(ReaderWriter, FieldsUpTo4096BytesAndTheReadChecks) {
     EXPECT_EQ(KS_STATUS(ReaderWriter::readRecordField(short_, out, sizeof out)), 1208);
     EXPECT_EQ(short_.remaining(), bad.size());
   }
+}
+
+TEST(ReaderWriterDeathTest, FieldOf4097BytesAborts) {
   const std::string tooLong(4097, 'x');
   EXPECT_DEATH(
       {
@@ -360,55 +482,6 @@ TEST(ReaderWriter, ACrypterFailureIsMappedTo1200OnTheWayOut) {
   out.flush(true);
 }
 
-namespace {
-
-const std::string kV100 = unhex("00000100");
-const std::string kV200 = unhex("00000200");
-const std::string kV300 = unhex("00000300");
-
-// A complete, valid list of `version` as a store of that version has it.
-AttributeList metadataList(ks_version_t version) {
-  KSMetadata meta(version);
-  meta.setHmkID("hmk-id");
-  meta.setKpkID("kpk-id");
-  if (version == KS_VERSION_300) {
-    meta.setHmkVerifier(std::string(92, 'h'));
-    meta.setKpkVerifier(std::string(92, 'k'));
-  } else {
-    meta.setHmkHash(std::string(20, 'h'));
-    meta.setKpkHash(std::string(20, 'k'));
-  }
-  meta.setMasterEncAlgo(version == KS_VERSION_300 ? KSCrypt::AES_256_GCM : KSCrypt::AES_256_CBC);
-  meta.setKeyEncAlgo(KSCrypt::AES_256_GCM);
-  meta.setHmkRandom(true);
-  meta.setKpkFips(true);
-  if (version >= KS_VERSION_200) {
-    meta.setHmkSalt(std::string(24, 's'));
-  }
-  if (version == KS_VERSION_200) {
-    meta.setMasterIV(std::string(16, 'i'));
-  }
-  return meta.attributes();
-}
-
-AttributeList with(AttributeList list, const std::string& name, const std::string& value) {
-  if (!list.updateAttribute(name, value)) {
-    list.addAttribute(name, value);
-  }
-  return list;
-}
-
-AttributeList without(AttributeList list, const std::string& name) {
-  list.removeAttribute(name);
-  return list;
-}
-
-int metadataStatus(const AttributeList& list) {
-  return KS_STATUS(KSMetadata{list});
-}
-
-}  // namespace
-
 TEST(KSMetadata, EachVersionHasItsAttributesAndRoundTripsThroughBytes) {
   const struct {
     ks_version_t version;
@@ -555,88 +628,6 @@ TEST(KeyFile, TheSmallBlocksRoundTripAndRefuseMissingExtraOrOtherVersions) {
   EXPECT_EQ(file.attributes().getAttribute("THEKEY") + header.attributes().getAttribute("SALT"),
             "");
 }
-
-namespace {
-
-const std::string kPass = "correct horse";
-
-std::string seal(const std::string& data, const std::string& passphrase = kPass) {
-  return written(
-      [&](KSOutStream& out) { ReaderWriter::writeDataPasswordSecured(out, passphrase, data); });
-}
-
-int openStatus(const std::string& block, std::string* data = nullptr,
-               const std::string& passphrase = kPass) {
-  std::string sink = "untouched";
-  KSInputBuffer in(block);
-  const int status = KS_STATUS(ReaderWriter::readDataPasswordSecured(in, passphrase, sink));
-  if (data != nullptr) {
-    *data = sink;
-  }
-  return status;
-}
-
-// The header list of a block (after the HMAC field of 34 bytes and the N
-// field of 6) and its length.
-AttributeList headerOf(const std::string& block, size_t* length) {
-  KSInputBuffer in(block.substr(40));
-  AttributeList header;
-  ReaderWriter::readAttributeList(in, header);
-  *length = block.size() - 40 - in.remaining();
-  return header;
-}
-
-AttributeList header(const std::string& version, const std::string& salt, const std::string& iv) {
-  AttributeList list;
-  list.addAttribute("VERSION", version);
-  list.addAttribute("SALT", salt);
-  list.addAttribute("IV", iv);
-  return list;
-}
-
-// A block laid out by hand with keys derived the way scheme 3 says
-// (PBKDF2-HMAC-SHA-1, 2 iterations, 64 bytes): `header` as given, a right
-// HMAC, and `content` as the ciphertext or, with `encrypt`, encrypted under
-// AES-256-CBC with the first half of the keys and the header's IV.
-std::string handBlock(const AttributeList& header, std::string content, bool encrypt = false) {
-  const std::string salt = header.getAttribute("SALT");
-  unsigned char derived[64];
-  PKCS5_PBKDF2_HMAC(kPass.data(), static_cast<int>(kPass.size()), cryptotest::u8(salt),
-                    static_cast<int>(salt.size()), 2, EVP_sha1(), sizeof derived, derived);
-  if (encrypt) {
-    std::string cipher(content.size() + 16, '\0');
-    int len = 0;
-    int tail = 0;
-    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, derived,
-                       cryptotest::u8(header.getAttribute("IV")));
-    EVP_EncryptUpdate(ctx, reinterpret_cast<unsigned char*>(&cipher[0]), &len,
-                      cryptotest::u8(content), static_cast<int>(content.size()));
-    EVP_EncryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(&cipher[len]), &tail);
-    EVP_CIPHER_CTX_free(ctx);
-    content = cipher.substr(0, static_cast<size_t>(len + tail));
-  }
-  const std::string region =
-      written([&](KSOutStream& out) { ReaderWriter::writeAttributeList(out, header); }) +
-      field(be(content.size(), 4)) + content;
-  unsigned char mac[32];
-  unsigned int macLen = 0;
-  HMAC(EVP_sha256(), derived + 32, 32, cryptotest::u8(region), region.size(), mac, &macLen);
-  return field(std::string(reinterpret_cast<const char*>(mac), macLen)) +
-         field(be(region.size(), 4)) + region;
-}
-
-std::string data() {
-  std::string s(300, '\0');
-  for (size_t i = 0; i < s.size(); ++i) {
-    s[i] = static_cast<char>(i * 37);
-  }
-  return s;
-}
-
-const std::string kWeakSalt = std::string("S\x03", 2) + std::string(22, '\x11');
-
-}  // namespace
 
 TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
   std::string block;

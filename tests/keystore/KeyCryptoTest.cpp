@@ -38,6 +38,36 @@ std::string saltWithScheme(unsigned char scheme) {
   return salt;
 }
 
+const std::string kKek(32, '\x42');
+const std::string kKey = unhex("00112233445566778899aabbccddeeff0f1e2d3c4b5a69788796a5b4c3d2e1f0");
+
+struct Form {
+  ks_version_t version;
+  KSCrypt::CryptType type;
+  size_t wrappedLen;  // for the 32-byte key
+};
+
+// 0x100: mangle stream (IV 16 + 64 + padding 16); 0x200: caller's IV plus
+// the cipher's stream; 0x300 and anything newer: GCM (12 + 64 + 16).
+const Form kForms[] = {
+    {KS_VERSION_100, KSCrypt::AES_256_CBC, 96}, {KS_VERSION_200, KSCrypt::AES_256_CBC_EVP, 96},
+    {KS_VERSION_200, KSCrypt::AES_256_GCM, 92}, {KS_VERSION_200, KSCrypt::AES_256_CBC, 16 + 96},
+    {KS_VERSION_300, KSCrypt::AES_256_GCM, 92}, {0x400, KSCrypt::AES_256_GCM, 92},
+};
+
+std::string gcmOpen(const std::string& key, const std::string& stream) {
+  GCMCrypter c(key);
+  return decryptAll(c, stream).bytes;
+}
+
+const std::string kKeyA(32, 'a');
+const std::string kKeyB(32, 'b');
+
+std::string sealUnder(const std::string& key, const std::string& plain) {
+  GCMCrypter c(key);
+  return encryptAll(c, plain).bytes;
+}
+
 }  // namespace
 
 TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSalt) {
@@ -131,32 +161,6 @@ TEST(Hmac, HmacSha256Rfc4231) {
             "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
   EXPECT_EQ(Utils::hmac(nullptr, "Jefe", u8(data), data.size()), "");
 }
-
-namespace {
-
-const std::string kKek(32, '\x42');
-const std::string kKey = unhex("00112233445566778899aabbccddeeff0f1e2d3c4b5a69788796a5b4c3d2e1f0");
-
-struct Form {
-  ks_version_t version;
-  KSCrypt::CryptType type;
-  size_t wrappedLen;  // for the 32-byte key
-};
-
-// 0x100: mangle stream (IV 16 + 64 + padding 16); 0x200: caller's IV plus
-// the cipher's stream; 0x300 and anything newer: GCM (12 + 64 + 16).
-const Form kForms[] = {
-    {KS_VERSION_100, KSCrypt::AES_256_CBC, 96}, {KS_VERSION_200, KSCrypt::AES_256_CBC_EVP, 96},
-    {KS_VERSION_200, KSCrypt::AES_256_GCM, 92}, {KS_VERSION_200, KSCrypt::AES_256_CBC, 16 + 96},
-    {KS_VERSION_300, KSCrypt::AES_256_GCM, 92}, {0x400, KSCrypt::AES_256_GCM, 92},
-};
-
-std::string gcmOpen(const std::string& key, const std::string& stream) {
-  GCMCrypter c(key);
-  return decryptAll(c, stream).bytes;
-}
-
-}  // namespace
 
 TEST(KeyWrap, EveryFormRoundTripsAndNeverRepeats) {
   for (const Form& f : kForms) {
@@ -258,23 +262,15 @@ TEST(KPKMgr, WrapsUnderTheHeldKpkAndReportsEveryFailureAsInternal) {
   KPKMgr assigned;
   assigned = mgr;
   EXPECT_EQ(assigned.decryptKey(wrapped, KPK_LOCAL, ""), kKey);
+}
+
+TEST(KPKMgrDeathTest, EmptyUnwrappedKeyAborts) {
   // A sound GCM stream of nothing under the KPK unwraps to an empty key.
   GCMCrypter c(kKek);
   const std::string emptyWrap = encryptAll(c, "").bytes;
+  const KPKMgr mgr(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
   EXPECT_DEATH(mgr.decryptKey(emptyWrap, KPK_LOCAL, ""), "");
 }
-
-namespace {
-
-const std::string kKeyA(32, 'a');
-const std::string kKeyB(32, 'b');
-
-std::string sealUnder(const std::string& key, const std::string& plain) {
-  GCMCrypter c(key);
-  return encryptAll(c, plain).bytes;
-}
-
-}  // namespace
 
 TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
   CrypterPool pool;
