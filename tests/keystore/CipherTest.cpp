@@ -24,8 +24,7 @@ KSCrypt::CryptType asType(int v) {
   return static_cast<KSCrypt::CryptType>(v);
 }
 
-// The key length of each type; a type the factory does not know gets a
-// 32-byte key, so that only the type is wrong.
+// The key length of each type; 32 for a type the factory does not know.
 std::string keyFor(int type) {
   static const int kLens[] = {0, 0, 32, 24, 16, 32, 32};
   return std::string(type >= 0 && type < 7 ? kLens[type] : 32, '\x5a');
@@ -43,8 +42,7 @@ std::string pattern(size_t n) {
   return s;
 }
 
-// Feeds `in` through one side in pieces of `piece` bytes, fetching after
-// every call, and returns everything fetched (status in `rc`).
+// Feeds `in` to one side in pieces, fetching after each (status in `rc`).
 std::string pump(KSCrypt& c, bool encrypting, const std::string& in, size_t piece, int& rc) {
   std::string out;
   for (size_t at = 0; at == 0 || at < in.size(); at += piece) {
@@ -222,8 +220,7 @@ TEST_P(EveryCrypter, OutputIsHandedOutOnceAndTheFinalCallEndsTheSideUntilReset) 
   EXPECT_EQ(c->decrypt(u8(again.bytes), again.bytes.size(), true), 1224);
   ASSERT_EQ(c->reset(), 0);
   EXPECT_EQ(decryptAll(*c, again.bytes).bytes, a + b + tail);
-  // AAD is refused unless the type supports it, and a refusal leaves the
-  // crypter usable.
+  // AAD is refused unless the type supports it; a refusal leaves the crypter usable.
   ASSERT_EQ(c->reset(), 0);
   const int expected = KSCrypt::cryptTypeSupportsAAD(type) ? 0 : 1224;
   EXPECT_EQ(c->add_authenticated_data_encrypt(u8(a), a.size()), expected);
@@ -267,8 +264,7 @@ INSTANTIATE_TEST_SUITE_P(Nist, MangleVectors, ::testing::ValuesIn(kVectors),
 TEST_P(MangleVectors, StreamIsTheIvFollowedByCbcWithPadding) {
   const CbcVector& v = GetParam();
   {
-    // The crypter draws its IV at every encryptReset, the constructor's
-    // included; pin it to the vector's.
+    // Every encryptReset, the constructor's too, draws the IV: pin it.
     ScriptedRandom fixedIv(0, kCbcIv);
     MangleCrypter enc(v.type, unhex(v.key));
     const auto out = encryptAll(enc, kPlain);
@@ -407,8 +403,7 @@ TEST(GCMCrypter, AadMustMatchAndComeBeforeTheData) {
   GCMCrypter noAad(key);  // a failed tag check lets no plaintext out
   EXPECT_EQ(noAad.decrypt(u8(sealed), sealed.size(), true), 1270);
   fetchDecrypted(noAad, 1223);
-  // After the first data, AAD is refused and the side stays unusable until
-  // it is reset.
+  // After the first data, AAD is refused and the side is unusable until reset.
   GCMCrypter late(key);
   ASSERT_EQ(late.encrypt(u8(aad), 3, false), 0);
   EXPECT_EQ(late.add_authenticated_data_encrypt(u8(aad), aad.size()), 1224);

@@ -120,8 +120,7 @@ TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
   const std::string conf = dir.file("vrkms.conf");
   std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
   const std::string before = readFile(conf);
-  // The child ends inside the save, before each of its file operations in
-  // turn, until one save runs to its end.
+  // The child ends before each file operation of the save in turn, until one completes.
   for (size_t n = 1;; ++n) {
     SCOPED_TRACE("crash before file operation " + std::to_string(n));
     const pid_t pid = ::fork();
@@ -163,16 +162,14 @@ TEST(ConfigMgrTest, AFileOfAbsurdSizeOrSectionCountIsRefusedAndDefaultsServe) {
 }
 
 TEST(ConfigMgrTest, AgentFailuresServeDefaultsAndEveryAgentIsTried) {
-  // A file in a directory that does not exist: reading finds nothing, and
-  // saving fails.
+  // A file in a missing directory: reading finds nothing, saving fails.
   TempRoot dir;
   ConfigMgr real(kTable, dir.file("missing/vrkms.conf"));
   EXPECT_EQ(real.getIntegerValue("max_key_groups"), 100);
   real.setIntegerValue("max_key_groups", 7);
   EXPECT_EQ(real.getIntegerValue("max_key_groups"), 7);
   EXPECT_EQ(KS_STATUS(real.save()), 1257);
-  // An agent that fails every operation: gets fall back, sets pass the
-  // failure on.
+  // An agent that fails everything: gets fall back, sets pass the failure on.
   ScriptedAgent::Script script;
   script.failGets = script.failSets = true;
   script.integers["timeout"] = 99;
@@ -224,16 +221,14 @@ TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {
     EXPECT_EQ(mgr.getStringValue("emm_server"), "emm.example.net");
     mgr.setIntegerValue("verbose", 3);
     mgr.setStringValue("emm_server", "emm2.example.net");
-    // The file agent fails to save (no "kms" directory), the central one
-    // saves all the same.
+    // The file agent fails to save (no "kms" directory); the central one saves.
     EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
   }
   EXPECT_NE(root.readConf().find("SERVER = host1"), std::string::npos) << root.readConf();
   ConfigMgr again(kTable, conf);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);
   EXPECT_EQ(again.getStringValue("emm_server"), "emm2.example.net");
-  // The master configuration disappears: the reload fails and the copy read
-  // before stays in use.
+  // The master configuration goes: the reload fails, the copy read before stays.
   std::filesystem::remove(root.confPath());
   EXPECT_EQ(KS_STATUS(again.reload()), 1257);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);

@@ -64,8 +64,7 @@ int openDescriptorCount() {
   return count;
 }
 
-// A small commit-like sequence: make a new file, fill it, make it durable,
-// then put it in place of the old one.
+// A commit-like sequence: a new file, filled, made durable and put in place.
 void replaceFile(const std::string& dir) {
   const std::string next = dir + "/data.new";
   Utils::createFile("Test::replace", next.c_str(), __LINE__, false, __FILE__);

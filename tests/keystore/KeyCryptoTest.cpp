@@ -180,8 +180,7 @@ TEST(KeyWrap, EveryFormRoundTripsAndNeverRepeats) {
 }
 
 TEST(KeyWrap, CallersTypeCountsOnlyUnderVersion200) {
-  // 0x300: GCM whatever the caller says; the stream opens with a plain GCM
-  // crypter and holds a random half followed by the key.
+  // 0x300: GCM whatever the caller says, holding a random half and the key.
   const std::string gcm = Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::CRYPT_NONE, KS_VERSION_300);
   ASSERT_EQ(gcm.size(), 92u);
   const std::string inner = gcmOpen(kKek, gcm);
@@ -195,8 +194,7 @@ TEST(KeyWrap, CallersTypeCountsOnlyUnderVersion200) {
   MangleCrypter m(MANGLE_AES_256, kKek);
   EXPECT_EQ(decryptAll(m, cbc).bytes.substr(32), kKey);
   EXPECT_EQ(Utils::decryptKeyWithKey(cbc, kKek, KSCrypt::CRYPT_NONE, KS_VERSION_100), kKey);
-  // 0x200 honours the type, even the null one: the random half and the key
-  // in the clear.
+  // 0x200 honours the type, even the null one: random half and key in the clear.
   const std::string none =
       Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::CRYPT_NONE, KS_VERSION_200);
   EXPECT_EQ(none.size(), 64u);

@@ -29,8 +29,7 @@ TEST(AttributeList, AddUpdateRemoveOrderAndTheCutAt4096Bytes) {
   EXPECT_TRUE(list.removeAttribute("KEY_FIPS"));
   EXPECT_FALSE(list.removeAttribute("KEY_FIPS"));
   EXPECT_EQ(list.size(), 0u);
-  // Values are cut on add and update; names that differ only after byte
-  // 4096 are one name.
+  // Values are cut on add and update; names equal up to byte 4096 are one.
   EXPECT_TRUE(list.addAttribute("n", std::string(5000, 'v')));
   EXPECT_EQ(list.getAttribute("n"), std::string(4096, 'v'));
   EXPECT_TRUE(list.updateAttribute("n", std::string(4097, 'w')));
@@ -41,8 +40,7 @@ TEST(AttributeList, AddUpdateRemoveOrderAndTheCutAt4096Bytes) {
   EXPECT_EQ(list.getAttribute(a4096), "first");
   EXPECT_TRUE(list.removeAttribute(a4096 + "3"));
   EXPECT_EQ(list.size(), 1u);
-  // Names are byte strings ordered as unsigned bytes, shorter before longer
-  // at an equal prefix.
+  // Names are ordered as unsigned bytes, shorter first at an equal prefix.
   const std::string zeroName("a\0b", 3);
   list.addAttribute(zeroName, std::string("\0\0", 2));
   list.addAttribute("a", "short");
@@ -189,8 +187,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstOnAddAndUpdate) {
     EXPECT_TRUE(loose.addRecord(key(n, kA, state)));
   }
   EXPECT_EQ(loose.getTagsByGroup(kA), tags({3, 2, 1}));
-  // Promoting within the group, or moving an active key in, is refused; the
-  // old active key is never demoted on the way.
+  // Promoting in the group, or moving an active key in, is refused.
   table = tableOf({{1, kA, KEY_ACTIVE}, {2, kA, KEY_INACTIVE}, {3, kB, KEY_ACTIVE}});
   EXPECT_FALSE(table.updateRecord(key(2, kA, KEY_ACTIVE)));
   EXPECT_FALSE(table.updateRecord(key(3, kA, KEY_ACTIVE)));
@@ -224,8 +221,7 @@ TEST(KeyRecordTable, MovingAndRemovingKeys) {
   const TagList& none = table.getTagsByGroup(kA);
   EXPECT_TRUE(none.empty());
   EXPECT_EQ(&none, &table.getTagsByGroup(tagOf(5000, 'G')));  // the static empty list
-  // An active key moves to the front of an empty group; the old group's
-  // order is kept.
+  // An active key moves to the front of an empty group; the old group keeps its order.
   EXPECT_TRUE(table.updateRecord(key(2, kA, KEY_ACTIVE)));
   EXPECT_EQ(table.getTagsByGroup(kA), tags({2}));
   EXPECT_EQ(table.getTagsByGroup(kB), tags({1, 3}));
