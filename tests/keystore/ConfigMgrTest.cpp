@@ -2,7 +2,6 @@
 // agents for the failure paths.
 #include "kms/server/keystore/files/ConfigMgr.h"
 
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,12 +13,12 @@
 
 #include <gtest/gtest.h>
 
-#include "kms/platform/InstallRoot.h"
-#include "kms/server/diagnostics/KeyStoreError.h"
+#include "keystore/CryptoTestUtil.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/keystore/files/ACEConfAgent.h"
 #include "kms/server/keystore/files/FileFaults.h"
 #include "kms/server/keystore/files/KMSConfig.h"
+#include "support/PlatformTestRoot.h"
 #include "support/TempRoot.h"
 
 namespace Vaultrest {
@@ -27,24 +26,7 @@ namespace DL {
 namespace KMS {
 namespace {
 
-const config_row* table() {
-  return KMSConfig::s_config_table;
-}
-
-template <typename Body>
-int statusThrownBy(Body body) {
-  try {
-    body();
-  } catch (const KeyStoreError& error) {
-    return error.status();
-  }
-  return 0;
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
+const config_row* const kTable = KMSConfig::s_config_table;
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -52,18 +34,6 @@ std::string readFile(const std::string& path) {
   text << in.rdbuf();
   return text.str();
 }
-
-// Points $VREST_ROOT at a fresh directory for the life of the object.
-class ScopedRoot {
- public:
-  ScopedRoot() : m_old(InstallRoot::root()) { m_root.exportAsVrestRoot(); }
-  ~ScopedRoot() { setenv("VREST_ROOT", m_old.c_str(), 1); }
-  std::string file(const std::string& relative) const { return m_root.file(relative); }
-
- private:
-  std::string m_old;
-  TempRoot m_root;
-};
 
 // An agent that serves from a map and fails where it is told to.
 class ScriptedAgent : public ConfigurationAgent {
@@ -73,23 +43,19 @@ class ScriptedAgent : public ConfigurationAgent {
     int reloads = 0, saves = 0;
     std::map<std::string, int> integers;
   };
-  explicit ScriptedAgent(Script* script) : m_script(script) {}
-
+  explicit ScriptedAgent(Script* script) : m_s(script) {}
   int getIntegerValue(const std::string& key) override {
-    failIf(m_script->failGets || m_script->integers.count(key) == 0);
-    return m_script->integers[key];
+    failIf(m_s->failGets || m_s->integers.count(key) == 0);
+    return m_s->integers[key];
   }
-  std::string getStringValue(const std::string&) override {
-    failIf(true);
-    return "";
-  }
+  std::string getStringValue(const std::string&) override { return failIf(true), ""; }
   void setIntegerValue(const std::string& key, int value) override {
-    failIf(m_script->failSets);
-    m_script->integers[key] = value;
+    failIf(m_s->failSets);
+    m_s->integers[key] = value;
   }
   void setStringValue(const std::string&, const std::string&) override { failIf(true); }
-  void reload() override { failIf(++m_script->reloads, m_script->failReload); }
-  void save() override { failIf(++m_script->saves, m_script->failSave); }
+  void reload() override { failIf(++m_s->reloads && m_s->failReload); }
+  void save() override { failIf(++m_s->saves && m_s->failSave); }
 
  private:
   static void failIf(bool fail) {
@@ -97,24 +63,19 @@ class ScriptedAgent : public ConfigurationAgent {
       KS_THROW(1257, "ScriptedAgent");
     }
   }
-  static void failIf(int, bool fail) { failIf(fail); }
-  Script* m_script;
+  Script* m_s;
 };
 
 TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
   TempRoot dir;
   const std::string conf = dir.file("vrkms.conf");
-  writeFile(conf,
-            "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a number\"\n"
-            "[Other]\n\"max_key_groups\"=dword:00000005\n");
-  ConfigMgr mgr(table(), std::make_unique<ACEConfAgent>(conf), nullptr);
+  std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a "
+                         "number\"\n[Other]\n\"max_key_groups\"=dword:00000005\n";
+  ConfigMgr mgr(kTable, std::make_unique<ACEConfAgent>(conf), nullptr);
   ASSERT_NE(mgr.getConfEntry("timeout"), nullptr);
   EXPECT_EQ(mgr.getConfEntry("Timeout"), nullptr);
   EXPECT_EQ(mgr.getConfEntry("EOTEOTEOT"), nullptr);
-  const struct {
-    std::function<void()> call;
-    int status;
-  } refusals[] = {
+  const std::pair<std::function<void()>, int> refusals[] = {
       {[&] { mgr.getIntegerValue("emm_server"); }, 1259},
       {[&] { mgr.getStringValue("timeout"); }, 1259},
       {[&] { mgr.setStringValue("timeout", "5"); }, 1259},
@@ -127,7 +88,7 @@ TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
       {[&] { mgr.setStringValue("memstr", "x"); }, 1257},
   };
   for (const auto& refusal : refusals) {
-    EXPECT_EQ(statusThrownBy(refusal.call), refusal.status);
+    EXPECT_EQ(cryptotest::ksStatus(refusal.first), refusal.second);
   }
   EXPECT_EQ(mgr.getIntegerValue("memint"), 20);
   EXPECT_EQ(mgr.getStringValue("memstr"), "Default");
@@ -136,11 +97,10 @@ TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
   EXPECT_EQ(mgr.getIntegerValue("hash_debug"), 0);
   EXPECT_EQ(mgr.getIntegerValue("max_key_groups"), 100);
   EXPECT_EQ(mgr.getStringValue("key_encrypt_algo"), "AES_256_CBC_EVP");
-
   // A set reaches the file only through save; a reload drops it.
   mgr.setIntegerValue("timeout", 42);
   EXPECT_EQ(mgr.getIntegerValue("timeout"), 42);
-  EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 30);
+  EXPECT_EQ(ConfigMgr(kTable, conf).getIntegerValue("timeout"), 30);
   mgr.reload();
   EXPECT_EQ(mgr.getIntegerValue("timeout"), 30);
   mgr.setIntegerValue("timeout", 42);
@@ -148,7 +108,7 @@ TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
   mgr.setStringValue("home_page", "kms.example.org");
   mgr.save();
   EXPECT_NE(readFile(conf).find("\"timeout\"=dword:0000002a"), std::string::npos);
-  ConfigMgr again(table(), conf);
+  ConfigMgr again(kTable, conf);
   EXPECT_EQ(again.getIntegerValue("timeout"), 42);
   EXPECT_EQ(again.getIntegerValue("file_rw_debug"), -5);
   EXPECT_EQ(again.getStringValue("home_page"), "kms.example.org");
@@ -160,13 +120,12 @@ TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
   const std::string conf = dir.file("vrkms.conf");
   std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
   const std::string before = readFile(conf);
-  // The child ends inside the save, before each of its file operations in
-  // turn, until one save runs to its end.
+  // The child ends before each file operation of the save in turn, until one completes.
   for (size_t n = 1;; ++n) {
     SCOPED_TRACE("crash before file operation " + std::to_string(n));
     const pid_t pid = ::fork();
     if (pid == 0) {
-      ConfigMgr mgr(table(), conf);
+      ConfigMgr mgr(kTable, conf);
       mgr.setIntegerValue("timeout", 42);
       CrashAtNthFileOp crash(n);
       FileFaults::install(&crash);
@@ -176,7 +135,7 @@ TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
     int status = -1;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
-    const int timeout = ConfigMgr(table(), conf).getIntegerValue("timeout");
+    const int timeout = ConfigMgr(kTable, conf).getIntegerValue("timeout");
     if (WEXITSTATUS(status) == 0) {
       EXPECT_EQ(timeout, 42);
       EXPECT_GT(n, 3u);  // create, write, sync and rename at least
@@ -196,110 +155,82 @@ TEST(ConfigMgrTest, AFileOfAbsurdSizeOrSectionCountIsRefusedAndDefaultsServe) {
     sections += "[s" + std::to_string(i) + "]\n";
   }
   const std::string valid = "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
-  for (const std::string& text : {valid + sections, valid + sections.substr(0, 200)}) {
+  for (const std::string& text : {valid + sections, valid + sections.substr(0, 200), valid}) {
     std::ofstream(conf, std::ios::trunc) << text;
-    EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 10);
+    EXPECT_EQ(ConfigMgr(kTable, conf).getIntegerValue("timeout"), text == valid ? 30 : 10);
   }
-  std::ofstream(conf, std::ios::trunc) << valid;
-  EXPECT_EQ(ConfigMgr(table(), conf).getIntegerValue("timeout"), 30);
 }
 
-TEST(ConfigMgrTest, FileAgentFailuresServeDefaults) {
-  // A file in a directory that does not exist: reading finds nothing, and
-  // saving fails.
+TEST(ConfigMgrTest, AgentFailuresServeDefaultsAndEveryAgentIsTried) {
+  // A file in a missing directory: reading finds nothing, saving fails.
   TempRoot dir;
-  ConfigMgr real(table(), dir.file("missing/vrkms.conf"));
+  ConfigMgr real(kTable, dir.file("missing/vrkms.conf"));
   EXPECT_EQ(real.getIntegerValue("max_key_groups"), 100);
   real.setIntegerValue("max_key_groups", 7);
   EXPECT_EQ(real.getIntegerValue("max_key_groups"), 7);
-  EXPECT_EQ(statusThrownBy([&] { real.save(); }), 1257);
-
-  // An agent that fails every operation: gets fall back, sets pass the
-  // failure on.
+  EXPECT_EQ(KS_STATUS(real.save()), 1257);
+  // An agent that fails everything: gets fall back, sets pass the failure on.
   ScriptedAgent::Script script;
-  script.failGets = true;
-  script.failSets = true;
+  script.failGets = script.failSets = true;
   script.integers["timeout"] = 99;
-  ConfigMgr scripted(table(), std::make_unique<ScriptedAgent>(&script), nullptr);
+  ConfigMgr scripted(kTable, std::make_unique<ScriptedAgent>(&script), nullptr);
   EXPECT_EQ(scripted.getIntegerValue("timeout"), 10);
   EXPECT_EQ(scripted.getStringValue("home_page"), "www.example.com");
-  EXPECT_EQ(statusThrownBy([&] { scripted.setIntegerValue("timeout", 1); }), 1257);
+  EXPECT_EQ(KS_STATUS(scripted.setIntegerValue("timeout", 1)), 1257);
   script.failGets = false;
   EXPECT_EQ(scripted.getIntegerValue("timeout"), 99);
-
   // No agents at all: defaults everywhere, every set refused.
-  ConfigMgr empty(table(), nullptr, nullptr);
+  ConfigMgr empty(kTable, nullptr, nullptr);
   EXPECT_EQ(empty.getIntegerValue("use_cxss"), 2);
   EXPECT_EQ(empty.getStringValue("emm_server"), "localhost");
-  EXPECT_EQ(empty.getIntegerValue("max_keys_per_group"), 30);
-  EXPECT_EQ(statusThrownBy([&] { empty.setIntegerValue("timeout", 1); }), 1257);
-  EXPECT_EQ(statusThrownBy([&] { empty.setStringValue("emm_server", "x"); }), 1257);
-  EXPECT_EQ(statusThrownBy([&] { empty.reload(); }), 0);
-  EXPECT_EQ(statusThrownBy([&] { empty.save(); }), 0);
-}
-
-TEST(ConfigMgrTest, ReloadAndSaveTryEveryAgentBeforeFailing) {
-  ScriptedAgent::Script file;
-  ScriptedAgent::Script central;
-  ConfigMgr mgr(table(), std::make_unique<ScriptedAgent>(&file),
+  EXPECT_EQ(KS_STATUS(empty.setIntegerValue("timeout", 1)), 1257);
+  EXPECT_EQ(KS_STATUS(empty.setStringValue("emm_server", "x")), 1257);
+  EXPECT_EQ(KS_STATUS(empty.reload()), 0);
+  EXPECT_EQ(KS_STATUS(empty.save()), 0);
+  // Reload and save try both agents before failing.
+  ScriptedAgent::Script file, central;
+  ConfigMgr mgr(kTable, std::make_unique<ScriptedAgent>(&file),
                 std::make_unique<ScriptedAgent>(&central));
-
   mgr.reload();
   mgr.save();
-  EXPECT_EQ(file.reloads, 1);
-  EXPECT_EQ(central.saves, 1);
-
   file.failReload = true;
-  EXPECT_EQ(statusThrownBy([&] { mgr.reload(); }), 1257);
-  EXPECT_EQ(file.reloads, 2);
-  EXPECT_EQ(central.reloads, 2);
-
-  file.failSave = false;
+  EXPECT_EQ(KS_STATUS(mgr.reload()), 1257);
   central.failSave = true;
-  EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
-  EXPECT_EQ(file.saves, 2);
-  EXPECT_EQ(central.saves, 2);
-
+  EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
   file.failSave = true;
-  EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
-  EXPECT_EQ(file.saves, 3);
-  EXPECT_EQ(central.saves, 3);
+  EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
+  EXPECT_EQ(std::vector<int>({file.reloads, central.reloads, file.saves, central.saves}),
+            std::vector<int>({2, 2, 3, 3}));
 }
 
 TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {
-  ScopedRoot root;
+  PlatformTestRoot root;
+  const std::string conf = root.etcDir() + "/../kms/vrkms.conf";
   {
     // No master configuration: the central agent cannot be made.
-    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
+    ConfigMgr mgr(kTable, conf);
     EXPECT_EQ(mgr.getIntegerValue("use_cxss"), 2);
     EXPECT_EQ(mgr.getStringValue("emm_server"), "localhost");
-    EXPECT_EQ(statusThrownBy([&] { mgr.setIntegerValue("verbose", 1); }), 1257);
+    EXPECT_EQ(KS_STATUS(mgr.setIntegerValue("verbose", 1)), 1257);
   }
-
-  const std::string vrconf = root.file("etc/vr.conf");
-  writeFile(vrconf, "# master\nSERVER = host1\nUSE_CXSS = 1\nEMM_SERVER = emm.example.net\n");
+  root.writeConf("# master\nSERVER = host1\nUSE_CXSS = 1\nEMM_SERVER = emm.example.net\n");
   {
-    ConfigMgr mgr(table(), root.file("kms/vrkms.conf"));
+    ConfigMgr mgr(kTable, conf);
     EXPECT_EQ(mgr.getIntegerValue("use_cxss"), 1);
     EXPECT_EQ(mgr.getIntegerValue("verbose"), 0);
     EXPECT_EQ(mgr.getStringValue("emm_server"), "emm.example.net");
-
     mgr.setIntegerValue("verbose", 3);
     mgr.setStringValue("emm_server", "emm2.example.net");
-    // The file agent fails to save (no "kms" directory), the central one
-    // saves all the same.
-    EXPECT_EQ(statusThrownBy([&] { mgr.save(); }), 1257);
+    // The file agent fails to save (no "kms" directory); the central one saves.
+    EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
   }
-  const std::string text = readFile(vrconf);
-  EXPECT_NE(text.find("SERVER = host1"), std::string::npos) << text;
-  ConfigMgr again(table(), root.file("kms/vrkms.conf"));
+  EXPECT_NE(root.readConf().find("SERVER = host1"), std::string::npos) << root.readConf();
+  ConfigMgr again(kTable, conf);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);
   EXPECT_EQ(again.getStringValue("emm_server"), "emm2.example.net");
-
-  // The master configuration disappears: the reload fails and the copy read
-  // before stays in use.
-  std::filesystem::remove(vrconf);
-  EXPECT_EQ(statusThrownBy([&] { again.reload(); }), 1257);
+  // The master configuration goes: the reload fails, the copy read before stays.
+  std::filesystem::remove(root.confPath());
+  EXPECT_EQ(KS_STATUS(again.reload()), 1257);
   EXPECT_EQ(again.getIntegerValue("verbose"), 3);
 }
 

@@ -11,6 +11,9 @@
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/keystore/crypto/KSCrypt.h"
 
+// The status of the KeyStoreError that the statement throws, or 0.
+#define KS_STATUS(...) ::cryptotest::ksStatus([&] { __VA_ARGS__; })
+
 namespace cryptotest {
 
 inline std::string unhex(const std::string& hex) {
@@ -22,11 +25,10 @@ inline std::string unhex(const std::string& hex) {
 }
 
 inline std::string hex(const std::string& bytes) {
-  static const char* const kDigits = "0123456789abcdef";
   std::string out;
   for (unsigned char c : bytes) {
-    out.push_back(kDigits[c >> 4]);
-    out.push_back(kDigits[c & 15]);
+    out.push_back("0123456789abcdef"[c >> 4]);
+    out.push_back("0123456789abcdef"[c & 15]);
   }
   return out;
 }
@@ -35,7 +37,6 @@ inline const unsigned char* u8(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
 }
 
-// The status of the KeyStoreError that `f` throws, or 0 if it throws none.
 template <typename F>
 int ksStatus(F&& f) {
   try {
@@ -51,30 +52,24 @@ struct Result {
   std::string bytes;
 };
 
-// Encrypts `plain` in one final call and fetches the output.
-inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& plain) {
+// Feeds `in` to one side in one final call and fetches the output; the
+// status is the first non-zero one.
+inline Result runAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& in, bool encrypting) {
   Result r;
-  r.status = c.encrypt(u8(plain), plain.size(), true);
+  r.status = encrypting ? c.encrypt(u8(in), in.size(), true) : c.decrypt(u8(in), in.size(), true);
   if (r.status == 0) {
     const unsigned char* p = nullptr;
     unsigned long n = 0;
-    r.status = c.getEncryptedData(&p, &n);
+    r.status = encrypting ? c.getEncryptedData(&p, &n) : c.getDecryptedData(&p, &n);
     r.bytes.assign(reinterpret_cast<const char*>(p), n);
   }
   return r;
 }
-
-// Decrypts `stream` in one final call; the status is the first non-zero one.
+inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& plain) {
+  return runAll(c, plain, true);
+}
 inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& stream) {
-  Result r;
-  r.status = c.decrypt(u8(stream), stream.size(), true);
-  if (r.status == 0) {
-    const unsigned char* p = nullptr;
-    unsigned long n = 0;
-    r.status = c.getDecryptedData(&p, &n);
-    r.bytes.assign(reinterpret_cast<const char*>(p), n);
-  }
-  return r;
+  return runAll(c, stream, false);
 }
 
 // A scripted random source for the whole process while alive: the first
@@ -91,9 +86,7 @@ class ScriptedRandom {
   ~ScriptedRandom() { mangleSetRandomSource(m_previous); }
   ScriptedRandom(const ScriptedRandom&) = delete;
   ScriptedRandom& operator=(const ScriptedRandom&) = delete;
-
-  // Requests seen so far, failed ones included.
-  static int calls() { return s_calls; }
+  static int calls() { return s_calls; }  // failed ones included
 
  private:
   static int draw(unsigned char* buf, size_t len) {
@@ -110,7 +103,6 @@ class ScriptedRandom {
     }
     return 0;
   }
-
   static inline int s_failures = 0;
   static inline int s_calls = 0;
   static inline std::string s_fixed;

@@ -1,6 +1,6 @@
 // Helpers shared by the store file format tests: a hand encoder for fields
-// and lists that does not use the code under test, independent digests, and
-// shorthands for writing to and reading from memory.
+// and lists that does not use the code under test, independent digests,
+// shorthands for writing to memory, and records to put in tables.
 #pragma once
 
 #include <openssl/evp.h>
@@ -10,19 +10,20 @@
 #include <utility>
 #include <vector>
 
+#include "kms/platform/VRLogger.h"
 #include "kms/server/keystore/crypto/KeyGen.h"
 #include "kms/server/keystore/format/KSInputBuffer.h"
 #include "kms/server/keystore/format/KSOutStream.h"
 #include "kms/server/keystore/format/StringOutDest.h"
+#include "kms/server/keystore/records/KeyRecord_v1.h"
 
 namespace formattest {
 
 // `value` as `len` big-endian bytes.
 inline std::string be(uint64_t value, size_t len) {
   std::string out(len, '\0');
-  for (size_t i = len; i > 0; --i) {
+  for (size_t i = len; i > 0; --i, value >>= 8) {
     out[i - 1] = static_cast<char>(value & 0xff);
-    value >>= 8;
   }
   return out;
 }
@@ -91,5 +92,34 @@ class WeakKdf {
  private:
   bool m_saved;
 };
+
+// A 32-byte tag made from `n`, with zero bytes in it, so that nothing on the
+// way may treat it as a C string.
+inline std::string tagOf(unsigned n, char first = 'T') {
+  std::string tag(32, '\0');
+  tag[0] = first;
+  tag[12] = static_cast<char>(n & 0xff);
+  tag[13] = static_cast<char>((n >> 8) & 0xff);
+  tag[31] = static_cast<char>(0xff);
+  return tag;
+}
+
+inline Vaultrest::DL::KMS::KeyRecord_v1 keyRecord(const std::string& tag, const std::string& group,
+                                                  Vaultrest::DL::KMS::ks_keystate_t state) {
+  Vaultrest::DL::KMS::KeyRecord_v1 rec;
+  rec.setTag(tag);
+  rec.setKeyGroup(group);
+  rec.setState(state);
+  rec.setKpkType(Vaultrest::DL::KMS::KPK_LOCAL);
+  rec.setName("key");
+  return rec;
+}
+
+// For the child of a death test: application messages, the assertion text
+// among them, go to standard error, where EXPECT_DEATH matches them.
+inline void logAppToStderr() {
+  static VRLogger logger(286, "/dev/null", "/dev/stderr", 0);
+  VRLogger::s_default = &logger;
+}
 
 }  // namespace formattest
