@@ -262,6 +262,31 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
+// The bytes that a list or record takes on the stream (markers, counts,
+// lengths and a SHA-256 digest included), for KSOutStream::expect.
+size_t streamBytes(const AttributeList& list) {
+  size_t bytes = 4 + 6 + 34;
+  for (const auto& attribute : list) {
+    bytes += 4 + attribute.first.size() + attribute.second.size();
+  }
+  return bytes;
+}
+
+template <typename Record>
+size_t sharedStreamBytes(const Record& rec) {
+  return 4 + 6 + rec.tag().size() + rec.name().size() + 20 + rec.description().size() + 6 + 34 +
+         streamBytes(rec.attributes());
+}
+
+size_t streamBytes(const KeyRecord_v1& rec) {
+  return sharedStreamBytes(rec) + 14 + rec.keyGroup().size() + rec.kpkTag().size() +
+         rec.key().size();
+}
+
+size_t streamBytes(const KeyGrpRecord_v1& rec) {
+  return sharedStreamBytes(rec) + 4;
+}
+
 // The record type of a table.
 template <typename Table>
 using RecordOf = std::decay_t<decltype(std::declval<const Table&>().begin()->second)>;
@@ -487,6 +512,13 @@ void ReaderWriter::writeRecordTable(KSOutStream& out, const Table& table) {
   static const char* const kLabel = "ReaderWriter::writeRecordTable";
   translateErrors(kLabel, kWriteTableMap, [&] {
     KS_ASSERT(kLabel, table.size() <= UINT32_MAX);
+    out.expect([&] {
+      size_t bytes = 10;
+      for (const auto& entry : table) {
+        bytes += streamBytes(entry.second);
+      }
+      return bytes;
+    });
     writeMarker(out, s_tablemark);
     writeCount(out, table.size());
     // One scratch for all records: wiped once, at the end.
