@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -262,58 +263,53 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
-// The bytes that a list or record takes on the stream (markers, counts,
-// lengths and a SHA-256 digest included), for KSOutStream::expect.
-size_t streamBytes(const AttributeList& list) {
-  size_t bytes = 4 + 6 + 34;
-  for (const auto& attribute : list) {
+// A record's string fields (a group has the first three only), and the
+// bytes that its other fields take on the stream: marker, lengths,
+// integers and digest.
+typedef std::array<const std::string*, 6> StringFields;
+
+StringFields stringFields(const KeyRecord_v1& rec) {
+  return {&rec.tag(), &rec.name(), &rec.description(), &rec.keyGroup(), &rec.kpkTag(), &rec.key()};
+}
+
+StringFields stringFields(const KeyGrpRecord_v1& rec) {
+  static const std::string kNone;
+  return {&rec.tag(), &rec.name(), &rec.description(), &kNone, &kNone, &kNone};
+}
+
+size_t otherStreamBytes(const KeyRecord_v1&) {
+  return 84;
+}
+size_t otherStreamBytes(const KeyGrpRecord_v1&) {
+  return 74;
+}
+
+// The bytes of a record and its attribute list on the stream, for
+// KSOutStream::expect.
+template <typename Record>
+size_t streamBytes(const Record& rec) {
+  size_t bytes = otherStreamBytes(rec) + 4 + 6 + 34;
+  for (const std::string* field : stringFields(rec)) {
+    bytes += field->size();
+  }
+  for (const auto& attribute : rec.attributes()) {
     bytes += 4 + attribute.first.size() + attribute.second.size();
   }
   return bytes;
 }
 
-template <typename Record>
-size_t sharedStreamBytes(const Record& rec) {
-  return 4 + 6 + rec.tag().size() + rec.name().size() + 20 + rec.description().size() + 6 + 34 +
-         streamBytes(rec.attributes());
-}
-
-size_t streamBytes(const KeyRecord_v1& rec) {
-  return sharedStreamBytes(rec) + 14 + rec.keyGroup().size() + rec.kpkTag().size() +
-         rec.key().size();
-}
-
-size_t streamBytes(const KeyGrpRecord_v1& rec) {
-  return sharedStreamBytes(rec) + 4;
-}
-
 // Starts loading the heap blocks of a record's fields (each string's bytes,
 // the first attribute) while the record before it is encoded: a table's
-// records and their fields lie scattered over the heap, and a record waits
-// for each of them in turn.
-void prefetch(const std::string& s) {
-  __builtin_prefetch(s.data());
-}
-
+// records and their fields lie scattered over the heap, and a record would
+// wait for each of them in turn.
 template <typename Record>
-void prefetchShared(const Record& rec) {
-  prefetch(rec.tag());
-  prefetch(rec.name());
-  prefetch(rec.description());
+void prefetchFields(const Record& rec) {
+  for (const std::string* field : stringFields(rec)) {
+    __builtin_prefetch(field->data());
+  }
   if (rec.attributes().size() != 0) {
     __builtin_prefetch(&*rec.attributes().begin());
   }
-}
-
-void prefetchFields(const KeyRecord_v1& rec) {
-  prefetchShared(rec);
-  prefetch(rec.keyGroup());
-  prefetch(rec.kpkTag());
-  prefetch(rec.key());
-}
-
-void prefetchFields(const KeyGrpRecord_v1& rec) {
-  prefetchShared(rec);
 }
 
 // The record type of a table.
