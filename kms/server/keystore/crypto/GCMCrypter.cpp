@@ -16,6 +16,8 @@ namespace KMS {
 namespace {
 
 constexpr unsigned long kChunk = 2048;
+// The most that one cipher call takes (its length is an int).
+constexpr unsigned long kMaxUpdate = 1UL << 30;
 
 const unsigned char* bytes(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
@@ -132,17 +134,21 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
     return encryptFailed(1224);
   }
   EVP_CIPHER_CTX* ctx = m_encCtx.get();
+  // Straight into the output, which the ciphertext (as long as the
+  // plaintext) fills.
+  unsigned char* at = m_encOutput.extend(len);
   while (len > 0) {
-    const unsigned long chunk = len < kChunk ? len : kChunk;
+    const unsigned long chunk = len < kMaxUpdate ? len : kMaxUpdate;
     int produced = 0;
-    if (EVP_EncryptUpdate(ctx, m_work.data(), &produced, data, static_cast<int>(chunk)) != 1) {
+    if (EVP_EncryptUpdate(ctx, at, &produced, data, static_cast<int>(chunk)) != 1) {
       KMS_DEBUG(kLabel, 1, "EVP_EncryptUpdate returned FAILURE");
       logOpenSSLErrors(kLabel);
       return encryptFailed(1224);
     }
-    m_encOutput.append(m_work.data(), static_cast<unsigned long>(produced));
+    at += produced;
     data += chunk;
     len -= chunk;
+    m_encOutput.giveBack(chunk - static_cast<unsigned long>(produced));
   }
   if (final) {
     m_encState = FINAL_DONE;

@@ -6,6 +6,12 @@ namespace KMS {
 
 KSOutDest::~KSOutDest() = default;
 
+bool KSOutDest::inMemory() const {
+  return false;
+}
+
+void KSOutDest::expect(unsigned long) {}
+
 }  // namespace KMS
 }  // namespace DL
 }  // namespace Vaultrest

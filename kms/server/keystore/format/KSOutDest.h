@@ -11,6 +11,11 @@ class KSOutDest {
  public:
   // Writes all `len` bytes or throws KeyStoreError (1210 for a file).
   virtual void write(const void* data, unsigned long len) = 0;
+  // A destination in memory grows as it is written: it can make room at
+  // once for `len` more bytes (a hint, for one allocation in place of many).
+  // Files do neither.
+  virtual bool inMemory() const;
+  virtual void expect(unsigned long len);
   virtual ~KSOutDest();
 
  protected:

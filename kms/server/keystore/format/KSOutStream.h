@@ -27,7 +27,9 @@ namespace KMS {
 class KSOutStream {
  public:
   // The buffer size every stream of the store uses.
-  static constexpr unsigned long kBufferSize = 1048576;
+  static constexpr unsigned long kBufferSize = 65536;
+  // More than any crypter adds to a stream.
+  static constexpr unsigned long kCipherRoom = 64;
 
   // `crypter` may be null for a stream that does not encrypt. Reserves
   // `bufsize` bytes.
@@ -40,6 +42,17 @@ class KSOutStream {
   // bytes and these would not fit. A write larger than the buffer into an
   // empty buffer grows the buffer instead of being split. Throws as flush.
   void write(const void* data, unsigned long len);
+
+  // For a destination in memory (KSOutDest::inMemory), `count()` tells how
+  // many more bytes are coming, and the destination makes room for them,
+  // what the stream holds and a cipher's IV, padding and tag. Files are
+  // spared the count.
+  template <typename Count>
+  void expect(Count&& count) {
+    if (m_dest.inMemory()) {
+      m_dest.expect(m_buf.size() + count() + kCipherRoom);
+    }
+  }
 
   // Hands the buffer to the destination, through the crypter if there is
   // one, and empties it. The crypter is called even for an empty buffer, so

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -262,6 +263,55 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
+// A record's string fields (a group has the first three only), and the
+// bytes that its other fields take on the stream: marker, lengths,
+// integers and digest.
+typedef std::array<const std::string*, 6> StringFields;
+
+StringFields stringFields(const KeyRecord_v1& rec) {
+  return {&rec.tag(), &rec.name(), &rec.description(), &rec.keyGroup(), &rec.kpkTag(), &rec.key()};
+}
+
+StringFields stringFields(const KeyGrpRecord_v1& rec) {
+  static const std::string kNone;
+  return {&rec.tag(), &rec.name(), &rec.description(), &kNone, &kNone, &kNone};
+}
+
+size_t otherStreamBytes(const KeyRecord_v1&) {
+  return 84;
+}
+size_t otherStreamBytes(const KeyGrpRecord_v1&) {
+  return 74;
+}
+
+// The bytes of a record and its attribute list on the stream, for
+// KSOutStream::expect.
+template <typename Record>
+size_t streamBytes(const Record& rec) {
+  size_t bytes = otherStreamBytes(rec) + 4 + 6 + 34;
+  for (const std::string* field : stringFields(rec)) {
+    bytes += field->size();
+  }
+  for (const auto& attribute : rec.attributes()) {
+    bytes += 4 + attribute.first.size() + attribute.second.size();
+  }
+  return bytes;
+}
+
+// Starts loading the heap blocks of a record's fields (each string's bytes,
+// the first attribute) while the record before it is encoded: a table's
+// records and their fields lie scattered over the heap, and a record would
+// wait for each of them in turn.
+template <typename Record>
+void prefetchFields(const Record& rec) {
+  for (const std::string* field : stringFields(rec)) {
+    __builtin_prefetch(field->data());
+  }
+  if (rec.attributes().size() != 0) {
+    __builtin_prefetch(&*rec.attributes().begin());
+  }
+}
+
 // The record type of a table.
 template <typename Table>
 using RecordOf = std::decay_t<decltype(std::declval<const Table&>().begin()->second)>;
@@ -487,12 +537,24 @@ void ReaderWriter::writeRecordTable(KSOutStream& out, const Table& table) {
   static const char* const kLabel = "ReaderWriter::writeRecordTable";
   translateErrors(kLabel, kWriteTableMap, [&] {
     KS_ASSERT(kLabel, table.size() <= UINT32_MAX);
+    out.expect([&] {
+      size_t bytes = 10;
+      for (const auto& entry : table) {
+        bytes += streamBytes(entry.second);
+      }
+      return bytes;
+    });
     writeMarker(out, s_tablemark);
     writeCount(out, table.size());
     // One scratch for all records: wiped once, at the end.
     Scratch scratch("ReaderWriter::writeRecord");
-    for (const auto& entry : table) {
-      writeAnyRecord(out, entry.second, scratch);
+    const auto end = table.end();
+    for (auto next = table.begin(); next != end;) {
+      const auto& rec = next->second;
+      if (++next != end) {
+        prefetchFields(next->second);
+      }
+      writeAnyRecord(out, rec, scratch);
     }
   });
 }

@@ -16,6 +16,8 @@ class StringOutDest : public KSOutDest {
 
   // Appends the bytes; never fails (short of memory).
   void write(const void* data, unsigned long len) override;
+  bool inMemory() const override { return true; }
+  void expect(unsigned long len) override { m_out.reserve(m_out.size() + len); }
 
  private:
   std::string& m_out;
