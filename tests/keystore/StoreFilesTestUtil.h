@@ -1,13 +1,6 @@
 // Helpers of the persistence tests: whole stores on disk, made once and
-// placed again by copying bytes, the recovery mask of a directory as seen
-// without the code under test, and a check that a live store serves exactly
-// one known state.
-//
-//   StoreSnapshot oldState(2);                    // two keys, random master keys
-//   oldState.placeAsDat(locator);                 // the three "dat" files
-//   FileKeyStore store(locator);
-//   ASSERT_EQ(store.init(), 0);
-//   oldState.expectServedBy(store);
+// placed again by copying bytes, and the recovery mask of a directory as seen
+// without the code under test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -74,8 +67,7 @@ inline unsigned maskOf(const KMSFileLocator& locator) {
   return mask;
 }
 
-// The bytes of all nine paths ("" for a missing one), to tell whether
-// anything changed.
+// The bytes of all nine paths ("" for a missing one).
 inline std::vector<std::string> contentsOf(const KMSFileLocator& locator) {
   std::vector<std::string> out;
   for (const MaskedPath& p : ninePaths(locator)) {
@@ -90,8 +82,7 @@ inline void removeAll(const KMSFileLocator& locator) {
   }
 }
 
-// A root with the "db" and "key" directories, used by a process that was
-// not asked for FIPS mode (so that init does not refuse with 1286).
+// A root with the "db" and "key" directories, in a process not asked for FIPS.
 struct StoreRoot {
   TempRoot root{"vrkms-persist"};
   KMSFileLocator locator{root.path()};
@@ -109,7 +100,12 @@ struct StoreBytes {
   std::string store;
 };
 
-// The objects a commit takes, made once from a content.
+inline void placeDat(const KMSFileLocator& locator, const StoreBytes& bytes) {
+  writeBytes(locator.hmkPath(), bytes.hmk);
+  writeBytes(locator.kpkPath(), bytes.kpk);
+  writeBytes(locator.ksPath(), bytes.store);
+}
+
 struct CommitInput {
   std::unique_ptr<KeyFile> hmk;
   std::unique_ptr<KeyFile> kpk;
@@ -129,13 +125,11 @@ struct CommitInput {
   }
 };
 
-// One complete store state: random master keys, one group, `keyCount` keys
-// (the first active), and the bytes of its three files as a commit writes
-// them.
+// One store state: random master keys, one group, `keyCount` keys (the first
+// active), and the bytes of its three files as a commit writes them.
 class StoreSnapshot {
  public:
   explicit StoreSnapshot(int keyCount) : m_group(Utils::getRandData(32)) {
-    // The commit input points into the content: the snapshot stays put.
     m_content.addGroup(m_group, "group");
     for (int i = 0; i < keyCount; ++i) {
       const std::string tag = Utils::getRandData(32);
@@ -163,15 +157,9 @@ class StoreSnapshot {
   const StoreBytes& bytes() const { return m_bytes; }
   const std::vector<std::string>& tags() const { return m_tags; }
 
-  // The three files under their final names.
-  void placeAsDat(const KMSFileLocator& locator) const {
-    writeBytes(locator.hmkPath(), m_bytes.hmk);
-    writeBytes(locator.kpkPath(), m_bytes.kpk);
-    writeBytes(locator.ksPath(), m_bytes.store);
-  }
+  void placeAsDat(const KMSFileLocator& locator) const { placeDat(locator, m_bytes); }
 
-  // Writes this state's file under each path of `mask` whose bit is in
-  // `which` (the bits of some of the nine paths).
+  // This state's file under each path of `mask` whose bit is in `which`.
   void placeMasked(const KMSFileLocator& locator, unsigned mask, unsigned which) const {
     const std::string* bytes[3] = {&m_bytes.hmk, &m_bytes.kpk, &m_bytes.store};
     const std::vector<MaskedPath> paths = ninePaths(locator);
@@ -182,10 +170,8 @@ class StoreSnapshot {
     }
   }
 
-  // The files as they stand are this state, each under its final name and
-  // nothing else: the key files and the metadata as they were written, and
-  // a record stream of the same length. (Every commit seals the stream under
-  // a fresh IV, so its bytes differ from one commit to the next.)
+  // The files are this state under their final names and nothing else (the
+  // record stream only by length: each commit seals it under a fresh IV).
   bool isOnDiskAsDat(const KMSFileLocator& locator) const {
     const std::string store = readBytes(locator.ksPath());
     return maskOf(locator) == 0x124 && readBytes(locator.hmkPath()) == m_bytes.hmk &&
@@ -193,16 +179,9 @@ class StoreSnapshot {
            store.compare(0, m_metadataLength, m_bytes.store, 0, m_metadataLength) == 0;
   }
 
-  // The live store serves exactly this state: as many keys and groups, and
-  // every key with its value.
-  void expectServedBy(FileKeyStore& store) const {
-    EXPECT_TRUE(isServedBy(store));
-    EXPECT_EQ(store.getStats().second, 1u);
-  }
-
   // Whether the live store serves this state (same keys, same values).
   bool isServedBy(FileKeyStore& store) const {
-    if (store.getStats().first != m_tags.size()) {
+    if (store.getStats() != std::make_pair(uint64_t{m_tags.size()}, uint64_t{1})) {
       return false;
     }
     for (const std::string& tag : m_tags) {
@@ -218,11 +197,7 @@ class StoreSnapshot {
   }
 
   // Empty "dat" files, which make a root clean for a first commit.
-  static void placeEmptyDat(const KMSFileLocator& locator) {
-    writeBytes(locator.hmkPath(), "");
-    writeBytes(locator.kpkPath(), "");
-    writeBytes(locator.ksPath(), "");
-  }
+  static void placeEmptyDat(const KMSFileLocator& locator) { placeDat(locator, StoreBytes()); }
 
  private:
   storetest::StoreContent m_content;
@@ -233,10 +208,9 @@ class StoreSnapshot {
   size_t m_metadataLength = 0;
 };
 
-// Fixture of the persistence, recovery and crash tests: a root of its own
-// and two states made once per suite, the old one (before a commit, two
-// keys) and the new one (after it, three keys). Their master keys differ, so
-// any mixture of the two fails to read.
+// Fixture of the persistence tests: a root and two states made once per
+// suite, old (two keys) and new (three keys), whose master keys differ so
+// that any mixture of the two fails to read.
 class TwoStatesTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -249,16 +223,13 @@ class TwoStatesTest : public ::testing::Test {
     s_old = s_new = nullptr;
   }
 
-  // The old state's files under their final names, and nothing else.
   void resetToOld() {
     removeAll(m_root.locator);
     s_old->placeAsDat(m_root.locator);
   }
-  // The commit of the new state over whatever is on disk, by its code.
   int commitNew() {
     return storetest::codeOf([&] { s_new->input().commit(m_root.locator); });
   }
-  // What init of a new store object over the root reports.
   int initCode() {
     FileKeyStore store(m_root.locator);
     const int code = store.init();
