@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "kms/server/keystore/files/FileFaults.h"
@@ -23,11 +22,11 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::FipsDecisionOff;
-using changetest::LiveStore;
-using changetest::Snapshot;
-using changetest::snapshotOf;
 using storetest::codeOf;
+using storetest::FipsDecision;
+using storetest::LiveStore;
+using storetest::Snapshot;
+using storetest::snapshotOf;
 
 // The audit entries of the application log, as (message id, text).
 std::vector<std::pair<int, std::string>> auditEntries(const LogCapture& log) {
@@ -65,7 +64,7 @@ std::string upper(std::string text) {
 
 class FileKeyStoreChangeCommitTest : public ::testing::Test {
  protected:
-  FipsDecisionOff m_fips;
+  FipsDecision m_fips;
 };
 
 TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecrets) {
@@ -115,8 +114,8 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
 
   // No key in any form, nor the passphrase, in either log.
-  const std::string logs = storefiles::readBytes(log.logger().debugLogPath()) +
-                           storefiles::readBytes(log.logger().appLogPath());
+  const std::string logs = storetest::readBytes(log.logger().debugLogPath()) +
+                           storetest::readBytes(log.logger().appLogPath());
   ASSERT_NE(logs.find("Key added:"), std::string::npos);
   for (const std::string& key : plainKeys) {
     ASSERT_EQ(key.size(), 32u);

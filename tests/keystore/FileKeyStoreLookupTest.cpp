@@ -162,55 +162,36 @@ TEST_F(FileKeyStoreLookupTest, GroupRecordsCarryTheirDerivedFields) {
   EXPECT_EQ(counts, (std::vector<uint64_t>{6, 2, 0, 1}));
 }
 
-TEST_F(FileKeyStoreLookupTest, GetKadTellsWhetherTheHandleIsUnique) {
+// KADs (their common cases are run by the process tests): an 11-byte tag, a
+// KAD longer than a tag, the terminated twin of an active key.
+TEST_F(FileKeyStoreLookupTest, KadLookups) {
   std::string kad;
   EXPECT_EQ(m_store.getKad(kInactive, 12, kad), 1234);
   EXPECT_EQ(kad, kInactive.substr(0, 12));
   EXPECT_EQ(m_store.getKad(kInactive, 11, kad), 1220);
-
-  // The active and the terminated key share their first 12 bytes.
   EXPECT_EQ(m_store.getKad(kActive, 12, kad), 1235);
   EXPECT_EQ(m_store.getKad(kActive, 13, kad), 1234);
-  EXPECT_EQ(m_store.getKad(kActive, 32, kad), 1234);
-  EXPECT_EQ(kad, kActive);
-
-  // Longer than the tag: padded with the character '0', still found.
-  EXPECT_EQ(m_store.getKad(kActive, 40, kad), 1234);
+  EXPECT_EQ(m_store.getKad(kActive, 40, kad), 1234);  // padded with '0', still found
   EXPECT_EQ(kad, kActive + std::string(8, '0'));
-  EXPECT_EQ(m_store.getKad(kTwin1, 12, kad), 1235);
-
-  // A tag of 11 bytes is indexed under itself; no 12-byte KAD reaches it.
-  EXPECT_EQ(m_store.getKad(kShort, 12, kad), 1260);
+  EXPECT_EQ(m_store.getKad(kShort, 12, kad), 1260);  // indexed under its 11 bytes
   EXPECT_EQ(kad, kShort + "0");
-  EXPECT_EQ(m_store.getKad(tagOf('?', '?'), 12, kad), 1260);
   EXPECT_EQ(m_store.getKad(kG1, 12, kad), 1260);
-}
 
-TEST_F(FileKeyStoreLookupTest, GetKeyRecordsByKadGivesOnlyUsableKeysInThePlain) {
   std::list<KeyRecord_v1> keys;
   EXPECT_EQ(m_store.getKeyRecordsByKad(kActive.substr(0, 12), keys), 1244);
   ASSERT_EQ(keys.size(), 1u) << "the terminated key is left out";
-  EXPECT_EQ(keys.front().tag(), kActive);
   expectPlainKey(keys.front());
-
   EXPECT_EQ(m_store.getKeyRecordsByKad(kTwin1.substr(0, 12), keys), 1243);
   ASSERT_EQ(keys.size(), 2u);
-  for (const KeyRecord_v1& rec : keys) {
-    expectPlainKey(rec);
-  }
+  expectPlainKey(keys.back());
   EXPECT_EQ(m_store.getKeyRecordsByKad(kTwin2, keys), 1243);
   ASSERT_EQ(keys.size(), 1u);
-  EXPECT_EQ(keys.front().tag(), kTwin2);
-
   EXPECT_EQ(m_store.getKeyRecordsByKad(kDeprecated, keys), 1244);
-  EXPECT_TRUE(keys.empty()) << "a match that cannot be used is reported, not given";
-
+  EXPECT_TRUE(keys.empty());
   keys.resize(2);
   EXPECT_EQ(m_store.getKeyRecordsByKad(tagOf('?', '?'), keys), 1261);
   EXPECT_TRUE(keys.empty());
-  EXPECT_EQ(m_store.getKeyRecordsByKad(std::string(11, 'M'), keys), 1220);
-  EXPECT_EQ(codeOf([&] { (void)m_store.getKeyRecordsByKad(kBroken, keys); }), 1200)
-      << "a failed unwrap passes as an exception";
+  EXPECT_EQ(codeOf([&] { (void)m_store.getKeyRecordsByKad(kBroken, keys); }), 1200);
 }
 
 TEST(FileKeyStoreChecksTest, BadTagsAndBadKeys) {

@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "support/TempRoot.h"
@@ -216,18 +215,16 @@ TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
   // process asked for FIPS mode and the library is not in it.
   auto fipsCodes = [&] {
     bool exists = false;
-    return std::vector<int>{
-        m_store.dbExists(exists),
-        m_store.createEmpty("a", "hmk", "b", "kpk", false),
-        m_store.createHMKFile("a", false, false),
-        m_store.createKPKFile("a", false, false),
-        codeOf([&] { m_store.getHMKId(); }),
-        codeOf([&] { m_store.getHMKInfo(); }),
-        codeOf([&] { m_store.goodHMKFileExists(); }),
-        codeOf([&] { m_store.getKPKId(); }),
-        codeOf([&] { m_store.getKPKInfo(); }),
-        codeOf([&] { m_store.goodKPKFileExists(); }),
-    };
+    return std::vector<int>{m_store.dbExists(exists),
+                            m_store.createEmpty("a", "hmk", "b", "kpk", false),
+                            m_store.createHMKFile("a", false, false),
+                            m_store.createKPKFile("a", false, false),
+                            codeOf([&] { m_store.getHMKId(); }),
+                            codeOf([&] { m_store.getHMKInfo(); }),
+                            codeOf([&] { m_store.goodHMKFileExists(); }),
+                            codeOf([&] { m_store.getKPKId(); }),
+                            codeOf([&] { m_store.getKPKInfo(); }),
+                            codeOf([&] { m_store.goodKPKFileExists(); })};
   };
   const std::vector<int> allRefused(10, 1286);
   {
@@ -308,7 +305,7 @@ TEST(FileKeyStoreLimitsTest, TheLimitsComeFromTheConfigurationAndKeepTheirSign) 
       {"\"max_keys_per_group\"=dword:ffffffff\n", 100, -1},
   };
   for (const auto& row : rows) {
-    changetest::ServiceConfFile conf(std::string("[KMSConfig]\n") + row.conf);
+    storetest::ServiceConfFile conf(std::string("[KMSConfig]\n") + row.conf);
     MemoryStore store{KMSFileLocator(root.path())};
     EXPECT_EQ(std::make_pair(store.maxKeyGroups(), store.maxKeysPerGroup()),
               std::make_pair(long{row.groups}, long{row.keysPerGroup}))

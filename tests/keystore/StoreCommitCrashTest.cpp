@@ -10,13 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "keystore/StoreFilesTestUtil.h"
+#include "keystore/StoreTestState.h"
 #include "kms/server/keystore/files/FileFaults.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;
-using storefiles::StoreSnapshot;
+using storetest::StoreSnapshot;
 
 namespace {
 
@@ -36,7 +36,7 @@ size_t countOf(const std::vector<FileOperation>& ops, FileOp kind) {
   return n;
 }
 
-class StoreCommitCrash : public storefiles::TwoStatesTest {
+class StoreCommitCrash : public storetest::TwoStatesTest {
  protected:
   // The file operations of one commit from the old state to the new one.
   std::vector<FileOperation> commitOperations() {
@@ -157,7 +157,7 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
         const unsigned left = fault.kind == FileOp::Rename    ? afterRename[n - 1]
                               : fault.kind == FileOp::SyncDir ? 0x16du
                                                               : afterDelete[n - 1];
-        EXPECT_EQ(storefiles::maskOf(m_root.locator), left);
+        EXPECT_EQ(storetest::maskOf(m_root.locator), left);
         // A failed first rename has not yet given anything up: the next
         // start rolls back.
         expectNew = !(fault.kind == FileOp::Rename && n == 1);
@@ -172,18 +172,18 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
 }
 
 // Reading damaged files and committing over leftovers.
-class StorePersistence : public storefiles::TwoStatesTest {};
+class StorePersistence : public storetest::TwoStatesTest {};
 
 TEST_F(StorePersistence, DamagedOrMismatchedFilesGiveTheirCodes) {
   const auto withFiles = [&](const std::string& hmk, const std::string& kpk,
                              const std::string& store) {
-    storefiles::writeBytes(m_root.locator.hmkPath(), hmk);
-    storefiles::writeBytes(m_root.locator.kpkPath(), kpk);
-    storefiles::writeBytes(m_root.locator.ksPath(), store);
+    storetest::writeBytes(m_root.locator.hmkPath(), hmk);
+    storetest::writeBytes(m_root.locator.kpkPath(), kpk);
+    storetest::writeBytes(m_root.locator.ksPath(), store);
     return initCode();
   };
-  const storefiles::StoreBytes& a = s_old->bytes();
-  const storefiles::StoreBytes& b = s_new->bytes();
+  const storetest::StoreBytes& a = s_old->bytes();
+  const storetest::StoreBytes& b = s_new->bytes();
 
   // Bytes after the list of a key file.
   EXPECT_EQ(withFiles(a.hmk + '\0', a.kpk, a.store), 1206);
@@ -208,17 +208,17 @@ TEST_F(StorePersistence, DamagedOrMismatchedFilesGiveTheirCodes) {
 
 TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
   s_old->placeAsDat(m_root.locator);
-  storefiles::writeBytes(m_root.locator.kpkNewPath(), s_new->bytes().kpk);
-  const std::vector<std::string> before = storefiles::contentsOf(m_root.locator);
+  storetest::writeBytes(m_root.locator.kpkNewPath(), s_new->bytes().kpk);
+  const std::vector<std::string> before = storetest::contentsOf(m_root.locator);
   LogCapture log(0);
   EXPECT_EQ(commitNew(), 1200);
   EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-45 ").size(), 1u);
-  EXPECT_EQ(storefiles::contentsOf(m_root.locator), before);
+  EXPECT_EQ(storetest::contentsOf(m_root.locator), before);
 
   // A commit on a root without its files is refused the same way.
-  storefiles::removeAll(m_root.locator);
+  storetest::removeAll(m_root.locator);
   EXPECT_EQ(commitNew(), 1200);
-  EXPECT_EQ(storefiles::maskOf(m_root.locator), 0u);
+  EXPECT_EQ(storetest::maskOf(m_root.locator), 0u);
 }
 
 }  // namespace

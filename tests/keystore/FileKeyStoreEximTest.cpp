@@ -1,21 +1,28 @@
-// Import: every decision of the clash resolution with its messages and code,
-// the limits, the suffix of a second import, and wrong or damaged buffers.
+// Export and import between live stores on real files: what a buffer holds
+// for each selection (read back with the format's own readers), the refusals,
+// every decision of the clash resolution with its messages and code, the
+// limits, the suffix of a second import, and wrong or damaged buffers.
 // importChecked holds each preview to the files and to the import's report.
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <ctime>
 #include <list>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "keystore/ChangeTestStore.h"
-#include "keystore/EximTestUtil.h"
 #include "keystore/FormatTestUtil.h"
 #include "keystore/StoreTestState.h"
+#include "kms/server/keystore/format/KSEximMetadata.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
+#include "kms/server/keystore/format/KSOutStream.h"
+#include "kms/server/keystore/format/ReaderWriter.h"
+#include "kms/server/keystore/format/StringOutDest.h"
 #include "kms/server/keystore/records/RecordUtils.h"
+#include "kms/server/keystore/store/KSOpStatus.h"
 #include "support/LogCapture.h"
 
 namespace Vaultrest {
@@ -23,19 +30,191 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::ConfiguredLimits;
-using eximtest::exportOf;
-using eximtest::ExportRoot;
-using eximtest::importChecked;
-using eximtest::kPassphrase;
-using eximtest::text;
+using storetest::ConfiguredLimits;
 using storetest::StoreContent;
+typedef std::list<std::pair<std::string, std::string>> Selection;
+const std::string kPassphrase = "export words";
+
+using ExportRoot = storetest::LiveStore;
+
+// "<code>" and " <message code>(<args>,...)" for each message.
+std::string text(const KSOpStatus& status) {
+  std::ostringstream out;
+  out << status.errCode();
+  for (const KSOpMessage& message : status.messages()) {
+    out << " " << message.code() << "(";
+    for (size_t i = 0; i < message.args().size(); ++i) {
+      out << (i == 0 ? "" : ",") << message.args()[i];
+    }
+    out << ")";
+  }
+  return out.str();
+}
+
+std::string exportOf(const FileKeyStore& store, const Selection& selection = {}) {
+  KSOpStatus status;
+  std::string buffer = store.exportToBuffer(selection, kPassphrase, status);
+  EXPECT_EQ(text(status), "0");
+  EXPECT_FALSE(buffer.empty());
+  return buffer;
+}
+
+// Imports `buffer` as a preview and then for real. The preview and a refused
+// import leave the files as they were; the preview reports what the import
+// then does.
+KSOpStatus importChecked(ExportRoot& dest, const std::string& buffer, bool preserveNames = false,
+                         const std::string& description = std::string()) {
+  const std::vector<std::string> before = dest.files();
+  KSOpStatus preview;
+  dest.store().importFromBuffer(buffer, kPassphrase, preserveNames, description, preview, true);
+  EXPECT_EQ(dest.files(), before) << "preview changed the store";
+  KSOpStatus status;
+  dest.store().importFromBuffer(buffer, kPassphrase, preserveNames, description, status, false);
+  EXPECT_EQ(text(status), text(preview)) << "preview and import differ";
+  if (status.hasErrors()) {
+    EXPECT_EQ(dest.files(), before) << "a refused import changed the store";
+  }
+  return status;
+}
+
+// The plaintext of an export, read with the format's readers alone.
+struct ExportContent {
+  ks_version_t version = KS_VERSION_100;
+  FileKeyStore::KeyTable keys{true};
+  FileKeyStore::GroupTable groups;
+};
+
+ExportContent openExport(const std::string& buffer) {
+  std::string plain;
+  KSInputBuffer sealed(buffer);
+  ReaderWriter::readDataPasswordSecured(sealed, kPassphrase, plain);
+  KSInputBuffer in(plain);
+  AttributeList list;
+  ReaderWriter::readAttributeList(in, list);
+  ExportContent content;
+  content.version = KSEximMetadata(list).version();
+  FileKeyStore::readKeyStore(in, content.keys, content.groups);
+  EXPECT_EQ(in.remaining(), 0u);
+  return content;
+}
+
+// A buffer sealed by hand: `meta` (an encoded attribute list) and the tables,
+// keys as given.
+std::string sealByHand(const std::string& meta, const FileKeyStore::KeyTable& keys,
+                       const FileKeyStore::GroupTable& groups) {
+  std::string plain = meta;
+  {
+    StringOutDest dest(plain);
+    KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
+    FileKeyStore::writeKeyStore(out, keys, groups);
+  }
+  std::string sealed;
+  StringOutDest dest(sealed);
+  KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
+  ReaderWriter::writeDataPasswordSecured(out, kPassphrase, plain);
+  out.flush(true);
+  return sealed;
+}
 
 // The import clock of the tests that need to know the suffix.
 const time_t kNow = 1700000000;
 
 std::string tag(char kind, int n) {
   return std::string(30, kind) + static_cast<char>('0' + n) + '\x01';
+}
+
+class FileKeyStoreEximTest : public ::testing::Test {
+ protected:
+  storetest::FipsDecision m_fips;
+  formattest::WeakKdf m_weakKdf;
+};
+
+// Group "g" with keys in every state, an empty group "e", and group "h"
+// with one key.
+StoreContent sourceContent() {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "g");
+  content.addGroup(tag('G', 2), "e");
+  content.addGroup(tag('G', 3), "h");
+  content.addKey(tag('K', 1), tag('G', 1), "a", KEY_ACTIVE);
+  content.addKey(tag('K', 2), tag('G', 1), "b", KEY_INACTIVE);
+  content.addKey(tag('K', 3), tag('G', 1), "c", KEY_DEPRECATED);
+  content.addKey(tag('K', 4), tag('G', 1), "d", KEY_TERMINATED);
+  content.addKey(tag('K', 5), tag('G', 1), "p", KEY_PRELIVE);
+  content.addKey(tag('K', 6), tag('G', 3), "x", KEY_ACTIVE);
+  return content;
+}
+
+// What each selection exports (the whole store and "*" over names are also
+// run by the process tests), and the refusals, which name every unknown
+// group and key at once and give no buffer.
+TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
+  const StoreContent content = sourceContent();
+  ExportRoot source(content);
+  const std::vector<std::string> filesBefore = source.files();
+  const struct {
+    Selection selection;
+    std::string status;
+    std::set<std::string> names;  // of the groups and keys exported
+  } rows[] = {
+      {{{"g", "*"}, {"g", "a"}}, "0", {"g", "a", "b", "c", "d", "p"}},
+      {{{"g", ""}, {"g", "a"}, {"g", ""}, {"g", "a"}}, "0", {"g", "a"}},
+      {{{"h", "x"}, {"g", "d"}, {"g", "p"}}, "0", {"g", "h", "d", "p", "x"}},
+      {{{"nogroup", "*"}, {"g", "*"}}, "1214 1(nogroup)", {}},
+      {{{"g", "zz"}, {"g", "a"}, {"g", "yy"}}, "1214 8(yy,g) 8(zz,g)", {}},
+      {{{"g", "zz"}, {"nogroup", ""}, {"h", "x"}}, "1214 8(zz,g) 1(nogroup)", {}},
+      {{{"G", "a"}}, "1214 1(G)", {}},
+  };
+  for (const auto& row : rows) {
+    KSOpStatus status;
+    const std::string buffer = source->exportToBuffer(row.selection, kPassphrase, status);
+    EXPECT_EQ(text(status), row.status);
+    EXPECT_EQ(buffer.empty(), row.names.empty());
+    std::set<std::string> names;
+    if (!buffer.empty()) {
+      const ExportContent exported = openExport(buffer);
+      EXPECT_EQ(exported.version, KS_VERSION_200);
+      for (const auto& entry : exported.groups) {
+        names.insert(entry.second.name());
+      }
+      for (const auto& entry : exported.keys) {
+        names.insert(entry.second.name());
+        EXPECT_EQ(entry.second.key(), content.plainKey(entry.first));
+      }
+    }
+    EXPECT_EQ(names, row.names);
+  }
+  // The live keys are still wrapped, and the files never changed; two
+  // exports of the same selection are sealed apart.
+  EXPECT_EQ(source->getKey(tag('K', 6)).key(), content.plainKey(tag('K', 6)));
+  EXPECT_EQ(source.files(), filesBefore);
+  EXPECT_NE(exportOf(source.store()), exportOf(source.store()));
+
+  // A store without groups has nothing to give; one with groups and no keys
+  // has.
+  ExportRoot empty;
+  KSOpStatus status;
+  EXPECT_EQ(empty->exportToBuffer({}, kPassphrase, status), "");
+  EXPECT_EQ(text(status), "1285");
+  StoreContent groupsOnly;
+  groupsOnly.addGroup(tag('G', 1), "lonely");
+  EXPECT_EQ(openExport(exportOf(ExportRoot(groupsOnly).store())).groups.size(), 1u);
+}
+
+// Only a selection is checked for sanity: a whole store is exported as it
+// is served.
+TEST_F(FileKeyStoreEximTest, ASelectionOfInsaneRecordsIsAnInternalError) {
+  StoreContent content;
+  content.addGroup(tag('G', 1), "bad", CT_INVALID_CBC);
+  content.addKey(tag('K', 1), tag('G', 1), "a", KEY_ACTIVE);
+  TempRoot root("vrkms-exim-insane");
+  storetest::MemoryStore store{KMSFileLocator(root.path())};
+  store.install(content);
+
+  KSOpStatus status;
+  EXPECT_EQ(store.exportToBuffer({{"bad", "*"}}, kPassphrase, status), "");
+  EXPECT_EQ(text(status), "1200");
+  EXPECT_EQ(openExport(exportOf(store)).keys.size(), 1u);
 }
 
 // `pattern` with every "$" replaced by the suffix of an import at kNow.
@@ -47,12 +226,6 @@ std::string withSuffix(const std::string& pattern) {
   }
   return out;
 }
-
-class FileKeyStoreImportTest : public ::testing::Test {
- protected:
-  changetest::FipsDecisionOff m_fips;
-  formattest::WeakKdf m_weakKdf;
-};
 
 // Group "alpha" with keys "a1" (active) and "a2", group "beta" with "b1".
 StoreContent twoGroups() {
@@ -72,7 +245,7 @@ void addKeyOfTagK1(StoreContent& dest, const std::string& plain) {
                  dest.kpkMgr().encryptKey(plain, KPK_LOCAL, std::string()));
 }
 
-TEST_F(FileKeyStoreImportTest, EveryDecisionAndLimitReportsItself) {
+TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
   const StoreContent source = twoGroups();
   const std::string plainK1 = source.plainKey(tag('K', 1));
   const std::string buffer = [&] {
@@ -147,7 +320,7 @@ TEST_F(FileKeyStoreImportTest, EveryDecisionAndLimitReportsItself) {
 
 // A renumbered group takes its keys along; the store's group of the old
 // tag is not touched.
-TEST_F(FileKeyStoreImportTest, ARenumberedGroupTakesItsKeysAlong) {
+TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAlong) {
   ExportRoot source(twoGroups());
   StoreContent content;
   content.addGroup(tag('G', 1), "x");
@@ -168,7 +341,7 @@ TEST_F(FileKeyStoreImportTest, ARenumberedGroupTakesItsKeysAlong) {
 
 // Everything of a record survives a round trip but the group's name (kept
 // here) and the descriptions (replaced here).
-TEST_F(FileKeyStoreImportTest, ARoundTripKeepsEveryRecord) {
+TEST_F(FileKeyStoreEximTest, ARoundTripKeepsEveryRecord) {
   StoreContent content = twoGroups();
   content.addGroup(tag('G', 3), "empty");
   content.addKey(tag('K', 4), tag('G', 1), "t", KEY_TERMINATED);
@@ -181,7 +354,7 @@ TEST_F(FileKeyStoreImportTest, ARoundTripKeepsEveryRecord) {
   group.attributes().addAttribute("OWNER", "ops");
   src.updateKeyGroupRecord(group);
   const std::string buffer = exportOf(src);
-  const changetest::Snapshot sent = changetest::snapshotOf(src);
+  const storetest::Snapshot sent = storetest::snapshotOf(src);
 
   StoreContent other;
   other.addGroup(tag('D', 1), "own");
@@ -191,7 +364,7 @@ TEST_F(FileKeyStoreImportTest, ARoundTripKeepsEveryRecord) {
   EXPECT_EQ(dest.store().getKeyGroupRecord(tag('D', 1)).description(), "group own");
   ASSERT_EQ(dest->shutdown(), 0);
   ASSERT_EQ(dest->init(), 0);
-  changetest::Snapshot arrived = changetest::snapshotOf(dest.store());
+  storetest::Snapshot arrived = storetest::snapshotOf(dest.store());
   arrived.groups.erase(arrived.groups.begin());  // "own", first by tag
   arrived.keys.erase(arrived.keys.begin());
   for (auto& g : arrived.groups) {
@@ -210,7 +383,7 @@ TEST_F(FileKeyStoreImportTest, ARoundTripKeepsEveryRecord) {
 
 // The same buffer again in the same second: every key is a duplicate, and
 // the groups come once more, empty, under the next suffix and new tags.
-TEST_F(FileKeyStoreImportTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
+TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   StoreContent content;
   content.addGroup(tag('G', 1), "alpha");
   content.addGroup(tag('G', 2), "beta");
@@ -253,7 +426,7 @@ TEST_F(FileKeyStoreImportTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
 
 // A wrong passphrase, any changed byte and any damaged content refuse the
 // import and leave the store exactly as it was.
-TEST_F(FileKeyStoreImportTest, WrongAndDamagedBuffersChangeNothing) {
+TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   StoreContent content;
   content.addGroup(tag('G', 1), "alpha");
   content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
@@ -285,19 +458,20 @@ TEST_F(FileKeyStoreImportTest, WrongAndDamagedBuffersChangeNothing) {
   // Sealed properly around content that is not right.
   FileKeyStore::KeyTable keys(true);
   FileKeyStore::GroupTable groups;
-  const std::string meta = eximtest::eximMetaBytes();
-  EXPECT_EQ(importStatus(eximtest::sealByHand(meta, keys, groups), kPassphrase), 1214);
+  std::string meta;
+  FileKeyStore::writeEximMeta(meta, KSEximMetadata(KS_VERSION_200));
+  EXPECT_EQ(importStatus(sealByHand(meta, keys, groups), kPassphrase), 1214);
   const std::string version300 = formattest::handList({{"VERSION", formattest::be(0x300, 4)}});
   const std::string extra =
       formattest::handList({{"EXTRA", "x"}, {"VERSION", formattest::be(0x200, 4)}});
   const std::string noVersion = formattest::handList({});
   for (const std::string& badMeta : {version300, extra, noVersion, std::string("junk")}) {
-    EXPECT_EQ(importStatus(eximtest::sealByHand(badMeta, keys, groups), kPassphrase), 1207);
+    EXPECT_EQ(importStatus(sealByHand(badMeta, keys, groups), kPassphrase), 1207);
   }
   KeyGrpRecord_v1 insane;
   insane.setFields(tag('G', 1), "insane", CT_INVALID_CBC, 1, 1, "", 1);
   groups.addRecord(insane);
-  EXPECT_EQ(importStatus(eximtest::sealByHand(meta, keys, groups), kPassphrase), 1208);
+  EXPECT_EQ(importStatus(sealByHand(meta, keys, groups), kPassphrase), 1208);
 
   EXPECT_EQ(dest.files(), files);
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
@@ -305,7 +479,7 @@ TEST_F(FileKeyStoreImportTest, WrongAndDamagedBuffersChangeNothing) {
 
 // Each imported group and key is audited as an added one; the FIPS entry of
 // a key says only whether the key came with a FIPS decision of any value.
-TEST_F(FileKeyStoreImportTest, ImportedRecordsAreAuditedAsAdded) {
+TEST_F(FileKeyStoreEximTest, ImportedRecordsAreAuditedAsAdded) {
   StoreContent content;
   content.addGroup(tag('G', 1), "alpha");
   content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
