@@ -72,7 +72,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   LiveStore live;
   FileKeyStore& store = *live;
   const std::string passphrase = "Audit-Passphrase-7781";
-
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, passphrase);
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
@@ -91,7 +90,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   const std::vector<std::string> plainKeys = {store.getKey(a.tag()).key(),
                                               store.getKey(b.tag()).key()};
   store.deleteKeyGroupRecord(g.tag(), true);
-
   const std::string keyAdded = " 81 71 72 77 78 74 92";
   const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
                                " 76 71 67 77 68 77" + keyAdded +        // a demoted, b added
@@ -101,7 +99,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
                                " 75 71 80 71 67 72 74 68 72 74 79 71";  // p, g, g
   const auto entries = auditEntries(log);
   ASSERT_EQ(idsOf(entries), expected);
-
   // Spot checks of the texts: the first key added, then demoted.
   const std::string fips = FIPS_mode() != 0 ? "Yes" : "No";
   EXPECT_EQ(entries[6].second, "Tag: " + Utils::binToHex(a.tag()));
@@ -112,7 +109,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   EXPECT_EQ(entries[17].second, "State: KEY_INACTIVE");
   EXPECT_EQ(entries[5 + 7 + 6 + 2].second, "Name: b(62)");
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
-
   // No key in any form, nor the passphrase, in either log.
   const std::string logs = storetest::readBytes(log.logger().debugLogPath()) +
                            storetest::readBytes(log.logger().appLogPath());
@@ -143,7 +139,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   described.setDescription("described");
   KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(g.tag());
   renamed.setName("renamed");
-
   const std::vector<std::pair<const char*, std::function<void()>>> changes = {
       {"updateKeyRecord", [&] { store.updateKeyRecord(described); }},
       {"addKey", [&] { live.addKey(g.tag(), "n", KEY_ACTIVE); }},
@@ -172,7 +167,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   ASSERT_EQ(store.shutdown(), 0);
   ASSERT_EQ(store.init(), 0);
   EXPECT_TRUE(snapshotOf(store) == before);
-
   for (const auto& change : changes) {
     EXPECT_EQ(codeOf(change.second), 0) << change.first;
   }

@@ -189,7 +189,6 @@ TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
   EXPECT_EQ(source->getKey(tag('K', 6)).key(), content.plainKey(tag('K', 6)));
   EXPECT_EQ(source.files(), filesBefore);
   EXPECT_NE(exportOf(source.store()), exportOf(source.store()));
-
   // A store without groups has nothing to give; one with groups and no keys
   // has.
   ExportRoot empty;
@@ -210,7 +209,6 @@ TEST_F(FileKeyStoreEximTest, ASelectionOfInsaneRecordsIsAnInternalError) {
   TempRoot root("vrkms-exim-insane");
   storetest::MemoryStore store{KMSFileLocator(root.path())};
   store.install(content);
-
   KSOpStatus status;
   EXPECT_EQ(store.exportToBuffer({{"bad", "*"}}, kPassphrase, status), "");
   EXPECT_EQ(text(status), "1200");
@@ -252,7 +250,6 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
     ExportRoot root(source);
     return exportOf(root.store());
   }();
-
   const struct {
     const char* name;
     std::function<void(StoreContent&)> arrange;
@@ -309,7 +306,6 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
     ExportRoot dest(content);
     dest.store().setImportClock([] { return kNow; });
     const std::pair<uint64_t, uint64_t> before = dest.store().getStats();
-
     const KSOpStatus status = importChecked(dest, buffer, row.preserveNames);
     EXPECT_EQ(text(status), withSuffix(row.status));
     const std::pair<uint64_t, uint64_t> after = dest.store().getStats();
@@ -327,7 +323,6 @@ TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAlong) {
   ExportRoot dest(content);
   dest.store().setImportClock([] { return kNow; });
   const KeyGrpRecord_v1 own = dest.store().getKeyGroupRecord(tag('G', 1));
-
   EXPECT_EQ(importChecked(dest, exportOf(source.store())).errCode(), 0);
   const KeyGrpRecord_v1 alpha = dest.store().getKeyGroupRecordByName(withSuffix("alpha$"));
   EXPECT_NE(alpha.tag(), tag('G', 1));
@@ -355,7 +350,6 @@ TEST_F(FileKeyStoreEximTest, ARoundTripKeepsEveryRecord) {
   src.updateKeyGroupRecord(group);
   const std::string buffer = exportOf(src);
   const storetest::Snapshot sent = storetest::snapshotOf(src);
-
   StoreContent other;
   other.addGroup(tag('D', 1), "own");
   ExportRoot dest(other);
@@ -367,12 +361,10 @@ TEST_F(FileKeyStoreEximTest, ARoundTripKeepsEveryRecord) {
   storetest::Snapshot arrived = storetest::snapshotOf(dest.store());
   arrived.groups.erase(arrived.groups.begin());  // "own", first by tag
   arrived.keys.erase(arrived.keys.begin());
-  for (auto& g : arrived.groups) {
-    EXPECT_EQ(g.first.description(), "moved");
-    g.first.setDescription(sent.groups[&g - &arrived.groups[0]].first.description());
-  }
-  for (auto& keys : arrived.keys) {
-    for (KeyRecord_v1& k : keys) {
+  for (size_t i = 0; i < arrived.groups.size(); ++i) {
+    EXPECT_EQ(arrived.groups[i].first.description(), "moved");
+    arrived.groups[i].first.setDescription(sent.groups[i].first.description());
+    for (KeyRecord_v1& k : arrived.keys[i]) {
       EXPECT_EQ(k.description(), "moved");
       k.setDescription("key " + k.name());
     }
@@ -393,7 +385,6 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   const std::string buffer = exportOf(source.store());
   ExportRoot dest;
   dest.store().setImportClock([] { return kNow; });
-
   EXPECT_EQ(text(importChecked(dest, buffer)),
             withSuffix("0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$)"));
   EXPECT_EQ(text(importChecked(dest, buffer)),
@@ -402,7 +393,6 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   EXPECT_EQ(text(importChecked(dest, buffer)),
             withSuffix("0 9(a1,alpha,a1,alpha$) 9(a2,alpha,a2,alpha$) 4(alpha,alpha$_2) "
                        "4(beta,beta$_2) 5(alpha$_2) 5(beta$_2)"));
-
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{2}, uint64_t{6}));
   for (const char* name : {"alpha$_1", "beta$_2"}) {
     const KeyGrpRecord_v1 again = dest.store().getKeyGroupRecordByName(withSuffix(name));
@@ -410,7 +400,6 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
     EXPECT_NE(again.tag(), tag('G', 1));
     EXPECT_NE(again.tag(), tag('G', 2));
   }
-
   // A name the suffix takes past 4096 bytes keeps what fits, and is found by
   // its whole name; with no room left for another suffix, a second import
   // has none that is unique, and is refused.
@@ -434,7 +423,6 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   const std::string buffer = exportOf(source.store());
   ExportRoot dest;
   const std::vector<std::string> files = dest.files();
-
   auto importStatus = [&](const std::string& bytes, const std::string& passphrase) {
     KSOpStatus status;
     dest.store().importFromBuffer(bytes, passphrase, false, "", status, false);
@@ -454,7 +442,6 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
     seen.insert(code);
   }
   EXPECT_EQ(seen, (std::set<int>{1208, 1284}));
-
   // Sealed properly around content that is not right.
   FileKeyStore::KeyTable keys(true);
   FileKeyStore::GroupTable groups;
@@ -472,7 +459,6 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   insane.setFields(tag('G', 1), "insane", CT_INVALID_CBC, 1, 1, "", 1);
   groups.addRecord(insane);
   EXPECT_EQ(importStatus(sealByHand(meta, keys, groups), kPassphrase), 1208);
-
   EXPECT_EQ(dest.files(), files);
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
 }
@@ -490,7 +476,6 @@ TEST_F(FileKeyStoreEximTest, ImportedRecordsAreAuditedAsAdded) {
   source.store().updateKeyRecord(decided);
   const std::string buffer = exportOf(source.store());
   ExportRoot dest;
-
   LogCapture log(1);
   KSOpStatus status;
   dest.store().importFromBuffer(buffer, kPassphrase, true, "", status, false);

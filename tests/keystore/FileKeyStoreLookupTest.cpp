@@ -87,7 +87,6 @@ TEST_F(FileKeyStoreLookupTest, GetKeyUnwrapsOnlyUsableKeys) {
   }
   // The stored record keeps its wrapped key: a second unwrap gives the same.
   expectPlainKey(m_store.getKey(kActive));
-
   for (const std::string& tag : {kDeprecated, kTerminated, kPrelive}) {
     EXPECT_EQ(codeOf([&] { m_store.getKey(tag); }), 1242);
     const KeyRecord_v1 rec = m_store.getKeyRecord(tag);
@@ -97,7 +96,6 @@ TEST_F(FileKeyStoreLookupTest, GetKeyUnwrapsOnlyUsableKeys) {
   EXPECT_EQ(codeOf([&] { m_store.getKey(tagOf('?', '?')); }), 1260);
   EXPECT_EQ(codeOf([&] { m_store.getKeyRecord(tagOf('?', '?')); }), 1260);
   EXPECT_EQ(codeOf([&] { m_store.getKey(kG1); }), 1260) << "a group tag is no key";
-
   // A key that does not unwrap tells the caller only that unwrapping failed.
   EXPECT_EQ(codeOf([&] { m_store.getKey(kBroken); }), 1200);
   expectNoKey(m_store.getKeyRecord(kBroken));
@@ -111,7 +109,6 @@ TEST_F(FileKeyStoreLookupTest, LookupsByGroupAndNameGiveNoKeys) {
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG2); }), 1227) << "keys, none active";
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG3); }), 1227) << "no keys";
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(tagOf('?', 'g')); }), 1229);
-
   const KeyRecord_v1 inactive = m_store.getKeyRecordByName(kG1, "inactive");
   EXPECT_EQ(inactive.tag(), kInactive);
   expectNoKey(inactive);
@@ -121,7 +118,6 @@ TEST_F(FileKeyStoreLookupTest, LookupsByGroupAndNameGiveNoKeys) {
   EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(kG1, "Inactive"); }), 1260);
   EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(kG1, "inactiv"); }), 1260);
   EXPECT_EQ(codeOf([&] { m_store.getKeyRecordByName(tagOf('?', 'g'), "inactive"); }), 1229);
-
   std::list<KeyRecord_v1> keys(3);
   m_store.getAllKeyRecordsInGroup(kG1, keys);
   ASSERT_EQ(keys.size(), 6u);
@@ -149,7 +145,6 @@ TEST_F(FileKeyStoreLookupTest, GroupRecordsCarryTheirDerivedFields) {
   EXPECT_FALSE(two.hasActiveKey());
   EXPECT_EQ(codeOf([&] { m_store.getKeyGroupRecord(kActive); }), 1229);
   EXPECT_EQ(codeOf([&] { m_store.getKeyGroupRecordByName("One"); }), 1229);
-
   std::list<KeyGrpRecord_v1> groups(1);
   m_store.getAllKeyGroupRecords(groups);
   std::vector<std::string> tags;
@@ -176,7 +171,6 @@ TEST_F(FileKeyStoreLookupTest, KadLookups) {
   EXPECT_EQ(m_store.getKad(kShort, 12, kad), 1260);  // indexed under its 11 bytes
   EXPECT_EQ(kad, kShort + "0");
   EXPECT_EQ(m_store.getKad(kG1, 12, kad), 1260);
-
   std::list<KeyRecord_v1> keys;
   EXPECT_EQ(m_store.getKeyRecordsByKad(kActive.substr(0, 12), keys), 1244);
   ASSERT_EQ(keys.size(), 1u) << "the terminated key is left out";
@@ -264,21 +258,18 @@ TEST(FileKeyStoreVerifierTest, AVerifierProvesOnlyItsOwnKeyAndPrefix) {
   EXPECT_TRUE(valid("HMKV", key, verifier));
   EXPECT_FALSE(valid("KPKV", key, verifier)) << "same key, other prefix";
   EXPECT_FALSE(valid("HMKV", other, verifier));
-
   // Any flipped bit makes the verifier fail, never pass.
   for (size_t byte = 0; byte < verifier.size(); byte += 7) {
     std::string flipped = verifier;
     flipped[byte] = static_cast<char>(flipped[byte] ^ 0x10);
     EXPECT_FALSE(valid("HMKV", key, flipped)) << "byte " << byte;
   }
-
   // Version 0x200 wraps under the CBC type the caller names.
   const std::string cbc =
       FileKeyStore::generateVerifier("KPKV", key, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200);
   EXPECT_TRUE(valid("KPKV", key, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
   EXPECT_FALSE(valid("HMKV", key, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
   EXPECT_FALSE(valid("KPKV", other, cbc, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200));
-
   // A failure that is no wrong key is an internal error, not "invalid".
   EXPECT_EQ(codeOf([&] { valid("HMKV", std::string(5, 'k'), verifier); }), 1200);
   EXPECT_EQ(codeOf([&] {

@@ -87,7 +87,6 @@ TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) 
   std::list<KeyGrpRecord_v1> groups;
   std::string kad = "untouched";
   KSOpStatus status;
-
   EXPECT_FALSE(store.isInitialized());
   const std::vector<std::function<void()>> closedRefusals = {
       [&] { raise(store.shutdown()); },
@@ -124,7 +123,6 @@ TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) 
   }
   EXPECT_EQ(kad, "untouched");
   EXPECT_EQ(status.errCode(), 0) << "a refused export or import leaves the status alone";
-
   // The operations meant for a closed store go past the state check. Init
   // finds no store here and stays closed.
   EXPECT_NE(store.init(), 0);
@@ -139,12 +137,10 @@ TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
   m_store.install(m_content);
   ASSERT_TRUE(m_store.isInitialized());
   EXPECT_EQ(codeOf([&] { m_store.install(m_content); }), 1201);
-
   EXPECT_EQ(m_store.init(), 1201);
   EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", true), 1201);
   EXPECT_EQ(m_store.createHMKFile("a", true, false), 1201);
   EXPECT_EQ(m_store.createKPKFile("a", true, false), 1201);
-
   // dbExists refuses without telling whether there are files.
   bool exists = true;
   EXPECT_EQ(m_store.dbExists(exists), 1201);
@@ -154,7 +150,6 @@ TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
   std::ofstream(m_locator.hmkPath()).put('x');
   EXPECT_EQ(m_store.dbExists(exists), 1201);
   EXPECT_FALSE(exists);
-
   // The refused init left the store as it was; the key facts come from memory.
   EXPECT_EQ(m_store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
   const KeyInfo hmk = m_store.getHMKInfo();
@@ -163,7 +158,6 @@ TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
   EXPECT_TRUE(hmk.random && !hmk.fips && !kpk.random && kpk.fips);
   EXPECT_TRUE(m_store.goodHMKFileExists());
   EXPECT_TRUE(m_store.goodKPKFileExists());
-
   EXPECT_EQ(m_store.shutdown(), 0);
   EXPECT_FALSE(m_store.isInitialized());
   EXPECT_EQ(codeOf([&] { m_store.getKey(kKey); }), 1202);
@@ -175,7 +169,6 @@ TEST_F(FileKeyStoreStateTest, QuiesceCountsRequestsAndRefusesOnlyChanges) {
   // Fails on its argument after the quiesce check.
   auto deleteUnknownKey = [&] { return codeOf([&] { m_store.deleteKeyRecord("no such tag"); }); };
   EXPECT_EQ(deleteUnknownKey(), 1260);
-
   EXPECT_EQ(m_store.quiesce(), 1u);
   EXPECT_EQ(m_store.quiesce(), 2u);
   EXPECT_EQ(m_store.unquiesce(false), 1u);
@@ -183,7 +176,6 @@ TEST_F(FileKeyStoreStateTest, QuiesceCountsRequestsAndRefusesOnlyChanges) {
   for (const auto& change : changes()) {
     EXPECT_EQ(codeOf(change), 1279);
   }
-
   // Reads, export and import go on while quiesced.
   EXPECT_EQ(m_store.getKey(kKey).key(), m_content.plainKey(kKey));
   std::list<KeyRecord_v1> byKad;
@@ -194,14 +186,12 @@ TEST_F(FileKeyStoreStateTest, QuiesceCountsRequestsAndRefusesOnlyChanges) {
   KSOpStatus importStatus;
   EXPECT_NO_THROW(m_store.importFromBuffer("x", "pass", false, "", importStatus, true));
   EXPECT_NE(importStatus.errCode(), 1279);
-
   EXPECT_EQ(m_store.quiesce(), 2u);
   EXPECT_EQ(m_store.unquiesce(true), 0u);
   EXPECT_EQ(m_store.isQuiesced(), 0u);
   EXPECT_EQ(codeOf([&] { m_store.unquiesce(false); }), 1280);
   EXPECT_EQ(codeOf([&] { m_store.unquiesce(true); }), 1280);
   EXPECT_EQ(deleteUnknownKey(), 1260);
-
   // A quiesced store shuts down and comes back with the count at zero.
   m_store.quiesce();
   EXPECT_EQ(m_store.shutdown(), 0);
@@ -254,7 +244,6 @@ TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
       EXPECT_NE(code, 1286) << "library FIPS mode " << libraryFips;
     }
   }
-
   // A live store answers the key facts from memory, FIPS or not, and still
   // refuses the closed-store operations with 1201 before any FIPS check.
   m_store.install(m_content);
@@ -272,12 +261,10 @@ TEST_F(FileKeyStoreStateTest, DbExistsAndIsDbCleanLookAtTheNineFiles) {
   std::filesystem::create_directories(m_locator.keyDir());
   bool exists = false;
   EXPECT_FALSE(FileKeyStore::isDbClean(m_locator));
-
   std::ofstream(m_locator.kpkBakPath());
   EXPECT_EQ(m_store.dbExists(exists), 0);
   EXPECT_TRUE(exists) << "a leftover of a commit counts as a store";
   std::filesystem::remove(m_locator.kpkBakPath());
-
   for (const std::string& path : {m_locator.ksPath(), m_locator.hmkPath(), m_locator.kpkPath()}) {
     std::ofstream(path).put('x');
   }

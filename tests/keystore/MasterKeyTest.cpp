@@ -165,7 +165,6 @@ TEST_F(MasterKeyFiles, CreateEmptyMakesAClosedStoreOfPassphraseKeysThatInitOpens
   for (const std::string& path : {locator().hmkPath(), locator().kpkPath(), locator().ksPath()}) {
     EXPECT_EQ(modeOf(path), 0600u) << path;
   }
-
   const DiskState disk = readDisk(locator());
   EXPECT_EQ(
       std::make_tuple(disk.kpk->version(), disk.meta->masterEncAlgo(), disk.meta->keyEncAlgo(),
@@ -191,9 +190,7 @@ TEST_F(MasterKeyFiles, CreateEmptyRefusals) {
   EXPECT_EQ(maskOf(locator()), 0u);
   EXPECT_EQ(store().createHMKFile("", true, false), 1212);
   EXPECT_EQ(store().createKPKFile("", true, false), 1212);
-
   makePassphraseStore();
-
   // Overwriting replaces the store with an empty one of random keys, which
   // no passphrase remakes.
   ASSERT_EQ(store().createEmpty("", "hmk-2", "", "kpk-2", true), 0);
@@ -210,7 +207,6 @@ TEST_F(MasterKeyFiles, CreateEmptyRefusals) {
   ASSERT_EQ(store().init(), 0);
   EXPECT_EQ(store().getStats().first, 0u);
   ASSERT_EQ(store().shutdown(), 0);
-
   // Refusing to overwrite still deletes the store that was found: the refusal
   // is raised inside the part whose failures clean up.
   EXPECT_EQ(store().createEmpty("", "hmk-3", "", "kpk-3", false), 1268);
@@ -227,7 +223,6 @@ TEST_F(MasterKeyFiles, AFailedCreateEmptyLeavesNoFilesBehind) {
     EXPECT_TRUE(failFsync.fired());
   }
   EXPECT_EQ(maskOf(locator()), 0u);
-
   makePassphraseStore();
   {
     // The first empty "dat" file cannot be made (1237), after the old store
@@ -298,7 +293,6 @@ TEST_F(MasterKeyFiles, TheHmkOfTheOldestStoresComesBackWithoutSalt) {
     Utils::FileHolder out = Utils::openFile(locator().ksPath().c_str(), "wb");
     FileKeyStore::writeKeyStoreMeta(out, meta);
   }
-
   EXPECT_EQ(store().createHMKFile("wrong passphrase", false, false), 1221);
   EXPECT_FALSE(exists(locator().hmkPath()));
   ASSERT_EQ(store().createHMKFile(kHmkPass, false, false), 0);
@@ -346,7 +340,6 @@ TEST_F(MasterKeyFiles, AGoodKeyFileIsOneOfTheRightFormWhateverItsKey) {
   const std::string kpkBytes = readBytes(locator().kpkPath());
   EXPECT_TRUE(store().goodHMKFileExists());
   EXPECT_TRUE(store().goodKPKFileExists());
-
   // Form only: a KPK file in the HMK's place is a good key file.
   writeBytes(hmkPath, kpkBytes);
   EXPECT_TRUE(FileKeyStore::isGoodKeyFile(hmkPath));
@@ -413,47 +406,38 @@ class MasterKeyRekey : public MasterKeyFiles, public ::testing::WithParamInterfa
   std::map<std::string, std::string> m_plain;
 };
 
+// (Rotations serving the same keys after a restart are run by the process
+// tests.) The new key comes back from the new passphrase only; none gives a
+// random key, salt-less on disk.
 TEST_P(MasterKeyRekey, TheNewKeyComesBackFromTheNewPassphraseAndNoneGivesARandomKey) {
   const bool hmk = GetParam() == Rekey::Hmk;
   const std::string& path = hmk ? locator().hmkPath() : locator().kpkPath();
-  const auto remake = [&](const std::string& passphrase) {
-    return hmk ? store().createHMKFile(passphrase, false, true)
-               : store().createKPKFile(passphrase, false, true);
-  };
   const std::vector<std::string> before = liveView();
   ASSERT_EQ(change(kNewPass, "new-id"), 0);
-  // Live at once: the new id and facts, the same keys, the other key as it was.
-  std::vector<std::string> after = liveView();
-  EXPECT_EQ(after[hmk ? 1 : 0], before[hmk ? 1 : 0]);
-  EXPECT_EQ(after[hmk ? 0 : 1], std::string("new-id/") + std::to_string(KSCrypt::AES_256_GCM) +
-                                    "/passphrase" + (FIPS_mode() != 0 ? "/fips" : "/no-fips"));
-  after.erase(after.begin(), after.begin() + 2);
-  EXPECT_EQ(after, std::vector<std::string>(before.begin() + 2, before.end()));
+  EXPECT_EQ(liveView()[hmk ? 1 : 0], before[hmk ? 1 : 0]);
+  EXPECT_EQ(liveView()[hmk ? 0 : 1], std::string("new-id/") + std::to_string(KSCrypt::AES_256_GCM) +
+                                         "/passphrase" + (FIPS_mode() != 0 ? "/fips" : "/no-fips"));
   ASSERT_EQ(store().shutdown(), 0);
   ASSERT_EQ(::unlink(path.c_str()), 0);
-  EXPECT_EQ(remake(hmk ? kHmkPass : kKpkPass), hmk ? 1221 : 1249);
-  ASSERT_EQ(remake(kNewPass), 0);
+  for (const std::string& passphrase : {hmk ? kHmkPass : kKpkPass, kNewPass}) {
+    EXPECT_EQ(hmk ? store().createHMKFile(passphrase, false, true)
+                  : store().createKPKFile(passphrase, false, true),
+              passphrase == kNewPass ? 0
+              : hmk                  ? 1221
+                                     : 1249);
+  }
   ASSERT_EQ(store().init(), 0);
   expectServes(store(), m_plain);
-
   ASSERT_EQ(change("", "random-id"), 0);
-  const auto random = [&](FileKeyStore& s) {
-    return (hmk ? s.getHMKInfo() : s.getKPKInfo()).random;
-  };
-  EXPECT_TRUE(random(store()));
+  EXPECT_TRUE((hmk ? store().getHMKInfo() : store().getKPKInfo()).random);
   const DiskState disk = readDisk(locator());
   EXPECT_TRUE((hmk ? disk.meta->hmkSalt() : disk.meta->kpkSalt()).empty());
-  FileKeyStore& again = restart();
-  ASSERT_EQ(again.init(), 0);
-  EXPECT_TRUE(random(again));
-  expectServes(again, m_plain);
 }
 
 TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreDown) {
   const std::vector<std::string> view = liveView();
   const std::vector<std::string> files = contentsOf(locator());
   EXPECT_EQ(change(kNewPass, ""), 1214);
-
   {
     FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
     ScopedFileFaultHook hook(&failFsync);
@@ -463,7 +447,6 @@ TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreD
   EXPECT_TRUE(store().isInitialized());
   EXPECT_EQ(liveView(), view);
   EXPECT_EQ(contentsOf(locator()), files);
-
   // Leftovers of an unfinished commit: refused, the store down.
   writeBytes(locator().kpkNewPath(), "leftover");
   EXPECT_EQ(change(kNewPass, "new-id"), 1200);
@@ -472,7 +455,6 @@ TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreD
   EXPECT_EQ(contentsOf(locator()), files);
   ASSERT_EQ(store().init(), 0);
   EXPECT_EQ(liveView(), view);
-
   {
     FailNthFileOp failRename(2, EIO, FileOp::Rename);
     ScopedFileFaultHook hook(&failRename);
@@ -482,7 +464,6 @@ TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreD
   ASSERT_EQ(store().init(), 0);
   EXPECT_EQ(changedId(store()), "new-id");
   expectServes(store(), m_plain);
-
   EXPECT_EQ(change("", "third-id"), 0);
   EXPECT_EQ(changedId(store()), "third-id");
 }
@@ -494,7 +475,6 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
   const DiskState oldDisk = readDisk(locator());
   const std::string oldId = changedId(store());
   ASSERT_EQ(store().shutdown(), 0);
-
   size_t crashes = 0;
   size_t oldSeen = 0;
   size_t newSeen = 0;
@@ -502,7 +482,6 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
     ASSERT_LT(n, 1000u) << "the change never completed";
     storetest::removeAll(locator());
     storetest::placeDat(locator(), old);
-
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -523,7 +502,6 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
     ASSERT_TRUE(code == 0 || code == FileFaults::kCrashExitStatus)
         << "crash at " << n << ": exit " << code;
     SCOPED_TRACE("crash at file operation " + std::to_string(n));
-
     FileKeyStore& after = restart();
     ASSERT_EQ(after.init(), 0);
     EXPECT_EQ(maskOf(locator()), 0x124u);

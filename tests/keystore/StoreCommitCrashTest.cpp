@@ -89,14 +89,12 @@ TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
                                  FileOp::Rename, FileOp::Rename, FileOp::SyncDir, FileOp::SyncDir,
                                  FileOp::Unlink, FileOp::Unlink, FileOp::Unlink}));
   EXPECT_GE(countOf(ops, FileOp::Fwrite), 4u);
-
   size_t firstRename = 0;
   for (size_t i = 0; i < ops.size() && firstRename == 0; ++i) {
     if (ops[i].op == FileOp::Rename) {
       firstRename = i + 1;
     }
   }
-
   // One more than the count: the child that is never stopped.
   for (size_t n = 1; n <= ops.size() + 1; ++n) {
     const bool crashes = n <= ops.size();
@@ -105,7 +103,6 @@ TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
     const int status = commitInChildCrashingAt(n);
     ASSERT_TRUE(WIFEXITED(status));
     ASSERT_EQ(WEXITSTATUS(status), crashes ? FileFaults::kCrashExitStatus : 0);
-
     // Ended before the first rename: the old state. From the first rename
     // on: the new one.
     const StoreSnapshot& expected = (crashes && n <= firstRename) ? *s_old : *s_new;
@@ -118,7 +115,6 @@ TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
 
 TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
   const std::vector<FileOperation> ops = commitOperations();
-
   struct Fault {
     FileOp kind;
     int error;
@@ -127,7 +123,6 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
   // order.
   const std::vector<unsigned> afterRename = {0x1b6, 0x0f6, 0x0de, 0x0db, 0x15b, 0x16b};
   const std::vector<unsigned> afterDelete = {0x16d, 0x12d, 0x125};
-
   for (const Fault& fault :
        {Fault{FileOp::Open, EMFILE}, Fault{FileOp::Fwrite, ENOSPC}, Fault{FileOp::Fsync, EIO},
         Fault{FileOp::Rename, EXDEV}, Fault{FileOp::SyncDir, EIO}, Fault{FileOp::Unlink, EACCES}}) {
@@ -143,7 +138,6 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
         code = commitNew();
       }
       ASSERT_TRUE(failure.fired());
-
       bool expectNew = true;
       if (fault.kind == FileOp::Open || fault.kind == FileOp::Fwrite ||
           fault.kind == FileOp::Fsync) {
@@ -162,7 +156,6 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
         // start rolls back.
         expectNew = !(fault.kind == FileOp::Rename && n == 1);
       }
-
       FileKeyStore store(m_root.locator);
       ASSERT_EQ(store.init(), 0);
       EXPECT_TRUE((expectNew ? s_new : s_old)->isServedBy(store));
@@ -184,7 +177,6 @@ TEST_F(StorePersistence, DamagedOrMismatchedFilesGiveTheirCodes) {
   };
   const storetest::StoreBytes& a = s_old->bytes();
   const storetest::StoreBytes& b = s_new->bytes();
-
   // Bytes after the list of a key file.
   EXPECT_EQ(withFiles(a.hmk + '\0', a.kpk, a.store), 1206);
   EXPECT_EQ(withFiles(a.hmk, a.kpk + 'x', a.store), 1256);
@@ -214,7 +206,6 @@ TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
   EXPECT_EQ(commitNew(), 1200);
   EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-45 ").size(), 1u);
   EXPECT_EQ(storetest::contentsOf(m_root.locator), before);
-
   // A commit on a root without its files is refused the same way.
   storetest::removeAll(m_root.locator);
   EXPECT_EQ(commitNew(), 1200);

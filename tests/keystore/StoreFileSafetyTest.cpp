@@ -134,7 +134,6 @@ TEST_F(StoreFileSafety, DirectoriesAndFilesOthersMayChangeRefuseTheStart) {
   resetToOld();
   FileKeyStore store(locator);
   EXPECT_EQ(store.init(), 0);
-
   if (::geteuid() != 0) {
     GTEST_SKIP() << "files of another owner need root to make";
   }

@@ -28,7 +28,6 @@ TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
   std::atomic<int> entries{0};
   int writerEntry = 0;
   int lateReaderEntry = 0;
-
   auto firstReader = std::make_unique<StoreReadGuard>(lock, turnstile);
   ASSERT_TRUE(firstReader->locked());
   std::thread writer([&] {
@@ -43,7 +42,6 @@ TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(entries.load(), 0) << "nobody enters while the first reader holds the lock";
-
   firstReader.reset();
   writer.join();
   lateReader.join();

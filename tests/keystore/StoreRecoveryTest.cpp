@@ -92,7 +92,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
   for (unsigned mask = 0; mask < 0x200; ++mask) {
     SCOPED_TRACE(hex(mask));
     const auto row = recoveryRows().find(mask);
-
     if (row == recoveryRows().end()) {
       place(mask, false);
       const std::vector<std::string> before = storetest::contentsOf(locator);
@@ -100,7 +99,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
       EXPECT_EQ(storetest::contentsOf(locator), before);
       continue;
     }
-
     acted.insert(mask);
     const Row action = row->second;
     const bool datIsNew = action == Row::FromSecondRenames || action == Row::Finish;
@@ -112,7 +110,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
       FileKeyStore::recoverDB(locator);
       logged = appMessageIds(log);
     }
-
     FileKeyStore store(locator);
     switch (action) {
       case Row::Clean:
@@ -121,7 +118,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
         ASSERT_EQ(store.init(), 0);
         EXPECT_TRUE(s_old->isServedBy(store));
         break;
-
       case Row::Missing: {
         // One message 39 for each missing "dat"; nothing changes, and the
         // read names the gap.
@@ -133,7 +129,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
         EXPECT_FALSE(store.isInitialized());
         break;
       }
-
       case Row::RollBack:
         EXPECT_EQ(logged, std::vector<int>({41, 55, 42}));
         EXPECT_EQ(storetest::maskOf(locator), mask & kDatBits);
@@ -148,7 +143,6 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
           EXPECT_TRUE(s_old->isServedBy(store));
         }
         break;
-
       case Row::FromFirstRenames:
       case Row::FromSecondRenames:
       case Row::Finish:

@@ -1,14 +1,7 @@
-// Stores for tests: states built in memory and served by a MemoryStore,
-// whole stores on disk placed again by copying bytes (with the recovery mask
-// of a directory as seen without the code under test), and live stores on
-// real files whose every change runs the real commit.
-//
-//   StoreContent content;
-//   content.addGroup(groupTag, "g1");
-//   content.addKey(keyTag, groupTag, "k1", KEY_ACTIVE);   // random plain key
-//   MemoryStore store(locator);
-//   store.install(content);                               // live, count 0
-//   LiveStore live(content);                              // on disk, live
+// Stores for tests: states built in memory (StoreContent) and served by a
+// MemoryStore, whole stores on disk placed again by copying bytes (with the
+// recovery mask of a directory as seen without the code under test), and
+// live stores on real files whose every change runs the real commit.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -46,9 +39,7 @@ namespace storetest {
 
 using namespace Vaultrest::DL::KMS;
 
-// The code a store call reports: the status it returns, or the status of
-// the KeyStoreError it throws; 0 for a call that throws nothing and returns
-// nothing.
+// The status a store call returns or throws (0 for none).
 template <typename F>
 int codeOf(F&& call) {
   try {
@@ -63,8 +54,7 @@ int codeOf(F&& call) {
   }
 }
 
-// The process's FIPS decision for the scope. By default this process did
-// not ask for FIPS mode, so that init does not refuse with 1286.
+// The process's FIPS decision for the scope; by default not asked for.
 class FipsDecision {
  public:
   explicit FipsDecision(bool disabled = true) : m_saved(FileKeyStore::g_fips_mode_disabled) {
@@ -78,9 +68,8 @@ class FipsDecision {
   bool m_saved;
 };
 
-// Tables and master keys of a store in the making. Keys are wrapped under
-// the content's KPK as the store keeps them; plainKey(tag) tells what each
-// must unwrap to.
+// Tables and master keys of a store in the making, keys wrapped under the
+// KPK; plainKey(tag) tells what each must unwrap to.
 class StoreContent {
  public:
   StoreContent()
@@ -123,8 +112,7 @@ class StoreContent {
   const FileKeyStore::GroupTable& groups() const { return m_groups; }
   const std::string& hmk() const { return m_hmk; }
 
-  // The HMK file, the KPK file (KPK wrapped under the HMK) and the metadata
-  // with verifiers of both keys, ids "hmk-id" and "kpk-id".
+  // The key files and the metadata (ids "hmk-id" and "kpk-id").
   std::unique_ptr<KeyFile> hmkFile() const {
     auto file = std::make_unique<KeyFile>(FileKeyStore::kCurrentVersion);
     file->setKey(m_hmk);
@@ -167,7 +155,6 @@ class MemoryStore : public FileKeyStore {
  public:
   explicit MemoryStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
 
-  // Installs copies of the content's objects as the live state.
   void install(const StoreContent& content) {
     installState(content.hmkFile(), content.kpkFile(), std::make_unique<KPKMgr>(content.kpkMgr()),
                  content.metadata(), std::make_unique<KeyTable>(content.keys()),
@@ -394,8 +381,7 @@ class TwoStatesTest : public ::testing::Test {
   StoreRoot m_root;
 };
 
-// Serves `text` as the service's configuration file while it lives; a store
-// reads its limits when it is constructed.
+// Serves `text` as the service's configuration file while it lives.
 class ServiceConfFile {
  public:
   explicit ServiceConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
@@ -411,8 +397,7 @@ class ServiceConfFile {
   ServiceConfFile& operator=(const ServiceConfFile&) = delete;
 
  private:
-  // Only the central back end may fail here (when another test of this
-  // process left a master configuration behind); the file has been read.
+  // Only the central back end may fail here; the file has been read.
   static void reload() {
     try {
       KMSConfig::instance()->reload();
@@ -445,9 +430,8 @@ class ClockedStore : public FileKeyStore {
   using FileKeyStore::setImportClock;
 };
 
-// A store under a root of its own, made by committing `content` (by default
-// random master keys, no groups, no keys) and brought up by init. The
-// configured limits are those in force when it is made.
+// A store under a root of its own, made by committing `content` and brought
+// up by init, under the limits configured when it is made.
 class LiveStore {
  public:
   explicit LiveStore(const StoreContent& content = StoreContent()) : m_locator(m_root.path()) {
@@ -497,8 +481,8 @@ class LiveStore {
   std::unique_ptr<ClockedStore> m_store;
 };
 
-// Everything a store serves, as its readers see it: the groups with their
-// derived fields, and the keys of each group (without keys).
+// Everything a store serves: the groups with their derived fields, and the
+// keys of each group.
 struct Snapshot {
   std::vector<std::pair<KeyGrpRecord_v1, std::pair<uint64_t, bool>>> groups;
   std::vector<std::list<KeyRecord_v1>> keys;

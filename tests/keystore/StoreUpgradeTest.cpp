@@ -153,7 +153,6 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   const OldStore old(GetParam());
   StoreRoot root;
   old.place(root.locator);
-
   // init commits the upgrade before it serves.
   {
     FileKeyStore store(root.locator);
@@ -171,7 +170,6 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   EXPECT_EQ(
       std::make_tuple(meta.version(), meta.masterEncAlgo(), meta.keyEncAlgo(), meta.hmkSalt()),
       std::make_tuple(KS_VERSION_300, KSCrypt::AES_256_GCM, KSCrypt::AES_256_GCM, old.hmkSalt));
-
   // The next start reads the current form and writes nothing.
   FileOpRecorder recorder;
   {
