@@ -91,28 +91,24 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   const KeyRecord_v1 k2 = live.addKey(g1.tag(), "k2", KEY_ACTIVE);  // k1 now inactive
   live.addKey(g2.tag(), "q1", KEY_ACTIVE);
   const std::string unknown(32, 'u');
-  const auto key = [&](const KeyRecord_v1& rec) { return store.getKeyRecord(rec.tag()); };
-  const auto group = [&](const KeyGrpRecord_v1& rec) { return store.getKeyGroupRecord(rec.tag()); };
-  const auto request = [](const std::string& g, const std::string& name, ks_keystate_t state) {
-    return LiveStore::keyRecord(g, name, state);
-  };
+  const auto request = &LiveStore::keyRecord;
   const auto known = [&](const std::string& tag, const std::string& name, ks_keystate_t state) {
     KeyRecord_v1 rec = request(g1.tag(), name, state);
     rec.setTag(tag);
     return rec;
   };
-  using KeyEdit = std::function<void(KeyRecord_v1&)>;
-  using GroupEdit = std::function<void(KeyGrpRecord_v1&)>;
-  const auto updateKey = [&](const KeyRecord_v1& base, KeyEdit edit) {
+  // A call updating the record of `base` as read now, edited by `edit`.
+  const auto updateKey = [&](const KeyRecord_v1& base, std::function<void(KeyRecord_v1&)> edit) {
     return [&, base, edit] {
-      KeyRecord_v1 rec = key(base);
+      KeyRecord_v1 rec = store.getKeyRecord(base.tag());
       edit(rec);
       store.updateKeyRecord(rec);
     };
   };
-  const auto updateGroup = [&](const KeyGrpRecord_v1& base, GroupEdit edit) {
+  const auto updateGroup = [&](const KeyGrpRecord_v1& base,
+                               std::function<void(KeyGrpRecord_v1&)> edit) {
     return [&, base, edit] {
-      KeyGrpRecord_v1 rec = group(base);
+      KeyGrpRecord_v1 rec = store.getKeyGroupRecord(base.tag());
       edit(rec);
       store.updateKeyGroupRecord(rec);
     };
