@@ -86,7 +86,7 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g1 = live.addGroup("g1");
   const KeyGrpRecord_v1 g2 = live.addGroup("g2", CT_AES128_CBC);
-  const KeyGrpRecord_v1 g3 = live.addGroup("g3");
+  live.addGroup("g3");
   const KeyRecord_v1 k1 = live.addKey(g1.tag(), "k1", KEY_ACTIVE);
   const KeyRecord_v1 k2 = live.addKey(g1.tag(), "k2", KEY_ACTIVE);  // k1 now inactive
   live.addKey(g2.tag(), "q1", KEY_ACTIVE);
@@ -127,6 +127,9 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       list.addAttribute("a" + std::to_string(i), std::string(bytes, 'v'));
     }
   };
+  // (The process tests also run a bad key name, a stale update, a move to
+  // another cipher type, the deletion of an inactive key, a group name taken,
+  // a group update of nothing and the deletion of a group with keys.)
   struct Case {
     const char* what;
     int expected;
@@ -135,7 +138,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   const std::vector<Case> cases = {
       // addKey and addKeyWithKnownTag, in the order of their checks.
       {"add: empty name", 1214, [&] { store.addKey(request(g1.tag(), "", KEY_ACTIVE), ""); }},
-      {"add: bad name", 1287, [&] { store.addKey(request(g1.tag(), " x", KEY_ACTIVE), ""); }},
       {"add: 65 attributes", 1214,
        [&] {
          KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
@@ -170,7 +172,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: nothing", 1241, updateKey(k1, [](KeyRecord_v1&) {})},
       {"update: only another key value", 1241,
        updateKey(k1, [](KeyRecord_v1& r) { r.setKey(std::string(32, 'K')); })},
-      {"update: old revision", 1228, updateKey(k1, [](KeyRecord_v1& r) { r.setRev(r.rev() - 1); })},
       {"update: old update time", 1228,
        updateKey(k1,
                  [](KeyRecord_v1& r) {
@@ -182,23 +183,17 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: KPK tag", 1253, updateKey(k1, [](KeyRecord_v1& r) { r.setKpkTag("other"); })},
       {"update: active to deprecated", 1240,
        updateKey(k2, [](KeyRecord_v1& r) { r.setState(KEY_DEPRECATED); })},
-      {"update: inactive to prelive", 1240,
-       updateKey(k1, [](KeyRecord_v1& r) { r.setState(KEY_PRELIVE); })},
       {"update: to unknown group", 1229,
        updateKey(k1, [&](KeyRecord_v1& r) { r.setKeyGroup(unknown); })},
-      {"update: to other cipher type", 1230,
-       updateKey(k1, [&](KeyRecord_v1& r) { r.setKeyGroup(g2.tag()); })},
       {"update: rename onto a sibling", 1231,
        updateKey(k1, [](KeyRecord_v1& r) { r.setName("k2"); })},
       // deleteKeyRecord: only the two ends of the line.
       {"delete key: unknown", 1260, [&] { store.deleteKeyRecord(unknown); }},
       {"delete key: active", 1242, [&] { store.deleteKeyRecord(k2.tag()); }},
-      {"delete key: inactive", 1242, [&] { store.deleteKeyRecord(k1.tag()); }},
       // Groups.
       {"add group: empty name", 1214, addGroup("", CT_AES256_CBC)},
       {"add group: cipher type 0", 1214, addGroup("x", CT_INVALID_CBC)},
       {"add group: bad name", 1287, addGroup("x/y", CT_AES256_CBC)},
-      {"add group: name taken", 1232, addGroup("g2", CT_AES256_CBC)},
       {"add group: 65 attributes", 1214,
        [&] {
          KeyGrpRecord_v1 rec;
@@ -215,7 +210,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
        updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName("-g1"); })},
       {"update group: unknown", 1229,
        updateGroup(g1, [&](KeyGrpRecord_v1& r) { r.setTag(unknown); })},
-      {"update group: nothing", 1241, updateGroup(g1, [](KeyGrpRecord_v1&) {})},
       {"update group: old revision", 1228,
        updateGroup(g1,
                    [](KeyGrpRecord_v1& r) {
@@ -224,10 +218,7 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
                    })},
       {"update group: cipher type", 1228,
        updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setCipherType(CT_AES128_CBC); })},
-      {"update group: name taken", 1232,
-       updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName("g3"); })},
       {"delete group: unknown", 1229, [&] { store.deleteKeyGroupRecord(unknown, true); }},
-      {"delete group: keys, no force", 1222, [&] { store.deleteKeyGroupRecord(g1.tag(), false); }},
   };
   const Snapshot before = snapshotOf(store);
   const std::vector<std::string> filesBefore = live.files();
