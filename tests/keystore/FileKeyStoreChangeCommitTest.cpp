@@ -1,10 +1,8 @@
-// What a change leaves behind outside its tables: the audit entries in the
-// application log (in order, and no key material or passphrase in any log),
-// and the store's fate when its commit fails.
+// What a change leaves outside its tables: the audit entries (in order, and
+// no key material or passphrase in any log), and the store's fate when its
+// commit fails.
 #include <cerrno>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <regex>
 #include <set>
 #include <string>
@@ -13,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "kms/server/keystore/files/FileFaults.h"
@@ -25,11 +22,11 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::FipsDecisionOff;
-using changetest::LiveStore;
-using changetest::Snapshot;
-using changetest::snapshotOf;
 using storetest::codeOf;
+using storetest::FipsDecision;
+using storetest::LiveStore;
+using storetest::Snapshot;
+using storetest::snapshotOf;
 
 // The audit entries of the application log, as (message id, text).
 std::vector<std::pair<int, std::string>> auditEntries(const LogCapture& log) {
@@ -67,7 +64,7 @@ std::string upper(std::string text) {
 
 class FileKeyStoreChangeCommitTest : public ::testing::Test {
  protected:
-  FipsDecisionOff m_fips;
+  FipsDecision m_fips;
 };
 
 TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecrets) {
@@ -75,7 +72,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   LiveStore live;
   FileKeyStore& store = *live;
   const std::string passphrase = "Audit-Passphrase-7781";
-
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, passphrase);
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
@@ -94,7 +90,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   const std::vector<std::string> plainKeys = {store.getKey(a.tag()).key(),
                                               store.getKey(b.tag()).key()};
   store.deleteKeyGroupRecord(g.tag(), true);
-
   const std::string keyAdded = " 81 71 72 77 78 74 92";
   const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
                                " 76 71 67 77 68 77" + keyAdded +        // a demoted, b added
@@ -104,32 +99,19 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
                                " 75 71 80 71 67 72 74 68 72 74 79 71";  // p, g, g
   const auto entries = auditEntries(log);
   ASSERT_EQ(idsOf(entries), expected);
-
-  // The texts of the first key's entries and of its demotion.
+  // Spot checks of the texts: the first key added, then demoted.
   const std::string fips = FIPS_mode() != 0 ? "Yes" : "No";
-  const std::vector<std::pair<int, std::string>> aAddedAndDemoted = {
-      {81, "Key added:"},
-      {71, "Tag: " + Utils::binToHex(a.tag())},
-      {72, "Name: a(61)"},
-      {77, "State: KEY_ACTIVE"},
-      {78, "Key group tag: " + Utils::binToHex(g.tag())},
-      {74, "Description: key.a(6b65792061)"},
-      {92, "FIPS compliant: " + fips},
-      {76, "Key updated:"},
-      {71, "Tag: " + Utils::binToHex(a.tag())},
-      {67, "Previous values:"},
-      {77, "State: KEY_ACTIVE"},
-      {68, "New values:"},
-      {77, "State: KEY_INACTIVE"},
-  };
-  const std::vector<std::pair<int, std::string>> aSeen(entries.begin() + 5, entries.begin() + 18);
-  EXPECT_EQ(aSeen, aAddedAndDemoted);
+  EXPECT_EQ(entries[6].second, "Tag: " + Utils::binToHex(a.tag()));
+  EXPECT_EQ(entries[7].second, "Name: a(61)");
+  EXPECT_EQ(entries[10].second, "Description: key.a(6b65792061)");
+  EXPECT_EQ(entries[11].second, "FIPS compliant: " + fips);
+  EXPECT_EQ(entries[15].second, "State: KEY_ACTIVE");
+  EXPECT_EQ(entries[17].second, "State: KEY_INACTIVE");
   EXPECT_EQ(entries[5 + 7 + 6 + 2].second, "Name: b(62)");
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
-
   // No key in any form, nor the passphrase, in either log.
-  const std::string logs = storefiles::readBytes(log.logger().debugLogPath()) +
-                           storefiles::readBytes(log.logger().appLogPath());
+  const std::string logs = storetest::readBytes(log.logger().debugLogPath()) +
+                           storetest::readBytes(log.logger().appLogPath());
   ASSERT_NE(logs.find("Key added:"), std::string::npos);
   for (const std::string& key : plainKeys) {
     ASSERT_EQ(key.size(), 32u);
@@ -141,8 +123,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
 }
 
 // A commit that fails before the first rename changed nothing on disk: the
-// store goes on serving what it served, in the same order (which a reload
-// keeps), and takes the next change.
+// store serves on as it did, and takes the next change.
 TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServing) {
   LiveStore live;
   FileKeyStore& store = *live;
@@ -158,7 +139,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   described.setDescription("described");
   KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(g.tag());
   renamed.setName("renamed");
-
   const std::vector<std::pair<const char*, std::function<void()>>> changes = {
       {"updateKeyRecord", [&] { store.updateKeyRecord(described); }},
       {"addKey", [&] { live.addKey(g.tag(), "n", KEY_ACTIVE); }},
@@ -187,7 +167,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   ASSERT_EQ(store.shutdown(), 0);
   ASSERT_EQ(store.init(), 0);
   EXPECT_TRUE(snapshotOf(store) == before);
-
   for (const auto& change : changes) {
     EXPECT_EQ(codeOf(change.second), 0) << change.first;
   }
@@ -198,9 +177,8 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   EXPECT_TRUE(snapshotOf(store) == after);
 }
 
-// A commit that fails from the first rename on may have left the disk
-// between old and new: the store closes, and the next init finishes the
-// commit (or, if not even the first rename happened, rolls it back).
+// A commit failing from the first rename on closes the store; the next init
+// finishes the commit (or rolls back a failed first rename).
 TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheStore) {
   for (size_t failingRename = 1; failingRename <= 6; ++failingRename) {
     SCOPED_TRACE("failing rename " + std::to_string(failingRename));
@@ -216,10 +194,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheSto
     }
     EXPECT_FALSE(store.isInitialized());
     EXPECT_EQ(codeOf([&] { store.getKeyRecord(a.tag()); }), 1202);
-    EXPECT_EQ(codeOf([&] { store.getStats(); }), 1202);
-    EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1202);
-    EXPECT_EQ(codeOf([&] { store.deleteKeyGroupRecord(g.tag(), true); }), 1202);
-
     ASSERT_EQ(store.init(), 0);
     EXPECT_TRUE(FileKeyStore::isDbClean(live.locator()));
     if (failingRename == 1) {
@@ -231,24 +205,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheSto
       EXPECT_EQ(store.getKey(added.tag()).key().size(), 32u);
     }
   }
-}
-
-// A commit refuses to start over leftovers of an earlier one (1200): the
-// store closes, and init clears the leftovers.
-TEST_F(FileKeyStoreChangeCommitTest, ACommitOverLeftoversClosesTheStore) {
-  LiveStore live;
-  FileKeyStore& store = *live;
-  const KeyGrpRecord_v1 g = live.addGroup("g");
-  const Snapshot before = snapshotOf(store);
-  std::ofstream(live.locator().ksBakPath()) << "left over";
-
-  EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1200);
-  EXPECT_FALSE(store.isInitialized());
-  ASSERT_EQ(store.init(), 0);
-  EXPECT_TRUE(FileKeyStore::isDbClean(live.locator()));
-  EXPECT_TRUE(snapshotOf(store) == before);
-  live.addGroup("h");
-  EXPECT_EQ(store.getStats().second, 2u);
 }
 
 }  // namespace

@@ -1,20 +1,16 @@
 // Changes of keys and key groups on a live store over real files: the
-// validity rules, every refusal (which must leave the live tables and the
-// files as they were), the limits from the configuration, the rule of one
-// active key per group, the optimistic lock and where key material comes
-// from.
-#include <cstdlib>
+// validity rules, every refusal, the limits, the rule of one active key per
+// group, the optimistic lock and where key material comes from.
 #include <cstring>
 #include <functional>
-#include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "keystore/ChangeTestStore.h"
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "kms/platform/MangleRandom.h"
@@ -28,12 +24,12 @@ namespace DL {
 namespace KMS {
 namespace {
 
-using changetest::ConfiguredLimits;
-using changetest::FipsDecisionOff;
-using changetest::LiveStore;
-using changetest::Snapshot;
-using changetest::snapshotOf;
 using storetest::codeOf;
+using storetest::ConfiguredLimits;
+using storetest::FipsDecision;
+using storetest::LiveStore;
+using storetest::Snapshot;
+using storetest::snapshotOf;
 
 const char* expectedFipsAttribute() {
   return FIPS_mode() != 0 ? "true" : "false";
@@ -80,7 +76,7 @@ TEST(KeyChangeRulesTest, NamesBeginAlphanumericAndUseFewMarks) {
 
 class FileKeyStoreChangesTest : public ::testing::Test {
  protected:
-  FipsDecisionOff m_fips;
+  FipsDecision m_fips;
 };
 
 // Every refusal of a change, each reported by its code, none changing what
@@ -90,35 +86,29 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g1 = live.addGroup("g1");
   const KeyGrpRecord_v1 g2 = live.addGroup("g2", CT_AES128_CBC);
-  const KeyGrpRecord_v1 g3 = live.addGroup("g3");
+  live.addGroup("g3");
   const KeyRecord_v1 k1 = live.addKey(g1.tag(), "k1", KEY_ACTIVE);
   const KeyRecord_v1 k2 = live.addKey(g1.tag(), "k2", KEY_ACTIVE);  // k1 now inactive
   live.addKey(g2.tag(), "q1", KEY_ACTIVE);
   const std::string unknown(32, 'u');
-
-  const auto key = [&](const KeyRecord_v1& rec) { return store.getKeyRecord(rec.tag()); };
-  const auto group = [&](const KeyGrpRecord_v1& rec) { return store.getKeyGroupRecord(rec.tag()); };
-  const auto request = [](const std::string& g, const std::string& name, ks_keystate_t state) {
-    return LiveStore::keyRecord(g, name, state);
-  };
+  const auto request = &LiveStore::keyRecord;
   const auto known = [&](const std::string& tag, const std::string& name, ks_keystate_t state) {
     KeyRecord_v1 rec = request(g1.tag(), name, state);
     rec.setTag(tag);
     return rec;
   };
-
-  using KeyEdit = std::function<void(KeyRecord_v1&)>;
-  using GroupEdit = std::function<void(KeyGrpRecord_v1&)>;
-  const auto updateKey = [&](const KeyRecord_v1& base, KeyEdit edit) {
+  // A call updating the record of `base` as read now, edited by `edit`.
+  const auto updateKey = [&](const KeyRecord_v1& base, std::function<void(KeyRecord_v1&)> edit) {
     return [&, base, edit] {
-      KeyRecord_v1 rec = key(base);
+      KeyRecord_v1 rec = store.getKeyRecord(base.tag());
       edit(rec);
       store.updateKeyRecord(rec);
     };
   };
-  const auto updateGroup = [&](const KeyGrpRecord_v1& base, GroupEdit edit) {
+  const auto updateGroup = [&](const KeyGrpRecord_v1& base,
+                               std::function<void(KeyGrpRecord_v1&)> edit) {
     return [&, base, edit] {
-      KeyGrpRecord_v1 rec = group(base);
+      KeyGrpRecord_v1 rec = store.getKeyGroupRecord(base.tag());
       edit(rec);
       store.updateKeyGroupRecord(rec);
     };
@@ -131,14 +121,15 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       store.addKeyGroup(rec);
     };
   };
-
   // `count` attributes of `bytes` bytes each, beyond a record's bounds.
   const auto crowd = [](AttributeList& list, int count, size_t bytes) {
     for (int i = 0; i < count; ++i) {
       list.addAttribute("a" + std::to_string(i), std::string(bytes, 'v'));
     }
   };
-
+  // (The process tests also run a bad key name, a stale update, a move to
+  // another cipher type, the deletion of an inactive key, a group name taken,
+  // a group update of nothing and the deletion of a group with keys.)
   struct Case {
     const char* what;
     int expected;
@@ -147,7 +138,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   const std::vector<Case> cases = {
       // addKey and addKeyWithKnownTag, in the order of their checks.
       {"add: empty name", 1214, [&] { store.addKey(request(g1.tag(), "", KEY_ACTIVE), ""); }},
-      {"add: bad name", 1287, [&] { store.addKey(request(g1.tag(), " x", KEY_ACTIVE), ""); }},
       {"add: 65 attributes", 1214,
        [&] {
          KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
@@ -182,7 +172,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: nothing", 1241, updateKey(k1, [](KeyRecord_v1&) {})},
       {"update: only another key value", 1241,
        updateKey(k1, [](KeyRecord_v1& r) { r.setKey(std::string(32, 'K')); })},
-      {"update: old revision", 1228, updateKey(k1, [](KeyRecord_v1& r) { r.setRev(r.rev() - 1); })},
       {"update: old update time", 1228,
        updateKey(k1,
                  [](KeyRecord_v1& r) {
@@ -194,23 +183,17 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: KPK tag", 1253, updateKey(k1, [](KeyRecord_v1& r) { r.setKpkTag("other"); })},
       {"update: active to deprecated", 1240,
        updateKey(k2, [](KeyRecord_v1& r) { r.setState(KEY_DEPRECATED); })},
-      {"update: inactive to prelive", 1240,
-       updateKey(k1, [](KeyRecord_v1& r) { r.setState(KEY_PRELIVE); })},
       {"update: to unknown group", 1229,
        updateKey(k1, [&](KeyRecord_v1& r) { r.setKeyGroup(unknown); })},
-      {"update: to other cipher type", 1230,
-       updateKey(k1, [&](KeyRecord_v1& r) { r.setKeyGroup(g2.tag()); })},
       {"update: rename onto a sibling", 1231,
        updateKey(k1, [](KeyRecord_v1& r) { r.setName("k2"); })},
       // deleteKeyRecord: only the two ends of the line.
       {"delete key: unknown", 1260, [&] { store.deleteKeyRecord(unknown); }},
       {"delete key: active", 1242, [&] { store.deleteKeyRecord(k2.tag()); }},
-      {"delete key: inactive", 1242, [&] { store.deleteKeyRecord(k1.tag()); }},
       // Groups.
       {"add group: empty name", 1214, addGroup("", CT_AES256_CBC)},
       {"add group: cipher type 0", 1214, addGroup("x", CT_INVALID_CBC)},
       {"add group: bad name", 1287, addGroup("x/y", CT_AES256_CBC)},
-      {"add group: name taken", 1232, addGroup("g2", CT_AES256_CBC)},
       {"add group: 65 attributes", 1214,
        [&] {
          KeyGrpRecord_v1 rec;
@@ -227,7 +210,6 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
        updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName("-g1"); })},
       {"update group: unknown", 1229,
        updateGroup(g1, [&](KeyGrpRecord_v1& r) { r.setTag(unknown); })},
-      {"update group: nothing", 1241, updateGroup(g1, [](KeyGrpRecord_v1&) {})},
       {"update group: old revision", 1228,
        updateGroup(g1,
                    [](KeyGrpRecord_v1& r) {
@@ -236,12 +218,8 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
                    })},
       {"update group: cipher type", 1228,
        updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setCipherType(CT_AES128_CBC); })},
-      {"update group: name taken", 1232,
-       updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName("g3"); })},
       {"delete group: unknown", 1229, [&] { store.deleteKeyGroupRecord(unknown, true); }},
-      {"delete group: keys, no force", 1222, [&] { store.deleteKeyGroupRecord(g1.tag(), false); }},
   };
-
   const Snapshot before = snapshotOf(store);
   const std::vector<std::string> filesBefore = live.files();
   ASSERT_EQ(before.groups.size(), 3u);
@@ -262,7 +240,6 @@ TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) 
     live.addKey(full.tag(), "b", KEY_PRELIVE);
     const KeyRecord_v1 c = live.addKey(other.tag(), "c", KEY_ACTIVE);
     const Snapshot before = snapshotOf(*live);
-
     EXPECT_EQ(codeOf([&] { live.addGroup("third"); }), 1262);
     EXPECT_EQ(codeOf([&] { live.addKey(full.tag(), "third", KEY_PRELIVE); }), 1263);
     KeyRecord_v1 move = live->getKeyRecord(c.tag());
@@ -291,36 +268,28 @@ TEST_F(FileKeyStoreChangesTest, ANewActiveKeyDemotesTheOldOneInsteadOfBeingRefus
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyGrpRecord_v1 h = live.addGroup("h");
-
+  // `demoted` is inactive now, at its second revision, changed with `by`.
+  const auto expectDemoted = [&](const KeyRecord_v1& demoted, const KeyRecord_v1& by) {
+    const KeyRecord_v1 now = store.getKeyRecord(demoted.tag());
+    EXPECT_EQ(std::make_tuple(now.state(), now.rev(), now.updateTime(), now.createTime()),
+              std::make_tuple(KEY_INACTIVE, 2u, by.updateTime(), demoted.createTime()));
+  };
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
   EXPECT_EQ(a.rev(), 1u);
   EXPECT_EQ(a.createTime(), a.updateTime());
   EXPECT_TRUE(a.key().empty());
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
-  KeyRecord_v1 aNow = store.getKeyRecord(a.tag());
-  EXPECT_EQ(aNow.state(), KEY_INACTIVE);
-  EXPECT_EQ(aNow.rev(), 2u);
-  EXPECT_EQ(aNow.updateTime(), b.updateTime());
-  EXPECT_EQ(aNow.createTime(), a.createTime());
+  expectDemoted(a, b);
+  live.addKey(g.tag(), "p", KEY_PRELIVE);  // demotes nothing
   EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
-
-  // A pre-live key demotes nothing.
-  live.addKey(g.tag(), "p", KEY_PRELIVE);
-  EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
-
   // Re-activating the old key demotes the new one.
-  KeyRecord_v1 request = aNow;
+  KeyRecord_v1 request = store.getKeyRecord(a.tag());
   request.setState(KEY_ACTIVE);
   const KeyRecord_v1 aBack = store.updateKeyRecord(request);
-  EXPECT_EQ(aBack.state(), KEY_ACTIVE);
-  EXPECT_EQ(aBack.rev(), 3u);
-  EXPECT_EQ(aBack.createTime(), a.createTime());
+  EXPECT_EQ(std::make_tuple(aBack.state(), aBack.rev(), aBack.createTime()),
+            std::make_tuple(KEY_ACTIVE, 3u, a.createTime()));
   EXPECT_TRUE(aBack.key().empty());
-  const KeyRecord_v1 bNow = store.getKeyRecord(b.tag());
-  EXPECT_EQ(bNow.state(), KEY_INACTIVE);
-  EXPECT_EQ(bNow.rev(), 2u);
-  EXPECT_EQ(bNow.updateTime(), aBack.updateTime());
-
+  expectDemoted(b, aBack);
   // Moving the active key into a group with an active key demotes that
   // group's key, though the moving key's state stays.
   const KeyRecord_v1 c = live.addKey(h.tag(), "c", KEY_ACTIVE);
@@ -328,17 +297,10 @@ TEST_F(FileKeyStoreChangesTest, ANewActiveKeyDemotesTheOldOneInsteadOfBeingRefus
   move.setKeyGroup(h.tag());
   const KeyRecord_v1 moved = store.updateKeyRecord(move);
   EXPECT_EQ(moved.state(), KEY_ACTIVE);
-  const KeyRecord_v1 cNow = store.getKeyRecord(c.tag());
-  EXPECT_EQ(cNow.state(), KEY_INACTIVE);
-  EXPECT_EQ(cNow.rev(), 2u);
-  EXPECT_EQ(cNow.updateTime(), moved.updateTime());
+  expectDemoted(c, moved);
   EXPECT_EQ(store.getActiveKeyRecord(h.tag()).tag(), a.tag());
   EXPECT_EQ(codeOf([&] { store.getActiveKeyRecord(g.tag()); }), 1227);
-
-  // The copy read before the move is stale now.
-  EXPECT_EQ(codeOf([&] { store.updateKeyRecord(request); }), 1228);
-
-  // All of it is on disk.
+  EXPECT_EQ(codeOf([&] { store.updateKeyRecord(request); }), 1228);  // stale now
   const Snapshot before = snapshotOf(store);
   ASSERT_EQ(store.shutdown(), 0);
   ASSERT_EQ(store.init(), 0);
@@ -349,7 +311,6 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   LiveStore live;
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g", CT_AES128_CBC);
-
   // Random: of the group's key length; a salt sent along is dropped.
   KeyRecord_v1 request = LiveStore::keyRecord(g.tag(), "random", KEY_ACTIVE);
   request.attributes().addAttribute("KEY_SALT", "5302");
@@ -359,40 +320,13 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   EXPECT_TRUE(random.attributes().find("KEY_SALT") == random.attributes().end());
   EXPECT_EQ(random.attributes().getAttribute("owner"), "tests");
   EXPECT_EQ(random.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());
-
-  // From a passphrase with a new salt; then walked to the end of its life,
-  // deleted, and brought back under its tag with the same value.
-  const std::string passphrase = "several words of passphrase";
-  const KeyRecord_v1 salted = live.addKey(g.tag(), "salted", KEY_PRELIVE, passphrase);
+  // From a passphrase with a new salt (its whole life and the way back under
+  // its tag are run by the process tests).
+  const KeyRecord_v1 salted = live.addKey(g.tag(), "salted", KEY_PRELIVE, "several words");
   const std::string saltHex = salted.attributes().getAttribute("KEY_SALT");
   EXPECT_EQ(saltHex.size(), 48u);
   EXPECT_EQ(saltHex.substr(0, 4), "5302");
   EXPECT_EQ(salted.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());
-  KeyRecord_v1 step = store.getKeyRecord(salted.tag());
-  std::string value;
-  for (ks_keystate_t state : {KEY_ACTIVE, KEY_INACTIVE, KEY_DEPRECATED, KEY_TERMINATED}) {
-    step.setState(state);
-    step = store.updateKeyRecord(step);
-    if (state == KEY_ACTIVE) {
-      // The random key was demoted on the way.
-      EXPECT_EQ(store.getKeyRecord(random.tag()).state(), KEY_INACTIVE);
-      value = store.getKey(salted.tag()).key();
-    }
-  }
-  EXPECT_EQ(step.rev(), 5u);
-  EXPECT_EQ(value.size(), 16u);
-  store.deleteKeyRecord(salted.tag());
-  EXPECT_EQ(codeOf([&] { store.getKeyRecord(salted.tag()); }), 1260);
-
-  KeyRecord_v1 back = LiveStore::keyRecord(g.tag(), "salted", KEY_INACTIVE);
-  back.setTag(salted.tag());
-  back.attributes().addAttribute("KEY_SALT", saltHex);
-  const KeyRecord_v1 restored = store.addKeyWithKnownTag(back, passphrase);
-  EXPECT_EQ(restored.tag(), salted.tag());
-  EXPECT_TRUE(restored.key().empty());
-  EXPECT_EQ(restored.attributes().getAttribute("KEY_SALT"), saltHex);
-  EXPECT_EQ(store.getKey(salted.tag()).key(), value);
-
   // A known tag without salt: the older derivation, never FIPS-acceptable.
   KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
   legacy.setTag(Utils::getRandData(32));
@@ -403,40 +337,32 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   EXPECT_TRUE(old.attributes().find("KEY_SALT") == old.attributes().end());
 }
 
-// Random sources for the next test: zero bytes (a bad tag or key) for
-// requests of one length, the system generator for all others.
-size_t g_zeroLength = 0;
-int g_zeroTimes = 0;
+// A random source giving zero bytes (a bad tag or key) `g_times` times (-1:
+// always; -2: failing instead) for requests of `g_length` bytes; the system
+// generator for all others.
+size_t g_length = 0;
+int g_times = 0;
 
-// The system generator, from inside a source that stands in for it.
-int systemRandom(unsigned char* buf, size_t len) {
+int badForOneLength(unsigned char* buf, size_t len) {
+  if (len == g_length && g_times == -2) {
+    return 1;
+  }
+  if (len == g_length && g_times != 0) {
+    g_times -= g_times > 0 ? 1 : 0;
+    std::memset(buf, 0, len);
+    return 0;
+  }
   const MangleRandomSource installed = mangleSetRandomSource(nullptr);
   const int rc = mangleGetRandom(buf, len);
   mangleSetRandomSource(installed);
   return rc;
 }
 
-int zeroesForOneLength(unsigned char* buf, size_t len) {
-  if (len == g_zeroLength && g_zeroTimes != 0) {
-    if (g_zeroTimes > 0) {
-      --g_zeroTimes;
-    }
-    std::memset(buf, 0, len);
-    return 0;
-  }
-  return systemRandom(buf, len);
-}
-
-int failForOneLength(unsigned char* buf, size_t len) {
-  return len == g_zeroLength ? 1 : systemRandom(buf, len);
-}
-
-class RandomSource {
- public:
-  RandomSource(MangleRandomSource source, size_t length, int times) {
-    g_zeroLength = length;
-    g_zeroTimes = times;
-    mangleSetRandomSource(source);
+struct RandomSource {
+  RandomSource(size_t length, int times) {
+    g_length = length;
+    g_times = times;
+    mangleSetRandomSource(&badForOneLength);
   }
   ~RandomSource() { mangleSetRandomSource(nullptr); }
 };
@@ -447,24 +373,24 @@ TEST_F(FileKeyStoreChangesTest, WithoutGoodRandomBytesNothingIsAdded) {
   const Snapshot before = snapshotOf(*live);
   LogCapture log;
   {
-    const RandomSource badTags(&zeroesForOneLength, 32, -1);
+    const RandomSource badTags(32, -1);
     EXPECT_EQ(codeOf([&] { live.addGroup("h"); }), 1200);
   }
   {
-    const RandomSource badKeys(&zeroesForOneLength, 16, -1);
+    const RandomSource badKeys(16, -1);
     EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "k", KEY_ACTIVE); }), 1200);
   }
   EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-50 ").size(), 1u);
   {
-    const RandomSource noSalt(&failForOneLength, 22, 0);
+    const RandomSource noSalt(22, -2);
     EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "k", KEY_ACTIVE, "words"); }), 1200);
   }
   EXPECT_TRUE(snapshotOf(*live) == before);
   {
     // Bad keys are drawn again: 19 bad ones and then a good one will do.
-    const RandomSource nineteenBad(&zeroesForOneLength, 16, 19);
+    const RandomSource nineteenBad(16, 19);
     const KeyRecord_v1 k = live.addKey(g.tag(), "k", KEY_ACTIVE);
-    EXPECT_EQ(g_zeroTimes, 0);
+    EXPECT_EQ(g_times, 0);
     EXPECT_FALSE(FileKeyStore::isBadKey(live->getKey(k.tag()).key()));
   }
 }
@@ -476,63 +402,26 @@ TEST_F(FileKeyStoreChangesTest, ForcedGroupDeletionTakesKeysInAnyState) {
   const KeyGrpRecord_v1 h = live.addGroup("h");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
-  const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
+  store.deleteKeyRecord(live.addKey(g.tag(), "p", KEY_PRELIVE).tag());
   const KeyRecord_v1 other = live.addKey(h.tag(), "other", KEY_ACTIVE);
-
-  store.deleteKeyRecord(p.tag());
   EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{2}));
   store.deleteKeyGroupRecord(g.tag(), true);
   EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
-  for (const KeyRecord_v1* gone : {&a, &b}) {
-    EXPECT_EQ(codeOf([&] { store.getKeyRecord(gone->tag()); }), 1260);
-  }
-  EXPECT_EQ(codeOf([&] { store.getKeyGroupRecord(g.tag()); }), 1229);
+  EXPECT_EQ(codeOf([&] { store.getKeyRecord(a.tag()); }), 1260);
+  EXPECT_EQ(codeOf([&] { store.getKeyRecord(b.tag()); }), 1260);
   EXPECT_EQ(store.getKey(other.tag()).tag(), other.tag());
-
-  // An empty group goes without force; the group record reports its keys.
-  const KeyGrpRecord_v1 e = live.addGroup("e");
-  EXPECT_EQ(store.getKeyGroupRecord(h.tag()).numKeys(), 1u);
-  EXPECT_TRUE(store.getKeyGroupRecord(h.tag()).hasActiveKey());
-  KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(e.tag());
-  renamed.setName("empty");
-  renamed.setDescription("nothing in it");
-  const KeyGrpRecord_v1 updated = store.updateKeyGroupRecord(renamed);
-  EXPECT_EQ(updated.rev(), 2u);
-  EXPECT_EQ(updated.name(), "empty");
-  EXPECT_EQ(updated.createTime(), e.createTime());
+  // An empty group goes without force.
+  KeyGrpRecord_v1 e = live.addGroup("e");
+  e.setName("empty");
+  const KeyGrpRecord_v1 updated = store.updateKeyGroupRecord(e);
+  EXPECT_EQ(std::make_tuple(updated.rev(), updated.name(), updated.createTime()),
+            std::make_tuple(2u, std::string("empty"), e.createTime()));
   store.deleteKeyGroupRecord(e.tag(), false);
-  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
-
   const Snapshot before = snapshotOf(store);
+  ASSERT_EQ(before.groups.size(), 1u);
   ASSERT_EQ(store.shutdown(), 0);
   ASSERT_EQ(store.init(), 0);
   EXPECT_TRUE(snapshotOf(store) == before);
-}
-
-TEST(FileKeyStoreChangesDeathTest, AKeyOfAMissingGroupEndsTheProcessWhenItMoves) {
-  // The dying statement runs in a new process of this binary; this variable
-  // makes both write to the same log.
-  const char* kDirVariable = "VRKMS_TEST_CHANGES_ASSERTION_LOG";
-  std::optional<TempRoot> own;
-  if (std::getenv(kDirVariable) == nullptr) {
-    own.emplace("vrkms-changes-assert");
-    setenv(kDirVariable, own->path().c_str(), 1);
-  }
-  LogCapture log(1, std::getenv(kDirVariable));
-  const std::string present(32, 'p');
-  storetest::StoreContent content;
-  content.addGroup(present, "present");
-  content.addKey(std::string(32, 'k'), std::string(32, 'm'), "orphan", KEY_INACTIVE);
-  TempRoot root("vrkms-changes-orphan");
-  storetest::MemoryStore store{KMSFileLocator(root.path())};
-  store.install(content);
-  KeyRecord_v1 move = store.getKeyRecord(std::string(32, 'k'));
-  move.setKeyGroup(present);
-  EXPECT_DEATH(store.updateKeyRecord(move), "");
-  unsetenv(kDirVariable);
-  EXPECT_EQ(LogCapture::containing(log.appLines(), "Assertion failed: (ogiter != m_kgtable->end())")
-                .size(),
-            1u);
 }
 
 }  // namespace

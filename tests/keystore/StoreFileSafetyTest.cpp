@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "keystore/StoreFilesTestUtil.h"
+#include "keystore/StoreTestState.h"
 #include "kms/server/keystore/files/FileFaults.h"
 #include "support/LogCapture.h"
 
@@ -18,17 +18,11 @@ using namespace Vaultrest::DL::KMS;
 namespace {
 
 bool logged(const LogCapture& log, const std::string& text) {
-  for (const std::string& line : log.appLines()) {
-    if (line.find(text) != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
+  return !LogCapture::containing(log.appLines(), text).empty();
 }
 
 // Puts a symlink to `target` in place of `path` at the first file operation
-// after the one that created `path`: what another user can do in a
-// directory it may write.
+// after the one that created `path`, as another user could.
 class SwapAfterCreate : public FileOpRecorder {
  public:
   SwapAfterCreate(std::string path, std::string target)
@@ -52,12 +46,12 @@ class SwapAfterCreate : public FileOpRecorder {
   bool m_swapped = false;
 };
 
-class StoreFileSafety : public storefiles::TwoStatesTest {
+class StoreFileSafety : public storetest::TwoStatesTest {
  protected:
   // An empty file anyone may write, as the other user would plant it.
   std::string plantTarget() {
     const std::string path = m_root.root.file("planted");
-    storefiles::writeBytes(path, "");
+    storetest::writeBytes(path, "");
     ::chmod(path.c_str(), 0666);
     return path;
   }
@@ -90,7 +84,7 @@ TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
       code = commitNew();
     }
     ASSERT_TRUE(swap.swapped());
-    EXPECT_EQ(storefiles::readBytes(planted), "");
+    EXPECT_EQ(storetest::readBytes(planted), "");
     EXPECT_EQ(code, 1276);
     EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
   }
@@ -140,7 +134,6 @@ TEST_F(StoreFileSafety, DirectoriesAndFilesOthersMayChangeRefuseTheStart) {
   resetToOld();
   FileKeyStore store(locator);
   EXPECT_EQ(store.init(), 0);
-
   if (::geteuid() != 0) {
     GTEST_SKIP() << "files of another owner need root to make";
   }

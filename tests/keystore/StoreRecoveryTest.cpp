@@ -10,13 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "keystore/StoreFilesTestUtil.h"
+#include "keystore/StoreTestState.h"
 #include "kms/server/keystore/files/FileFaults.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;
-using storefiles::StoreSnapshot;
+using storetest::StoreSnapshot;
 
 namespace {
 
@@ -74,13 +74,12 @@ std::string hex(unsigned mask) {
   return text;
 }
 
-class StoreRecovery : public storefiles::TwoStatesTest {
+class StoreRecovery : public storetest::TwoStatesTest {
  protected:
-  // Lays out `mask` as a commit would have left it: "new" files hold the
-  // new state, "bak" files the old one, and "dat" files the old state until
-  // the second renames have begun and the new one after.
+  // Lays out `mask` as a commit would have left it ("dat" files new once the
+  // second renames have begun).
   void place(unsigned mask, bool datIsNew) {
-    storefiles::removeAll(m_root.locator);
+    storetest::removeAll(m_root.locator);
     s_new->placeMasked(m_root.locator, mask, kNewBits);
     s_old->placeMasked(m_root.locator, mask, kBakBits);
     (datIsNew ? s_new : s_old)->placeMasked(m_root.locator, mask, kDatBits);
@@ -93,63 +92,57 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
   for (unsigned mask = 0; mask < 0x200; ++mask) {
     SCOPED_TRACE(hex(mask));
     const auto row = recoveryRows().find(mask);
-
     if (row == recoveryRows().end()) {
       place(mask, false);
-      const std::vector<std::string> before = storefiles::contentsOf(locator);
+      const std::vector<std::string> before = storetest::contentsOf(locator);
       EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(locator); }), 1275);
-      EXPECT_EQ(storefiles::contentsOf(locator), before);
+      EXPECT_EQ(storetest::contentsOf(locator), before);
       continue;
     }
-
     acted.insert(mask);
     const Row action = row->second;
     const bool datIsNew = action == Row::FromSecondRenames || action == Row::Finish;
     place(mask, datIsNew);
-    const std::vector<std::string> before = storefiles::contentsOf(locator);
+    const std::vector<std::string> before = storetest::contentsOf(locator);
     std::vector<int> logged;
     {
       LogCapture log(0);
       FileKeyStore::recoverDB(locator);
       logged = appMessageIds(log);
     }
-
     FileKeyStore store(locator);
     switch (action) {
       case Row::Clean:
         EXPECT_EQ(logged, std::vector<int>({40}));
         EXPECT_TRUE(s_old->isOnDiskAsDat(locator));
         ASSERT_EQ(store.init(), 0);
-        s_old->expectServedBy(store);
+        EXPECT_TRUE(s_old->isServedBy(store));
         break;
-
       case Row::Missing: {
         // One message 39 for each missing "dat"; nothing changes, and the
         // read names the gap.
         const size_t missing =
             3 - (((mask & 0x100) != 0) + ((mask & 0x020) != 0) + ((mask & 0x004) != 0));
         EXPECT_EQ(logged, std::vector<int>(missing, 39));
-        EXPECT_EQ(storefiles::contentsOf(locator), before);
+        EXPECT_EQ(storetest::contentsOf(locator), before);
         EXPECT_EQ(store.init(), openFailureOf(mask));
         EXPECT_FALSE(store.isInitialized());
         break;
       }
-
       case Row::RollBack:
         EXPECT_EQ(logged, std::vector<int>({41, 55, 42}));
-        EXPECT_EQ(storefiles::maskOf(locator), mask & kDatBits);
+        EXPECT_EQ(storetest::maskOf(locator), mask & kDatBits);
         if (mask == 0x196) {
           // The odd member: its only KPK file was a "new" one, and rolling
           // back deleted it.
-          EXPECT_EQ(storefiles::maskOf(locator), 0x104u);
+          EXPECT_EQ(storetest::maskOf(locator), 0x104u);
           EXPECT_EQ(store.init(), 1248);
         } else {
           EXPECT_TRUE(s_old->isOnDiskAsDat(locator));
           ASSERT_EQ(store.init(), 0);
-          s_old->expectServedBy(store);
+          EXPECT_TRUE(s_old->isServedBy(store));
         }
         break;
-
       case Row::FromFirstRenames:
       case Row::FromSecondRenames:
       case Row::Finish:
@@ -157,7 +150,7 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
         EXPECT_EQ(logged, std::vector<int>({41, 56, 42}));
         EXPECT_TRUE(s_new->isOnDiskAsDat(locator));
         ASSERT_EQ(store.init(), 0);
-        s_new->expectServedBy(store);
+        EXPECT_TRUE(s_new->isServedBy(store));
         break;
     }
   }
@@ -168,76 +161,65 @@ TEST_F(StoreRecovery, RefusalLogsMessage54AndInitReportsIt) {
   // HMK "new" and store "new" beside the three "dat", without KPK "new":
   // the combination that the roll-back row leaves out.
   place(0x1a6, false);
-  const std::vector<std::string> before = storefiles::contentsOf(m_root.locator);
+  const std::vector<std::string> before = storetest::contentsOf(m_root.locator);
   FileKeyStore store(m_root.locator);
   LogCapture log(0);
   EXPECT_EQ(store.init(), 1275);
   EXPECT_FALSE(store.isInitialized());
   EXPECT_EQ(appMessageIds(log), std::vector<int>({54}));
-  EXPECT_EQ(storefiles::contentsOf(m_root.locator), before);
+  EXPECT_EQ(storetest::contentsOf(m_root.locator), before);
 }
 
+// A failed rename (the roll forward of 0x0f6 renames KPK "dat" first), a
+// failed delete (of HMK "bak" when 0x16d finishes) and a failed directory
+// sync: 1274, and the next start finishes.
 TEST_F(StoreRecovery, AFailedRenameOrDeleteIs1274AndTheNextStartFinishes) {
-  // After the HMK's first rename (0x0f6): the roll forward renames KPK "dat"
-  // first; make that fail.
-  place(0x0f6, false);
-  {
-    FailNthFileOp failRename(1, EACCES, FileOp::Rename);
-    ScopedFileFaultHook hook(&failRename);
-    EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
+  const struct {
+    unsigned mask;
+    FileOp op;
+  } rows[] = {{0x0f6, FileOp::Rename}, {0x16d, FileOp::Unlink}, {0x16d, FileOp::SyncDir}};
+  for (const auto& row : rows) {
+    place(row.mask, row.mask == 0x16d);
+    {
+      FailNthFileOp failure(1, EACCES, row.op);
+      ScopedFileFaultHook hook(&failure);
+      EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
+    }
+    if (row.op != FileOp::SyncDir) {  // the sync follows a change
+      EXPECT_EQ(storetest::maskOf(m_root.locator), row.mask);
+    }
+    FileKeyStore store(m_root.locator);
+    ASSERT_EQ(store.init(), 0);
+    EXPECT_TRUE(s_new->isServedBy(store));
   }
-  EXPECT_EQ(storefiles::maskOf(m_root.locator), 0x0f6u);
-
-  // Finishing with the old copies: the delete of HMK "bak" fails.
-  place(0x16d, true);
-  {
-    FailNthFileOp failDelete(1, EACCES, FileOp::Unlink);
-    ScopedFileFaultHook hook(&failDelete);
-    EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
-  }
-  EXPECT_EQ(storefiles::maskOf(m_root.locator), 0x16du);
-
-  // A directory that cannot be synced after a rename fails the same way.
-  {
-    FailNthFileOp failSync(1, EIO, FileOp::SyncDir);
-    ScopedFileFaultHook hook(&failSync);
-    EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
-  }
-
-  FileKeyStore store(m_root.locator);
-  ASSERT_EQ(store.init(), 0);
-  s_new->expectServedBy(store);
 }
 
 TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingTouched) {
   const KMSFileLocator& locator = m_root.locator;
-  // 0x0f6 goes forward to the "new" files and deletes the old copies: with
-  // a damaged "new" that would leave no readable store at all.
+  // 0x0f6 goes forward to the "new" files: a damaged one would leave nothing.
   for (const bool truncateStore : {true, false}) {
     SCOPED_TRACE(truncateStore ? "store \"new\" truncated" : "HMK \"new\" with a bit flipped");
     place(0x0f6, false);
     const std::string& path = truncateStore ? locator.ksNewPath() : locator.hmkNewPath();
-    std::string bytes = storefiles::readBytes(path);
+    std::string bytes = storetest::readBytes(path);
     if (truncateStore) {
       bytes.resize(bytes.size() / 2);
     } else {
       bytes.back() ^= 0x01;
     }
-    storefiles::writeBytes(path, bytes);
-    const std::vector<std::string> before = storefiles::contentsOf(locator);
+    storetest::writeBytes(path, bytes);
+    const std::vector<std::string> before = storetest::contentsOf(locator);
     {
       LogCapture log(0);
       EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(locator); }), 1275);
       EXPECT_EQ(appMessageIds(log), std::vector<int>({111}));
     }
-    EXPECT_EQ(storefiles::contentsOf(locator), before);
-    // Remaking a key file or the store on such files is refused, touching
-    // nothing.
+    EXPECT_EQ(storetest::contentsOf(locator), before);
     FileKeyStore store(locator);
     EXPECT_EQ(store.createHMKFile("passphrase", true, false), 1275);
     EXPECT_EQ(store.createKPKFile("passphrase", true, false), 1275);
     EXPECT_EQ(store.createEmpty("", "hmk", "", "kpk", true), 1275);
-    EXPECT_EQ(storefiles::contentsOf(locator), before);
+    EXPECT_EQ(storetest::contentsOf(locator), before);
   }
   // Undamaged, a remake recovers first (and then finds the passphrase
   // wrong for the random HMK): no key file lands beside "new" and "bak".

@@ -1,43 +1,45 @@
-// A key store served from a state built in memory, for tests of the store's
-// state rules, lookups and locking that must not depend on the files.
-//
-//   StoreContent content;
-//   content.addGroup(groupTag, "g1");
-//   content.addKey(keyTag, groupTag, "k1", KEY_ACTIVE);   // random plain key
-//   MemoryStore store(locator);
-//   store.install(content);                               // live, count 0
+// Stores for tests: states built in memory (StoreContent) and served by a
+// MemoryStore, whole stores on disk placed again by copying bytes (with the
+// recovery mask of a directory as seen without the code under test), and
+// live stores on real files whose every change runs the real commit.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <list>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
+#include "kms/platform/InstallRoot.h"
 #include "kms/server/diagnostics/KeyStoreError.h"
 #include "kms/server/keystore/crypto/KPKMgr.h"
 #include "kms/server/keystore/crypto/KeyWrap.h"
 #include "kms/server/keystore/crypto/RandData.h"
+#include "kms/server/keystore/files/FileUtils.h"
+#include "kms/server/keystore/files/KMSConfig.h"
 #include "kms/server/keystore/files/KMSFileLocator.h"
+#include "kms/server/keystore/format/KSInputBuffer.h"
 #include "kms/server/keystore/format/KSMetadata.h"
 #include "kms/server/keystore/format/KeyFile.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
+#include "support/TempRoot.h"
 
 namespace storetest {
 
-using Vaultrest::DL::KMS::FileKeyStore;
-using Vaultrest::DL::KMS::KeyFile;
-using Vaultrest::DL::KMS::KeyGrpRecord_v1;
-using Vaultrest::DL::KMS::KeyRecord_v1;
-using Vaultrest::DL::KMS::KeyStoreError;
-using Vaultrest::DL::KMS::KMSFileLocator;
-using Vaultrest::DL::KMS::KPKMgr;
-using Vaultrest::DL::KMS::KSCrypt;
-using Vaultrest::DL::KMS::KSMetadata;
+using namespace Vaultrest::DL::KMS;
 
-// The code a store call reports: the status it returns, or the status of
-// the KeyStoreError it throws; 0 for a call that throws nothing and returns
-// nothing.
+// The status a store call returns or throws (0 for none).
 template <typename F>
 int codeOf(F&& call) {
   try {
@@ -52,8 +54,7 @@ int codeOf(F&& call) {
   }
 }
 
-// The process's FIPS decision for the scope. By default this process did
-// not ask for FIPS mode, so that init does not refuse with 1286.
+// The process's FIPS decision for the scope; by default not asked for.
 class FipsDecision {
  public:
   explicit FipsDecision(bool disabled = true) : m_saved(FileKeyStore::g_fips_mode_disabled) {
@@ -67,19 +68,18 @@ class FipsDecision {
   bool m_saved;
 };
 
-// Tables and master keys of a store in the making. Keys are wrapped under
-// the content's KPK as the store keeps them; plainKey(tag) tells what each
-// must unwrap to.
+// Tables and master keys of a store in the making, keys wrapped under the
+// KPK; plainKey(tag) tells what each must unwrap to.
 class StoreContent {
  public:
   StoreContent()
-      : m_hmk(Vaultrest::DL::KMS::Utils::getRandData(32)),
-        m_kpk(Vaultrest::DL::KMS::Utils::getRandData(32)),
+      : m_hmk(Utils::getRandData(32)),
+        m_kpk(Utils::getRandData(32)),
         m_kpkMgr(m_kpk, KSCrypt::AES_256_GCM, FileKeyStore::kCurrentVersion, true),
         m_keys(true) {}
 
   void addGroup(const std::string& tag, const std::string& name,
-                Vaultrest::DL::KMS::ks_ciphertype_t cipher = Vaultrest::DL::KMS::CT_AES256_CBC) {
+                ks_ciphertype_t cipher = CT_AES256_CBC) {
     KeyGrpRecord_v1 rec;
     rec.setFields(tag, name, cipher, 1000, 1000, "group " + name, 1);
     if (!m_groups.addRecord(rec)) {
@@ -89,19 +89,18 @@ class StoreContent {
 
   // Adds a key with a fresh random plain key, wrapped under the KPK.
   void addKey(const std::string& tag, const std::string& group, const std::string& name,
-              Vaultrest::DL::KMS::ks_keystate_t state) {
-    const std::string plain = Vaultrest::DL::KMS::Utils::getRandData(32);
-    addRawKey(tag, group, name, state,
-              m_kpkMgr.encryptKey(plain, Vaultrest::DL::KMS::KPK_LOCAL, std::string()));
+              ks_keystate_t state) {
+    const std::string plain = Utils::getRandData(32);
+    addRawKey(tag, group, name, state, m_kpkMgr.encryptKey(plain, KPK_LOCAL, std::string()));
     m_plain[tag] = plain;
   }
 
   // Adds a key whose stored (wrapped) form is `stored` as given.
   void addRawKey(const std::string& tag, const std::string& group, const std::string& name,
-                 Vaultrest::DL::KMS::ks_keystate_t state, const std::string& stored) {
+                 ks_keystate_t state, const std::string& stored) {
     KeyRecord_v1 rec;
-    rec.setFields(tag, name, group, state, 2000, 2000, "key " + name, 1,
-                  Vaultrest::DL::KMS::KPK_LOCAL, std::string(), stored);
+    rec.setFields(tag, name, group, state, 2000, 2000, "key " + name, 1, KPK_LOCAL, std::string(),
+                  stored);
     if (!m_keys.addRecord(rec)) {
       throw std::logic_error("key refused by the table");
     }
@@ -113,8 +112,7 @@ class StoreContent {
   const FileKeyStore::GroupTable& groups() const { return m_groups; }
   const std::string& hmk() const { return m_hmk; }
 
-  // The HMK file, the KPK file (KPK wrapped under the HMK) and the metadata
-  // with verifiers of both keys, ids "hmk-id" and "kpk-id".
+  // The key files and the metadata (ids "hmk-id" and "kpk-id").
   std::unique_ptr<KeyFile> hmkFile() const {
     auto file = std::make_unique<KeyFile>(FileKeyStore::kCurrentVersion);
     file->setKey(m_hmk);
@@ -122,8 +120,8 @@ class StoreContent {
   }
   std::unique_ptr<KeyFile> kpkFile() const {
     auto file = std::make_unique<KeyFile>(FileKeyStore::kCurrentVersion);
-    file->setKey(Vaultrest::DL::KMS::Utils::encryptKeyWithKey(m_kpk, m_hmk, KSCrypt::AES_256_GCM,
-                                                              FileKeyStore::kCurrentVersion));
+    file->setKey(Utils::encryptKeyWithKey(m_kpk, m_hmk, KSCrypt::AES_256_GCM,
+                                          FileKeyStore::kCurrentVersion));
     return file;
   }
   std::unique_ptr<KSMetadata> metadata() const {
@@ -157,7 +155,6 @@ class MemoryStore : public FileKeyStore {
  public:
   explicit MemoryStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
 
-  // Installs copies of the content's objects as the live state.
   void install(const StoreContent& content) {
     installState(content.hmkFile(), content.kpkFile(), std::make_unique<KPKMgr>(content.kpkMgr()),
                  content.metadata(), std::make_unique<KeyTable>(content.keys()),
@@ -168,5 +165,343 @@ class MemoryStore : public FileKeyStore {
   using FileKeyStore::maxKeyGroups;
   using FileKeyStore::maxKeysPerGroup;
 };
+
+inline bool exists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+inline std::string readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void writeBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// One of the nine paths with its bit of the recovery mask.
+struct MaskedPath {
+  std::string path;
+  unsigned bit;
+};
+
+// HMK, KPK, store; each "dat", "new", "bak".
+inline std::vector<MaskedPath> ninePaths(const KMSFileLocator& locator) {
+  return {
+      {locator.hmkPath(), 0x100}, {locator.hmkNewPath(), 0x080}, {locator.hmkBakPath(), 0x040},
+      {locator.kpkPath(), 0x020}, {locator.kpkNewPath(), 0x010}, {locator.kpkBakPath(), 0x008},
+      {locator.ksPath(), 0x004},  {locator.ksNewPath(), 0x002},  {locator.ksBakPath(), 0x001},
+  };
+}
+
+// The mask of the files that exist now.
+inline unsigned maskOf(const KMSFileLocator& locator) {
+  unsigned mask = 0;
+  for (const MaskedPath& p : ninePaths(locator)) {
+    if (exists(p.path)) {
+      mask |= p.bit;
+    }
+  }
+  return mask;
+}
+
+// The bytes of all nine paths ("" for a missing one).
+inline std::vector<std::string> contentsOf(const KMSFileLocator& locator) {
+  std::vector<std::string> out;
+  for (const MaskedPath& p : ninePaths(locator)) {
+    out.push_back(exists(p.path) ? "+" + readBytes(p.path) : std::string());
+  }
+  return out;
+}
+
+inline void removeAll(const KMSFileLocator& locator) {
+  for (const MaskedPath& p : ninePaths(locator)) {
+    ::unlink(p.path.c_str());
+  }
+}
+
+// A root with the "db" and "key" directories, in a process not asked for FIPS.
+struct StoreRoot {
+  TempRoot root{"vrkms-persist"};
+  KMSFileLocator locator{root.path()};
+  FipsDecision fipsDecision;
+
+  StoreRoot() { locator.createMissingDirectories(); }
+  StoreRoot(const StoreRoot&) = delete;
+  StoreRoot& operator=(const StoreRoot&) = delete;
+};
+
+// The three files of one store.
+struct StoreBytes {
+  std::string hmk;
+  std::string kpk;
+  std::string store;
+};
+
+inline void placeDat(const KMSFileLocator& locator, const StoreBytes& bytes) {
+  writeBytes(locator.hmkPath(), bytes.hmk);
+  writeBytes(locator.kpkPath(), bytes.kpk);
+  writeBytes(locator.ksPath(), bytes.store);
+}
+
+struct CommitInput {
+  std::unique_ptr<KeyFile> hmk;
+  std::unique_ptr<KeyFile> kpk;
+  std::unique_ptr<KSMetadata> meta;
+  const FileKeyStore::KeyTable* keys;
+  const FileKeyStore::GroupTable* groups;
+
+  explicit CommitInput(const StoreContent& content)
+      : hmk(content.hmkFile()),
+        kpk(content.kpkFile()),
+        meta(content.metadata()),
+        keys(&content.keys()),
+        groups(&content.groups()) {}
+
+  void commit(const KMSFileLocator& locator) const {
+    FileKeyStore::writeToFile(*hmk, *kpk, *meta, *keys, *groups, locator);
+  }
+};
+
+// One store state: random master keys, one group, `keyCount` keys (the first
+// active), and the bytes of its three files as a commit writes them.
+class StoreSnapshot {
+ public:
+  explicit StoreSnapshot(int keyCount) : m_group(Utils::getRandData(32)) {
+    m_content.addGroup(m_group, "group");
+    for (int i = 0; i < keyCount; ++i) {
+      const std::string tag = Utils::getRandData(32);
+      m_content.addKey(tag, m_group, "key-" + std::to_string(i),
+                       i == 0 ? KEY_ACTIVE : KEY_INACTIVE);
+      m_tags.push_back(tag);
+    }
+    m_input = std::make_unique<CommitInput>(m_content);
+    StoreRoot scratch;
+    placeEmptyDat(scratch.locator);
+    m_input->commit(scratch.locator);
+    m_bytes.hmk = readBytes(scratch.locator.hmkPath());
+    m_bytes.kpk = readBytes(scratch.locator.kpkPath());
+    m_bytes.store = readBytes(scratch.locator.ksPath());
+    KSInputBuffer store(m_bytes.store);
+    FileKeyStore::readKeyStoreMeta(store);
+    m_metadataLength = m_bytes.store.size() - store.remaining();
+  }
+
+  StoreSnapshot(const StoreSnapshot&) = delete;
+  StoreSnapshot& operator=(const StoreSnapshot&) = delete;
+
+  const StoreContent& content() const { return m_content; }
+  const CommitInput& input() const { return *m_input; }
+  const StoreBytes& bytes() const { return m_bytes; }
+  const std::vector<std::string>& tags() const { return m_tags; }
+
+  void placeAsDat(const KMSFileLocator& locator) const { placeDat(locator, m_bytes); }
+
+  // This state's file under each path of `mask` whose bit is in `which`.
+  void placeMasked(const KMSFileLocator& locator, unsigned mask, unsigned which) const {
+    const std::string* bytes[3] = {&m_bytes.hmk, &m_bytes.kpk, &m_bytes.store};
+    const std::vector<MaskedPath> paths = ninePaths(locator);
+    for (size_t i = 0; i < paths.size(); ++i) {
+      if ((mask & which & paths[i].bit) != 0) {
+        writeBytes(paths[i].path, *bytes[i / 3]);
+      }
+    }
+  }
+
+  // The files are this state under their final names and nothing else (the
+  // record stream only by length: each commit seals it under a fresh IV).
+  bool isOnDiskAsDat(const KMSFileLocator& locator) const {
+    const std::string store = readBytes(locator.ksPath());
+    return maskOf(locator) == 0x124 && readBytes(locator.hmkPath()) == m_bytes.hmk &&
+           readBytes(locator.kpkPath()) == m_bytes.kpk && store.size() == m_bytes.store.size() &&
+           store.compare(0, m_metadataLength, m_bytes.store, 0, m_metadataLength) == 0;
+  }
+
+  // Whether the live store serves this state (same keys, same values).
+  bool isServedBy(FileKeyStore& store) const {
+    if (store.getStats() != std::make_pair(uint64_t{m_tags.size()}, uint64_t{1})) {
+      return false;
+    }
+    for (const std::string& tag : m_tags) {
+      try {
+        if (store.getKey(tag).key() != m_content.plainKey(tag)) {
+          return false;
+        }
+      } catch (const KeyStoreError&) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Empty "dat" files, which make a root clean for a first commit.
+  static void placeEmptyDat(const KMSFileLocator& locator) { placeDat(locator, StoreBytes()); }
+
+ private:
+  StoreContent m_content;
+  std::string m_group;
+  std::vector<std::string> m_tags;
+  std::unique_ptr<CommitInput> m_input;
+  StoreBytes m_bytes;
+  size_t m_metadataLength = 0;
+};
+
+// Fixture of the persistence tests: a root and two states made once per
+// suite, old (two keys) and new (three keys), whose master keys differ so
+// that any mixture of the two fails to read.
+class TwoStatesTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    s_old = new StoreSnapshot(2);
+    s_new = new StoreSnapshot(3);
+  }
+  static void TearDownTestSuite() {
+    delete s_old;
+    delete s_new;
+    s_old = s_new = nullptr;
+  }
+
+  void resetToOld() {
+    removeAll(m_root.locator);
+    s_old->placeAsDat(m_root.locator);
+  }
+  int commitNew() {
+    return codeOf([&] { s_new->input().commit(m_root.locator); });
+  }
+  int initCode() {
+    FileKeyStore store(m_root.locator);
+    const int code = store.init();
+    EXPECT_EQ(store.isInitialized(), code == 0);
+    return code;
+  }
+
+  static inline StoreSnapshot* s_old = nullptr;
+  static inline StoreSnapshot* s_new = nullptr;
+  StoreRoot m_root;
+};
+
+// Serves `text` as the service's configuration file while it lives.
+class ServiceConfFile {
+ public:
+  explicit ServiceConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
+    std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
+    std::ofstream(m_path, std::ios::trunc) << text;
+    reload();
+  }
+  ~ServiceConfFile() {
+    std::filesystem::remove(m_path);
+    reload();
+  }
+  ServiceConfFile(const ServiceConfFile&) = delete;
+  ServiceConfFile& operator=(const ServiceConfFile&) = delete;
+
+ private:
+  // Only the central back end may fail here; the file has been read.
+  static void reload() {
+    try {
+      KMSConfig::instance()->reload();
+    } catch (const KeyStoreError& error) {
+      EXPECT_EQ(error.status(), 1257);
+    }
+  }
+  std::string m_path;
+};
+
+// The two limits, as a configuration file.
+class ConfiguredLimits : public ServiceConfFile {
+ public:
+  ConfiguredLimits(int maxKeyGroups, int maxKeysPerGroup)
+      : ServiceConfFile("[KMSConfig]\n\"max_key_groups\"=dword:" + hex8(maxKeyGroups) +
+                        "\n\"max_keys_per_group\"=dword:" + hex8(maxKeysPerGroup) + "\n") {}
+
+ private:
+  static std::string hex8(int value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
+    return text;
+  }
+};
+
+// A store whose import clock a test may fix.
+class ClockedStore : public FileKeyStore {
+ public:
+  explicit ClockedStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
+  using FileKeyStore::setImportClock;
+};
+
+// A store under a root of its own, made by committing `content` and brought
+// up by init, under the limits configured when it is made.
+class LiveStore {
+ public:
+  explicit LiveStore(const StoreContent& content = StoreContent()) : m_locator(m_root.path()) {
+    m_locator.createMissingDirectories();
+    // A first commit needs the three final names to exist.
+    StoreSnapshot::placeEmptyDat(m_locator);
+    CommitInput(content).commit(m_locator);
+    m_store = std::make_unique<ClockedStore>(m_locator);
+    EXPECT_EQ(m_store->init(), 0);
+  }
+
+  ClockedStore& store() { return *m_store; }
+  FileKeyStore& operator*() { return *m_store; }
+  FileKeyStore* operator->() { return m_store.get(); }
+  const KMSFileLocator& locator() const { return m_locator; }
+  // The bytes of the store's nine paths.
+  std::vector<std::string> files() const { return contentsOf(m_locator); }
+
+  KeyGrpRecord_v1 addGroup(const std::string& name, ks_ciphertype_t cipher = CT_AES256_CBC) {
+    KeyGrpRecord_v1 rec;
+    rec.setName(name);
+    rec.setCipherType(cipher);
+    rec.setDescription("group " + name);
+    return m_store->addKeyGroup(rec);
+  }
+
+  KeyRecord_v1 addKey(const std::string& group, const std::string& name, ks_keystate_t state,
+                      const std::string& passphrase = std::string()) {
+    return m_store->addKey(keyRecord(group, name, state), passphrase);
+  }
+
+  // A record as a client sends it to addKey.
+  static KeyRecord_v1 keyRecord(const std::string& group, const std::string& name,
+                                ks_keystate_t state) {
+    KeyRecord_v1 rec;
+    rec.setKeyGroup(group);
+    rec.setName(name);
+    rec.setState(state);
+    rec.setDescription("key " + name);
+    rec.setKpkType(KPK_LOCAL);
+    return rec;
+  }
+
+ private:
+  TempRoot m_root{"vrkms-changes"};
+  KMSFileLocator m_locator;
+  std::unique_ptr<ClockedStore> m_store;
+};
+
+// Everything a store serves: the groups with their derived fields, and the
+// keys of each group.
+struct Snapshot {
+  std::vector<std::pair<KeyGrpRecord_v1, std::pair<uint64_t, bool>>> groups;
+  std::vector<std::list<KeyRecord_v1>> keys;
+  bool operator==(const Snapshot& other) const {
+    return groups == other.groups && keys == other.keys;
+  }
+};
+
+inline Snapshot snapshotOf(FileKeyStore& store) {
+  Snapshot snap;
+  std::list<KeyGrpRecord_v1> groups;
+  store.getAllKeyGroupRecords(groups);
+  for (const KeyGrpRecord_v1& group : groups) {
+    snap.groups.push_back({group, {group.numKeys(), group.hasActiveKey()}});
+    snap.keys.emplace_back();
+    // In the store's order, which a reload keeps.
+    store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
+  }
+  return snap;
+}
 
 }  // namespace storetest

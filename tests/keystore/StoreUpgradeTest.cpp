@@ -8,12 +8,13 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "keystore/CryptoTestUtil.h"
 #include "keystore/FormatTestUtil.h"
-#include "keystore/StoreFilesTestUtil.h"
+#include "keystore/StoreTestState.h"
 #include "kms/server/keystore/crypto/CryptFactory.h"
 #include "kms/server/keystore/crypto/KeyWrap.h"
 #include "kms/server/keystore/crypto/RandData.h"
@@ -26,7 +27,7 @@ using formattest::be;
 using formattest::field;
 using formattest::handList;
 using formattest::handRecord;
-using storefiles::StoreRoot;
+using storetest::StoreRoot;
 
 namespace {
 
@@ -52,7 +53,7 @@ struct OldStore {
   std::string masterIV;
   std::string groupTag = Utils::getRandData(32);
   std::vector<OldKey> keys;
-  storefiles::StoreBytes bytes;
+  storetest::StoreBytes bytes;
 
   explicit OldStore(ks_version_t v)
       : version(v),
@@ -122,9 +123,9 @@ struct OldStore {
   }
 
   void place(const KMSFileLocator& locator) const {
-    storefiles::writeBytes(locator.hmkPath(), bytes.hmk);
-    storefiles::writeBytes(locator.kpkPath(), bytes.kpk);
-    storefiles::writeBytes(locator.ksPath(), bytes.store);
+    storetest::writeBytes(locator.hmkPath(), bytes.hmk);
+    storetest::writeBytes(locator.kpkPath(), bytes.kpk);
+    storetest::writeBytes(locator.ksPath(), bytes.store);
   }
 
   // The live store serves every key with its old value and record.
@@ -132,20 +133,17 @@ struct OldStore {
     EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{1}));
     for (const OldKey& key : keys) {
       const KeyRecord_v1 rec = store.getKey(key.tag);
-      EXPECT_EQ(rec.key(), key.plain) << key.name;
-      EXPECT_EQ(rec.name(), key.name);
-      EXPECT_EQ(rec.state(), key.state);
-      EXPECT_EQ(rec.createTime(), 1600000000u);
-      EXPECT_EQ(rec.rev(), 7u);
-      EXPECT_EQ(rec.attributes().size(), key.name == "other" ? 1u : 0u);
+      EXPECT_EQ(std::make_tuple(rec.key(), rec.name(), rec.state(), rec.createTime(), rec.rev(),
+                                rec.attributes().size()),
+                std::make_tuple(key.plain, key.name, key.state, uint64_t{1600000000}, 7u,
+                                size_t{key.name == "other" ? 1u : 0u}));
     }
     EXPECT_EQ(store.getKeyGroupRecord(groupTag).name(), "old group");
-    EXPECT_EQ(store.getHMKId(), "old-hmk");
-    EXPECT_EQ(store.getKPKId(), "old-kpk");
-    EXPECT_EQ(store.getHMKInfo().random, hmkSalt.empty());
-    EXPECT_EQ(store.getHMKInfo().fips, version == KS_VERSION_200);
-    EXPECT_TRUE(store.getKPKInfo().random);
-    EXPECT_FALSE(store.getKPKInfo().fips);
+    const KeyInfo hmk = store.getHMKInfo();
+    const KeyInfo kpk = store.getKPKInfo();
+    EXPECT_EQ(std::make_tuple(hmk.id, hmk.random, hmk.fips, kpk.id, kpk.random, kpk.fips),
+              std::make_tuple(std::string("old-hmk"), hmkSalt.empty(), version == KS_VERSION_200,
+                              std::string("old-kpk"), true, false));
   }
 };
 
@@ -155,26 +153,23 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   const OldStore old(GetParam());
   StoreRoot root;
   old.place(root.locator);
-
   // init commits the upgrade before it serves.
   {
     FileKeyStore store(root.locator);
     ASSERT_EQ(store.init(), 0);
     old.expectServedBy(store);
   }
-  EXPECT_EQ(storefiles::maskOf(root.locator), 0x124u);
-  KSInputBuffer hmkFile(storefiles::readBytes(root.locator.hmkPath()));
-  EXPECT_EQ(FileKeyStore::readKeyFile(hmkFile).version(), KS_VERSION_300);
-  KSInputBuffer kpkFile(storefiles::readBytes(root.locator.kpkPath()));
-  EXPECT_EQ(FileKeyStore::readKeyFile(kpkFile).version(), KS_VERSION_300);
-  const std::vector<std::string> upgraded = storefiles::contentsOf(root.locator);
-  KSInputBuffer storeFile(storefiles::readBytes(root.locator.ksPath()));
+  EXPECT_EQ(storetest::maskOf(root.locator), 0x124u);
+  for (const std::string& path : {root.locator.hmkPath(), root.locator.kpkPath()}) {
+    KSInputBuffer file(storetest::readBytes(path));
+    EXPECT_EQ(FileKeyStore::readKeyFile(file).version(), KS_VERSION_300);
+  }
+  const std::vector<std::string> upgraded = storetest::contentsOf(root.locator);
+  KSInputBuffer storeFile(storetest::readBytes(root.locator.ksPath()));
   const KSMetadata meta = FileKeyStore::readKeyStoreMeta(storeFile);
-  EXPECT_EQ(meta.version(), KS_VERSION_300);
-  EXPECT_EQ(meta.masterEncAlgo(), KSCrypt::AES_256_GCM);
-  EXPECT_EQ(meta.keyEncAlgo(), KSCrypt::AES_256_GCM);
-  EXPECT_EQ(meta.hmkSalt(), old.hmkSalt);
-
+  EXPECT_EQ(
+      std::make_tuple(meta.version(), meta.masterEncAlgo(), meta.keyEncAlgo(), meta.hmkSalt()),
+      std::make_tuple(KS_VERSION_300, KSCrypt::AES_256_GCM, KSCrypt::AES_256_GCM, old.hmkSalt));
   // The next start reads the current form and writes nothing.
   FileOpRecorder recorder;
   {
@@ -187,7 +182,7 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
     EXPECT_NE(op.op, FileOp::Fwrite) << op.path;
     EXPECT_NE(op.op, FileOp::Rename) << op.path;
   }
-  EXPECT_EQ(storefiles::contentsOf(root.locator), upgraded);
+  EXPECT_EQ(storetest::contentsOf(root.locator), upgraded);
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, StoreUpgrade, ::testing::Values(KS_VERSION_100, KS_VERSION_200),

@@ -1,0 +1,545 @@
+// The master keys on real files under a private root: making a store,
+// remaking a lost key file from its passphrase, what the files tell of the
+// keys without opening the store, and changing the HMK and the KPK of a live
+// store (refusals, failed commits, a crash at every file operation). File
+// failures come from the fault seam.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "keystore/FormatTestUtil.h"
+#include "keystore/StoreTestState.h"
+#include "kms/platform/Fips.h"
+#include "kms/server/keystore/crypto/CryptFactory.h"
+#include "kms/server/keystore/crypto/KeyGen.h"
+#include "kms/server/keystore/files/FileFaults.h"
+
+namespace masterkeytest {
+namespace {
+
+using namespace Vaultrest::DL::KMS;
+using storetest::codeOf;
+using storetest::contentsOf;
+using storetest::exists;
+using storetest::maskOf;
+using storetest::readBytes;
+using storetest::writeBytes;
+
+const std::string kHmkPass = "hmk secret words";
+const std::string kKpkPass = "kpk secret words";
+const std::string kNewPass = "the new words";
+
+// What the three files of a store hold, read with the store's own readers:
+// both key files, the metadata, the plain KPK and the tables with every key
+// as stored (wrapped under the KPK).
+struct DiskState {
+  std::unique_ptr<KeyFile> hmk;
+  std::unique_ptr<KeyFile> kpk;
+  std::unique_ptr<KSMetadata> meta;
+  std::string plainKpk;
+  FileKeyStore::KeyTable keys{true};
+  FileKeyStore::GroupTable groups;
+
+  // Tag to wrapped key, for every key record.
+  std::map<std::string, std::string> wrappedKeys() const {
+    std::map<std::string, std::string> out;
+    for (auto it = keys.begin(); it != keys.end(); ++it) {
+      out[it->first] = it->second.key();
+    }
+    return out;
+  }
+};
+
+KeyFile readKeyFileBytes(const std::string& bytes) {
+  KSInputBuffer buffer(bytes);
+  return FileKeyStore::readKeyFile(buffer);
+}
+
+DiskState readDisk(const KMSFileLocator& locator) {
+  DiskState disk;
+  disk.hmk = std::make_unique<KeyFile>(readKeyFileBytes(storetest::readBytes(locator.hmkPath())));
+  disk.kpk = std::make_unique<KeyFile>(readKeyFileBytes(storetest::readBytes(locator.kpkPath())));
+  KSInputBuffer store(storetest::readBytes(locator.ksPath()));
+  disk.meta = std::make_unique<KSMetadata>(FileKeyStore::readKeyStoreMeta(store));
+  disk.plainKpk = Utils::decryptKeyWithKey(disk.kpk->key(), disk.hmk->key(),
+                                           disk.meta->masterEncAlgo(), disk.kpk->version());
+  std::unique_ptr<KSCrypt> crypter(CryptFactory::createCrypter(
+      disk.meta->masterEncAlgo(), disk.hmk->key(), disk.meta->masterIV()));
+  FileKeyStore::readKeyStore(store, *crypter, disk.keys, disk.groups);
+  return disk;
+}
+
+// Adds one group and `count` keys (the first active) to the store on disk,
+// each key wrapped under the store's own KPK, and commits them with
+// writeToFile. Gives the plain key of each tag.
+std::map<std::string, std::string> seedKeys(const KMSFileLocator& locator, int count) {
+  DiskState disk = readDisk(locator);
+  const KPKMgr kpkMgr(disk.plainKpk, disk.meta->keyEncAlgo(), disk.meta->version(), true);
+  const std::string group = Utils::getRandData(32);
+  KeyGrpRecord_v1 grp;
+  grp.setFields(group, "group", CT_AES256_CBC, 1000, 1000, "the group", 1);
+  EXPECT_TRUE(disk.groups.addRecord(grp));
+  std::map<std::string, std::string> plain;
+  for (int i = 0; i < count; ++i) {
+    const std::string tag = Utils::getRandData(32);
+    const std::string key = Utils::getRandData(32);
+    KeyRecord_v1 rec;
+    rec.setFields(tag, "key-" + std::to_string(i), group, i == 0 ? KEY_ACTIVE : KEY_INACTIVE, 2000,
+                  2000, "a key", 1, KPK_LOCAL, std::string(),
+                  kpkMgr.encryptKey(key, KPK_LOCAL, std::string()));
+    EXPECT_TRUE(disk.keys.addRecord(rec));
+    plain[tag] = key;
+  }
+  FileKeyStore::writeToFile(*disk.hmk, *disk.kpk, *disk.meta, disk.keys, disk.groups, locator);
+  return plain;
+}
+
+// The live store serves exactly these keys with these values.
+void expectServes(FileKeyStore& store, const std::map<std::string, std::string>& plain) {
+  ASSERT_TRUE(store.isInitialized());
+  EXPECT_EQ(store.getStats().first, plain.size());
+  for (const auto& entry : plain) {
+    EXPECT_EQ(store.getKey(entry.first).key(), entry.second);
+  }
+}
+
+// The key that a passphrase stretches to with a stored salt (32 bytes, for
+// the GCM type of everything new).
+std::string stretched(const std::string& passphrase, const std::string& salt) {
+  return KeyGen::passphraseToKey(passphrase, salt, 32);
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat st;
+  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+  return st.st_mode & 0777;
+}
+
+// The HMK of the oldest stores: EVP_BytesToKey for AES-256-CBC with SHA-1, no
+// salt and 1000 rounds, computed here without the code under test.
+std::string unsaltedKey(const std::string& passphrase) {
+  unsigned char key[EVP_MAX_KEY_LENGTH];
+  unsigned char iv[EVP_MAX_IV_LENGTH];
+  const int n = EVP_BytesToKey(EVP_aes_256_cbc(), EVP_sha1(), nullptr,
+                               reinterpret_cast<const unsigned char*>(passphrase.data()),
+                               static_cast<int>(passphrase.size()), 1000, key, iv);
+  return std::string(reinterpret_cast<const char*>(key), static_cast<size_t>(n));
+}
+
+// A private root with the FIPS decision off and the fast passphrase scheme.
+class MasterKeyFiles : public ::testing::Test {
+ protected:
+  FileKeyStore& store() { return *m_store; }
+  const KMSFileLocator& locator() const { return m_locator; }
+  // A new store object over the same files, as after a restart.
+  FileKeyStore& restart() {
+    m_store = std::make_unique<FileKeyStore>(m_locator);
+    return *m_store;
+  }
+  // A store made from the two passphrases, holding three keys.
+  std::map<std::string, std::string> makePassphraseStore() {
+    EXPECT_EQ(store().createEmpty(kHmkPass, "hmk-1", kKpkPass, "kpk-1", false), 0);
+    return seedKeys(locator(), 3);
+  }
+
+  storetest::FipsDecision m_fips;
+  formattest::WeakKdf m_weakKdf;
+  TempRoot m_root{"vrkms-masterkeys"};
+  KMSFileLocator m_locator{m_root.path()};
+  std::unique_ptr<FileKeyStore> m_store = std::make_unique<FileKeyStore>(m_locator);
+};
+
+TEST_F(MasterKeyFiles, CreateEmptyMakesAClosedStoreOfPassphraseKeysThatInitOpens) {
+  ASSERT_EQ(store().createEmpty(kHmkPass, "hmk-1", kKpkPass, "kpk-1", false), 0);
+  EXPECT_FALSE(store().isInitialized());
+  EXPECT_EQ(maskOf(locator()), 0x124u);
+  for (const std::string& path : {locator().hmkPath(), locator().kpkPath(), locator().ksPath()}) {
+    EXPECT_EQ(modeOf(path), 0600u) << path;
+  }
+  const DiskState disk = readDisk(locator());
+  EXPECT_EQ(
+      std::make_tuple(disk.kpk->version(), disk.meta->masterEncAlgo(), disk.meta->keyEncAlgo(),
+                      disk.meta->hmkRandom(), disk.meta->kpkRandom(), disk.meta->hmkFips()),
+      std::make_tuple(KS_VERSION_300, KSCrypt::AES_256_GCM, KSCrypt::AES_256_GCM, false, false,
+                      FIPS_mode() != 0));
+  // Each key is the stretch of its own passphrase with its own fresh salt
+  // (and init proves both by their verifiers).
+  ASSERT_EQ(disk.meta->hmkSalt().size(), KeyGen::SALT_LEN);
+  ASSERT_EQ(disk.meta->kpkSalt().size(), KeyGen::SALT_LEN);
+  EXPECT_NE(disk.meta->hmkSalt(), disk.meta->kpkSalt());
+  EXPECT_EQ(disk.hmk->key(), stretched(kHmkPass, disk.meta->hmkSalt()));
+  EXPECT_EQ(disk.plainKpk, stretched(kKpkPass, disk.meta->kpkSalt()));
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
+  EXPECT_EQ(store().getHMKId(), "hmk-1");
+  EXPECT_EQ(store().getKPKId(), "kpk-1");
+}
+
+TEST_F(MasterKeyFiles, CreateEmptyRefusals) {
+  EXPECT_EQ(store().createEmpty(kHmkPass, "", kKpkPass, "kpk", true), 1214);
+  EXPECT_EQ(store().createEmpty(kHmkPass, "hmk", kKpkPass, "", true), 1214);
+  EXPECT_EQ(maskOf(locator()), 0u);
+  EXPECT_EQ(store().createHMKFile("", true, false), 1212);
+  EXPECT_EQ(store().createKPKFile("", true, false), 1212);
+  makePassphraseStore();
+  // Overwriting replaces the store with an empty one of random keys, which
+  // no passphrase remakes.
+  ASSERT_EQ(store().createEmpty("", "hmk-2", "", "kpk-2", true), 0);
+  EXPECT_EQ(store().getHMKId(), "hmk-2");
+  EXPECT_TRUE(store().getHMKInfo().random);
+  EXPECT_TRUE(store().getKPKInfo().random);
+  const DiskState disk = readDisk(locator());
+  EXPECT_TRUE(disk.meta->hmkSalt().empty());
+  EXPECT_TRUE(disk.meta->kpkSalt().empty());
+  EXPECT_EQ(disk.plainKpk.size(), 32u);
+  EXPECT_EQ(store().createHMKFile("any", true, true), 1264);
+  EXPECT_EQ(store().createKPKFile("any", true, true), 1265);
+  EXPECT_EQ(store().createKPKFile("any", true, false), 1249);
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(store().getStats().first, 0u);
+  ASSERT_EQ(store().shutdown(), 0);
+  // Refusing to overwrite still deletes the store that was found: the refusal
+  // is raised inside the part whose failures clean up.
+  EXPECT_EQ(store().createEmpty("", "hmk-3", "", "kpk-3", false), 1268);
+  EXPECT_EQ(maskOf(locator()), 0u);
+}
+
+TEST_F(MasterKeyFiles, AFailedCreateEmptyLeavesNoFilesBehind) {
+  {
+    // The commit fails before its renames (1276), yet the store that was
+    // about to be made is gone: reported as a change.
+    FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
+    ScopedFileFaultHook hook(&failFsync);
+    EXPECT_EQ(store().createEmpty("", "hmk", "", "kpk", false), 1277);
+    EXPECT_TRUE(failFsync.fired());
+  }
+  EXPECT_EQ(maskOf(locator()), 0u);
+  makePassphraseStore();
+  {
+    // The first empty "dat" file cannot be made (1237), after the old store
+    // was deleted.
+    FailNthFileOp failCreate(1, EACCES, FileOp::Open);
+    ScopedFileFaultHook hook(&failCreate);
+    EXPECT_EQ(store().createEmpty("", "hmk", "", "kpk", true), 1277);
+    EXPECT_TRUE(failCreate.fired());
+  }
+  EXPECT_EQ(maskOf(locator()), 0u);
+}
+
+TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
+  const std::map<std::string, std::string> plain = makePassphraseStore();
+  const std::string storeBytes = readBytes(locator().ksPath());
+  // Before the rename (1276) the old file, or none, stays as it was; after
+  // it (1277) the new file is in place. The file is written through the
+  // descriptor that created it.
+  const struct {
+    FileOp op;
+    bool fileThere;
+    int code;
+  } rows[] = {{FileOp::Fsync, true, 1276},
+              {FileOp::Fsync, false, 1276},
+              {FileOp::SyncDir, false, 1277},
+              {FileOp::Open, false, 1276}};
+  for (const bool hmk : {true, false}) {
+    const std::string& path = hmk ? locator().hmkPath() : locator().kpkPath();
+    auto remake = [&] {
+      return hmk ? store().createHMKFile(kHmkPass, true, false)
+                 : store().createKPKFile(kKpkPass, true, false);
+    };
+    const std::string before = readBytes(path);
+    for (const auto& row : rows) {
+      SCOPED_TRACE(std::string(hmk ? "HMK " : "KPK ") + fileOpName(row.op));
+      row.fileThere ? writeBytes(path, before) : (void)::unlink(path.c_str());
+      FailNthFileOp failure(1, EIO, row.op);
+      {
+        ScopedFileFaultHook hook(&failure);
+        EXPECT_EQ(remake(), row.code);
+      }
+      EXPECT_TRUE(failure.fired());
+      EXPECT_EQ(exists(path), row.fileThere || row.code == 1277);
+      EXPECT_EQ(readBytes(path), row.fileThere ? before : row.code == 1277 ? readBytes(path) : "");
+      EXPECT_FALSE(exists(path + ".tmp"));
+      EXPECT_EQ(readBytes(locator().ksPath()), storeBytes);
+    }
+    ASSERT_EQ(remake(), 0);
+  }
+  ASSERT_EQ(store().init(), 0);
+  expectServes(store(), plain);
+}
+
+TEST_F(MasterKeyFiles, TheHmkOfTheOldestStoresComesBackWithoutSalt) {
+  // A store of version 0x100 keeps no salt and proves its HMK by the digest
+  // of "Z" and the key. Only the metadata block is needed to remake the file.
+  const std::string hmk = unsaltedKey(kHmkPass);
+  ASSERT_EQ(hmk.size(), 32u);
+  KSMetadata meta(KS_VERSION_100);
+  meta.setHmkID("old-hmk");
+  meta.setKpkID("old-kpk");
+  meta.setMasterEncAlgo(KSCrypt::AES_256_CBC);
+  meta.setKeyEncAlgo(KSCrypt::AES_256_CBC);
+  meta.setHmkHash(formattest::digest(EVP_sha1(), "Z" + hmk));
+  meta.setKpkHash(formattest::digest(EVP_sha1(), "Z" + Utils::getRandData(32)));
+  locator().createMissingDirectories();
+  {
+    Utils::FileHolder out = Utils::openFile(locator().ksPath().c_str(), "wb");
+    FileKeyStore::writeKeyStoreMeta(out, meta);
+  }
+  EXPECT_EQ(store().createHMKFile("wrong passphrase", false, false), 1221);
+  EXPECT_FALSE(exists(locator().hmkPath()));
+  ASSERT_EQ(store().createHMKFile(kHmkPass, false, false), 0);
+  const KeyFile written = readKeyFileBytes(readBytes(locator().hmkPath()));
+  EXPECT_EQ(written.version(), KS_VERSION_100);
+  EXPECT_EQ(written.key(), hmk);
+}
+
+// A closed store tells the facts of its keys from the store file alone.
+TEST_F(MasterKeyFiles, TheFactsOfTheKeysOfAClosedStoreComeFromTheStoreFile) {
+  storetest::StoreContent content;  // HMK random and not FIPS, KPK the opposite
+  locator().createMissingDirectories();
+  storetest::StoreSnapshot::placeEmptyDat(locator());
+  storetest::CommitInput(content).commit(locator());
+  ASSERT_EQ(::unlink(locator().hmkPath().c_str()), 0);
+  ASSERT_EQ(::unlink(locator().kpkPath().c_str()), 0);
+  const KeyInfo hmk = store().getHMKInfo();
+  const KeyInfo kpk = store().getKPKInfo();
+  EXPECT_EQ(std::make_tuple(store().getHMKId(), hmk.id, hmk.algorithm, hmk.random, hmk.fips),
+            std::make_tuple(std::string("hmk-id"), std::string("hmk-id"), KSCrypt::AES_256_GCM,
+                            true, false));
+  EXPECT_EQ(std::make_tuple(store().getKPKId(), kpk.id, kpk.algorithm, kpk.random, kpk.fips),
+            std::make_tuple(std::string("kpk-id"), std::string("kpk-id"), KSCrypt::AES_256_GCM,
+                            false, true));
+  auto codes = [&] {
+    return std::vector<int>{
+        codeOf([&] { store().getHMKId(); }), codeOf([&] { store().getKPKId(); }),
+        codeOf([&] { store().getHMKInfo(); }), codeOf([&] { store().getKPKInfo(); })};
+  };
+  {
+    FailNthFileOp failRead(1, EIO, FileOp::Fread);
+    ScopedFileFaultHook hook(&failRead);
+    EXPECT_EQ(codeOf([&] { store().getHMKInfo(); }), 1210);
+  }
+  writeBytes(locator().ksPath(), readBytes(locator().ksPath()).substr(0, 20));
+  EXPECT_EQ(codes(), std::vector<int>(4, 1207));
+  ASSERT_EQ(::unlink(locator().ksPath().c_str()), 0);
+  EXPECT_EQ(codes(), std::vector<int>(4, 1204));
+}
+
+TEST_F(MasterKeyFiles, AGoodKeyFileIsOneOfTheRightFormWhateverItsKey) {
+  makePassphraseStore();
+  const std::string hmkPath = locator().hmkPath();
+  const std::string hmkBytes = readBytes(hmkPath);
+  const std::string kpkBytes = readBytes(locator().kpkPath());
+  EXPECT_TRUE(store().goodHMKFileExists());
+  EXPECT_TRUE(store().goodKPKFileExists());
+  // Form only: a KPK file in the HMK's place is a good key file.
+  writeBytes(hmkPath, kpkBytes);
+  EXPECT_TRUE(FileKeyStore::isGoodKeyFile(hmkPath));
+  for (const std::string& bad : {hmkBytes + "x", hmkBytes.substr(0, hmkBytes.size() - 1)}) {
+    writeBytes(hmkPath, bad);
+    EXPECT_FALSE(FileKeyStore::isGoodKeyFile(hmkPath)) << bad.size() << " bytes";
+    EXPECT_FALSE(store().goodHMKFileExists());
+  }
+  ASSERT_EQ(::unlink(hmkPath.c_str()), 0);
+  EXPECT_FALSE(store().goodHMKFileExists());
+  // A file that is there but cannot be opened is an error, named by file.
+  writeBytes(hmkPath, hmkBytes);
+  auto withFailedOpen = [](auto call) {
+    FailNthFileOp failOpen(1, EACCES, FileOp::Fopen);
+    ScopedFileFaultHook hook(&failOpen);
+    return codeOf(call);
+  };
+  EXPECT_EQ(withFailedOpen([&] { FileKeyStore::isGoodKeyFile(hmkPath); }), 1252);
+  EXPECT_EQ(withFailedOpen([&] { store().goodHMKFileExists(); }), 1203);
+  EXPECT_EQ(withFailedOpen([&] { store().goodKPKFileExists(); }), 1248);
+  EXPECT_EQ(withFailedOpen([&] { return store().createHMKFile(kHmkPass, false, false); }), 1203);
+  EXPECT_EQ(withFailedOpen([&] { return store().createKPKFile(kKpkPass, false, false); }), 1248);
+}
+
+enum class Rekey { Hmk, Kpk };
+
+std::string nameOf(const ::testing::TestParamInfo<Rekey>& info) {
+  return info.param == Rekey::Hmk ? "Hmk" : "Kpk";
+}
+
+int rekey(FileKeyStore& store, Rekey which, const std::string& passphrase, const std::string& id) {
+  return which == Rekey::Hmk ? store.updateHMK(passphrase, id) : store.updateKPK(passphrase, id);
+}
+
+// The facts of one master key as one text.
+std::string describe(const KeyInfo& info) {
+  return info.id + "/" + std::to_string(static_cast<int>(info.algorithm)) +
+         (info.random ? "/random" : "/passphrase") + (info.fips ? "/fips" : "/no-fips");
+}
+
+// A live store made from passphrases, holding three keys.
+class MasterKeyRekey : public MasterKeyFiles, public ::testing::WithParamInterface<Rekey> {
+ protected:
+  void SetUp() override {
+    m_plain = makePassphraseStore();
+    ASSERT_EQ(store().init(), 0);
+  }
+  // Everything a client can see of the live state.
+  std::vector<std::string> liveView() {
+    std::vector<std::string> view{describe(store().getHMKInfo()), describe(store().getKPKInfo())};
+    view.push_back(std::to_string(store().getStats().first));
+    for (const auto& entry : m_plain) {
+      view.push_back(store().getKey(entry.first).key());
+    }
+    return view;
+  }
+  int change(const std::string& passphrase, const std::string& id) {
+    return rekey(store(), GetParam(), passphrase, id);
+  }
+  std::string changedId(FileKeyStore& s) {
+    return GetParam() == Rekey::Hmk ? s.getHMKId() : s.getKPKId();
+  }
+
+  std::map<std::string, std::string> m_plain;
+};
+
+// (Rotations serving the same keys after a restart are run by the process
+// tests.) The new key comes back from the new passphrase only; none gives a
+// random key, salt-less on disk.
+TEST_P(MasterKeyRekey, TheNewKeyComesBackFromTheNewPassphraseAndNoneGivesARandomKey) {
+  const bool hmk = GetParam() == Rekey::Hmk;
+  const std::string& path = hmk ? locator().hmkPath() : locator().kpkPath();
+  const std::vector<std::string> before = liveView();
+  ASSERT_EQ(change(kNewPass, "new-id"), 0);
+  EXPECT_EQ(liveView()[hmk ? 1 : 0], before[hmk ? 1 : 0]);
+  EXPECT_EQ(liveView()[hmk ? 0 : 1], std::string("new-id/") + std::to_string(KSCrypt::AES_256_GCM) +
+                                         "/passphrase" + (FIPS_mode() != 0 ? "/fips" : "/no-fips"));
+  ASSERT_EQ(store().shutdown(), 0);
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  for (const std::string& passphrase : {hmk ? kHmkPass : kKpkPass, kNewPass}) {
+    EXPECT_EQ(hmk ? store().createHMKFile(passphrase, false, true)
+                  : store().createKPKFile(passphrase, false, true),
+              passphrase == kNewPass ? 0
+              : hmk                  ? 1221
+                                     : 1249);
+  }
+  ASSERT_EQ(store().init(), 0);
+  expectServes(store(), m_plain);
+  ASSERT_EQ(change("", "random-id"), 0);
+  EXPECT_TRUE((hmk ? store().getHMKInfo() : store().getKPKInfo()).random);
+  const DiskState disk = readDisk(locator());
+  EXPECT_TRUE((hmk ? disk.meta->hmkSalt() : disk.meta->kpkSalt()).empty());
+}
+
+TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreDown) {
+  const std::vector<std::string> view = liveView();
+  const std::vector<std::string> files = contentsOf(locator());
+  EXPECT_EQ(change(kNewPass, ""), 1214);
+  {
+    FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
+    ScopedFileFaultHook hook(&failFsync);
+    EXPECT_EQ(change(kNewPass, "new-id"), 1276);
+    EXPECT_TRUE(failFsync.fired());
+  }
+  EXPECT_TRUE(store().isInitialized());
+  EXPECT_EQ(liveView(), view);
+  EXPECT_EQ(contentsOf(locator()), files);
+  // Leftovers of an unfinished commit: refused, the store down.
+  writeBytes(locator().kpkNewPath(), "leftover");
+  EXPECT_EQ(change(kNewPass, "new-id"), 1200);
+  EXPECT_FALSE(store().isInitialized());
+  ASSERT_EQ(::unlink(locator().kpkNewPath().c_str()), 0);
+  EXPECT_EQ(contentsOf(locator()), files);
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(liveView(), view);
+  {
+    FailNthFileOp failRename(2, EIO, FileOp::Rename);
+    ScopedFileFaultHook hook(&failRename);
+    EXPECT_EQ(change(kNewPass, "new-id"), 1277);
+  }
+  EXPECT_FALSE(store().isInitialized());
+  ASSERT_EQ(store().init(), 0);
+  EXPECT_EQ(changedId(store()), "new-id");
+  expectServes(store(), m_plain);
+  EXPECT_EQ(change("", "third-id"), 0);
+  EXPECT_EQ(changedId(store()), "third-id");
+}
+
+TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
+  const storetest::StoreBytes old{readBytes(locator().hmkPath()), readBytes(locator().kpkPath()),
+                                  readBytes(locator().ksPath())};
+  const std::vector<std::string> oldFiles = contentsOf(locator());
+  const DiskState oldDisk = readDisk(locator());
+  const std::string oldId = changedId(store());
+  ASSERT_EQ(store().shutdown(), 0);
+  size_t crashes = 0;
+  size_t oldSeen = 0;
+  size_t newSeen = 0;
+  for (size_t n = 1;; ++n) {
+    ASSERT_LT(n, 1000u) << "the change never completed";
+    storetest::removeAll(locator());
+    storetest::placeDat(locator(), old);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      FileKeyStore child(locator());
+      if (child.init() != 0) {
+        ::_exit(3);
+      }
+      CrashAtNthFileOp crash(n);
+      FileFaults::install(&crash);
+      const int rc = rekey(child, GetParam(), kNewPass, "new-id");
+      FileFaults::install(nullptr);
+      ::_exit(rc == 0 ? 0 : 4);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int code = WEXITSTATUS(status);
+    ASSERT_TRUE(code == 0 || code == FileFaults::kCrashExitStatus)
+        << "crash at " << n << ": exit " << code;
+    SCOPED_TRACE("crash at file operation " + std::to_string(n));
+    FileKeyStore& after = restart();
+    ASSERT_EQ(after.init(), 0);
+    EXPECT_EQ(maskOf(locator()), 0x124u);
+    expectServes(after, m_plain);
+    const DiskState disk = readDisk(locator());
+    const bool changed = changedId(after) != oldId;
+    if (!changed) {
+      ++oldSeen;
+      EXPECT_EQ(contentsOf(locator()), oldFiles);
+    } else {
+      ++newSeen;
+      EXPECT_EQ(changedId(after), "new-id");
+      if (GetParam() == Rekey::Hmk) {
+        EXPECT_EQ(disk.hmk->key(), stretched(kNewPass, disk.meta->hmkSalt()));
+        EXPECT_EQ(disk.plainKpk, oldDisk.plainKpk);
+        EXPECT_EQ(disk.wrappedKeys(), oldDisk.wrappedKeys());
+      } else {
+        EXPECT_EQ(readBytes(locator().hmkPath()), old.hmk);
+        EXPECT_EQ(disk.plainKpk, stretched(kNewPass, disk.meta->kpkSalt()));
+        for (const auto& entry : disk.wrappedKeys()) {
+          EXPECT_NE(entry.second, oldDisk.wrappedKeys().at(entry.first));
+        }
+      }
+    }
+    ASSERT_EQ(after.shutdown(), 0);
+    if (code == 0) {
+      EXPECT_TRUE(changed) << "a completed change must leave the new keys";
+      break;
+    }
+    ++crashes;
+  }
+  EXPECT_GT(crashes, 20u);
+  EXPECT_GT(oldSeen, 0u);
+  EXPECT_GT(newSeen, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothMasterKeys, MasterKeyRekey, ::testing::Values(Rekey::Hmk, Rekey::Kpk),
+                         nameOf);
+
+}  // namespace
+}  // namespace masterkeytest
