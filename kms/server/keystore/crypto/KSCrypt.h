@@ -98,6 +98,11 @@ class KSCrypt {
     void append(const unsigned char* data, unsigned long len) {
       m_bytes.insert(m_bytes.end(), data, data + len);
     }
+    // Appends `len` zero bytes to be overwritten in place; their start.
+    unsigned char* extend(unsigned long len) {
+      m_bytes.resize(m_bytes.size() + len);
+      return m_bytes.data() + m_bytes.size() - len;
+    }
     // Successful end of an encrypt/decrypt call.
     void endCall() { m_fetched = false; }
     // Hands out what was appended since the previous fetch. The pointer is
