@@ -190,6 +190,12 @@ void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool ac
     tags.insert(tags.begin(), tag);
     return;
   }
+  // Above the last tag (as when loaded in tag order): behind the active
+  // keys and every other, so at the end, without a lookup.
+  if (tags.empty() || tags.back() < tag) {
+    tags.push_back(tag);
+    return;
+  }
   auto first = tags.begin();
   while (first != tags.end()) {
     const auto iter = m_rectable.find(*first);
