@@ -165,8 +165,9 @@ class SharedTagMap {
     }
     Shard& writable = writableShard(index);
     const auto hint = last ? writable.end() : writable.lower_bound(tag);
+    V* added = &writable.emplace_hint(hint, tag, std::forward<Value>(value))->second;
     ++m_size;
-    return &writable.emplace_hint(hint, tag, std::forward<Value>(value))->second;
+    return added;
   }
 
   // The entry's value, made private to this map for a change; null if the
