@@ -136,7 +136,7 @@ void BM_ReadEncryptedKeyTable(benchmark::State& state) {
         crypter.getDecryptedData(&plain, &plainLen) != 0) {
       std::abort();
     }
-    KSInputBuffer in(std::string(reinterpret_cast<const char*>(plain), plainLen));
+    KSInputBuffer in(plain, plainLen);
     KeyTable keys(true);
     keys.setSkipInvariant(true);
     ReaderWriter::readRecordTable(in, keys);

@@ -2,6 +2,8 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
+
 #include "kms/platform/MangleRandom.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/OpenSSLErrors.h"
@@ -18,6 +20,7 @@ namespace {
 constexpr unsigned long kChunk = 2048;
 // The most that one cipher call takes (its length is an int).
 constexpr unsigned long kMaxUpdate = 1UL << 30;
+constexpr size_t kDecryptPiece = 0x100000;
 
 const unsigned char* bytes(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
@@ -275,16 +278,22 @@ int GCMCrypter::decrypt(const unsigned char* data, unsigned long len, bool final
     }
   }
   if (m_decState == IV_COMPLETE) {
+    if (final && m_pending.empty() && m_cached_tag.empty() &&
+        len >= static_cast<unsigned long>(GCM_TAG_LEN)) {
+      // The rest of the stream in one call: decrypted where it lies.
+      m_cached_tag.assign(reinterpret_cast<const char*>(data) + len - GCM_TAG_LEN, GCM_TAG_LEN);
+      return finishDecrypt(data, len - GCM_TAG_LEN);
+    }
     collect(data, len);
   }
   if (!final) {
     m_decOutput.endCall();
     return 0;
   }
-  return finishDecrypt();
+  return finishDecrypt(bytes(m_pending), m_pending.size());
 }
 
-int GCMCrypter::finishDecrypt() {
+int GCMCrypter::finishDecrypt(const unsigned char* ciphertext, size_t length) {
   static const char* const kLabel = "GCMCrypter::decrypt";
   // Also covers a stream that ended inside its IV.
   if (m_cached_tag.size() != static_cast<size_t>(GCM_TAG_LEN)) {
@@ -311,15 +320,18 @@ int GCMCrypter::finishDecrypt() {
   } else {
     KMS_DEBUG(kLabel, 5, "No AAD was provided");
   }
-  for (size_t at = 0; at < m_pending.size(); at += kChunk) {
-    const size_t chunk = m_pending.size() - at < kChunk ? m_pending.size() - at : kChunk;
-    if (EVP_DecryptUpdate(ctx, m_work.data(), &produced, bytes(m_pending) + at,
-                          static_cast<int>(chunk)) != 1) {
+  // GCM gives as many bytes as it takes: the plaintext goes straight into
+  // the output, grown once.
+  unsigned char* plain = m_decOutput.extend(length);
+  for (size_t at = 0; at < length; at += kDecryptPiece) {
+    const size_t piece = std::min(length - at, kDecryptPiece);
+    if (EVP_DecryptUpdate(ctx, plain + at, &produced, ciphertext + at, static_cast<int>(piece)) !=
+            1 ||
+        static_cast<size_t>(produced) != piece) {
       KMS_DEBUG(kLabel, 1, "EVP_DecryptUpdate returned FAILURE");
       logOpenSSLErrors(kLabel);
       return decryptFailed(1224);
     }
-    m_decOutput.append(m_work.data(), static_cast<unsigned long>(produced));
   }
   m_pending.clear();
   if (EVP_DecryptFinal_ex(ctx, m_work.data(), &produced) == 0) {

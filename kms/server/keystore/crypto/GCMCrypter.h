@@ -73,7 +73,8 @@ class GCMCrypter : public KSCrypt {
   // Splits the rest of the input between the pending ciphertext and the
   // candidate tag, keeping the last 16 bytes seen in the tag.
   void collect(const unsigned char* data, unsigned long len);
-  int finishDecrypt();
+  // The final step over the whole ciphertext, the tag in m_cached_tag.
+  int finishDecrypt(const unsigned char* ciphertext, size_t length);
   // Record a failure of the side: `status` becomes its status, its context
   // is rebuilt at the next reset. Return `status`.
   int encryptFailed(int status);

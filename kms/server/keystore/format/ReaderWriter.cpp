@@ -207,8 +207,6 @@ class DigestingReader {
     m_scratch.addDigested(field.data(), field.size());
     return field;
   }
-  // The same, copied.
-  std::string string() { return std::string(view()); }
   // A digested integer field that must be exactly `len` bytes long.
   uint64_t integer(size_t len) {
     const std::string_view field = raw();
@@ -359,11 +357,8 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
       KS_THROW(EC_KS_malformed, kLabel);
     }
     for (uint32_t i = 0; i < count; ++i) {
-      std::string name = fields.string();
-      std::string value = fields.string();
-      const bool added = list.addAttribute(name, value);
-      wipeString(value);
-      if (!added) {
+      const std::string_view name = fields.view();
+      if (!list.addAttribute(name, fields.view())) {
         KMS_DEBUG(kLabel, 1, "Duplicate attribute " << name);
         KS_THROW(EC_KS_malformed, kLabel);
       }

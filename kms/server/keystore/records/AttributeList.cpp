@@ -15,13 +15,13 @@ const std::string AttributeList::m_errorS;
 
 namespace {
 
-std::string_view cut(const std::string& text) {
-  return std::string_view(text).substr(0, AttributeList::kMaxLength);
+std::string_view cut(std::string_view text) {
+  return text.substr(0, AttributeList::kMaxLength);
 }
 
 }  // namespace
 
-bool AttributeList::addAttribute(const std::string& name, const std::string& value) {
+bool AttributeList::addAttribute(std::string_view name, std::string_view value) {
   KMS_TRACE_THIS("AttributeList::addAttribute");
   const std::string_view key = cut(name);
   // A list is read from a file in the order of its names: each new name

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace Vaultrest {
 namespace DL {
@@ -32,7 +33,7 @@ class AttributeList {
 
   // Inserts the pair if the name is new (true); an existing name keeps its
   // value (false).
-  bool addAttribute(const std::string& name, const std::string& value);
+  bool addAttribute(std::string_view name, std::string_view value);
   // Replaces the value of an existing name (true); an absent name is not
   // inserted (false).
   bool updateAttribute(std::string name, std::string value);

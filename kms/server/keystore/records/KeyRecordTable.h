@@ -161,30 +161,26 @@ class KeyRecordTable : protected RecordTable<R> {
 template <typename R>
 bool KeyRecordTable<R>::addRecord(R&& rec) {
   KMS_TRACE_THIS("KeyRecordTable::addRecord");
-  if (m_singleActive && rec.state() == KEY_ACTIVE && !getActiveKeyInGroup(rec.keyGroup()).empty()) {
+  const bool active = rec.state() == KEY_ACTIVE;
+  if (m_singleActive && active && !getActiveKeyInGroup(rec.keyGroup()).empty()) {
     testGroups(rec.keyGroup());
     return false;
   }
-  const std::string tag = rec.tag();
-  const std::string group = rec.keyGroup();
-  const bool active = rec.state() == KEY_ACTIVE;
-  if (!Base::addRecord(std::move(rec))) {
-    testGroups(group);
+  // Only the index changes below, so `stored` stays valid.
+  const R* stored = m_rectable.emplace(rec.tag(), std::move(rec));
+  if (stored == nullptr) {
+    testGroups(rec.keyGroup());
     return false;
   }
-  insertTag(groupForChange(group), tag, active);
-  testGroups(group, std::string(), tag);
+  insertTag(groupForChange(stored->keyGroup()), stored->tag(), active);
+  testGroups(stored->keyGroup(), std::string(), stored->tag());
   return true;
 }
 
 template <typename R>
 typename KeyRecordTable<R>::TagList& KeyRecordTable<R>::groupForChange(const std::string& group) {
   TagList* tags = m_groups.findForChange(group);
-  if (tags == nullptr) {
-    m_groups.emplace(group, TagList());
-    tags = m_groups.findForChange(group);
-  }
-  return *tags;
+  return tags != nullptr ? *tags : *m_groups.emplace(group, TagList());
 }
 
 template <typename R>
@@ -192,6 +188,12 @@ void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool ac
   ++m_listed;
   if (active) {
     tags.insert(tags.begin(), tag);
+    return;
+  }
+  // Above the last tag (as when loaded in tag order): behind the active
+  // keys and every other, so at the end, without a lookup.
+  if (tags.empty() || tags.back() < tag) {
+    tags.push_back(tag);
     return;
   }
   auto first = tags.begin();

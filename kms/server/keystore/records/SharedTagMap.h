@@ -151,24 +151,42 @@ class SharedTagMap {
     return const_iterator(&m_shards, index, shard->lower_bound(tag));
   }
 
-  // Inserts if the tag is new (true); an existing entry stays (false).
+  // Inserts if the tag is new and returns the new value, valid until the
+  // next change of the map; null, and neither the entry nor `value`
+  // touched, if the tag is taken. A tag above all others of its shard (as
+  // when a table is loaded in order) goes behind them without a search.
   template <typename Value>
-  bool emplace(const std::string& tag, Value&& value) {
-    if (find(tag) != end()) {
-      return false;
+  V* emplace(const std::string& tag, Value&& value) {
+    const size_t index = shardOf(tag);
+    const Shard* shard = m_shards[index].get();
+    const bool last = shard == nullptr || shard->empty() || shard->rbegin()->first < tag;
+    if (!last && shard->find(tag) != shard->end()) {
+      return nullptr;
     }
-    writableShard(shardOf(tag)).emplace(tag, std::forward<Value>(value));
+    Shard& writable = writableShard(index);
+    const auto hint = last ? writable.end() : writable.lower_bound(tag);
+    V* added = &writable.emplace_hint(hint, tag, std::forward<Value>(value))->second;
     ++m_size;
-    return true;
+    return added;
   }
 
   // The entry's value, made private to this map for a change; null if the
   // tag is absent. Valid until the next change of the map.
   V* findForChange(const std::string& tag) {
-    if (find(tag) == end()) {
+    const size_t index = shardOf(tag);
+    Shard* shard = m_shards[index].get();
+    if (shard == nullptr) {
       return nullptr;
     }
-    return &writableShard(shardOf(tag)).find(tag)->second;
+    auto it = shard->find(tag);
+    if (it == shard->end()) {
+      return nullptr;
+    }
+    Shard& writable = writableShard(index);
+    if (&writable != shard) {
+      it = writable.find(tag);
+    }
+    return &it->second;
   }
 
   // True if an entry was erased.
