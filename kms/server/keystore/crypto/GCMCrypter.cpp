@@ -17,13 +17,24 @@ namespace KMS {
 
 namespace {
 
-constexpr unsigned long kChunk = 2048;
 // The most that one cipher call takes (its length is an int).
-constexpr unsigned long kMaxUpdate = 1UL << 30;
-constexpr size_t kDecryptPiece = 0x100000;
+constexpr size_t kMaxUpdate = size_t{1} << 30;
 
 const unsigned char* bytes(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
+}
+
+// GCM gives as many bytes as it takes, so `out` receives exactly `length`
+// bytes; false when the cipher fails.
+bool updateAll(EVP_CIPHER_CTX* ctx, unsigned char* out, const unsigned char* in, size_t length) {
+  for (size_t at = 0; at < length; at += kMaxUpdate) {
+    const int piece = static_cast<int>(std::min(length - at, kMaxUpdate));
+    int produced = 0;
+    if (EVP_CipherUpdate(ctx, out + at, &produced, in + at, piece) != 1 || produced != piece) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -42,7 +53,7 @@ GCMCrypter::GCMCrypter(const std::string& key) {
     KS_THROW(EC_KS_crypter_not_ready, kLabel);
   }
   m_key = toSecureBytes(key);
-  m_work.resize(static_cast<size_t>(EVP_CIPHER_get_block_size(m_cipher)) + kChunk);
+  m_work.resize(static_cast<size_t>(EVP_CIPHER_get_block_size(m_cipher)));
   m_encCtx.reset(EVP_CIPHER_CTX_new());
   m_decCtx.reset(EVP_CIPHER_CTX_new());
   if (!m_encCtx || !m_decCtx || reset() != 0) {
@@ -139,19 +150,10 @@ int GCMCrypter::encrypt(const unsigned char* data, unsigned long len, bool final
   EVP_CIPHER_CTX* ctx = m_encCtx.get();
   // Straight into the output, which the ciphertext (as long as the
   // plaintext) fills.
-  unsigned char* at = m_encOutput.extend(len);
-  while (len > 0) {
-    const unsigned long chunk = len < kMaxUpdate ? len : kMaxUpdate;
-    int produced = 0;
-    if (EVP_EncryptUpdate(ctx, at, &produced, data, static_cast<int>(chunk)) != 1) {
-      KMS_DEBUG(kLabel, 1, "EVP_EncryptUpdate returned FAILURE");
-      logOpenSSLErrors(kLabel);
-      return encryptFailed(1224);
-    }
-    at += produced;
-    data += chunk;
-    len -= chunk;
-    m_encOutput.giveBack(chunk - static_cast<unsigned long>(produced));
+  if (!updateAll(ctx, m_encOutput.extend(len), data, len)) {
+    KMS_DEBUG(kLabel, 1, "EVP_EncryptUpdate returned FAILURE");
+    logOpenSSLErrors(kLabel);
+    return encryptFailed(1224);
   }
   if (final) {
     m_encState = FINAL_DONE;
@@ -322,16 +324,10 @@ int GCMCrypter::finishDecrypt(const unsigned char* ciphertext, size_t length) {
   }
   // GCM gives as many bytes as it takes: the plaintext goes straight into
   // the output, grown once.
-  unsigned char* plain = m_decOutput.extend(length);
-  for (size_t at = 0; at < length; at += kDecryptPiece) {
-    const size_t piece = std::min(length - at, kDecryptPiece);
-    if (EVP_DecryptUpdate(ctx, plain + at, &produced, ciphertext + at, static_cast<int>(piece)) !=
-            1 ||
-        static_cast<size_t>(produced) != piece) {
-      KMS_DEBUG(kLabel, 1, "EVP_DecryptUpdate returned FAILURE");
-      logOpenSSLErrors(kLabel);
-      return decryptFailed(1224);
-    }
+  if (!updateAll(ctx, m_decOutput.extend(length), ciphertext, length)) {
+    KMS_DEBUG(kLabel, 1, "EVP_DecryptUpdate returned FAILURE");
+    logOpenSSLErrors(kLabel);
+    return decryptFailed(1224);
   }
   m_pending.clear();
   if (EVP_DecryptFinal_ex(ctx, m_work.data(), &produced) == 0) {

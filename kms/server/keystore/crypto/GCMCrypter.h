@@ -92,7 +92,7 @@ class GCMCrypter : public KSCrypt {
   std::string m_aad;  // held for decryption until the final call
   std::string m_cached_tag;
   std::string m_pending;  // ciphertext known not to be tag
-  SecureBytes m_work;     // block size + 2048 bytes
+  SecureBytes m_work;     // one block, for the final call
   State m_encState = NOT_READY;
   State m_decState = NOT_READY;
   // The side's context holds the cipher, the IV length and the key from a

@@ -98,14 +98,12 @@ class KSCrypt {
     void append(const unsigned char* data, unsigned long len) {
       m_bytes.insert(m_bytes.end(), data, data + len);
     }
-    // Room for `len` bytes at the end, for a cipher to write in place;
-    // giveBack(n) then drops the last n bytes that it left unwritten.
+    // Room for `len` bytes at the end, for a cipher to write in place.
     unsigned char* extend(unsigned long len) {
       const size_t used = m_bytes.size();
       m_bytes.resize(used + len);
       return m_bytes.data() + used;
     }
-    void giveBack(unsigned long len) { m_bytes.resize(m_bytes.size() - len); }
     // Successful end of an encrypt/decrypt call.
     void endCall() { m_fetched = false; }
     // Hands out what was appended since the previous fetch. The pointer is

@@ -261,9 +261,7 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
-// A record's string fields (a group has the first three only), and the
-// bytes that its other fields take on the stream: marker, lengths,
-// integers and digest.
+// A record's string fields (a group has the first three only).
 typedef std::array<const std::string*, 6> StringFields;
 
 StringFields stringFields(const KeyRecord_v1& rec) {
@@ -275,25 +273,63 @@ StringFields stringFields(const KeyGrpRecord_v1& rec) {
   return {&rec.tag(), &rec.name(), &rec.description(), &kNone, &kNone, &kNone};
 }
 
-size_t otherStreamBytes(const KeyRecord_v1&) {
-  return 84;
+// A record's digested fields in stream order, into `fields` (a
+// DigestingWriter, or a FieldCounter): those that key and group records
+// share (tag, name, times, description, revision), then the record's own.
+template <typename Fields>
+void recordFields(const KeyRecord_v1& rec, Fields& fields);
+template <typename Fields>
+void recordFields(const KeyGrpRecord_v1& rec, Fields& fields);
+
+template <typename Record, typename Fields>
+void sharedFields(const Record& rec, Fields& fields) {
+  fields.string(rec.tag());
+  fields.string(rec.name());
+  fields.integer(rec.updateTime(), 8);
+  fields.integer(rec.createTime(), 8);
+  fields.string(rec.description());
+  fields.integer(rec.rev(), 4);
 }
-size_t otherStreamBytes(const KeyGrpRecord_v1&) {
-  return 74;
+template <typename Fields>
+void recordFields(const KeyRecord_v1& rec, Fields& fields) {
+  sharedFields(rec, fields);
+  fields.string(rec.keyGroup());
+  fields.integer(static_cast<uint16_t>(rec.state()), 2);
+  fields.integer(static_cast<uint16_t>(rec.kpkType()), 2);
+  fields.string(rec.kpkTag());
+  fields.string(rec.key());
 }
+template <typename Fields>
+void recordFields(const KeyGrpRecord_v1& rec, Fields& fields) {
+  sharedFields(rec, fields);
+  fields.integer(static_cast<uint16_t>(rec.cipherType()), 2);
+}
+
+// Counts the bytes that a DigestingWriter given the same fields writes.
+class FieldCounter {
+ public:
+  static constexpr size_t kLength = 2;  // a field's length prefix
+  static constexpr size_t kMarker = kLength + 2;
+  static constexpr size_t kCount = kLength + 4;
+  static constexpr size_t kDigest = kLength + 32;  // SHA-256
+
+  void string(const std::string& s) { bytes += kLength + s.size(); }
+  void integer(uint64_t, size_t len) { bytes += kLength + len; }
+
+  size_t bytes = 0;
+};
 
 // The bytes of a record and its attribute list on the stream, for
 // KSOutStream::expect.
 template <typename Record>
 size_t streamBytes(const Record& rec) {
-  size_t bytes = otherStreamBytes(rec) + 4 + 6 + 34;
-  for (const std::string* field : stringFields(rec)) {
-    bytes += field->size();
-  }
+  FieldCounter fields;
+  recordFields(rec, fields);
   for (const auto& attribute : rec.attributes()) {
-    bytes += 4 + attribute.first.size() + attribute.second.size();
+    fields.string(attribute.first);
+    fields.string(attribute.second);
   }
-  return bytes;
+  return fields.bytes + 2 * (FieldCounter::kMarker + FieldCounter::kDigest) + FieldCounter::kCount;
 }
 
 // Starts loading the heap blocks of a record's fields (each string's bytes,
@@ -412,28 +448,22 @@ void ReaderWriter::readAttributeList(KSInputBuffer& in, AttributeList& list) {
 
 namespace {
 
-// A record on the stream: its marker, the fields that key and group records
-// share (tag, name, times, description, revision), then those that
-// `ownFields` writes or reads, the digest over all of them, and the
-// attribute list.
-template <typename Record, typename OwnFields>
-void writeRecordWith(KSOutStream& out, const Record& rec, Scratch& scratch, OwnFields&& ownFields) {
+// A record on the stream: its marker, its fields (recordFields), the digest
+// over them, and the attribute list.
+template <typename Record>
+void writeAnyRecord(KSOutStream& out, const Record& rec, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::writeRecord";
   translateErrors(kLabel, kWriteMap, [&] {
     writeMarker(out, ReaderWriter::s_recordmark);
     DigestingWriter fields(out, scratch);
-    fields.string(rec.tag());
-    fields.string(rec.name());
-    fields.integer(rec.updateTime(), 8);
-    fields.integer(rec.createTime(), 8);
-    fields.string(rec.description());
-    fields.integer(rec.rev(), 4);
-    ownFields(fields);
+    recordFields(rec, fields);
     fields.finish();
     writeAttributeListWith(out, rec.attributes(), scratch);
   });
 }
 
+// Reads what writeAnyRecord writes: the fields that key and group records
+// share, then those that `ownFields` reads.
 template <typename Record, typename OwnFields>
 void readRecordWith(KSInputBuffer& in, Record& rec, Scratch& scratch, OwnFields&& ownFields) {
   static const char* const kLabel = "ReaderWriter::readRecord";
@@ -450,29 +480,6 @@ void readRecordWith(KSInputBuffer& in, Record& rec, Scratch& scratch, OwnFields&
     fields.checkDigest();
     readAttributeListWith(in, rec.attributes(), scratch);
   });
-}
-
-void writeKeyRecord(KSOutStream& out, const KeyRecord_v1& rec, Scratch& scratch) {
-  writeRecordWith(out, rec, scratch, [&](DigestingWriter& fields) {
-    fields.string(rec.keyGroup());
-    fields.integer(static_cast<uint16_t>(rec.state()), 2);
-    fields.integer(static_cast<uint16_t>(rec.kpkType()), 2);
-    fields.string(rec.kpkTag());
-    fields.string(rec.key());
-  });
-}
-
-void writeGroupRecord(KSOutStream& out, const KeyGrpRecord_v1& rec, Scratch& scratch) {
-  writeRecordWith(out, rec, scratch, [&](DigestingWriter& fields) {
-    fields.integer(static_cast<uint16_t>(rec.cipherType()), 2);
-  });
-}
-
-void writeAnyRecord(KSOutStream& out, const KeyRecord_v1& rec, Scratch& scratch) {
-  writeKeyRecord(out, rec, scratch);
-}
-void writeAnyRecord(KSOutStream& out, const KeyGrpRecord_v1& rec, Scratch& scratch) {
-  writeGroupRecord(out, rec, scratch);
 }
 
 // The record's fields are set from views into the input: one copy each,
@@ -505,13 +512,13 @@ void readAnyRecord(KSInputBuffer& in, KeyGrpRecord_v1& rec, Scratch& scratch) {
 void ReaderWriter::writeRecord(KSOutStream& out, const KeyRecord_v1& rec) {
   RW_TRACE("ReaderWriter::writeRecord");
   Scratch scratch("ReaderWriter::writeRecord");
-  writeKeyRecord(out, rec, scratch);
+  writeAnyRecord(out, rec, scratch);
 }
 
 void ReaderWriter::writeRecord(KSOutStream& out, const KeyGrpRecord_v1& rec) {
   RW_TRACE("ReaderWriter::writeRecord");
   Scratch scratch("ReaderWriter::writeRecord");
-  writeGroupRecord(out, rec, scratch);
+  writeAnyRecord(out, rec, scratch);
 }
 
 void ReaderWriter::readRecord(KSInputBuffer& in, KeyRecord_v1& rec) {
@@ -533,7 +540,7 @@ void ReaderWriter::writeRecordTable(KSOutStream& out, const Table& table) {
   translateErrors(kLabel, kWriteTableMap, [&] {
     KS_ASSERT(kLabel, table.size() <= UINT32_MAX);
     out.expect([&] {
-      size_t bytes = 10;
+      size_t bytes = FieldCounter::kMarker + FieldCounter::kCount;
       for (const auto& entry : table) {
         bytes += streamBytes(entry.second);
       }
