@@ -364,13 +364,15 @@ KSMetadata upgradedMetadata(const KSMetadata& meta, const std::string& hmkKey,
                             KSCrypt::CryptType keyEncAlgo) {
   constexpr ks_version_t kCurrent = FileKeyStore::kCurrentVersion;
   KSMetadata upgraded(kCurrent);
-  for (const KSMetadata::Master which : {KSMetadata::HMK, KSMetadata::KPK}) {
-    const KSMetadata::MasterFields& old = meta.master(which);
-    const bool hmk = which == KSMetadata::HMK;
-    upgraded.setMaster(
-        which, FileKeyStore::currentMasterFields(which, hmk ? hmkKey : plainKpk, old.id,
-                                                 hmk ? masterEncAlgo : keyEncAlgo, old.random,
-                                                 old.fips, old.salt));
+  const struct {
+    KSMetadata::Master which;
+    const std::string& key;
+    KSCrypt::CryptType algo;
+  } masters[] = {{KSMetadata::HMK, hmkKey, masterEncAlgo}, {KSMetadata::KPK, plainKpk, keyEncAlgo}};
+  for (const auto& m : masters) {
+    const KSMetadata::MasterFields& old = meta.master(m.which);
+    upgraded.setMaster(m.which, FileKeyStore::currentMasterFields(m.which, m.key, old.id, m.algo,
+                                                                  old.random, old.fips, old.salt));
   }
   return upgraded;
 }
