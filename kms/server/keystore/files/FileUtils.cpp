@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <ace/OS_NS_string.h>
@@ -297,6 +298,14 @@ void syncDirectory(const char* function, const char* path, unsigned long line, c
 
 void readFileIntoString(FILE* stream, std::string& out, size_t maxBytes) {
   KMS_TRACE("Utils::readFileIntoString");
+  // Room for the whole file at once: a string grown piece by piece copies
+  // itself over and over, and leaves its old buffers, unwiped, on the heap.
+  struct stat st;
+  const off_t at = ftello(stream);
+  if (fstat(fileno(stream), &st) == 0 && S_ISREG(st.st_mode) && at >= 0 && st.st_size > at) {
+    const size_t rest = static_cast<size_t>(st.st_size - at);
+    out.reserve(out.size() + (rest < maxBytes ? rest : maxBytes) + 1);
+  }
   unsigned char piece[kReadPiece];
   ssize_t bytesread = 0;
   size_t total = 0;
