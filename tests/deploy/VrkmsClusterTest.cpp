@@ -8,6 +8,7 @@
 #include <sys/utsname.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "server/ServiceSandbox.h"
 
@@ -69,32 +70,6 @@ ProcessResult clusterUtil(const std::string& cib, std::vector<std::string> args)
   return tool(cib, VRCLUSTERUTIL_BINARY, std::move(args));
 }
 
-// The notification socket of a service manager: every datagram received.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    ::setenv("WATCHDOG_USEC", "200000", 1);
-  }
-  ~NotifySocket() {
-    ::unsetenv("NOTIFY_SOCKET");
-    ::unsetenv("WATCHDOG_USEC");
-    ::close(m_fd);
-  }
-  // The next message, or "" after a minute without one.
-  std::string next() const {
-    pollfd ready{m_fd, POLLIN, 0};
-    char buffer[4096];
-    const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(m_fd, buffer, sizeof buffer, 0) : 0;
-    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
-  }
-  const int m_fd;
-};
-
 }  // namespace
 
 TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
@@ -129,15 +104,28 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   // The service started as systemd starts it, the utility installed.
   ASSERT_TRUE(service.makeStore());
   const std::string bin = service.root().file("vaultrest/bin");
-  ::mkdir(service.root().file("vaultrest").c_str(), 0755);
-  ::mkdir(bin.c_str(), 0755);
+  std::filesystem::create_directories(bin);
   ASSERT_EQ(::symlink(VRCLUSTERUTIL_BINARY, (bin + "/vrclusterutil").c_str()), 0);
-  const NotifySocket notify(service.root().file("notify.sock"));
+  // The notification socket of a service manager; next() gives the next
+  // message, or "" after a minute without one.
+  const int notify = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  service.root().file("notify.sock").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::setenv("NOTIFY_SOCKET", address.sun_path, 1);
+  ::setenv("WATCHDOG_USEC", "200000", 1);
+  const auto next = [&] {
+    pollfd ready{notify, POLLIN, 0};
+    char buffer[4096];
+    const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(notify, buffer, sizeof buffer, 0) : 0;
+    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+  };
   // Passive: the refusal is the unit's status, and no failure of the process.
   ::setenv("CIB_file", cibOf("peer").c_str(), 1);
   service.launch({"-console"});
   EXPECT_EQ(service.waitForExit(std::chrono::seconds(60)), 0);
-  EXPECT_EQ(notify.next(),
+  EXPECT_EQ(next(),
             "STATUS=This host is an inactive node of a cluster. The key management service was "
             "not started.");
   EXPECT_NE(service.appLog().find("286-86 "), std::string::npos);
@@ -146,11 +134,11 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   const std::string cib = cibOf("unmonitored");
   ::setenv("CIB_file", cib.c_str(), 1);
   service.launch({"-console"});
-  EXPECT_EQ(notify.next(), "READY=1");
+  EXPECT_EQ(next(), "READY=1");
   struct stat advertised;
   EXPECT_EQ(::stat(service.iorPath().c_str(), &advertised), 0);
-  EXPECT_EQ(notify.next(), "WATCHDOG=1");
-  EXPECT_EQ(notify.next(), "WATCHDOG=1");
+  EXPECT_EQ(next(), "WATCHDOG=1");
+  EXPECT_EQ(next(), "WATCHDOG=1");
   EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
   const std::string once = ServiceSandbox::readPath(cib);
   EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
@@ -158,5 +146,8 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
             std::string::npos);
   EXPECT_EQ(service.terminate().second, 0);
-  ::unsetenv("CIB_file");
+  for (const char* name : {"CIB_file", "NOTIFY_SOCKET", "WATCHDOG_USEC"}) {
+    ::unsetenv(name);
+  }
+  ::close(notify);
 }
