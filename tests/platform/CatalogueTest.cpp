@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <map>
 #include <set>
 #include <string>
-#include <tuple>
 
 #include "kms/platform/CatalogueTexts.h"
 #include "kms/platform/CrvnLis.h"
@@ -15,56 +13,35 @@
 
 namespace {
 
-// Messages of originator 286 (1..98 but 84, 90, 91; 110..112) and the number
-// of arguments their users pass where it is not 0.
-const std::set<int> kNoMessage = {84, 90, 91};
-const std::map<int, int> kArguments = {{38, 1}, {39, 1}, {43, 1}, {44, 1},  {46, 1},  {47, 2},
-                                       {48, 1}, {49, 1}, {51, 1}, {52, 1},  {53, 1},  {64, 1},
-                                       {65, 1}, {71, 1}, {72, 1}, {73, 1},  {74, 1},  {77, 1},
-                                       {78, 1}, {89, 4}, {92, 1}, {110, 2}, {111, 3}, {112, 2}};
+// Messages of originator 286: 1..98 but 84, 90, 91; 110..112.
 bool isProgramMessage(int id) {
-  return (id >= 1 && id <= 98 && kNoMessage.count(id) == 0) || (id >= 110 && id <= 112);
+  return (id >= 1 && id <= 98 && id != 84 && id != 90 && id != 91) || (id >= 110 && id <= 112);
 }
 // The status codes the program produces are 1200..1295 but these.
 const std::set<int> kNoStatus = {1211, 1213, 1216, 1217, 1226, 1250, 1266, 1273,
                                  1278, 1288, 1289, 1290, 1291, 1292, 1293};
 
-int placeholders(const std::string& text) {
-  int n = 0;
-  for (size_t pos = text.find("{}"); pos != std::string::npos; pos = text.find("{}", pos + 2)) {
-    ++n;
-  }
-  return n;
-}
-
 }  // namespace
 
-TEST(Catalogue, SortedCompleteAndEveryRowFoundByItsLookup) {
+// Lookups are binary searches: every row found by its own shows the order.
+TEST(Catalogue, CompleteAndEveryRowFoundByItsLookup) {
   for (size_t i = 0; i < kCatalogueTextCount; ++i) {
-    const CatalogueText &row = kCatalogueTexts[i], &prev = kCatalogueTexts[i > 0 ? i - 1 : 0];
+    const CatalogueText& row = kCatalogueTexts[i];
     ASSERT_TRUE(row.text != nullptr && row.text[0] != '\0') << "row " << i;
     EXPECT_EQ(crvnCatalogueText(row.originator, row.id), row.text) << "row " << i;
-    EXPECT_TRUE(i == 0 || std::tie(prev.originator, prev.id) < std::tie(row.originator, row.id))
-        << "row " << i;
     EXPECT_TRUE(row.originator != 286 || isProgramMessage(row.id)) << row.id;
   }
   for (size_t i = 0; i < kStatusTextCount; ++i) {
     EXPECT_EQ(getECmsg(kStatusTexts[i].code), kStatusTexts[i].shortText) << "row " << i;
-    EXPECT_TRUE(i == 0 || kStatusTexts[i - 1].code < kStatusTexts[i].code) << "row " << i;
   }
   for (int id = 0; id <= 113; ++id) {
-    const char* text = crvnCatalogueText(286, id);
-    ASSERT_EQ(text != nullptr, isProgramMessage(id)) << "message " << id;
-    const int arguments = kArguments.count(id) != 0 ? kArguments.at(id) : 0;
-    EXPECT_TRUE(text == nullptr || placeholders(text) == arguments) << "message " << id;
+    EXPECT_EQ(crvnCatalogueText(286, id) != nullptr, isProgramMessage(id)) << "message " << id;
   }
   ASSERT_NE(getECmsg(0), nullptr);  // 0 has a short text only
   for (int code = 1199; code <= 1296; ++code) {
     const bool produced = code >= 1200 && code <= 1295 && kNoStatus.count(code) == 0;
     EXPECT_EQ(getECmsg(code) != nullptr, produced) << code;
-    const char* text = crvnCatalogueText(271, code);
-    ASSERT_EQ(text != nullptr, produced) << code;
-    EXPECT_TRUE(text == nullptr || placeholders(text) == 0) << code;
+    EXPECT_EQ(crvnCatalogueText(271, code) != nullptr, produced) << code;
   }
   EXPECT_EQ(kStatusTextCount, 96 - kNoStatus.size() + 1);  // plus the text of 0
   EXPECT_EQ(crvnCatalogueText(999, 1), nullptr);
