@@ -41,45 +41,29 @@ bool listed(const std::string& name, pid_t pid, bool present) {
   return !present;
 }
 
-// A child whose command name is `name` (argv[0] stays the test's).
-pid_t childNamed(const std::string& name, bool exitAtOnce) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::prctl(PR_SET_NAME, name.c_str(), 0, 0, 0);
-    if (exitAtOnce) {
-      ::_exit(0);
-    }
-    for (;;) {
-      ::pause();
-    }
-  }
-  return pid;
-}
-
 }  // namespace
 
 TEST(ProcessHandler, FindsProcessesByArgv0BaseNameOrCommandNameButNotTheCallerNorZombies) {
   const std::string name = "kmsph" + std::to_string(::getpid());
+  TempRoot dir("vrkms-ph");  // a program whose command name is `name`
+  ASSERT_EQ(::symlink("/bin/sleep", dir.file(name).c_str()), 0);
   RunningProcess byArgv0 =
       ProcessRunner("/bin/sleep").argv0("/some/dir/" + name).args({"30"}).spawn();
+  RunningProcess byComm = ProcessRunner(dir.file(name)).argv0("other").args({"30"}).spawn();
   EXPECT_TRUE(listed(name, byArgv0.pid(), true));
-  const pid_t byComm = childNamed(name, false);  // renamed itself
-  EXPECT_TRUE(listed(name, byComm, true));
+  EXPECT_TRUE(listed(name, byComm.pid(), true));
   byArgv0.stop();
-  ::kill(byComm, SIGKILL);
-  ::waitpid(byComm, nullptr, 0);
+  byComm.stop();
   for (const std::string& none : {name, std::string(), name.substr(0, name.size() - 1)}) {
     EXPECT_TRUE(ProcessHandler(none).getProcessIDs().empty()) << none;
   }
   const std::string self = "kmsself" + std::to_string(::getpid());
   ASSERT_EQ(::prctl(PR_SET_NAME, self.c_str(), 0, 0, 0), 0);
   EXPECT_FALSE(listed(self, ::getpid(), false));
-  const std::string zombieName = "kmszmb" + std::to_string(::getpid());
-  const pid_t zombie = childNamed(zombieName, true);
+  RunningProcess zombie = ProcessRunner(dir.file(name)).args({"0"}).spawn();
   siginfo_t exited{};
-  ASSERT_EQ(::waitid(P_PID, zombie, &exited, WEXITED | WNOWAIT), 0);  // left a zombie
-  EXPECT_FALSE(listed(zombieName, zombie, false));
-  ::waitpid(zombie, nullptr, 0);
+  ASSERT_EQ(::waitid(P_PID, zombie.pid(), &exited, WEXITED | WNOWAIT), 0);  // left a zombie
+  EXPECT_FALSE(listed(name, zombie.pid(), false));
 }
 
 // (Its bound on a pipe is met by the passphrase dialogue: KMSSpecialOps.)
