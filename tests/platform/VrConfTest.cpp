@@ -142,8 +142,6 @@ TEST(HostCheck, LocalHostMasterServerAndFipsFlagOfTheMasterConfiguration) {
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
   root.writeConf("VRKMS_FIPS = TRUE\n");
   EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);
-  root.writeConf("VRKMS_FIPS = maybe\n");
-  EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
   root.writeConf("VRKMS_FIPS = yes\nOTHER_FIPS = no\n");
   ASSERT_EQ(VR_read_master_config(), 0);
   root.writeConf("VRKMS_FIPS = no\n");
