@@ -18,8 +18,7 @@
 
 using namespace Vaultrest::DL::KMSCtl;
 
-// Operands and options in any order; a value is taken as it stands; endpoints
-// become references. (What the commands send: VrkmsCtlTest, VrkmsEximTest.)
+// Operands and options in any order; a value is taken as it stands.
 TEST(CtlCommandLine, OperandsOptionsAndEndpoints) {
   const CtlCommandLine line =
       CtlCommandLine::parse({"--json", "--endpoint", "corbaloc::h:1/KMS.KMSMgr", "key", "update",
@@ -80,8 +79,7 @@ TEST(CtlOutput, JsonEscapesEveryByteAndUnwordedMessagesShowAsTheyCame) {
   EXPECT_EQ(CtlOpMessages::text(99, {}), "message 99");
 }
 
-// Hidden beside the target until whole, then put in its place; one not
-// committed is removed. (Their mode: VrkmsEximTest.)
+// Hidden beside the target until whole; one not committed is removed.
 TEST(CtlExportFile, AppearsWholeOrNotAtAll) {
   TempRoot dir("vrkms-export-file");
   const std::string target = dir.file("out.vrx");
@@ -104,8 +102,7 @@ TEST(CtlExportFile, AppearsWholeOrNotAtAll) {
   EXPECT_THROW(CtlExportFile(dir.path() + "/"), UsageError);
 }
 
-// Usage faults end with 2 before anything is sent, an unreachable service
-// with 3 and no export file, not even a hidden one.
+// Usage faults exit 2 before anything is sent; an unreachable service 3, leaving no file.
 TEST(CtlProgram, BadInputAndAnUnreachableServiceHaveTheirOwnStatuses) {
   TempRoot root("vrkms-ctl");
   std::ofstream(root.file("empty.pass")) << "\n";
@@ -149,8 +146,7 @@ TEST(CtlProgram, BadInputAndAnUnreachableServiceHaveTheirOwnStatuses) {
     EXPECT_EQ(r.exitStatus, 2) << r.err;
     EXPECT_EQ(r.err.rfind("vrkmsctl: " + std::string(err), 0), 0u) << r.err;
   }
-  // Nothing listens at port 1 (privileged, unused); input that passes goes
-  // on to the service, and no export file is left.
+  // Nothing listens at port 1 (privileged, unused).
   const ProcessResult down = run({"--endpoint", "127.0.0.1:1", "--json", "group", "list"});
   EXPECT_EQ(down.exitStatus, 3);
   EXPECT_EQ(down.out,

@@ -24,7 +24,7 @@ const std::set<int> kNoStatus = {1211, 1213, 1216, 1217, 1226, 1250, 1266, 1273,
 }  // namespace
 
 // Lookups are binary searches: every row found by its own shows the order.
-TEST(Catalogue, CompleteAndEveryRowFoundByItsLookup) {
+TEST(Catalogue, CompleteEveryRowFoundByItsLookupAndArgumentsBuiltFromAFormat) {
   for (size_t i = 0; i < kCatalogueTextCount; ++i) {
     const CatalogueText& row = kCatalogueTexts[i];
     ASSERT_TRUE(row.text != nullptr && row.text[0] != '\0') << "row " << i;
@@ -45,9 +45,7 @@ TEST(Catalogue, CompleteAndEveryRowFoundByItsLookup) {
   }
   EXPECT_EQ(kStatusTextCount, 96 - kNoStatus.size() + 1);  // plus the text of 0
   EXPECT_EQ(crvnCatalogueText(999, 1), nullptr);
-}
-
-TEST(Catalogue, BuildsArgumentsFromAPrintfStyleFormat) {
+  // Arguments built from a printf-style format.
   crvnLis lis;
   const auto text = [&](int id) {
     char* out = nullptr;

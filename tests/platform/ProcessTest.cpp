@@ -1,5 +1,4 @@
-// Processes of this host: the listing by name, the terminal read of secrets
-// and the cluster utility.
+// Processes of this host: the listing by name, secrets read off a terminal, the cluster utility.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -28,8 +27,7 @@
 
 namespace {
 
-// Whether the listing of `name` shows `pid`, waiting up to five seconds for
-// it to become `present`.
+// Whether the listing of `name` shows `pid`, waiting up to 5 s for it to be `present`.
 bool listed(const std::string& name, pid_t pid, bool present) {
   for (int i = 0; i < 500; ++i) {
     const std::vector<pid_t> pids = ProcessHandler(name).getProcessIDs();
@@ -99,8 +97,7 @@ TEST(SecureFGets, DoesNotEchoOnATerminalAndRestoresItsSettings) {
   close(master);
 }
 
-// The cluster utility run with its arguments (here a stand-in that answers by
-// them), and no cluster and failing queries without it.
+// The cluster utility (a stand-in answering by its arguments), and failing queries without it.
 TEST(VRCluster, RunsTheUtilityAndReadsItsAnswers) {
   PlatformTestRoot root;
   const VRCluster cluster(0);

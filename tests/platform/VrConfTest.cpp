@@ -1,5 +1,4 @@
-// The master configuration: its reader, the settings the store keeps in it,
-// and the checks of this host and of the FIPS flag that read it.
+// The master configuration: its reader, the store's settings in it, and the checks reading it.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
@@ -111,9 +110,7 @@ TEST(HostCheck, LocalHostMasterServerAndFipsFlagOfTheMasterConfiguration) {
     EXPECT_FALSE(vrnet_is_local_host(name)) << name;
   }
   EXPECT_FALSE(vrnet_is_local_host(nullptr));
-  // The master server is the first SERVER; the process-wide copy of the
-  // configuration is dropped when the file cannot be read, while a copy a
-  // caller holds stays valid. (Another first: VrkmsServiceTest.)
+  // The first SERVER is the master; a held copy outlives a file that cannot be read.
   PlatformTestRoot root;
   root.writeConf("EMM_SERVER = localhost\n");
   ASSERT_EQ(VR_read_master_config(), 0);
@@ -137,8 +134,7 @@ TEST(HostCheck, LocalHostMasterServerAndFipsFlagOfTheMasterConfiguration) {
   VrConfReader direct;
   EXPECT_NE(direct.read(root.confPath()), 0);
   EXPECT_TRUE(direct.entries().empty());
-  // The FIPS mode of a process follows its flag; without a process-wide
-  // copy the file is read directly, with one the copy decides.
+  // FIPS: read from the file without a process-wide copy; with one, the copy decides.
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
   root.writeConf("VRKMS_FIPS = TRUE\n");
   EXPECT_NE(getFIPSModeForProcess("vrkms"), 0);

@@ -1,5 +1,4 @@
-// The facet servants called as the ORB calls them, over a real store; and the
-// conversion of records at the border.
+// The facet servants called as the ORB calls them, over a real store; records at the border.
 #include <ace/OS_NS_sys_utsname.h>
 #include <gtest/gtest.h>
 
@@ -104,8 +103,7 @@ TEST_F(Facet, FormsCountsArgumentsThatCannotReachTheStoreAndALostStore) {
   blank->state = 1;
   blank->kpkType = 1;
   Facets::KeyRecord_var key = m_modify->createKey("", blank.in());
-  // Tags that are not strict hexadecimal are refused by getKeyAndKad itself
-  // and not found by other lookups; no length above 4096 reaches the store.
+  // Tags not strict hexadecimal and KAD lengths above 4096 never reach the store.
   std::string upper = key->tag.in();
   std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
   Facets::KeyRecord_var record;
@@ -135,8 +133,7 @@ TEST_F(Facet, FormsCountsArgumentsThatCannotReachTheStoreAndALostStore) {
       "terminate called after throwing an instance of '.*KeyStoreError'");
 }
 
-// Times count 100 ns ticks from the Gregorian reform: whole seconds round
-// trip, below a second is lost going in.
+// Times count 100 ns ticks from 1582: whole seconds round trip, fractions are lost.
 TEST(RecordConvertor, KeyRecordCrossesTheBorderBothWays) {
   EXPECT_EQ(RecordConvertor::toKsTime(kEpochTicks + 10000000LL * 5 + 9999999), 5u);
   EXPECT_EQ(RecordConvertor::toKsTime(RecordConvertor::toIdlTime(4102444800)), 4102444800u);
