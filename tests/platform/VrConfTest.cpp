@@ -50,13 +50,11 @@ TEST(VrConfInfo, FailuresChangeNothingSetThenGetLeavesOtherLinesAlone) {
   vrconf_info_t info{};
   info.use_cxss = 77;
   EXPECT_NE(vrconf_get_info(&info), 0);  // no file yet
-  EXPECT_EQ(info.use_cxss, 0);
-  EXPECT_EQ(info.emm_server, nullptr);
+  EXPECT_TRUE(info.use_cxss == 0 && info.emm_server == nullptr);
   vrconf_free_info(nullptr);
-  EXPECT_NE(vrconf_get_info(nullptr), 0);
+  EXPECT_TRUE(vrconf_get_info(nullptr) != 0 && vrconf_set_info(nullptr) != 0);
   vrconf_info_t update{1, 1, nullptr};
   EXPECT_NE(vrconf_set_info(&update), 0);  // the service never creates the file
-  EXPECT_NE(vrconf_set_info(nullptr), 0);
   root.writeConf("EMM_SERVER = old\n");
   char broken[] = "two\nlines";
   vrconf_info_t bad{1, 1, broken};
@@ -131,9 +129,6 @@ TEST(HostCheck, LocalHostMasterServerAndFipsFlagOfTheMasterConfiguration) {
   bool block = false;
   EXPECT_NE(vrconfGetKeyValPairAsBool("VRKMS_BLOCK_MEDIA", &block), 0);
   EXPECT_EQ(config->servers, (std::vector<std::string>{"localhost", "192.0.2.1"}));
-  VrConfReader direct;
-  EXPECT_NE(direct.read(root.confPath()), 0);
-  EXPECT_TRUE(direct.entries().empty());
   // FIPS: read from the file without a process-wide copy; with one, the copy decides.
   EXPECT_EQ(getFIPSModeForProcess("vrkms"), 0);
   root.writeConf("VRKMS_FIPS = TRUE\n");

@@ -63,7 +63,6 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
                "VRKMS_GRANT = uid:root 2\nVRKMS_GRANT = cert:CN=media01 1,2\n",
                &grants, &error))
       << error;
-  const uid_t service = 1234;
   const struct {
     PeerTransport transport;
     const char* name;
@@ -75,7 +74,7 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
       {PeerTransport::kLocal, "uid:4242", {40}},
       {PeerTransport::kLocal, "uid:4243", {}},
       {PeerTransport::kLocal, "uid:0", {-1}},
-      {PeerTransport::kLocal, "uid:1234", {-1}},
+      {PeerTransport::kLocal, "uid:1234", {-1}},  // the service's own user
       {PeerTransport::kTls, "cert:CN=media01", {1, 2}},
       {PeerTransport::kTls, "cert:CN=media02", {}},
       {PeerTransport::kTls, "", {}},
@@ -83,7 +82,7 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
       {PeerTransport::kNone, "uid:0", {}},
   };
   for (const auto& row : rows) {
-    const PeerRights held = grants.rightsOf({row.transport, row.name}, service);
+    const PeerRights held = grants.rightsOf({row.transport, row.name}, 1234);
     EXPECT_EQ(held.holdsAll(), row.rights == std::set<int>{-1}) << row.name;
     EXPECT_TRUE(held.holdsAll() || held.rights() == row.rights) << row.name;
   }
