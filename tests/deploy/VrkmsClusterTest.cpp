@@ -8,6 +8,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
+#include <tuple>
 
 #include "server/ServiceSandbox.h"
 
@@ -76,26 +78,24 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   }
   ServiceSandbox service;
   const auto cibOf = [&](const std::string& name) { return service.root().file(name + ".xml"); };
-  struct Case {
-    const char* name;
-    std::optional<Placement> placement;  // none: no CIB at all
-    int isCluster, isNodeClustered, isActive, listStatus;
-    const char* monitored;
-  };
-  for (const Case& c : {Case{"here", Placement::kHere, 1, 1, 1, 0, "vrkms\n"},
-                        Case{"peer", Placement::kPeer, 1, 1, 0, 0, "vrkms\n"},
-                        Case{"stopped", Placement::kStopped, 1, 1, 0, 0, "vrkms\n"},
-                        Case{"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
-                        Case{"none", std::nullopt, 0, 0, 1, 1, ""}}) {
-    SCOPED_TRACE(c.name);
-    const std::string cib = cibOf(c.name);
-    ASSERT_TRUE(!c.placement || writeCib(cib, *c.placement));
-    EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, c.isCluster);
-    EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, c.isNodeClustered);
-    EXPECT_EQ(clusterUtil(cib, {"-isactive"}).exitStatus, c.isActive);
+  // Each CIB (no placement: none at all) and the answers to -iscluster, -isnodeclustered,
+  // -isactive and -listmonitored (status and output).
+  const std::tuple<const char*, std::optional<Placement>, int, int, int, int, const char*> cases[] =
+      {{"here", Placement::kHere, 1, 1, 1, 0, "vrkms\n"},
+       {"peer", Placement::kPeer, 1, 1, 0, 0, "vrkms\n"},
+       {"stopped", Placement::kStopped, 1, 1, 0, 0, "vrkms\n"},
+       {"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
+       {"none", std::nullopt, 0, 0, 1, 1, ""}};
+  for (const auto& [name, placement, cluster, nodeClustered, active, listed, monitored] : cases) {
+    SCOPED_TRACE(name);
+    const std::string cib = cibOf(name);
+    ASSERT_TRUE(!placement || writeCib(cib, *placement));
+    EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, cluster);
+    EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, nodeClustered);
+    EXPECT_EQ(clusterUtil(cib, {"-isactive"}).exitStatus, active);
     const ProcessResult list = clusterUtil(cib, {"-listmonitored"});
-    EXPECT_EQ(list.exitStatus, c.listStatus);
-    EXPECT_EQ(list.out, c.monitored);
+    EXPECT_EQ(list.exitStatus, listed);
+    EXPECT_EQ(list.out, monitored);
   }
   EXPECT_EQ(clusterUtil(cibOf("none"), {"-monitor", "vrkms"}).exitStatus, 1);
   EXPECT_EQ(clusterUtil(cibOf("here"), {"-bogus"}).exitStatus, 2);

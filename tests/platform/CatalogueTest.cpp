@@ -87,8 +87,7 @@ TEST(HashGenerator, LengthsAndRefusals) {
   ASSERT_EQ(hash.update("Z", 1), 0);
   ASSERT_EQ(hash.getHash(&digest), 0);
   EXPECT_EQ(digest.size(), 20u);
-  EXPECT_NE(hash.update("Z", 1), 0);
-  EXPECT_NE(hash.getHash(&digest), 0);
+  EXPECT_TRUE(hash.update("Z", 1) != 0 && hash.getHash(&digest) != 0);  // spent
   Hash unknown(static_cast<mangleHashType>(2));
   digest = "untouched";
   EXPECT_TRUE(unknown.update("Z", 1) != 0 && unknown.getHash(&digest) != 0);

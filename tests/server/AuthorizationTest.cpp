@@ -8,6 +8,7 @@
 #include <list>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "kms/platform/VrConfReader.h"
 #include "kms/platform/framework/AuthorizationTable.h"
@@ -63,11 +64,8 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
                "VRKMS_GRANT = uid:root 2\nVRKMS_GRANT = cert:CN=media01 1,2\n",
                &grants, &error))
       << error;
-  const struct {
-    PeerTransport transport;
-    const char* name;
-    std::set<int> rights;  // {-1}: every right
-  } rows[] = {
+  const std::tuple<PeerTransport, const char*, std::set<int>> rows[] = {
+      // {-1}: every right
       {PeerTransport::kTcp, "192.0.2.1", {1, 3, 28}},
       {PeerTransport::kTcp, "127.0.0.1", {28}},  // loopback is an address like any other
       {PeerTransport::kTcp, "", {}},
@@ -81,10 +79,10 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
       {PeerTransport::kTls, "192.0.2.1", {}},  // names of one kind give no other kind rights
       {PeerTransport::kNone, "uid:0", {}},
   };
-  for (const auto& row : rows) {
-    const PeerRights held = grants.rightsOf({row.transport, row.name}, 1234);
-    EXPECT_EQ(held.holdsAll(), row.rights == std::set<int>{-1}) << row.name;
-    EXPECT_TRUE(held.holdsAll() || held.rights() == row.rights) << row.name;
+  for (const auto& [transport, name, rights] : rows) {
+    const PeerRights held = grants.rightsOf({transport, name}, 1234);
+    EXPECT_EQ(held.holdsAll(), rights == std::set<int>{-1}) << name;
+    EXPECT_TRUE(held.holdsAll() || held.rights() == rights) << name;
   }
   // A line that cannot be read is named, and no grant is read at all.
   for (const char* bad : {"*", "127.0.0.1 none", "localhost 1", "uid:no-such-user-here 1", "uid: 1",
@@ -95,19 +93,16 @@ TEST(Authorization, GrantsNameEachKindOfPeerByItsEndpoint) {
     EXPECT_EQ(grants.grants().size(), 1u) << bad;
   }
   // The peer's name and transport from its endpoint.
-  const struct {
-    const char* endpoint;
-    const char* host;
-    PeerTransport transport;
-  } endpoints[] = {{"giop:tcp:127.0.0.1:40123", "127.0.0.1", PeerTransport::kTcp},
-                   {"giop:tcp:[::1]:40123", "::1", PeerTransport::kTcp},
-                   {"giop:tcp:[::ffff:10.1.2.3]:5", "10.1.2.3", PeerTransport::kTcp},
-                   {"giop:unix:/tmp/socket", "giop:unix:/tmp/socket", PeerTransport::kLocal},
-                   {"giop:ssl:10.0.0.1:5", "10.0.0.1", PeerTransport::kTls},
-                   {"giop:sctp:10.0.0.1:5", nullptr, PeerTransport::kNone}};
-  for (const auto& row : endpoints) {
-    EXPECT_TRUE(row.host == nullptr || peerHostOf(row.endpoint) == row.host) << row.endpoint;
-    EXPECT_EQ(transportOf(row.endpoint), row.transport) << row.endpoint;
+  const std::tuple<const char*, const char*, PeerTransport> endpoints[] = {
+      {"giop:tcp:127.0.0.1:40123", "127.0.0.1", PeerTransport::kTcp},
+      {"giop:tcp:[::1]:40123", "::1", PeerTransport::kTcp},
+      {"giop:tcp:[::ffff:10.1.2.3]:5", "10.1.2.3", PeerTransport::kTcp},
+      {"giop:unix:/tmp/socket", "giop:unix:/tmp/socket", PeerTransport::kLocal},
+      {"giop:ssl:10.0.0.1:5", "10.0.0.1", PeerTransport::kTls},
+      {"giop:sctp:10.0.0.1:5", nullptr, PeerTransport::kNone}};
+  for (const auto& [endpoint, host, transport] : endpoints) {
+    EXPECT_TRUE(host == nullptr || peerHostOf(endpoint) == host) << endpoint;
+    EXPECT_EQ(transportOf(endpoint), transport) << endpoint;
   }
 }
 
@@ -115,11 +110,7 @@ TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
   PlatformTestRoot root;
   KMSServiceContainer container{
       false, "vrkms", 286, std::list<std::string>{}, 10, ServiceContainerOptions{0}, ""};
-  const struct {
-    const char* conf;
-    const char* peer;
-    int passes;
-  } rows[] = {
+  const std::tuple<const char*, const char*, int> rows[] = {
       {"SERVER = 192.0.2.1\n", "192.0.2.7", 1},
       {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = NO\n", "192.0.2.7", 1},
       {"SERVER = 192.0.2.1\nVRKMS_BLOCK_MEDIA = maybe\n", "192.0.2.7", 1},
@@ -128,9 +119,9 @@ TEST(ServiceContainer, EveryPeerPassesUnlessMediaServersAreBlocked) {
       {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", "192.0.2.7", 0},
       {"SERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n", nullptr, 0},
   };
-  for (const auto& row : rows) {
-    root.writeConf(row.conf);
-    EXPECT_EQ(container.extraServiceLevelValidation(row.peer), row.passes) << row.conf;
+  for (const auto& [conf, peer, passes] : rows) {
+    root.writeConf(conf);
+    EXPECT_EQ(container.extraServiceLevelValidation(peer), passes) << conf;
   }
   // An unreadable master configuration lets everyone in.
   ASSERT_EQ(::unlink(root.confPath().c_str()), 0);
