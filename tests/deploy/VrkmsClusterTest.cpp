@@ -1,6 +1,5 @@
-// vrclusterutil against Pacemaker's tools in their file mode (CIB_file, no
-// cluster daemons), on CIBs of this host and "peer" made from dist/pacemaker;
-// then the service on such a CIB as systemd starts it (NOTIFY_SOCKET).
+// vrclusterutil on CIB files (CIB_file, no cluster daemons) of this host and "peer" made
+// from dist/pacemaker; then the service on such a CIB as systemd starts it (NOTIFY_SOCKET).
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,6 +7,9 @@
 #include <sys/utsname.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <tuple>
 
 #include "server/ServiceSandbox.h"
 
@@ -28,8 +30,7 @@ ProcessResult tool(const std::string& cib, const std::string& program,
 
 enum class Placement { kHere, kPeer, kStopped, kUnmonitored };
 
-// Writes a CIB at `path` with the recipe's group placed as asked, and the
-// status after the cluster has acted on it. False when a tool fails.
+// Writes a CIB with the recipe's group placed as asked and acted on; false if a tool fails.
 bool writeCib(const std::string& path, Placement placement) {
   std::ofstream(path) << "<cib validate-with='pacemaker-3.0' epoch='1' num_updates='0' "
                          "admin_epoch='0'><configuration><crm_config><cluster_property_set "
@@ -69,32 +70,6 @@ ProcessResult clusterUtil(const std::string& cib, std::vector<std::string> args)
   return tool(cib, VRCLUSTERUTIL_BINARY, std::move(args));
 }
 
-// The notification socket of a service manager: every datagram received.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    ::setenv("WATCHDOG_USEC", "200000", 1);
-  }
-  ~NotifySocket() {
-    ::unsetenv("NOTIFY_SOCKET");
-    ::unsetenv("WATCHDOG_USEC");
-    ::close(m_fd);
-  }
-  // The next message, or "" after a minute without one.
-  std::string next() const {
-    pollfd ready{m_fd, POLLIN, 0};
-    char buffer[4096];
-    const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(m_fd, buffer, sizeof buffer, 0) : 0;
-    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
-  }
-  const int m_fd;
-};
-
 }  // namespace
 
 TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
@@ -103,54 +78,61 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   }
   ServiceSandbox service;
   const auto cibOf = [&](const std::string& name) { return service.root().file(name + ".xml"); };
-  struct Case {
-    const char* name;
-    std::optional<Placement> placement;  // none: no CIB at all
-    int isCluster, isNodeClustered, isActive, listStatus;
-    const char* monitored;
-  };
-  for (const Case& c : {Case{"here", Placement::kHere, 1, 1, 1, 0, "vrkms\n"},
-                        Case{"peer", Placement::kPeer, 1, 1, 0, 0, "vrkms\n"},
-                        Case{"stopped", Placement::kStopped, 1, 1, 0, 0, "vrkms\n"},
-                        Case{"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
-                        Case{"none", std::nullopt, 0, 0, 1, 1, ""}}) {
-    SCOPED_TRACE(c.name);
-    const std::string cib = cibOf(c.name);
-    ASSERT_TRUE(!c.placement || writeCib(cib, *c.placement));
-    EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, c.isCluster);
-    EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, c.isNodeClustered);
-    EXPECT_EQ(clusterUtil(cib, {"-isactive"}).exitStatus, c.isActive);
+  // Each CIB (no placement: none at all) and the answers to -iscluster, -isnodeclustered,
+  // -isactive and -listmonitored (status and output).
+  const std::tuple<const char*, std::optional<Placement>, int, int, int, int, const char*> cases[] =
+      {{"here", Placement::kHere, 1, 1, 1, 0, "vrkms\n"},
+       {"peer", Placement::kPeer, 1, 1, 0, 0, "vrkms\n"},
+       {"stopped", Placement::kStopped, 1, 1, 0, 0, "vrkms\n"},
+       {"unmonitored", Placement::kUnmonitored, 1, 1, 1, 0, ""},
+       {"none", std::nullopt, 0, 0, 1, 1, ""}};
+  for (const auto& [name, placement, cluster, nodeClustered, active, listed, monitored] : cases) {
+    SCOPED_TRACE(name);
+    const std::string cib = cibOf(name);
+    ASSERT_TRUE(!placement || writeCib(cib, *placement));
+    EXPECT_EQ(clusterUtil(cib, {"-iscluster"}).exitStatus, cluster);
+    EXPECT_EQ(clusterUtil(cib, {"-isnodeclustered"}).exitStatus, nodeClustered);
+    EXPECT_EQ(clusterUtil(cib, {"-isactive"}).exitStatus, active);
     const ProcessResult list = clusterUtil(cib, {"-listmonitored"});
-    EXPECT_EQ(list.exitStatus, c.listStatus);
-    EXPECT_EQ(list.out, c.monitored);
+    EXPECT_EQ(list.exitStatus, listed);
+    EXPECT_EQ(list.out, monitored);
   }
   EXPECT_EQ(clusterUtil(cibOf("none"), {"-monitor", "vrkms"}).exitStatus, 1);
   EXPECT_EQ(clusterUtil(cibOf("here"), {"-bogus"}).exitStatus, 2);
   // The service started as systemd starts it, the utility installed.
   ASSERT_TRUE(service.makeStore());
   const std::string bin = service.root().file("vaultrest/bin");
-  ::mkdir(service.root().file("vaultrest").c_str(), 0755);
-  ::mkdir(bin.c_str(), 0755);
+  std::filesystem::create_directories(bin);
   ASSERT_EQ(::symlink(VRCLUSTERUTIL_BINARY, (bin + "/vrclusterutil").c_str()), 0);
-  const NotifySocket notify(service.root().file("notify.sock"));
+  // A service manager's notification socket; next(): a message, or "" after a minute.
+  const int notify = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  service.root().file("notify.sock").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::setenv("NOTIFY_SOCKET", address.sun_path, 1);
+  ::setenv("WATCHDOG_USEC", "200000", 1);
+  const auto next = [&] {
+    pollfd ready{notify, POLLIN, 0};
+    char buffer[4096];
+    const ssize_t n = ::poll(&ready, 1, 60000) == 1 ? ::recv(notify, buffer, sizeof buffer, 0) : 0;
+    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+  };
   // Passive: the refusal is the unit's status, and no failure of the process.
   ::setenv("CIB_file", cibOf("peer").c_str(), 1);
   service.launch({"-console"});
   EXPECT_EQ(service.waitForExit(std::chrono::seconds(60)), 0);
-  EXPECT_EQ(notify.next(),
+  EXPECT_EQ(next(),
             "STATUS=This host is an inactive node of a cluster. The key management service was "
             "not started.");
-  EXPECT_NE(service.appLog().find("286-86 "), std::string::npos);
-  // Active and not yet monitored: ready once advertised, fed, monitored; a
-  // second -monitor changes nothing.
+  // Active, not yet monitored: ready once advertised, fed, monitored; -monitor is idempotent.
   const std::string cib = cibOf("unmonitored");
   ::setenv("CIB_file", cib.c_str(), 1);
   service.launch({"-console"});
-  EXPECT_EQ(notify.next(), "READY=1");
-  struct stat advertised;
-  EXPECT_EQ(::stat(service.iorPath().c_str(), &advertised), 0);
-  EXPECT_EQ(notify.next(), "WATCHDOG=1");
-  EXPECT_EQ(notify.next(), "WATCHDOG=1");
+  EXPECT_EQ(next(), "READY=1");
+  EXPECT_EQ(::access(service.iorPath().c_str(), F_OK), 0);
+  EXPECT_EQ(next(), "WATCHDOG=1");
+  EXPECT_EQ(next(), "WATCHDOG=1");
   EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
   const std::string once = ServiceSandbox::readPath(cib);
   EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
@@ -158,5 +140,8 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
             std::string::npos);
   EXPECT_EQ(service.terminate().second, 0);
-  ::unsetenv("CIB_file");
+  for (const char* name : {"CIB_file", "NOTIFY_SOCKET", "WATCHDOG_USEC"}) {
+    ::unsetenv(name);
+  }
+  ::close(notify);
 }
