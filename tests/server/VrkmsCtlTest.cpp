@@ -53,7 +53,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   const std::string groups = json({"group", "list"});
   EXPECT_EQ(countOf(groups, "\"cipherType\":"), 3u) << groups;
   EXPECT_TRUE(contains(groups, "\"cipherType\":\"CT_BLOW_CBC\""));
-
   // A second active key demotes the first, at the same moment.
   const std::string k1 = json({"key", "create", "g1", "k1", "--description", "one"});
   // No key material from a change.
@@ -67,7 +66,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
       {{"state", "KEY_INACTIVE"}, {"rev", "2"}, {"updateTime", jsonField(k2, "createTime")}});
   EXPECT_EQ(jsonField(json({"key", "active", "g1"}), "name"), "k2");
   expectFields(json({"group", "show", "g1"}), {{"numKeys", "2"}, {"hasActiveKey", "true"}});
-
   // The optimistic lock: a record read before a change is stale after it.
   KmsClient client(m_service.reference());
   Facets::KeyRecord_var stale =
@@ -80,7 +78,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
                 [&] { Facets::KeyRecord_var r = client.modify()->updateKey(stale.in()); }),
             1228);
   EXPECT_EQ(jsonField(json({"key", "show", "g1", "k1b"}), "description"), "changed");
-
   // Moves: not between cipher types; into a group with an active key, the
   // moving active key takes over and the group's own is demoted.
   refused({"key", "update", "g1", "k2", "--move-to", "b1"}, 1230);
@@ -92,7 +89,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   const std::string listed = ok({"key", "list", "g2"});
   EXPECT_LT(listed.find("k2 "), listed.find("k3 ")) << listed;  // active key first
   EXPECT_EQ(countOf(ok({"key", "list", "g1"}), "\n"), 2u);      // heading and k1b
-
   // Deletion only from the ends of the state line.
   refused({"key", "delete", "g2", "k3"}, 1242);
   refused({"key", "update", "g2", "k3", "--state", "prelive"}, 1240);
@@ -102,7 +98,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
   refused({"key", "show", "g2", "k3"}, 1260);
   json({"key", "create", "g1", "p1", "--state", "prelive"});
   EXPECT_EQ(ok({"key", "delete", "g1", "p1"}), "Deleted key p1\n");
-
   // Groups: a name taken or refused, nothing to change, a non-empty group.
   refused({"key", "create", "g1", "bad/name"}, 1287);
   refused({"group", "update", "b1", "--new-name", "g2"}, 1232);
@@ -126,7 +121,6 @@ TEST_F(VrkmsCtl, GroupsAndKeysAreCreatedListedUpdatedMovedAndDeleted) {
 TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
   json({"group", "create", "g", "--cipher", "AES128"});
   const std::string passphrase = m_service.writePrivate("pass.txt", "key passphrase\n");
-
   // A key made from a passphrase can be had only once it is usable.
   const std::string made =
       json({"key", "create", "g", "k", "--state", "prelive", "--passphrase-file", passphrase});
@@ -139,7 +133,6 @@ TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
   const std::string key = jsonField(json({"key", "get", tag}), "key");
   EXPECT_EQ(key.size(), 32u);  // 16 bytes for AES128
   refused({"key", "get", "00" + tag.substr(2)}, 1260);
-
   // Gone and brought back from its tag, salt and passphrase: the same key.
   for (const char* state : {"inactive", "deprecated", "terminated"}) {
     json({"key", "update", "g", "k", "--state", state});
@@ -154,7 +147,6 @@ TEST_F(VrkmsCtl, KeysAreReadRecoveredAndFoundByTheirKads) {
       {"key", "recover", "g", "k", "--tag", tag, "--salt", salt, "--passphrase-file", passphrase});
   expectFields(recovered, {{"tag", tag}, {"state", "KEY_INACTIVE"}});
   EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
-
   // KAD: unique, then shared with a key whose tag begins the same way.
   const std::string kadHex = tag.substr(0, 24);
   expectFields(json({"kad", "get", tag, "12"}),
@@ -218,20 +210,15 @@ TEST_F(VrkmsCtl, TerminateEndsTheServiceAndARestartServesTheSameData) {
   // No file and no terminal: a random key.
   EXPECT_EQ(ok({"--json", "rotate-kpk", "--id", "kpk-2"}), "{\"ok\":true}\n");
   EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
-  const std::string groups = json({"group", "list"});
 
   EXPECT_EQ(m_service.terminate(), std::make_pair(0, 0)) << m_service.debugLog();
   const ProcessResult down = m_service.ctl({"status"});
   EXPECT_EQ(down.exitStatus, 3);
   EXPECT_EQ(down.err, "error TRANSIENT: cannot reach the service at corbaloc:omniunix:" +
                           m_service.root().file("var/vrkms/local/vrkms.sock") + ":/KMS.KMSMgr\n");
-  EXPECT_EQ(m_service.ctl({"--json", "status"}).exitStatus, 3);
 
   ASSERT_TRUE(m_service.start()) << m_service.readFile("stderr.txt");
   expectFields(json({"status"}), {{"hmkId", "hmk-2"}, {"kpkId", "kpk-2"}, {"numKeys", "1"}});
-  EXPECT_EQ(json({"group", "list"}), groups);
-  EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
-  // The endpoint given on the command line works the same.
   EXPECT_EQ(jsonField(json({"--endpoint", m_service.reference(), "key", "get", tag}), "key"), key);
 }
 

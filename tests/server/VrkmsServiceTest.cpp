@@ -44,12 +44,10 @@ class VrkmsService : public ::testing::Test {
     ASSERT_TRUE(m_box.start()) << m_box.stderrText() << m_box.debugLog();
     m_storeBefore = m_box.readFile("kms/db/KMS_DATA.dat");
   }
-
   // The servants left the POA while the ORB served, the store was shut down
   // (nothing written) before the ORB was destroyed, the run files went.
   void expectOrderlyStop() {
     const std::string log = m_box.debugLog();
-    std::vector<size_t> at;
     size_t from = 0;
     for (const char* step :
          {"The vrkms service is stopping", "Entering KMSMgrImpl::suspend", "Entering Orb::shutdown",
@@ -60,8 +58,8 @@ class VrkmsService : public ::testing::Test {
       from = log.find(step, from);
       ASSERT_NE(from, std::string::npos) << "not in order: " << step << "\n" << log;
     }
-    EXPECT_FALSE(contains(log, "Cannot deactivate an object")) << log;
-    EXPECT_FALSE(contains(log, "KeyStore->shutdown() returned")) << log;
+    EXPECT_FALSE(contains(log, "Cannot deactivate an object") ||
+                 contains(log, "KeyStore->shutdown() returned"));
     EXPECT_EQ(m_box.readFile("kms/db/KMS_DATA.dat"), m_storeBefore);
     EXPECT_FALSE(exists(m_box.pidPath()));
     EXPECT_FALSE(exists(m_box.iorPath()));
@@ -91,7 +89,6 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsInOrde
   Fw::ClientVersionInterceptor::remove();
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
   EXPECT_TRUE(contains(m_box.debugLog(), "Did not find Peer Version Information in TSS"));
-
   // Media servers blocked, and this host no master once the first SERVER is another.
   m_box.writePrivate("etc/vr.conf",
                      "SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n");
@@ -118,7 +115,6 @@ TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt
   ASSERT_NE(std::find(running.begin(), running.end(), daemon), running.end());
   KmsClient client(m_box.reference());
   EXPECT_EQ(client.control()->isQuiesced(), 0);
-
   // While it runs, another start is refused quietly ("-info" after "-console"
   // is never run), every administrator option with 1272.
   for (const std::vector<std::string>& args :

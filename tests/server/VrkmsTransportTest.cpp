@@ -69,7 +69,6 @@ TEST_F(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverif
     const ProcessResult r = ctl(client.tls, {"status"});
     EXPECT_EQ(r.exitStatus, client.exitStatus) << client.name << ": " << r.out << r.err;
   }
-
   // A service that does not chain to vrkmsctl's CA gets no passphrase.
   const std::string passphrase = m_vrkms.writePrivate("hmk.txt", "Hmk2-Ux5kJ9pL\n");
   const ProcessResult rotate =
@@ -97,7 +96,6 @@ TEST_F(VrkmsTransport, PeersWithoutRightsNeitherFillTheServiceNorKeepOthersOut) 
   KmsClient client(m_vrkms.reference());
   Facets::KMSModifiableFacet_ptr modify = client.modify();
   Facets::KMSControlFacet_ptr control = client.control();
-
   // Six imports of 200 MiB without the import's right: refused before being read in.
   const long before = peakResidentKiB(m_vrkms.pid());
   CORBA::Octet* bytes = Fw::octetSeq::allocbuf(200u << 20);
