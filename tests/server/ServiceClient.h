@@ -21,8 +21,7 @@ inline int errorCode(const Fw::ServiceException& e) {
   return details != nullptr ? details->errorCode() : -1;
 }
 
-// Calls `call`; "" when it went through, "ServiceException <code>", or the
-// system exception's name.
+// Calls `call`; "" when it went through, "ServiceException <code>", or the system exception's name.
 inline std::string outcome(const std::function<void()>& call) {
   try {
     call();

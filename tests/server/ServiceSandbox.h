@@ -77,7 +77,6 @@ class ServiceSandbox {
   ~ServiceSandbox() { kill(); }
   ServiceSandbox(const ServiceSandbox&) = delete;
   ServiceSandbox& operator=(const ServiceSandbox&) = delete;
-
   // The master configuration: the store at kmsDir(), the endpoint, `extra`.
   void writeConf(const std::string& extra) const {
     writePrivate("etc/vr.conf",
@@ -90,7 +89,6 @@ class ServiceSandbox {
     writeConf(extra);
   }
   const std::string& kmsDir() const { return m_kmsDir; }
-
   // A store with random master keys ("hmk-1", "kpk-1").
   bool makeStore() const {
     const ProcessResult r = run({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1",
@@ -123,7 +121,6 @@ class ServiceSandbox {
     EXPECT_EQ(r.exitStatus, 1) << ::testing::PrintToString(args) << r.out;
     EXPECT_EQ(r.err.rfind("error " + std::to_string(code) + ": ", 0), 0u) << r.err;
   }
-
   // Starts "vrkms -console" until the manager is advertised; false when the
   // service ends or takes a minute.
   bool start() {
@@ -138,7 +135,6 @@ class ServiceSandbox {
     kill();
     return false;
   }
-
   // Starts vrkms with `args`, standard error to stderrText(), and returns.
   void launch(const std::vector<std::string>& args) {
     m_exit = -1;
@@ -159,7 +155,6 @@ class ServiceSandbox {
       ::_exit(127);
     }
   }
-
   // Whether the launched vrkms has ended; left unreaped (its pid not reused).
   bool ended() const {
     siginfo_t info{};
@@ -167,7 +162,6 @@ class ServiceSandbox {
            ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            info.si_pid == m_pid;
   }
-
   // The launched vrkms's exit status (128 + signal), or -1 after `limit`.
   int waitForExit(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -177,7 +171,6 @@ class ServiceSandbox {
     }
     return m_pid > 0 ? -1 : m_exit;
   }
-
   // "vrkms -terminate": its exit status and the service's (-1: not ended).
   std::pair<int, int> terminate() {
     const ProcessResult stopper = run({"-terminate"});
@@ -191,7 +184,6 @@ class ServiceSandbox {
       reap(0);
     }
   }
-
   // A file of the root, private to its owner, holding `text`; its path.
   std::string writePrivate(const std::string& name, const std::string& text) const {
     const std::string path = m_root.file(name);
@@ -221,7 +213,6 @@ class ServiceSandbox {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-
   // Every path under `dir`, each directory before what it holds.
   static std::vector<std::string> walk(const std::string& dir) {
     std::vector<std::string> found;
@@ -233,7 +224,6 @@ class ServiceSandbox {
     }
     return found;
   }
-
   // Every regular file under `dir` by its relative path, with its bytes.
   static std::map<std::string, std::string> snapshot(const std::string& dir) {
     std::map<std::string, std::string> files;
@@ -244,7 +234,6 @@ class ServiceSandbox {
     }
     return files;
   }
-
   // A TCP connection from `from` to `port` on 127.0.0.1; -1 if refused.
   static int connectTo(int port, const char* from = "127.0.0.1") {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -259,7 +248,6 @@ class ServiceSandbox {
     ::close(fd);
     return -1;
   }
-
   // A socket bound to a free loopback port (listening when `listening`).
   static int bindLoopback(int* port, bool listening) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

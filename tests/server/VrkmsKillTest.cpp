@@ -1,7 +1,6 @@
-// The service killed (SIGKILL) at random moments while a stream of changes
-// runs; each restart must hold every acknowledged change and the one in flight
-// whole or not at all; some kills cut recovery short. VRKMS_KILLS kills (10;
-// 200 in `make test-long`); VRKMS_KILL_SEED replays.
+// The service killed (SIGKILL) at random moments while a stream of changes runs; each restart must
+// hold every acknowledged change and the one in flight whole or not at all; some kills cut recovery
+// short. VRKMS_KILLS kills (10; 200 in `make test-long`); VRKMS_KILL_SEED replays.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -304,8 +303,7 @@ class Driver {
   const T& pick(const std::vector<T>& from) {
     return from[m_random() % from.size()];
   }
-  // One step along the line of states, mostly forward, so that keys reach
-  // the deletable end.
+  // One step along the line of states, mostly forward, so that keys reach the deletable end.
   long nextState(long state) {
     const bool back = m_random() % 4 == 0;
     switch (state) {

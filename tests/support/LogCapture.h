@@ -23,7 +23,6 @@ class LogCapture {
   VRLogger& logger() { return m_logger; }
   std::vector<std::string> debugLines() const { return lines(m_logger.debugLogPath()); }
   std::vector<std::string> appLines() const { return lines(m_logger.appLogPath()); }
-
   // Lines of `all` that contain `part`.
   static std::vector<std::string> containing(const std::vector<std::string>& all,
                                              const std::string& part) {

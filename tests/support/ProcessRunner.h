@@ -36,8 +36,7 @@ class RunningProcess {
   void stop();
   // spawnOnTerminal(): the master side of the child's terminal; -1 otherwise.
   int terminal() const { return m_terminal; }
-  // Reads the terminal into `seen` until `text` has appeared (true) or
-  // `limit` has passed.
+  // Reads the terminal into `seen` until `text` has appeared (true) or `limit` has passed.
   bool awaitOutput(const std::string& text, std::chrono::milliseconds limit, std::string* seen);
   // Waits up to `limit` for the child to end; its wait status, or -1.
   int awaitExit(std::chrono::milliseconds limit);
@@ -58,7 +57,6 @@ class ProcessRunner {
   }
   ProcessRunner& stdinText(std::string text) { return m_stdin = std::move(text), *this; }
   ProcessRunner& timeout(std::chrono::milliseconds limit) { return m_timeout = limit, *this; }
-
   // Runs the child to its end or the time limit; SIGPIPE is ignored from then on.
   ProcessResult run() const;
   // Starts the child with its standard streams on /dev/null.
