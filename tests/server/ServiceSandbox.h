@@ -61,6 +61,12 @@ inline void expectFields(const std::string& json,
 inline bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
+inline bool startsWith(const std::string& text, const std::string& part) {
+  return text.rfind(part, 0) == 0;
+}
+inline bool exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
 
 }  // namespace CtlOutput
 

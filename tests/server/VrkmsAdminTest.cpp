@@ -13,6 +13,7 @@ using namespace Vaultrest::DL::KMS;
 namespace {
 
 using CtlOutput::contains;
+using CtlOutput::exists;
 
 std::string msg(int id) {
   return crvnCatalogueText(286, id);
@@ -37,7 +38,6 @@ class VrkmsAdmin : public ::testing::Test {
     return m_box.run(a, in);
   }
   void writeConf(const std::string& text) const { m_box.writePrivate("etc/vr.conf", text); }
-  static bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
   std::string logs() const { return m_box.debugLog() + m_box.appLog(); }
   // "-info" names each key `id` as made from random data (`random`) or not.
   void expectInfo(std::vector<std::pair<std::string, bool>> keys) const {

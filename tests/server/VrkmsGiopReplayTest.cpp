@@ -17,9 +17,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-bool startsWith(const std::string& text, const char* prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
+using CtlOutput::startsWith;
 
 // The body of the test; the harness's own calls through the stubs throw.
 void replayCorpus() {

@@ -27,11 +27,8 @@ namespace Facets = Ardentis::Vaultrest::DL::KMSFacetsV1;
 namespace {
 
 using CtlOutput::jsonField;
+using CtlOutput::startsWith;
 using ServiceClient::outcome;
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
 
 // A key read back as hexadecimal: its bytes, hexadecimal in either case, base64.
 std::vector<std::string> keyForms(const std::string& hex) {
