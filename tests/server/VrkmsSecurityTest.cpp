@@ -4,7 +4,6 @@
 #include <linux/capability.h>
 #include <openssl/evp.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
@@ -495,34 +494,6 @@ TEST_F(VrkmsSecurity, GrantsLastReadWholeStayWhenTheConfigurationCannotBeRead) {
   }
   EXPECT_EQ(CtlOutput::countOf(m_vrkms.debugLog(), "the grants last read stay in force"),
             faults.size());
-  // Out of descriptors: idle connections take what the limit leaves.
-  const auto openFiles = [&] {
-    return ServiceSandbox::walk("/proc/" + std::to_string(m_vrkms.pid()) + "/fd").size();
-  };
-  rlimit before{};
-  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, nullptr, &before), 0);
-  const rlimit tight{openFiles() + 4, before.rlim_max};
-  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
-  {
-    std::vector<int> idle;
-    for (int i = 0; i < 16; ++i) {
-      idle.push_back(ServiceSandbox::connectTo(m_vrkms.port()));
-    }
-    for (int i = 0; i < 500 && openFiles() < tight.rlim_cur; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    m_vrkms.writeConf(grantLine({4, 28}));
-    EXPECT_EQ(rights(), only28) << "at the descriptor limit";
-    EXPECT_TRUE(CtlOutput::contains(m_vrkms.debugLog(), "Too many open files; the grants last"));
-    for (const int fd : idle) {
-      ::close(fd);
-    }
-  }
-  ASSERT_EQ(::prlimit(m_vrkms.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
-  for (int i = 0; i < 500 && rights() != with4; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(rights(), with4) << "with descriptors again";
   EXPECT_EQ(m_vrkms.terminate(), std::make_pair(0, 0)) << m_vrkms.debugLog();
 }
 
