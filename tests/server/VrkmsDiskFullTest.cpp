@@ -20,52 +20,44 @@ namespace {
 // A 1 MiB tmpfs at a temporary directory, for the object's lifetime.
 class SmallFilesystem {
  public:
-  enum Kind { kNone, kRootMount, kUserNamespace };
-
   SmallFilesystem() {
     ::mkdir(m_dir.c_str(), 0700);
     const char* chosen = std::getenv("VRKMS_TEST_SMALL_FS");
     const std::string only = chosen != nullptr ? chosen : "";
-    if ((only.empty() || only == "mount") && mountHere()) {
-      m_kind = kRootMount;
-    } else if ((only.empty() || only == "namespace") && mountInNamespace()) {
-      m_kind = kUserNamespace;
-    }
+    m_mounted = (only.empty() || only == "mount") &&
+                ::mount("tmpfs", m_dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, kOptions) == 0;
+    if (!m_mounted && (only.empty() || only == "namespace"))
+      mountInNamespace();
   }
   ~SmallFilesystem() {
-    if (m_kind == kRootMount) {
+    if (m_mounted)
       ::umount2(m_dir.c_str(), MNT_DETACH);
-    }
     m_holder.reset();  // the namespace goes with its last process
   }
   SmallFilesystem(const SmallFilesystem&) = delete;
   SmallFilesystem& operator=(const SmallFilesystem&) = delete;
 
-  Kind kind() const { return m_kind; }
+  bool usable() const { return m_mounted || m_holder; }
   // Where it is mounted, as seen behind prefix(), the words that run a program there.
   const std::string& dir() const { return m_dir; }
   std::vector<std::string> prefix() const {
-    if (m_kind != kUserNamespace)
+    if (!m_holder)
       return {};
     return {"/usr/bin/nsenter", "--target", std::to_string(m_holder->pid()),
             "--user",           "--mount",  "--preserve-credentials"};
   }
   // The path of `path` (under dir()) as this process reaches it.
   std::string here(const std::string& path) const {
-    return m_kind == kUserNamespace ? "/proc/" + std::to_string(m_holder->pid()) + "/root" + path
-                                    : path;
+    return m_holder ? "/proc/" + std::to_string(m_holder->pid()) + "/root" + path : path;
   }
 
  private:
   static constexpr const char* kOptions = "size=1m,mode=0700";
 
-  bool mountHere() {
-    return ::mount("tmpfs", m_dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, kOptions) == 0;
-  }
-  // Mounts in a namespace held by a sleeping process; true once it is seen there.
-  bool mountInNamespace() {
+  // Mounts in a namespace held by a sleeping process; m_holder once it is seen there.
+  void mountInNamespace() {
     if (::access("/usr/bin/unshare", X_OK) != 0 || ::access("/usr/bin/nsenter", X_OK) != 0)
-      return false;
+      return;
     m_holder = std::make_unique<RunningProcess>(
         ProcessRunner("/usr/bin/unshare")
             .args(
@@ -76,18 +68,17 @@ class SmallFilesystem {
     const std::string mountinfo = "/proc/" + std::to_string(m_holder->pid()) + "/mountinfo";
     for (int i = 0; i < 250; ++i) {
       if (CtlOutput::contains(ServiceSandbox::readPath(mountinfo), " " + m_dir + " "))
-        return true;
+        return;
       if (::waitpid(m_holder->pid(), nullptr, WNOHANG) == m_holder->pid())
         break;  // no namespace or no mount for this user
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     m_holder.reset();
-    return false;
   }
 
   TempRoot m_base{"vrkms-small"};
   const std::string m_dir = m_base.file("fs");
-  Kind m_kind = kNone;
+  bool m_mounted = false;
   std::unique_ptr<RunningProcess> m_holder;
 };
 
@@ -107,7 +98,7 @@ void fill(const std::string& path) {
 
 TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpaceIsFreed) {
   SmallFilesystem fs;
-  if (fs.kind() == SmallFilesystem::kNone) {
+  if (!fs.usable()) {
     GTEST_SKIP() << "no small filesystem can be mounted here";
   }
   ServiceSandbox service(9, fs.prefix());

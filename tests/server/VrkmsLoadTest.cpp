@@ -206,16 +206,9 @@ void runLoad(ServiceSandbox& service) {
   Shared shared;
   auto client = std::make_unique<KmsClient>(service.reference());
   const Facet facet(*client);
-  Facets::KeyGroupRecord_var group = facet.modify->getNewKeyGroup();
-  group->name = "shared";
-  group->type = 3;
-  group = facet.modify->createKeyGroup(group.in());
-  Facets::KeyRecord_var key = facet.modify->getNewKey();
-  key->name = "hot";
-  key->keyGroup = group->tag;
-  key->state = kPrelive;
-  key->kpkType = 1;
-  shared.sharedTag = Facets::KeyRecord_var(facet.modify->createKey("", key.in()))->tag.in();
+  service.json({"group", "create", "shared", "--cipher", "AES256"});
+  shared.sharedTag = CtlOutput::jsonField(
+      service.json({"key", "create", "shared", "hot", "--state", "prelive"}), "tag");
 
   std::vector<std::unique_ptr<LoadThread>> threads;
   std::vector<std::thread> running;
