@@ -194,8 +194,7 @@ TEST_F(VrkmsAdmin, EveryGrammarFaultIs1214AndChangesNothing) {
       {"-resethmk", "-randomhmk"},
       {"-resethmk", "-ignorerandom", "-noignorerandom"},
       {"-resetkpk", "-hmkpass", "p"},
-      {"-resetkpk", "-kpkid", "k"},
-  };
+      {"-resetkpk", "-kpkid", "k"}};
   for (const std::vector<std::string>& args : faults) {
     expectRefused(args, 1214);
   }

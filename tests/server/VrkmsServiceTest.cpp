@@ -215,13 +215,11 @@ TEST(VrkmsProgram, StartGatesRefuseOffTheMasterServerAndOnAnInactiveClusterNode)
       box.writePrivate("etc/vr.conf", gate.conf);
     }
     if (gate.cluster >= 0) {
-      ::mkdir(box.path("vaultrest").c_str(), 0755);
-      ::mkdir(box.path("vaultrest/bin").c_str(), 0755);
-      const std::string utility = box.path("vaultrest/bin/vrclusterutil");
-      box.writePrivate("vaultrest/bin/vrclusterutil",
-                       "#!/bin/sh\ncase \"$2\" in\n-iscluster) exit " +
-                           std::to_string(gate.cluster) + " ;;\n-isactive) exit " +
-                           std::to_string(gate.active) + " ;;\nesac\nexit 99\n");
+      std::filesystem::create_directories(box.path("vaultrest/bin"));
+      const std::string utility = box.writePrivate(
+          "vaultrest/bin/vrclusterutil",
+          "#!/bin/sh\ncase \"$2\" in\n-iscluster) exit " + std::to_string(gate.cluster) +
+              " ;;\n-isactive) exit " + std::to_string(gate.active) + " ;;\nesac\nexit 99\n");
       ::chmod(utility.c_str(), 0755);
     }
     const ProcessResult r = box.run({"-TERMINATE", "ignored"});
