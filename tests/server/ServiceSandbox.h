@@ -1,13 +1,12 @@
 // A vrkms installation for process-level tests: a private root whose master
 // configuration names this host as master server, the service on a free
-// loopback port, and vrkms and vrkmsctl run as an administrator would, each
-// behind an optional command prefix (nsenter, setpriv). Only one vrkms may
-// run on a host: suites that use it are named Vrkms* (RESOURCE_LOCK) and run
-// in a PID namespace of their own.
+// loopback port, vrkms and vrkmsctl each behind an optional command prefix
+// (nsenter, setpriv). Suites that run vrkms are named Vrkms* (RESOURCE_LOCK).
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -24,18 +23,58 @@
 #include <thread>
 #include <vector>
 
-#include "server/CtlOutput.h"
 #include "support/ProcessRunner.h"
 #include "support/TempRoot.h"
 
+// Reading what vrkmsctl printed.
+namespace CtlOutput {
+
+// The first member `name` of a JSON text: a string's content (escapes as
+// they are) or a number's text; "<absent>" when there is none.
+inline std::string jsonField(const std::string& json, const std::string& name) {
+  const std::string key = "\"" + name + "\":";
+  size_t at = json.find(key);
+  if (at == std::string::npos)
+    return "<absent>";
+  at += key.size();
+  if (json[at] == '"')
+    return json.substr(at + 1, json.find('"', at + 1) - at - 1);
+  return json.substr(at, json.find_first_of(",}]", at) - at);
+}
+
+// How often `part` stands in `text` (overlapping places counted).
+inline size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++n;
+  }
+  return n;
+}
+
+inline void expectFields(const std::string& json,
+                         const std::map<std::string, std::string>& fields) {
+  for (const auto& [name, value] : fields) {
+    EXPECT_EQ(jsonField(json, name), value) << name << " in " << json;
+  }
+}
+
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+inline bool startsWith(const std::string& text, const std::string& part) {
+  return text.rfind(part, 0) == 0;
+}
+inline bool exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+}  // namespace CtlOutput
+
 class ServiceSandbox {
  public:
-  // The test process calls over TCP from loopback (vrkmsctl on the local
-  // endpoint): that address holds every right of the service's table.
+  // The test process calls over TCP from loopback: every right of the table.
   static constexpr const char* kLoopbackGrant = "VRKMS_GRANT = 127.0.0.1 1,2,3,4,28,40\n";
 
-  // `debugLevel`: VRKMS_DEBUG_LEVEL; `prefix`: argv words put before every
-  // program this object runs.
   explicit ServiceSandbox(int debugLevel = 9, std::vector<std::string> prefix = {})
       : m_prefix(std::move(prefix)), m_port(freePort()), m_debugLevel(debugLevel) {
     ::mkdir(m_root.file("etc").c_str(), 0700);
@@ -44,9 +83,7 @@ class ServiceSandbox {
   ~ServiceSandbox() { kill(); }
   ServiceSandbox(const ServiceSandbox&) = delete;
   ServiceSandbox& operator=(const ServiceSandbox&) = delete;
-
-  // Rewrites the master configuration: the fixed lines (the store at
-  // kmsDir()) and `extra`.
+  // The master configuration: the store at kmsDir(), the endpoint, `extra`.
   void writeConf(const std::string& extra) const {
     writePrivate("etc/vr.conf",
                  "SERVER = localhost\nKMS_DIR = " + m_kmsDir +
@@ -58,19 +95,15 @@ class ServiceSandbox {
     writeConf(extra);
   }
   const std::string& kmsDir() const { return m_kmsDir; }
-
-  // Makes a store with random master keys (ids "hmk-1", "kpk-1").
+  // A store with random master keys ("hmk-1", "kpk-1").
   bool makeStore() const {
-    const ProcessResult r = admin({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1",
-                                   "-kpkid", "kpk-1", "-overwrite"});
+    const ProcessResult r = run({"-createemptydb", "-randomhmk", "-randomkpk", "-hmkid", "hmk-1",
+                                 "-kpkid", "kpk-1", "-overwrite"});
     return r.exited && r.exitStatus == 0;
   }
 
   ProcessResult run(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMS_BINARY, args).stdinText(input).run();
-  }
-  ProcessResult admin(const std::vector<std::string>& args, const std::string& input = "") const {
-    return run(args, input);
   }
   RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
     return runner(VRKMS_BINARY, args).spawnOnTerminal();
@@ -78,15 +111,29 @@ class ServiceSandbox {
   ProcessResult ctl(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMSCTL_BINARY, args).stdinText(input).run();
   }
-
-  // Starts "vrkms -console" and waits until the manager is advertised;
-  // false when the service ends or takes a minute.
+  // vrkmsctl `args`, which must succeed; its output.
+  std::string ok(const std::vector<std::string>& args) const {
+    const ProcessResult r = ctl(args);
+    EXPECT_EQ(r.exitStatus, 0) << ::testing::PrintToString(args) << r.out << r.err;
+    return r.out;
+  }
+  std::string json(std::vector<std::string> args) const {
+    args.insert(args.begin(), "--json");
+    return ok(args);
+  }
+  // vrkmsctl `args`, which the service must refuse with `code`.
+  void refused(const std::vector<std::string>& args, int code) const {
+    const ProcessResult r = ctl(args);
+    EXPECT_EQ(r.exitStatus, 1) << ::testing::PrintToString(args) << r.out;
+    EXPECT_EQ(r.err.rfind("error " + std::to_string(code) + ": ", 0), 0u) << r.err;
+  }
+  // Starts "vrkms -console" until the manager is advertised; false when the
+  // service ends or takes a minute.
   bool start() {
     ::unlink(iorPath().c_str());
     launch({"-console"});
-    struct stat info;
     for (int i = 0; i < 3000 && m_pid > 0; ++i) {
-      if (::stat(iorPath().c_str(), &info) == 0)
+      if (::access(iorPath().c_str(), F_OK) == 0)
         return true;
       reap(WNOHANG);
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -94,7 +141,6 @@ class ServiceSandbox {
     kill();
     return false;
   }
-
   // Starts vrkms with `args`, standard error to stderrText(), and returns.
   void launch(const std::vector<std::string>& args) {
     m_exit = -1;
@@ -115,18 +161,14 @@ class ServiceSandbox {
       ::_exit(127);
     }
   }
-
-  // Whether the launched vrkms has ended; it stays unreaped, so that its
-  // pid cannot be reused meanwhile.
+  // Whether the launched vrkms has ended; left unreaped (its pid not reused).
   bool ended() const {
     siginfo_t info{};
     return m_pid > 0 &&
            ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            info.si_pid == m_pid;
   }
-
-  // The exit status of the launched vrkms once it ends (128 + signal for a
-  // killed one), or -1 after `limit`.
+  // The launched vrkms's exit status (128 + signal), or -1 after `limit`.
   int waitForExit(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (m_pid > 0 && std::chrono::steady_clock::now() < deadline) {
@@ -135,9 +177,7 @@ class ServiceSandbox {
     }
     return m_pid > 0 ? -1 : m_exit;
   }
-
-  // Runs "vrkms -terminate": its exit status and the service's (-1 if it
-  // did not end).
+  // "vrkms -terminate": its exit status and the service's (-1: not ended).
   std::pair<int, int> terminate() {
     const ProcessResult stopper = run({"-terminate"});
     const int service = waitForExit(std::chrono::seconds(30));
@@ -150,8 +190,7 @@ class ServiceSandbox {
       reap(0);
     }
   }
-
-  // A file of the root, readable by its owner only, holding `text`; its path.
+  // A file of the root, private to its owner, holding `text`; its path.
   std::string writePrivate(const std::string& name, const std::string& text) const {
     const std::string path = m_root.file(name);
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -180,9 +219,7 @@ class ServiceSandbox {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-
-  // Every path under `dir` (not `dir` itself), each directory before what
-  // it holds.
+  // Every path under `dir`, each directory before what it holds.
   static std::vector<std::string> walk(const std::string& dir) {
     std::vector<std::string> found;
     std::error_code ec;
@@ -193,9 +230,7 @@ class ServiceSandbox {
     }
     return found;
   }
-
-  // Every regular file under `dir` by its path relative to `dir`, with its
-  // bytes.
+  // Every regular file under `dir` by its relative path, with its bytes.
   static std::map<std::string, std::string> snapshot(const std::string& dir) {
     std::map<std::string, std::string> files;
     for (const std::string& path : walk(dir)) {
@@ -205,7 +240,6 @@ class ServiceSandbox {
     }
     return files;
   }
-
   // A TCP connection from `from` to `port` on 127.0.0.1; -1 if refused.
   static int connectTo(int port, const char* from = "127.0.0.1") {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -220,18 +254,25 @@ class ServiceSandbox {
     ::close(fd);
     return -1;
   }
-
-  // A loopback port that nothing listens on at the moment.
-  static int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  // A socket bound to a free loopback port (listening when `listening`).
+  static int bindLoopback(int* port, bool listening) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+    if (listening)
+      ::listen(fd, 4);
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+    *port = ntohs(address.sin_port);
+    return fd;
+  }
+  // A loopback port that nothing listens on at the moment.
+  static int freePort() {
+    int port = 0;
+    ::close(bindLoopback(&port, false));
+    return port;
   }
 
  private:

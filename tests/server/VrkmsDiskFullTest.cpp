@@ -1,8 +1,6 @@
-// A store on a 1 MiB tmpfs that runs out of space: the service refuses the
-// change that does not fit (1276), serves what it had, and takes changes
-// again once space is freed. The tmpfs is mounted here as root, otherwise in
-// a user and mount namespace into which vrkms and vrkmsctl are run
-// (VRKMS_TEST_SMALL_FS=mount|namespace picks one).
+// A store on a full 1 MiB tmpfs: changes refused (1276), reads served, changes
+// again once space is freed. The tmpfs is mounted here as root, otherwise in a
+// user and mount namespace (VRKMS_TEST_SMALL_FS=mount|namespace picks one).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -11,18 +9,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <map>
 #include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "server/CtlOutput.h"
 #include "server/ServiceSandbox.h"
-#include "support/ProcessRunner.h"
-#include "support/TempRoot.h"
 
 using CtlOutput::jsonField;
 
@@ -31,55 +20,44 @@ namespace {
 // A 1 MiB tmpfs at a temporary directory, for the object's lifetime.
 class SmallFilesystem {
  public:
-  enum Kind { kNone, kRootMount, kUserNamespace };
-
   SmallFilesystem() {
     ::mkdir(m_dir.c_str(), 0700);
     const char* chosen = std::getenv("VRKMS_TEST_SMALL_FS");
     const std::string only = chosen != nullptr ? chosen : "";
-    if ((only.empty() || only == "mount") && mountHere()) {
-      m_kind = kRootMount;
-    } else if ((only.empty() || only == "namespace") && mountInNamespace()) {
-      m_kind = kUserNamespace;
-    }
+    m_mounted = (only.empty() || only == "mount") &&
+                ::mount("tmpfs", m_dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, kOptions) == 0;
+    if (!m_mounted && (only.empty() || only == "namespace"))
+      mountInNamespace();
   }
   ~SmallFilesystem() {
-    if (m_kind == kRootMount) {
+    if (m_mounted)
       ::umount2(m_dir.c_str(), MNT_DETACH);
-    }
     m_holder.reset();  // the namespace goes with its last process
   }
   SmallFilesystem(const SmallFilesystem&) = delete;
   SmallFilesystem& operator=(const SmallFilesystem&) = delete;
 
-  Kind kind() const { return m_kind; }
-  // Where the filesystem is mounted, as the programs run behind prefix() see it.
+  bool usable() const { return m_mounted || m_holder; }
+  // Where it is mounted, as seen behind prefix(), the words that run a program there.
   const std::string& dir() const { return m_dir; }
-  // The argv words that run a program where the filesystem is mounted.
   std::vector<std::string> prefix() const {
-    if (m_kind != kUserNamespace)
+    if (!m_holder)
       return {};
     return {"/usr/bin/nsenter", "--target", std::to_string(m_holder->pid()),
             "--user",           "--mount",  "--preserve-credentials"};
   }
   // The path of `path` (under dir()) as this process reaches it.
   std::string here(const std::string& path) const {
-    return m_kind == kUserNamespace ? "/proc/" + std::to_string(m_holder->pid()) + "/root" + path
-                                    : path;
+    return m_holder ? "/proc/" + std::to_string(m_holder->pid()) + "/root" + path : path;
   }
 
  private:
   static constexpr const char* kOptions = "size=1m,mode=0700";
 
-  bool mountHere() {
-    return ::mount("tmpfs", m_dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, kOptions) == 0;
-  }
-
-  // Mounts in a namespace held by a sleeping process; true once the mount
-  // is seen there.
-  bool mountInNamespace() {
+  // Mounts in a namespace held by a sleeping process; m_holder once it is seen there.
+  void mountInNamespace() {
     if (::access("/usr/bin/unshare", X_OK) != 0 || ::access("/usr/bin/nsenter", X_OK) != 0)
-      return false;
+      return;
     m_holder = std::make_unique<RunningProcess>(
         ProcessRunner("/usr/bin/unshare")
             .args(
@@ -90,18 +68,17 @@ class SmallFilesystem {
     const std::string mountinfo = "/proc/" + std::to_string(m_holder->pid()) + "/mountinfo";
     for (int i = 0; i < 250; ++i) {
       if (CtlOutput::contains(ServiceSandbox::readPath(mountinfo), " " + m_dir + " "))
-        return true;
+        return;
       if (::waitpid(m_holder->pid(), nullptr, WNOHANG) == m_holder->pid())
         break;  // no namespace or no mount for this user
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     m_holder.reset();
-    return false;
   }
 
   TempRoot m_base{"vrkms-small"};
   const std::string m_dir = m_base.file("fs");
-  Kind m_kind = kNone;
+  bool m_mounted = false;
   std::unique_ptr<RunningProcess> m_holder;
 };
 
@@ -121,39 +98,28 @@ void fill(const std::string& path) {
 
 TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpaceIsFreed) {
   SmallFilesystem fs;
-  if (fs.kind() == SmallFilesystem::kNone) {
+  if (!fs.usable()) {
     GTEST_SKIP() << "no small filesystem can be mounted here";
   }
   ServiceSandbox service(9, fs.prefix());
   const std::string kmsDir = fs.dir() + "/kms";
   service.setKmsDir(kmsDir, "");
-  const ProcessResult created =
-      service.admin({"-createemptydb", "-hmkpass", "hmk passphrase", "-hmkid", "hmk-1", "-kpkpass",
-                     "kpk passphrase", "-kpkid", "kpk-1"});
-  ASSERT_EQ(created.exitStatus, 0) << created.out << created.err;
+  ASSERT_TRUE(service.makeStore());
   ASSERT_TRUE(service.start()) << service.stderrText() << service.debugLog();
 
-  const auto json = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), "--json");
-    const ProcessResult r = service.ctl(args);
-    EXPECT_EQ(r.exitStatus, 0) << args[1] << ": " << r.out << r.err;
-    return r.out;
-  };
-  const auto refused = [&](const std::vector<std::string>& args, int code) {
-    const ProcessResult r = service.ctl(args);
-    EXPECT_EQ(r.exitStatus, 1) << args[0] << " " << args[1] << ": " << r.out << r.err;
-    EXPECT_EQ(r.err.rfind("error " + std::to_string(code) + ": ", 0), 0u) << r.err;
-  };
+  const auto json = [&](const std::vector<std::string>& args) { return service.json(args); };
+  const auto refused = [&](const std::vector<std::string>& a, int c) { service.refused(a, c); };
   json({"group", "create", "g", "--cipher", "AES256"});
   const std::string tag = jsonField(json({"key", "create", "g", "k1"}), "tag");
   const std::string key = jsonField(json({"key", "get", tag}), "key");
   ASSERT_EQ(key.size(), 64u);
-  const std::string groups = json({"group", "list"});
-  const std::string keys = json({"key", "list", "g"});
-  const std::string stats = json({"status"});
+  const auto reads = [&] {
+    return json({"group", "list"}) + json({"key", "list", "g"}) + json({"status"}) +
+           json({"kad", "get", tag, "16"});
+  };
+  const std::string before = reads();
   const auto files = ServiceSandbox::snapshot(fs.here(kmsDir));
   ASSERT_EQ(files.count("db/KMS_DATA.dat"), 1u);
-
   // Full: every kind of change is refused before anything on disk changed.
   ASSERT_NO_FATAL_FAILURE(fill(fs.here(fs.dir() + "/filler")));
   refused({"key", "create", "g", "k2"}, 1276);
@@ -162,16 +128,11 @@ TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpace
   refused({"group", "delete", "g", "--force"}, 1276);
   refused({"rotate-hmk", "--id", "hmk-2"}, 1276);
   refused({"rotate-kpk", "--id", "kpk-2"}, 1276);
-  EXPECT_TRUE(service.debugLog().find("Status=1276") != std::string::npos);
-
+  EXPECT_TRUE(CtlOutput::contains(service.debugLog(), "Status=1276"));
   // Reads go on, and they see the store as it was.
   EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
-  EXPECT_EQ(json({"group", "list"}), groups);
-  EXPECT_EQ(json({"key", "list", "g"}), keys);
-  EXPECT_EQ(json({"status"}), stats);
-  EXPECT_EQ(jsonField(json({"kad", "get", tag, "16"}), "key"), key);
-  EXPECT_TRUE(ServiceSandbox::snapshot(fs.here(kmsDir)) == files) << "the store files changed";
-
+  EXPECT_EQ(reads(), before);
+  EXPECT_TRUE(ServiceSandbox::snapshot(fs.here(kmsDir)) == files);
   // Space again: changes are taken, and they last.
   ASSERT_EQ(::unlink(fs.here(fs.dir() + "/filler").c_str()), 0);
   const std::string tag2 = jsonField(json({"key", "create", "g", "k2"}), "tag");
@@ -183,9 +144,7 @@ TEST(VrkmsDiskFull, AFullDiskRefusesChangesKeepsServingReadsAndRecoversOnceSpace
   EXPECT_EQ(jsonField(json({"key", "get", tag2}), "key"), key2);
   EXPECT_EQ(jsonField(json({"key", "get", tag}), "key"), key);
   EXPECT_EQ(jsonField(json({"key", "show", "g", "k1"}), "description"), "changed");
-  const std::string after = json({"status"});
-  EXPECT_EQ(jsonField(after, "numKeys"), "2");
-  EXPECT_EQ(jsonField(after, "hmkId"), "hmk-2");
+  CtlOutput::expectFields(json({"status"}), {{"numKeys", "2"}, {"hmkId", "hmk-2"}});
   EXPECT_EQ(service.terminate(), std::make_pair(0, 0)) << service.debugLog();
 }
 

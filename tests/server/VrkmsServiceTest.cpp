@@ -1,46 +1,34 @@
-// The built vrkms as a program and as a service: its usage, the gates that
-// keep a start off a host that must not serve, the service reached through
-// corbaloc and judged by its peer rules, and stopped in order.
+// The built vrkms as a program and as a service: usage, the start gates, the
+// service reached through corbaloc, judged by its peer rules, stopped in order.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "kms/platform/ProcessHandler.h"
 #include "kms/platform/framework/ClientVersionInterceptor.h"
-#include "server/CtlOutput.h"
 #include "server/ServiceClient.h"
 #include "server/ServiceSandbox.h"
 
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Remote = Ardentis::Vaultrest::DL::KMS;
 using CtlOutput::contains;
+using CtlOutput::exists;
 using ServiceClient::outcome;
 using namespace std::chrono_literals;
 
 namespace {
 
-// Whether the service's port still takes connections.
 bool canConnect(int port) {
   const int fd = ServiceSandbox::connectTo(port);
   return fd >= 0 && ::close(fd) == 0;
 }
 
-bool exists(const std::string& path) {
-  struct stat info;
-  return ::stat(path.c_str(), &info) == 0;
-}
-
 class VrkmsService : public ::testing::Test {
  protected:
-  void TearDown() override {
-    // A daemon left behind by a failed test.
+  void TearDown() override {  // a daemon left behind by a failed test
     const long daemon = std::atol(m_box.readFile("var/vrkms/vrkms.pid").c_str());
     const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
     if (daemon > 0 && std::find(running.begin(), running.end(), daemon) != running.end()) {
@@ -48,19 +36,10 @@ class VrkmsService : public ::testing::Test {
     }
   }
 
-  void startWithStore() {
-    ASSERT_TRUE(m_box.makeStore());
-    ASSERT_TRUE(m_box.start()) << m_box.stderrText() << m_box.debugLog();
-    m_storeBefore = m_box.readFile("kms/db/KMS_DATA.dat");
-  }
-
-  // Whichever way it was asked to stop, the servants left the POA while
-  // the ORB still served them, the manager died and with it the store was
-  // shut down (nothing written) before the ORB was destroyed, the run files
-  // went, and startServiceContainer returned 0.
+  // The servants left the POA while the ORB served, the store was shut down
+  // (nothing written) before the ORB was destroyed, the run files went.
   void expectOrderlyStop() {
     const std::string log = m_box.debugLog();
-    std::vector<size_t> at;
     size_t from = 0;
     for (const char* step :
          {"The vrkms service is stopping", "Entering KMSMgrImpl::suspend", "Entering Orb::shutdown",
@@ -71,8 +50,8 @@ class VrkmsService : public ::testing::Test {
       from = log.find(step, from);
       ASSERT_NE(from, std::string::npos) << "not in order: " << step << "\n" << log;
     }
-    EXPECT_FALSE(contains(log, "Cannot deactivate an object")) << log;
-    EXPECT_FALSE(contains(log, "KeyStore->shutdown() returned")) << log;
+    EXPECT_FALSE(contains(log, "Cannot deactivate an object") ||
+                 contains(log, "KeyStore->shutdown() returned"));
     EXPECT_EQ(m_box.readFile("kms/db/KMS_DATA.dat"), m_storeBefore);
     EXPECT_FALSE(exists(m_box.pidPath()));
     EXPECT_FALSE(exists(m_box.iorPath()));
@@ -86,7 +65,9 @@ class VrkmsService : public ::testing::Test {
 }  // namespace
 
 TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsInOrder) {
-  ASSERT_NO_FATAL_FAILURE(startWithStore());
+  ASSERT_TRUE(m_box.makeStore());
+  ASSERT_TRUE(m_box.start()) << m_box.stderrText() << m_box.debugLog();
+  m_storeBefore = m_box.readFile("kms/db/KMS_DATA.dat");
   EXPECT_EQ(m_box.readFile("var/vrkms/vrkms.pid"), std::to_string(m_box.pid()) + "\n");
   EXPECT_EQ(m_box.readFile("var/vrkms/KMS.KMSMgr.ior").substr(0, 4), "IOR:");
 
@@ -97,15 +78,12 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsInOrde
   EXPECT_EQ(outcome([&] { Remote::QueryableFacet_var f = mgr->getQueryableFacet(); }), "");
   EXPECT_EQ(outcome([&] { Remote::EximFacet_var f = mgr->getEximFacet(); }),
             "ServiceException 1200");
-  EXPECT_TRUE(
-      contains(m_box.debugLog(), "Found Peer Version Information in TSS,  Major 9 Minor 1 Patch 2"))
-      << m_box.debugLog();
+  EXPECT_TRUE(contains(m_box.debugLog(),
+                       "Found Peer Version Information in TSS,  Major 9 Minor 1 Patch 2"));
   Fw::ClientVersionInterceptor::remove();
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "");
   EXPECT_TRUE(contains(m_box.debugLog(), "Did not find Peer Version Information in TSS"));
-
-  // A blocked media server gets nothing; this host is no master once the
-  // first SERVER is another.
+  // Media servers blocked, and this host no master once the first SERVER is another.
   m_box.writePrivate("etc/vr.conf",
                      "SERVER = 192.0.2.1\nSERVER = localhost\nVRKMS_BLOCK_MEDIA = YES\n");
   EXPECT_EQ(outcome([&] { Remote::ControlFacet_var f = mgr->getControlFacet(); }), "NO_PERMISSION");
@@ -114,28 +92,20 @@ TEST_F(VrkmsService, ConsoleServiceAdvertisesTheManagerJudgesPeersAndStopsInOrde
 
   ASSERT_EQ(::kill(m_box.pid(), SIGTERM), 0);
   EXPECT_EQ(m_box.waitForExit(60s), 0) << m_box.stderrText();
-  ASSERT_NO_FATAL_FAILURE(expectOrderlyStop());
-  // "-terminate" stops it in the same order.
-  ::unlink(m_box.path("logs/vrkms/vrkms_debug.log").c_str());
-  ASSERT_NO_FATAL_FAILURE(startWithStore());
-  EXPECT_EQ(m_box.terminate(), std::make_pair(0, 0)) << m_box.stderrText();
   expectOrderlyStop();
 }
 
 TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt) {
   ASSERT_TRUE(m_box.makeStore());
   const ProcessResult started = m_box.run({});
-  ASSERT_TRUE(started.exited) << started.err;
   ASSERT_EQ(started.exitStatus, 0) << started.err << m_box.debugLog();
   const pid_t daemon = static_cast<pid_t>(std::atol(m_box.readFile("var/vrkms/vrkms.pid").c_str()));
   const std::vector<pid_t> running = ProcessHandler("vrkms").getProcessIDs();
   ASSERT_NE(std::find(running.begin(), running.end(), daemon), running.end());
   KmsClient client(m_box.reference());
   EXPECT_EQ(client.control()->isQuiesced(), 0);
-
-  // While it runs, another start is refused at the gate, quietly ("-info"
-  // after "-console" is never run), and every administrator option with
-  // 1272.
+  // While it runs, another start is refused quietly ("-info" after "-console"
+  // is never run), every administrator option with 1272.
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{}, {"-console"}, {"-console", "-info"}}) {
     const ProcessResult again = m_box.run(args);
@@ -146,7 +116,7 @@ TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt
   for (const char* option : {"-createemptydb", "-resethmk", "-resetkpk", "-info"}) {
     const ProcessResult refused = m_box.run({option});
     EXPECT_EQ(refused.exitStatus, 252) << option;
-    EXPECT_TRUE(contains(refused.err, "\nEXIT STATUS = 1272\n")) << option << refused.err;
+    EXPECT_TRUE(contains(refused.err, "\nEXIT STATUS = 1272\n")) << refused.err;
   }
 
   const ProcessResult terminated = m_box.run({"-terminate"});
@@ -160,8 +130,7 @@ TEST_F(VrkmsService, DaemonStartsDetachedRefusesEveryOtherRunAndTerminateStopsIt
   EXPECT_TRUE(contains(m_box.debugLog(), "No vrkms service is running"));
 }
 
-// A store directory where nothing was ever made (286-38), and none
-// configured at all (286-37).
+// A store directory where nothing was made (286-38), none configured (286-37).
 TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
   for (const char* refusal : {"286-38 ", "286-37 "}) {
     if (refusal[5] == '8') {
@@ -177,7 +146,7 @@ TEST_F(VrkmsService, WithoutAStoreTheServiceRefusesToGoLive) {
     EXPECT_FALSE(canConnect(m_box.port()));
     EXPECT_TRUE(contains(m_box.appLog(), refusal)) << m_box.appLog();
   }
-  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-34 "), 2u) << m_box.appLog();
+  EXPECT_EQ(CtlOutput::countOf(m_box.appLog(), "286-34 "), 2u);
   EXPECT_TRUE(contains(m_box.debugLog(), "The directive \"static KMSMgrService\" failed"));
   EXPECT_EQ(CtlOutput::countOf(m_box.debugLog(), "vrkms_main: startServiceContainer returned 1"),
             2u);
@@ -190,11 +159,9 @@ TEST(VrkmsProgram, UsageCodesAndTheLoggedCommandLine) {
            {"-help"}, {"-H"}, {"-bogus"}, {"-infox"}, {"-h", "-info"}, {"word"}, {""}}) {
     const ProcessResult r = box.run(args);
     EXPECT_EQ(r.exitStatus, 0) << args[0];
-    EXPECT_EQ(r.err,
-              "\nUSAGE: Vaultrest key management service\n\n"
-              "   vrkms [ -createemptydb | -info | -resethmk | -resetkpk ]\n")
-        << args[0];
-    EXPECT_EQ(r.out, "") << args[0];
+    EXPECT_EQ(r.out + "|" + r.err,
+              "|\nUSAGE: Vaultrest key management service\n\n"
+              "   vrkms [ -createemptydb | -info | -resethmk | -resetkpk ]\n");
   }
   // Off the master server (no configuration): the code, and 252.
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
@@ -220,9 +187,8 @@ TEST(VrkmsProgram, UsageCodesAndTheLoggedCommandLine) {
   EXPECT_FALSE(contains(log, "secret")) << log;
 }
 
-// "-terminate" passes the gates of a plain start but the running-service
-// one; a start refused at a gate exits 0 quietly, one that passes them all
-// finds no service to stop (1).
+// "-terminate" passes the gates of a start but the running-service one: refused
+// at a gate it exits 0 quietly; past them all it finds no service to stop (1).
 TEST(VrkmsProgram, StartGatesRefuseOffTheMasterServerAndOnAnInactiveClusterNode) {
   struct Gate {
     const char* conf;     // nullptr: none
@@ -242,32 +208,27 @@ TEST(VrkmsProgram, StartGatesRefuseOffTheMasterServerAndOnAnInactiveClusterNode)
   };
   for (const Gate& gate : gates) {
     ServiceSandbox box;
-    SCOPED_TRACE(std::string(gate.conf ? gate.conf : "no configuration") + " cluster " +
-                 std::to_string(gate.cluster) + " active " + std::to_string(gate.active));
+    SCOPED_TRACE(std::to_string(&gate - gates));
     if (gate.conf == nullptr) {
       ::unlink(box.path("etc/vr.conf").c_str());
     } else {
       box.writePrivate("etc/vr.conf", gate.conf);
     }
     if (gate.cluster >= 0) {
-      ::mkdir(box.path("vaultrest").c_str(), 0755);
-      ::mkdir(box.path("vaultrest/bin").c_str(), 0755);
-      const std::string utility = box.path("vaultrest/bin/vrclusterutil");
-      box.writePrivate("vaultrest/bin/vrclusterutil",
-                       "#!/bin/sh\ncase \"$2\" in\n-iscluster) exit " +
-                           std::to_string(gate.cluster) + " ;;\n-isactive) exit " +
-                           std::to_string(gate.active) + " ;;\nesac\nexit 99\n");
+      std::filesystem::create_directories(box.path("vaultrest/bin"));
+      const std::string utility = box.writePrivate(
+          "vaultrest/bin/vrclusterutil",
+          "#!/bin/sh\ncase \"$2\" in\n-iscluster) exit " + std::to_string(gate.cluster) +
+              " ;;\n-isactive) exit " + std::to_string(gate.active) + " ;;\nesac\nexit 99\n");
       ::chmod(utility.c_str(), 0755);
     }
     const ProcessResult r = box.run({"-TERMINATE", "ignored"});
     EXPECT_EQ(r.exitStatus, gate.exitStatus);
-    EXPECT_TRUE(contains(box.appLog() + box.debugLog(), gate.logged))
-        << box.appLog() << box.debugLog();
+    EXPECT_TRUE(contains(box.appLog() + box.debugLog(), gate.logged)) << box.appLog();
     if (gate.exitStatus == 0) {
       EXPECT_EQ(r.err, "");
       EXPECT_TRUE(contains(box.appLog(), "286-30 vrkms_main: ") ||
-                  contains(box.appLog(), "286-86 vrkms_main: "))
-          << box.appLog();
+                  contains(box.appLog(), "286-86 vrkms_main: "));
     }
   }
 }

@@ -46,10 +46,9 @@ RunningProcess::~RunningProcess() {
 }
 
 void RunningProcess::stop() {
-  if (m_terminal >= 0) {
+  if (m_terminal >= 0)
     close(m_terminal);
-    m_terminal = -1;
-  }
+  m_terminal = -1;
   if (m_pid > 0) {
     kill(m_pid, SIGKILL);
     while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
@@ -85,31 +84,6 @@ int RunningProcess::awaitExit(std::chrono::milliseconds limit) {
     }
   }
   return -1;
-}
-
-ProcessRunner& ProcessRunner::args(std::vector<std::string> args) {
-  m_args = std::move(args);
-  return *this;
-}
-
-ProcessRunner& ProcessRunner::argv0(std::string name) {
-  m_argv0 = std::move(name);
-  return *this;
-}
-
-ProcessRunner& ProcessRunner::env(const std::string& name, const std::string& value) {
-  m_env[name] = value;
-  return *this;
-}
-
-ProcessRunner& ProcessRunner::stdinText(std::string text) {
-  m_stdin = std::move(text);
-  return *this;
-}
-
-ProcessRunner& ProcessRunner::timeout(std::chrono::milliseconds limit) {
-  m_timeout = limit;
-  return *this;
 }
 
 pid_t ProcessRunner::start(const std::function<void()>& inChild, int* terminal) const {
@@ -151,8 +125,7 @@ RunningProcess ProcessRunner::spawnOnTerminal() const {
   int master = -1;
   const pid_t pid = start(
       [] {
-        // As on a terminal of its own: the signals a terminal sends take
-        // effect even where the test runs with them ignored (in the background).
+        // The signals a terminal sends take effect even where the test ignores them.
         for (const int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
           ::signal(signal, SIG_DFL);
         }
@@ -166,8 +139,7 @@ RunningProcess ProcessRunner::spawnOnTerminal() const {
 
 ProcessResult ProcessRunner::run() const {
   ProcessResult result;
-  // Standard input is a pipe holding the whole text (which must fit in its
-  // buffer), output and error are memory files read once the child ended.
+  // Standard input: a pipe holding the whole text; output and error: memory files.
   int in[2] = {-1, -1};
   const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
   if (pipe2(in, O_CLOEXEC) != 0 || out < 0 || err < 0) {

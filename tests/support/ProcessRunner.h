@@ -1,6 +1,5 @@
-// Runs a program as a child process for process-level tests: argv[0] and
-// arguments, environment on top of the test's own, text on standard input,
-// output and error captured, exit status, a time limit (then SIGKILL).
+// Runs a program as a child process: arguments, environment on top of the
+// test's own, standard input, output and error captured, a time limit (SIGKILL).
 #pragma once
 
 #include <sys/types.h>
@@ -37,8 +36,7 @@ class RunningProcess {
   void stop();
   // spawnOnTerminal(): the master side of the child's terminal; -1 otherwise.
   int terminal() const { return m_terminal; }
-  // Reads the terminal into `seen` until `text` has appeared (true) or
-  // `limit` has passed.
+  // Reads the terminal into `seen` until `text` has appeared (true) or `limit` has passed.
   bool awaitOutput(const std::string& text, std::chrono::milliseconds limit, std::string* seen);
   // Waits up to `limit` for the child to end; its wait status, or -1.
   int awaitExit(std::chrono::milliseconds limit);
@@ -52,15 +50,14 @@ class ProcessRunner {
  public:
   explicit ProcessRunner(std::string program) : m_program(std::move(program)) {}
 
-  ProcessRunner& args(std::vector<std::string> args);  // after argv[0]
-  ProcessRunner& argv0(std::string name);              // the program path by default
-  ProcessRunner& env(const std::string& name, const std::string& value);
-  // The child's standard input, then end of file.
-  ProcessRunner& stdinText(std::string text);
-  ProcessRunner& timeout(std::chrono::milliseconds limit);  // 30 s by default
-
-  // Runs the child to its end (or the time limit). SIGPIPE is ignored in the
-  // calling process from then on.
+  ProcessRunner& args(std::vector<std::string> args) { return m_args = std::move(args), *this; }
+  ProcessRunner& argv0(std::string name) { return m_argv0 = std::move(name), *this; }
+  ProcessRunner& env(const std::string& name, const std::string& value) {
+    return m_env[name] = value, *this;
+  }
+  ProcessRunner& stdinText(std::string text) { return m_stdin = std::move(text), *this; }
+  ProcessRunner& timeout(std::chrono::milliseconds limit) { return m_timeout = limit, *this; }
+  // Runs the child to its end or the time limit; SIGPIPE is ignored from then on.
   ProcessResult run() const;
   // Starts the child with its standard streams on /dev/null.
   RunningProcess spawn() const;
@@ -69,8 +66,7 @@ class ProcessRunner {
   RunningProcess spawnOnTerminal() const;
 
  private:
-  // Forks (on a new terminal when `terminal` is given, which gets its
-  // master side), runs `inChild` in the child and executes the program.
+  // Forks (on a new terminal whose master side `terminal` gets), runs `inChild`, executes.
   pid_t start(const std::function<void()>& inChild, int* terminal = nullptr) const;
 
   std::string m_program;

@@ -1,6 +1,5 @@
-// Certificates for TLS tests, made with the openssl command in a directory
-// of the test's own: a CA, and certificates it signs (P-256 keys, PEM,
-// "<name>.pem" and "<name>.key").
+// Certificates for TLS tests, made with the openssl command in a directory of the test's own: a CA,
+// and certificates it signs (P-256 keys, PEM, "<name>.pem" and "<name>.key").
 #pragma once
 
 #include <stdexcept>
@@ -17,7 +16,6 @@ class TestCertificates {
     openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
              "-keyout", key(m_name), "-out", cert(m_name), "-days", "2", "-subj", "/CN=" + m_name});
   }
-
   // A certificate for `subject` ("/CN=media01") signed by this CA, valid
   // for `days` from now (negative: expired already); its name.
   std::string issue(const std::string& name, const std::string& subject, int days = 2) const {

@@ -12,8 +12,7 @@ int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
   // Files the tests write stand in for the store's own, which the store
-  // refuses when group or others may write them: whatever umask the caller
-  // has, none are.
+  // refuses when group or others may write them: whatever umask the caller has, none are.
   ::umask(022);
   // A death-test child is the same binary run again: it keeps its parent's
   // root, which the parent removes.
