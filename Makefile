@@ -11,7 +11,7 @@ CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 # a vrkms elsewhere on the machine must not be visible to them.
 ISOLATE ?= $(shell unshare --pid --fork --mount-proc true 2>/dev/null && echo unshare --pid --fork --mount-proc)
 
-TSAN_TESTS ?= StoreLock|Concurrent|CrypterPool|VrkmsLoad|Facet
+TSAN_TESTS ?= StoreLock|CrypterPool|VrkmsLoad|Facet
 FUZZ_SECONDS ?= 15
 # ON in CI (.ci/run): compiler warnings are errors in the gcc builds.
 WERROR ?= OFF
