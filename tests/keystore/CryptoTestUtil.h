@@ -1,5 +1,4 @@
-// Helpers shared by the crypto tests: hex conversion, driving a crypter to
-// the end of a stream, and a scripted random source.
+// Helpers of the crypto tests: hex, a crypter run to the end, a scripted random source.
 #pragma once
 
 #include <openssl/rand.h>
@@ -57,19 +56,19 @@ struct Result {
 inline Result runAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& in, bool encrypting) {
   Result r;
   r.status = encrypting ? c.encrypt(u8(in), in.size(), true) : c.decrypt(u8(in), in.size(), true);
-  if (r.status == 0) {
-    const unsigned char* p = nullptr;
-    unsigned long n = 0;
-    r.status = encrypting ? c.getEncryptedData(&p, &n) : c.getDecryptedData(&p, &n);
+  const unsigned char* p = nullptr;
+  unsigned long n = 0;
+  if (r.status == 0 &&
+      (r.status = encrypting ? c.getEncryptedData(&p, &n) : c.getDecryptedData(&p, &n)) == 0) {
     r.bytes.assign(reinterpret_cast<const char*>(p), n);
   }
   return r;
 }
-inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& plain) {
-  return runAll(c, plain, true);
+inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
+  return runAll(c, s, true);
 }
-inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& stream) {
-  return runAll(c, stream, false);
+inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
+  return runAll(c, s, false);
 }
 
 // A scripted random source for the whole process while alive: the first
