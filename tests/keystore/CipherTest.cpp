@@ -134,15 +134,7 @@ TEST(CryptType, TableNamesAndColumns) {
   for (const char* name : {"aes_256_gcm", "CRYPT_INVALID", "", "AES_256_GCM ", "AES_256"}) {
     EXPECT_EQ(KSCrypt::stringToCryptType(name), KSCrypt::CRYPT_INVALID) << name;
   }
-  // A key one byte short fails in the crypter's constructor; only the EVP
-  // crypter looks at the IV. The null crypter takes neither.
-  for (int t = 2; t <= 6; ++t) {
-    const std::string shortKey(keyFor(t).size() - 1, 'k');
-    EXPECT_EQ(KS_STATUS((void)CryptFactory::createCrypter(asType(t), shortKey, keyFor(5))), 1223);
-    EXPECT_EQ(KS_STATUS((void)CryptFactory::createCrypter(asType(t), keyFor(t), "short iv")),
-              t == 5 ? 1223 : 0)
-        << t;
-  }
+  // The null crypter takes any key and IV (the others' constructors check theirs).
   EXPECT_EQ(KS_STATUS((void)CryptFactory::createCrypter(KSCrypt::CRYPT_NONE, "x", "y")), 0);
 }
 

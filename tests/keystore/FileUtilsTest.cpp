@@ -1,9 +1,7 @@
-// The file primitives of the store (FileUtils), the seam through which
-// tests record, fail and crash their operations (FileFaults), and the paths
-// of the store's files (KMSFileLocator).
+// The file primitives of the store, the seam through which tests record, fail and crash
+// their operations (FileFaults), and the paths of the store's files (KMSFileLocator).
 #include "kms/server/keystore/files/FileUtils.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -39,28 +38,20 @@ std::string readFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
-}
-
 // The permission bits, with the directory bit as 01000000 (-1: missing).
 long modeOf(const std::string& path) {
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) {
-    return -1;
-  }
-  return (st.st_mode & 07777) | (S_ISDIR(st.st_mode) ? 01000000 : 0);
+  return ::stat(path.c_str(), &st) != 0
+             ? -1L
+             : (st.st_mode & 07777) | (S_ISDIR(st.st_mode) ? 01000000 : 0);
 }
 
-int openDescriptorCount() {
-  int count = 0;
-  DIR* dir = ::opendir("/proc/self/fd");
-  while (dirent* entry = ::readdir(dir)) {
-    count += entry->d_name[0] != '.';
-  }
-  ::closedir(dir);
-  return count;
+bool exists(const std::string& path) {
+  return modeOf(path) != -1;
+}
+
+long openDescriptorCount() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // A commit-like sequence: a new file, filled, made durable and put in place.

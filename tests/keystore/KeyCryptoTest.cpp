@@ -160,12 +160,6 @@ TEST(KeyWrap, EveryFormRoundTripsAndNeverRepeats) {
     EXPECT_EQ(wrapped.find(kKey), std::string::npos);
     EXPECT_EQ(Utils::decryptKeyWithKey(wrapped, kKek, f.type, f.version), kKey);
     EXPECT_NE(Utils::encryptKeyWithKey(kKey, kKek, f.type, f.version), wrapped);
-    for (size_t len : {1, 16, 64}) {
-      const std::string key(len, '\x7e');
-      EXPECT_EQ(Utils::decryptKeyWithKey(Utils::encryptKeyWithKey(key, kKek, f.type, f.version),
-                                         kKek, f.type, f.version),
-                key);
-    }
   }
 }
 

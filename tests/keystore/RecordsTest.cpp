@@ -1,5 +1,4 @@
-// The records, their attribute lists, the key table's indexes and the
-// record utilities.
+// The records, their attribute lists, the key table's indexes and the record utilities.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -139,8 +138,7 @@ namespace {
 typedef KeyRecordTable<KeyRecord_v1> KeyTable;
 typedef KeyTable::TagList TagList;
 
-const std::string kA = tagOf(1000, 'G');
-const std::string kB = tagOf(1001, 'G');
+const std::string kA = tagOf(1000, 'G'), kB = tagOf(1001, 'G');
 
 KeyRecord_v1 key(unsigned n, const std::string& group, ks_keystate_t state) {
   return formattest::keyRecord(tagOf(n), group, state);
