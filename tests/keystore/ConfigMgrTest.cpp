@@ -63,7 +63,7 @@ class ScriptedAgent : public ConfigurationAgent {
   Script* m_s;
 };
 
-TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
+TEST(ConfigMgrTest, RowsFileValuesDefaultsSaveAndAgentFailures) {
   TempRoot dir;
   const std::string conf = dir.file("vrkms.conf");
   std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a "
@@ -110,9 +110,47 @@ TEST(ConfigMgrTest, RowsByExactNameFileValuesDefaultsAndSave) {
                         again.getIntegerValue("max_keys_per_group")}),
       std::vector<int>({42, -5, 30}));
   EXPECT_EQ(again.getStringValue("home_page"), "kms.example.org");
+  // A file in a missing directory: reading finds nothing, saving fails.
+  ConfigMgr real(kTable, dir.file("missing/vrkms.conf"));
+  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 100);
+  real.setIntegerValue("max_key_groups", 7);
+  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 7);
+  EXPECT_EQ(KS_STATUS(real.save()), 1257);
+  // An agent that fails everything: gets fall back, sets pass the failure on.
+  ScriptedAgent::Script script;
+  script.failGets = script.failSets = true;
+  script.integers["timeout"] = 99;
+  ConfigMgr scripted(kTable, std::make_unique<ScriptedAgent>(&script), nullptr);
+  EXPECT_EQ(scripted.getIntegerValue("timeout"), 10);
+  EXPECT_EQ(scripted.getStringValue("home_page"), "www.example.com");
+  EXPECT_EQ(KS_STATUS(scripted.setIntegerValue("timeout", 1)), 1257);
+  script.failGets = false;
+  EXPECT_EQ(scripted.getIntegerValue("timeout"), 99);
+  // No agents at all: defaults everywhere, every set refused.
+  ConfigMgr empty(kTable, nullptr, nullptr);
+  EXPECT_EQ(empty.getIntegerValue("use_cxss"), 2);
+  EXPECT_EQ(empty.getStringValue("emm_server"), "localhost");
+  EXPECT_EQ(std::vector<int>({KS_STATUS(empty.setIntegerValue("timeout", 1)),
+                              KS_STATUS(empty.setStringValue("emm_server", "x")),
+                              KS_STATUS(empty.reload()), KS_STATUS(empty.save())}),
+            std::vector<int>({1257, 1257, 0, 0}));
+  // Reload and save try both agents before failing.
+  ScriptedAgent::Script file, central;
+  ConfigMgr both(kTable, std::make_unique<ScriptedAgent>(&file),
+                 std::make_unique<ScriptedAgent>(&central));
+  both.reload();
+  both.save();
+  file.failReload = true;
+  EXPECT_EQ(KS_STATUS(both.reload()), 1257);
+  central.failSave = true;
+  EXPECT_EQ(KS_STATUS(both.save()), 1257);
+  file.failSave = true;
+  EXPECT_EQ(KS_STATUS(both.save()), 1257);
+  EXPECT_EQ(std::vector<int>({file.reloads, central.reloads, file.saves, central.saves}),
+            std::vector<int>({2, 2, 3, 3}));
 }
 
-TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
+TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWholeAndAbsurdFilesAreRefused) {
   TempRoot dir;
   const std::string conf = dir.file("vrkms.conf");
   std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
@@ -142,11 +180,7 @@ TEST(ConfigMgrTest, ACrashDuringASaveLeavesTheOldFileWhole) {
     // The old file or the new one, whole: never a part.
     EXPECT_TRUE(readFile(conf) == before || timeout == 42) << readFile(conf);
   }
-}
-
-TEST(ConfigMgrTest, AFileOfAbsurdSizeOrSectionCountIsRefusedAndDefaultsServe) {
-  TempRoot dir;
-  const std::string conf = dir.file("vrkms.conf");
+  // A file of absurd size or section count is refused, and the defaults serve.
   std::string sections;
   for (int i = 0; i < 100000; ++i) {
     sections += "[s" + std::to_string(i) + "]\n";
@@ -156,48 +190,6 @@ TEST(ConfigMgrTest, AFileOfAbsurdSizeOrSectionCountIsRefusedAndDefaultsServe) {
     std::ofstream(conf, std::ios::trunc) << text;
     EXPECT_EQ(ConfigMgr(kTable, conf).getIntegerValue("timeout"), text == valid ? 30 : 10);
   }
-}
-
-TEST(ConfigMgrTest, AgentFailuresServeDefaultsAndEveryAgentIsTried) {
-  // A file in a missing directory: reading finds nothing, saving fails.
-  TempRoot dir;
-  ConfigMgr real(kTable, dir.file("missing/vrkms.conf"));
-  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 100);
-  real.setIntegerValue("max_key_groups", 7);
-  EXPECT_EQ(real.getIntegerValue("max_key_groups"), 7);
-  EXPECT_EQ(KS_STATUS(real.save()), 1257);
-  // An agent that fails everything: gets fall back, sets pass the failure on.
-  ScriptedAgent::Script script;
-  script.failGets = script.failSets = true;
-  script.integers["timeout"] = 99;
-  ConfigMgr scripted(kTable, std::make_unique<ScriptedAgent>(&script), nullptr);
-  EXPECT_EQ(scripted.getIntegerValue("timeout"), 10);
-  EXPECT_EQ(scripted.getStringValue("home_page"), "www.example.com");
-  EXPECT_EQ(KS_STATUS(scripted.setIntegerValue("timeout", 1)), 1257);
-  script.failGets = false;
-  EXPECT_EQ(scripted.getIntegerValue("timeout"), 99);
-  // No agents at all: defaults everywhere, every set refused.
-  ConfigMgr empty(kTable, nullptr, nullptr);
-  EXPECT_EQ(empty.getIntegerValue("use_cxss"), 2);
-  EXPECT_EQ(empty.getStringValue("emm_server"), "localhost");
-  EXPECT_EQ(std::vector<int>({KS_STATUS(empty.setIntegerValue("timeout", 1)),
-                              KS_STATUS(empty.setStringValue("emm_server", "x")),
-                              KS_STATUS(empty.reload()), KS_STATUS(empty.save())}),
-            std::vector<int>({1257, 1257, 0, 0}));
-  // Reload and save try both agents before failing.
-  ScriptedAgent::Script file, central;
-  ConfigMgr mgr(kTable, std::make_unique<ScriptedAgent>(&file),
-                std::make_unique<ScriptedAgent>(&central));
-  mgr.reload();
-  mgr.save();
-  file.failReload = true;
-  EXPECT_EQ(KS_STATUS(mgr.reload()), 1257);
-  central.failSave = true;
-  EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
-  file.failSave = true;
-  EXPECT_EQ(KS_STATUS(mgr.save()), 1257);
-  EXPECT_EQ(std::vector<int>({file.reloads, central.reloads, file.saves, central.saves}),
-            std::vector<int>({2, 2, 3, 3}));
 }
 
 TEST(ConfigMgrTest, CentralRowsComeFromTheMasterConfiguration) {

@@ -123,40 +123,38 @@ TEST(FileUtils, CreateDeleteRenameAndExistsWithTheirModesAndCodes) {
   EXPECT_EQ(KS_STATUS(Utils::fileExists(path.c_str(), Utils::LOG_NEITHER, "Test::e")), 1200);
 }
 
-TEST(FileHolder, ClosesOnceAndStillReleasesTheFileWhenCloseFails) {
+TEST(FileUtils, HoldersReadsWritesFlushesAndSyncsReportFailuresAs1210) {
   TempRoot dir;
   LogCapture log;
-  const std::string path = dir.file("f");
-  writeFile(path, "abc");
-  // The logger opens its files on first use: before counting.
-  log.logger().logDebug("prime", 1, "opens the debug log");
-  log.logger().logApp("prime", CRVN_SEV_INFO, Corvane::L10N::Lis(83));
-  const int baseline = openDescriptorCount();
-  Utils::FileHolder holder = Utils::openFile(path.c_str(), "rb");
-  EXPECT_EQ(openDescriptorCount(), baseline + 1);
-  holder.close();
-  holder.close();  // a second close does nothing
-  EXPECT_EQ(holder.get(), nullptr);
-  EXPECT_EQ(openDescriptorCount(), baseline);
-  FailNthFileOp failClose(1, EIO, FileOp::Fclose);
-  ScopedFileFaultHook hook(&failClose);
-  Utils::FileHolder failing = Utils::openFile(path.c_str(), "rb");
-  EXPECT_EQ(KS_STATUS(failing.close()), 1210);
-  EXPECT_EQ(failing.get(), nullptr);
-  EXPECT_EQ(openDescriptorCount(), baseline);
-  // The destructor swallows the failure.
-  FailNthFileOp failAgain(1, EIO, FileOp::Fclose);
-  ScopedFileFaultHook inner(&failAgain);
-  { Utils::FileHolder dying = Utils::openFile(path.c_str(), "rb"); }
-  EXPECT_TRUE(failAgain.fired());
-  EXPECT_EQ(openDescriptorCount(), baseline);
-  EXPECT_EQ(Utils::openFile(dir.file("absent").c_str(), "rb").get(), nullptr);
-  EXPECT_EQ(errno, ENOENT);
-}
-
-TEST(FileUtils, ReadsWritesFlushesAndSyncsReportFailuresAs1210) {
-  TempRoot dir;
-  LogCapture log;
+  {
+    // A holder closes once, and releases the file also when the close fails.
+    const std::string path = dir.file("f");
+    writeFile(path, "abc");
+    // The logger opens its files on first use: before counting.
+    log.logger().logDebug("prime", 1, "opens the debug log");
+    log.logger().logApp("prime", CRVN_SEV_INFO, Corvane::L10N::Lis(83));
+    const int baseline = openDescriptorCount();
+    Utils::FileHolder holder = Utils::openFile(path.c_str(), "rb");
+    EXPECT_EQ(openDescriptorCount(), baseline + 1);
+    holder.close();
+    holder.close();  // a second close does nothing
+    EXPECT_EQ(holder.get(), nullptr);
+    EXPECT_EQ(openDescriptorCount(), baseline);
+    FailNthFileOp failClose(1, EIO, FileOp::Fclose);
+    ScopedFileFaultHook hook(&failClose);
+    Utils::FileHolder failing = Utils::openFile(path.c_str(), "rb");
+    EXPECT_EQ(KS_STATUS(failing.close()), 1210);
+    EXPECT_EQ(failing.get(), nullptr);
+    EXPECT_EQ(openDescriptorCount(), baseline);
+    // The destructor swallows the failure.
+    FailNthFileOp failAgain(1, EIO, FileOp::Fclose);
+    ScopedFileFaultHook inner(&failAgain);
+    { Utils::FileHolder dying = Utils::openFile(path.c_str(), "rb"); }
+    EXPECT_TRUE(failAgain.fired());
+    EXPECT_EQ(openDescriptorCount(), baseline);
+    EXPECT_EQ(Utils::openFile(dir.file("absent").c_str(), "rb").get(), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+  }
   // readFileIntoString reads pieces of 4096 until one comes short: a file of
   // exactly one piece takes a second, empty read to see its end.
   for (const auto& [size, reads] : std::vector<std::pair<size_t, size_t>>{

@@ -66,7 +66,7 @@ std::string gcm(const std::string& key, const std::string& in, bool seal = true)
 
 }  // namespace
 
-TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSaltAndHmac) {
+TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSaltDeprecatedDerivationAndHmac) {
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 0, EVP_sha512(), 64), "");
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 1, nullptr, 64), "");
   // All 24 salt bytes, marker and scheme included, are the PBKDF2 salt.
@@ -91,9 +91,6 @@ TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSaltAndHmac) {
   EXPECT_EQ(hex(Utils::hmac(EVP_sha256(), "Jefe", u8(data), data.size())),
             "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
   EXPECT_EQ(Utils::hmac(nullptr, "Jefe", u8(data), data.size()), "");
-}
-
-TEST(KeyGen, DeprecatedDerivationIsUnsaltedBytesToKey) {
   // EVP_BytesToKey with SHA-1 and 1000 rounds: the key is the start of the
   // iterated digest chain, so the AES-128 key is a prefix of the AES-256 key.
   const std::string k256 = KeyGen::passphraseToKey_deprecated("correct horse", CT_AES256_CBC);
@@ -152,7 +149,7 @@ TEST(KeyGen, KeysSaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
   EXPECT_EQ(TagGen::newTag(), "");
 }
 
-TEST(KeyWrap, EveryFormRoundTripsAndNeverRepeats) {
+TEST(KeyWrap, EveryFormRoundTripsTheCallersTypeCountsUnder200AndFailures) {
   for (const Form& f : kForms) {
     SCOPED_TRACE(testing::Message() << std::hex << f.version << " type " << std::dec << f.type);
     const std::string wrapped = Utils::encryptKeyWithKey(kKey, kKek, f.type, f.version);
@@ -161,9 +158,6 @@ TEST(KeyWrap, EveryFormRoundTripsAndNeverRepeats) {
     EXPECT_EQ(Utils::decryptKeyWithKey(wrapped, kKek, f.type, f.version), kKey);
     EXPECT_NE(Utils::encryptKeyWithKey(kKey, kKek, f.type, f.version), wrapped);
   }
-}
-
-TEST(KeyWrap, CallersTypeCountsOnlyUnderVersion200) {
   // 0x300: GCM whatever the caller says, holding a random half and the key.
   const std::string wrapped =
       Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::CRYPT_NONE, KS_VERSION_300);
@@ -185,9 +179,6 @@ TEST(KeyWrap, CallersTypeCountsOnlyUnderVersion200) {
       Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::CRYPT_NONE, KS_VERSION_200);
   EXPECT_EQ(none.size(), 64u);
   EXPECT_EQ(none.substr(32), kKey);
-}
-
-TEST(KeyWrap, FailuresByFormAndEveryFlippedByte) {
   const std::string sealed =
       Utils::encryptKeyWithKey(kKey, kKek, KSCrypt::AES_256_GCM, KS_VERSION_300);
   // A sound stream whose plaintext has odd length is no wrapped key.
@@ -253,7 +244,7 @@ TEST(KPKMgrDeathTest, EmptyUnwrappedKeyAborts) {
   EXPECT_DEATH(mgr.decryptKey(emptyWrap, KPK_LOCAL, ""), "");
 }
 
-TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
+TEST(CrypterPool, LeasesComeBackResetAndTheManagerWorksFromManyThreads) {
   CrypterPool pool;
   EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::DECRYPT)), 1223) << "no key yet";
   pool.setKey(KSCrypt::AES_256_GCM, kKeyA);
@@ -286,9 +277,7 @@ TEST(CrypterPool, LeasesComeBackResetAndFollowTheKey) {
   EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::ENCRYPT)), 1223);
   pool.setKey(KSCrypt::AES_256_GCM, std::string(31, 'x'));  // the factory's error
   EXPECT_EQ(KS_STATUS(pool.lease(CrypterPool::ENCRYPT)), 1223);
-}
-
-TEST(CrypterPool, ManagerWrapsAndUnwrapsFromManyThreadsAndFollowsRefills) {
+  // The manager wraps and unwraps from many threads and follows refills.
   for (ks_version_t version : {KS_VERSION_100, KS_VERSION_300}) {
     KPKMgr mgr(kKeyA, KSCrypt::AES_256_GCM, version, true);
     std::atomic<int> bad{0};
