@@ -77,9 +77,7 @@ inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
 class ScriptedRandom {
  public:
   explicit ScriptedRandom(int failures, std::string fixed = std::string()) {
-    s_failures = failures;
-    s_fixed = std::move(fixed);
-    s_calls = 0;
+    s_failures = failures, s_fixed = std::move(fixed), s_calls = 0;
     m_previous = mangleSetRandomSource(&ScriptedRandom::draw);
   }
   ~ScriptedRandom() { mangleSetRandomSource(m_previous); }
@@ -91,16 +89,12 @@ class ScriptedRandom {
   static int draw(unsigned char* buf, size_t len) {
     ++s_calls;
     if (s_failures > 0) {
-      --s_failures;
-      return -1;
+      return --s_failures, -1;
     }
-    if (s_fixed.empty()) {
-      return RAND_bytes(buf, static_cast<int>(len)) == 1 ? 0 : -1;
-    }
-    for (size_t i = 0; i < len; ++i) {
+    for (size_t i = 0; i < len && !s_fixed.empty(); ++i) {
       buf[i] = static_cast<unsigned char>(s_fixed[i % s_fixed.size()]);
     }
-    return 0;
+    return s_fixed.empty() && RAND_bytes(buf, static_cast<int>(len)) != 1 ? -1 : 0;
   }
   static inline int s_failures = 0;
   static inline int s_calls = 0;

@@ -177,32 +177,7 @@ const std::string kWeakSalt = std::string("S\x03", 2) + std::string(22, '\x11');
 
 }  // namespace
 
-TEST(KSOutStream, PartialFlushThenFinalEqualsOneFinalFlush) {
-  const std::string first(5000, 'a');
-  const std::string second = "tail of the stream";
-  // The same IV for both GCM streams, so their bytes can be compared.
-  ScriptedRandom fixedIv(0, std::string(1, '\x24'));
-  for (KSCrypt::CryptType type :
-       {KSCrypt::CRYPT_INVALID, KSCrypt::AES_256_CBC_EVP, KSCrypt::AES_256_GCM}) {
-    SCOPED_TRACE(KSCrypt::cryptTypeToString(type));
-    std::string streams[2];
-    for (int split = 0; split < 2; ++split) {
-      std::unique_ptr<KSCrypt> crypter(
-          type == KSCrypt::CRYPT_INVALID ? nullptr : CryptFactory::createCrypter(type, kKey, kIv));
-      StringOutDest dest(streams[split]);
-      KSOutStream out(dest, crypter.get(), KSOutStream::kBufferSize);
-      out.write(first.data(), first.size());
-      if (split == 1) {
-        out.flush(false);
-      }
-      out.write(second.data(), second.size());
-      out.flush(true);
-    }
-    EXPECT_EQ(streams[0], streams[1]);
-  }
-}
-
-TEST(KSOutStream, BufferRulesEmptyFinalFlushesAndCrypterFailures) {
+TEST(KSOutStream, BufferRulesPartialAndEmptyFinalFlushesAndCrypterFailures) {
   RecordingDest dest;
   KSOutStream out(dest, nullptr, 16);
   out.write("0123456789", 10);
@@ -238,6 +213,29 @@ TEST(KSOutStream, BufferRulesEmptyFinalFlushesAndCrypterFailures) {
   KSOutStream failing(sink, &flaky, 100);
   EXPECT_EQ(KS_STATUS(ReaderWriter::writeRecordTable(failing, keys)), 1200);
   failing.flush(true);
+  // A partial flush then a final one writes what one final flush does.
+  const std::string first(5000, 'a');
+  const std::string second = "tail of the stream";
+  // The same IV for both GCM streams, so their bytes can be compared.
+  ScriptedRandom fixedIv(0, std::string(1, '\x24'));
+  for (KSCrypt::CryptType type :
+       {KSCrypt::CRYPT_INVALID, KSCrypt::AES_256_CBC_EVP, KSCrypt::AES_256_GCM}) {
+    SCOPED_TRACE(KSCrypt::cryptTypeToString(type));
+    std::string streams[2];
+    for (int split = 0; split < 2; ++split) {
+      std::unique_ptr<KSCrypt> crypter(
+          type == KSCrypt::CRYPT_INVALID ? nullptr : CryptFactory::createCrypter(type, kKey, kIv));
+      StringOutDest dest(streams[split]);
+      KSOutStream out(dest, crypter.get(), KSOutStream::kBufferSize);
+      out.write(first.data(), first.size());
+      if (split == 1) {
+        out.flush(false);
+      }
+      out.write(second.data(), second.size());
+      out.flush(true);
+    }
+    EXPECT_EQ(streams[0], streams[1]);
+  }
 }
 
 // Dropping a stream with bytes in it, and a field over 4096 bytes, abort.
@@ -278,7 +276,7 @@ TEST(ReaderWriter, FieldsUpTo4096BytesAndTheReadChecks) {
   }
 }
 
-TEST(ReaderWriter, EveryFlippedBitOfARecordIsRefused) {
+TEST(ReaderWriter, EveryFlippedBitMixedMarkersAndRecordFieldsOfTheWrongLengthOrValue) {
   KeyRecord_v1 key = keyRecord(tagOf(5), "grp", KEY_ACTIVE);
   key.setKey("wrapped");
   key.attributes().addAttribute("n", "v");
@@ -290,9 +288,33 @@ TEST(ReaderWriter, EveryFlippedBitOfARecordIsRefused) {
       ASSERT_EQ(readStatus<KeyRecord_v1>(bad), 1208) << "byte " << i << " bit " << bit;
     }
   }
+  const std::vector<std::string> base = {tagOf(2), "n",      be(1, 8), be(1, 8), "", be(1, 4),
+                                         "grp",    be(1, 2), be(1, 2), "",       ""};
+  auto keyWith = [&](size_t index, const std::string& content) {
+    std::vector<std::string> contents = base;
+    contents[index] = content;
+    return handRecord(contents, handList({}));
+  };
+  // Each marker picks its own digest: old and new record and list markers mix.
+  EXPECT_EQ(readStatus<KeyRecord_v1>(handRecord(base, handList({}, true))), 0);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(handRecord(base, handList({}), true)), 0);
+  // Times of 7 and 9 bytes, a short revision and state, then values the
+  // setters refuse (1214), which are malformed input too.
+  const std::pair<size_t, std::string> bad[] = {{2, be(1, 7)}, {3, be(1, 9)}, {5, be(1, 2)},
+                                                {7, be(1, 4)}, {7, be(6, 2)}, {8, be(0xffff, 2)}};
+  for (const auto& b : bad) {
+    EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(b.first, b.second)), 1208) << b.first;
+  }
+  const std::vector<std::string> group = {tagOf(2), "g",      be(1, 8), be(1, 8),
+                                          "",       be(1, 4), be(5, 2)};
+  EXPECT_EQ(readStatus<KeyGrpRecord_v1>(handRecord(group, handList({}))), 1208);
+  // A group record where a key record belongs runs out of fields.
+  KeyGrpRecord_v1 grp;
+  grp.setFields(tagOf(1, 'G'), "group", CT_AES256_CBC, 1, 1, "", 7);
+  EXPECT_EQ(readStatus<KeyRecord_v1>(bytesOf(grp)), 1208);
 }
 
-TEST(ReaderWriter, AttributeListMarkersCountsAndDuplicates) {
+TEST(ReaderWriter, ListAndTableMarkersCountsDuplicatesAndRefusedRecords) {
   const std::string empty =
       written([](KSOutStream& out) { ReaderWriter::writeAttributeList(out, AttributeList()); });
   EXPECT_EQ(empty, handList({}));
@@ -320,41 +342,11 @@ TEST(ReaderWriter, AttributeListMarkersCountsAndDuplicates) {
   for (const auto& c : cases) {
     EXPECT_EQ(readListStatus(c.first), c.second) << hex(c.first);
   }
-}
-
-TEST(ReaderWriter, MixedMarkersAndRecordFieldsOfTheWrongLengthOrValue) {
-  const std::vector<std::string> base = {tagOf(2), "n",      be(1, 8), be(1, 8), "", be(1, 4),
-                                         "grp",    be(1, 2), be(1, 2), "",       ""};
-  auto keyWith = [&](size_t index, const std::string& content) {
-    std::vector<std::string> contents = base;
-    contents[index] = content;
-    return handRecord(contents, handList({}));
-  };
-  // Each marker picks its own digest: old and new record and list markers mix.
-  EXPECT_EQ(readStatus<KeyRecord_v1>(handRecord(base, handList({}, true))), 0);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(handRecord(base, handList({}), true)), 0);
-  // Times of 7 and 9 bytes, a short revision and state, then values the
-  // setters refuse (1214), which are malformed input too.
-  const std::pair<size_t, std::string> bad[] = {{2, be(1, 7)}, {3, be(1, 9)}, {5, be(1, 2)},
-                                                {7, be(1, 4)}, {7, be(6, 2)}, {8, be(0xffff, 2)}};
-  for (const auto& b : bad) {
-    EXPECT_EQ(readStatus<KeyRecord_v1>(keyWith(b.first, b.second)), 1208) << b.first;
-  }
-  const std::vector<std::string> group = {tagOf(2), "g",      be(1, 8), be(1, 8),
-                                          "",       be(1, 4), be(5, 2)};
-  EXPECT_EQ(readStatus<KeyGrpRecord_v1>(handRecord(group, handList({}))), 1208);
-  // A group record where a key record belongs runs out of fields.
-  KeyGrpRecord_v1 grp;
-  grp.setFields(tagOf(1, 'G'), "group", CT_AES256_CBC, 1, 1, "", 7);
-  EXPECT_EQ(readStatus<KeyRecord_v1>(bytesOf(grp)), 1208);
-}
-
-TEST(ReaderWriter, TableMarkerCountAndRefusedRecords) {
   EXPECT_EQ(written([](KSOutStream& out) { ReaderWriter::writeRecordTable(out, GroupTable()); }),
             field("BT") + field(be(0, 4)));
   const std::string a = bytesOf(keyRecord(tagOf(1), "g", KEY_ACTIVE));
   const std::string b = bytesOf(keyRecord(tagOf(2), "g", KEY_ACTIVE));
-  const std::pair<std::string, int> cases[] = {
+  const std::pair<std::string, int> tables[] = {
       {field("BT") + field(be(0, 4)), 0},
       {field("BT") + field(be(1, 4)) + a, 0},
       {field("BT") + field(be(2, 4)) + a + a, 1208},  // same tag twice
@@ -365,16 +357,16 @@ TEST(ReaderWriter, TableMarkerCountAndRefusedRecords) {
       {field("BT") + field(be(1, 2)) + a, 1208},
       {field("BT") + field(be(0xffffffff, 4)) + a, 1208},  // bounded only by the bytes there
   };
-  for (size_t i = 0; i < std::size(cases); ++i) {
-    KSInputBuffer in(cases[i].first);
+  for (size_t i = 0; i < std::size(tables); ++i) {
+    KSInputBuffer in(tables[i].first);
     KeyTable keys(true);
     keys.setSkipInvariant(true);
-    EXPECT_EQ(KS_STATUS(ReaderWriter::readRecordTable(in, keys)), cases[i].second) << i;
-    EXPECT_EQ(keys.size(), cases[i].second == 0 ? i : keys.size()) << i;
+    EXPECT_EQ(KS_STATUS(ReaderWriter::readRecordTable(in, keys)), tables[i].second) << i;
+    EXPECT_EQ(keys.size(), tables[i].second == 0 ? i : keys.size()) << i;
   }
 }
 
-TEST(KSMetadata, EachVersionHasItsAttributesAndRoundTripsThroughBytes) {
+TEST(KSMetadata, EachVersionsAttributesCountsDefaultsBooleansVersionBytesAndAccessors) {
   const struct {
     ks_version_t version;
     size_t count;
@@ -407,9 +399,6 @@ TEST(KSMetadata, EachVersionHasItsAttributesAndRoundTripsThroughBytes) {
       }
     }
   }
-}
-
-TEST(KSMetadata, CountsDefaultsBooleansVersionBytesAndAccessors) {
   // 0x100 may lack the FIPS flags, which then read as false and join the list.
   const AttributeList bare = without(without(metadataList(KS_VERSION_100), "HMKFIPS"), "KPKFIPS");
   ASSERT_EQ(bare.size(), 9u);

@@ -55,7 +55,7 @@ TEST(AttributeList, AddUpdateRemoveOrderAndTheCutAt4096Bytes) {
   EXPECT_TRUE(list.find("empty") != list.end() && list.find("absent") == list.end());
 }
 
-TEST(KeyRecord, BoundedFieldsAndEnumerationsRefuseBadValuesAndStayUnchanged) {
+TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
   const std::string ok(4096, '\0');
   const std::string tooLong(4097, 'x');
   KeyRecord_v1 rec;
@@ -108,11 +108,8 @@ TEST(KeyRecord, BoundedFieldsAndEnumerationsRefuseBadValuesAndStayUnchanged) {
   grp.setDescription(longText);
   EXPECT_EQ(rec.name() + rec.description(), longText.substr(0, 4096) + longText.substr(0, 4096));
   EXPECT_EQ(grp.name().size() + grp.description().size(), 8192u);
-}
-
-// The key field wipes its buffer on every release and reuse; its value must
-// still travel intact through copies and moves.
-TEST(KeyRecord, KeySurvivesCopiesAndMovesAndLeavesMovedFromRecordsEmpty) {
+  // The key field wipes its buffer on every release and reuse; its value must
+  // still travel intact through copies and moves.
   const std::string longKey(std::string("k\0", 2) + std::string(46, 'k'));
   KeyRecord_v1 a, d, e;
   a.setKey(longKey);
@@ -163,7 +160,7 @@ TagList tags(std::initializer_list<unsigned> ns) {
 
 }  // namespace
 
-TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstOnAddAndUpdate) {
+TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals) {
   KeyTable table = tableOf({{1, kA, KEY_INACTIVE}, {2, kA, KEY_ACTIVE}});
   EXPECT_FALSE(table.addRecord(key(3, kA, KEY_ACTIVE)));
   EXPECT_FALSE(table.addRecord(key(1, kB, KEY_PRELIVE)));  // tag taken
@@ -198,10 +195,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstOnAddAndUpdate) {
   EXPECT_TRUE(table.updateRecord(renamed));
   EXPECT_EQ(table.getRecord(tagOf(1)).name(), "renamed");
   EXPECT_EQ(table.getTagsByGroup(kA), tags({2, 1}));
-}
-
-TEST(KeyRecordTable, MovingAndRemovingKeys) {
-  KeyTable table = tableOf({{1, kA, KEY_DEPRECATED}, {2, kB, KEY_ACTIVE}, {3, kB, KEY_INACTIVE}});
+  table = tableOf({{1, kA, KEY_DEPRECATED}, {2, kB, KEY_ACTIVE}, {3, kB, KEY_INACTIVE}});
   // A non-active key joins behind the active one in tag order, and as the
   // last key of its group it takes the group's entry with it.
   EXPECT_TRUE(table.updateRecord(key(1, kB, KEY_DEPRECATED)));
