@@ -21,13 +21,6 @@ namespace {
 
 const config_row* const kTable = KMSConfig::s_config_table;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // An agent that serves from a map and fails where it is told to.
 class ScriptedAgent : public ConfigurationAgent {
  public:
@@ -99,7 +92,9 @@ TEST(ConfigMgrTest, RowsFileValuesDefaultsSaveAgentFailuresAndAbsurdFiles) {
   mgr.setIntegerValue("file_rw_debug", -5);
   mgr.setStringValue("home_page", "kms.example.org");
   mgr.save();
-  EXPECT_NE(readFile(conf).find("\"timeout\"=dword:0000002a"), std::string::npos);
+  std::ostringstream saved;
+  saved << std::ifstream(conf).rdbuf();
+  EXPECT_NE(saved.str().find("\"timeout\"=dword:0000002a"), std::string::npos);
   ConfigMgr again(kTable, conf);
   EXPECT_EQ(
       std::vector<int>({again.getIntegerValue("timeout"), again.getIntegerValue("file_rw_debug"),

@@ -31,12 +31,8 @@ namespace {
 
 // 'S', the scheme, then 22 bytes 00 01 .. 15.
 std::string saltWithScheme(unsigned char scheme) {
-  std::string salt = "S";
-  salt.push_back(static_cast<char>(scheme));
-  for (int i = 0; i < 22; ++i) {
-    salt.push_back(static_cast<char>(i));
-  }
-  return salt;
+  return "S" + std::string(1, static_cast<char>(scheme)) +
+         unhex("000102030405060708090a0b0c0d0e0f101112131415");
 }
 
 const std::string kKek(32, '\x42');
