@@ -240,8 +240,24 @@ TEST(CbcCrypters, KnownAnswersAndAFailedEvpPaddingCheckLocksTheSide) {
   EXPECT_EQ(right.decrypt(u8(stream), stream.size() - 16, true), 1270) << "padding block cut off";
 }
 
-TEST(MangleCrypter, ShortStreamsBadPaddingAndRefusals) {
+TEST(MangleCipher, ContextRulesResultCodesAndTheCryptersRefusals) {
+  mangleCipherCtx_t ctx{};
+  const unsigned char* out = nullptr;
+  unsigned long len = 0;
+  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK) << "free of a zeroed context";
+  EXPECT_EQ(mangleGetEncryptedData(&out, &len, &ctx), MANGLE_ERR_NOT_READY);
+  EXPECT_EQ(mangleEncrypt(u8("x"), 1, 1, &ctx), MANGLE_ERR_NOT_READY);
   const std::string key(32, 'k');
+  EXPECT_EQ(mangleEncryptSetup(u8(key), 31, MANGLE_AES_256, &ctx), MANGLE_ERR_ARGUMENT);
+  EXPECT_EQ(mangleEncryptSetup(u8(key), 32, 7, &ctx), MANGLE_ERR_ARGUMENT);
+  ASSERT_EQ(mangleEncryptSetup(u8(key), 32, MANGLE_AES_256, &ctx), MANGLE_OK);
+  EXPECT_EQ(mangleDecrypt(u8("x"), 1, 0, &ctx), MANGLE_ERR_NOT_READY) << "not a decrypt context";
+  ASSERT_EQ(mangleEncrypt(u8("abc"), 3, 1, &ctx), MANGLE_OK);
+  EXPECT_EQ(mangleGetEncryptedData(&out, &len, &ctx) + len, MANGLE_OK + 32u);
+  EXPECT_EQ(mangleEncrypt(u8("abc"), 3, 1, &ctx), MANGLE_ERR_FINISHED);
+  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK);
+  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK) << "free twice";
+  // The crypter over it: short streams, bad padding and refusals.
   MangleCrypter enc(MANGLE_AES_256, key);
   const std::string stream = encryptAll(enc, "sixteen byte msg").bytes;
   ASSERT_EQ(stream.size(), 48u);
@@ -273,26 +289,7 @@ TEST(MangleCrypter, ShortStreamsBadPaddingAndRefusals) {
   EXPECT_EQ(KS_STATUS(MangleCrypter(MANGLE_AES_256, key)), 1223);
 }
 
-TEST(MangleCipher, ContextRulesAndResultCodes) {
-  mangleCipherCtx_t ctx{};
-  const unsigned char* out = nullptr;
-  unsigned long len = 0;
-  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK) << "free of a zeroed context";
-  EXPECT_EQ(mangleGetEncryptedData(&out, &len, &ctx), MANGLE_ERR_NOT_READY);
-  EXPECT_EQ(mangleEncrypt(u8("x"), 1, 1, &ctx), MANGLE_ERR_NOT_READY);
-  const std::string key(32, 'k');
-  EXPECT_EQ(mangleEncryptSetup(u8(key), 31, MANGLE_AES_256, &ctx), MANGLE_ERR_ARGUMENT);
-  EXPECT_EQ(mangleEncryptSetup(u8(key), 32, 7, &ctx), MANGLE_ERR_ARGUMENT);
-  ASSERT_EQ(mangleEncryptSetup(u8(key), 32, MANGLE_AES_256, &ctx), MANGLE_OK);
-  EXPECT_EQ(mangleDecrypt(u8("x"), 1, 0, &ctx), MANGLE_ERR_NOT_READY) << "not a decrypt context";
-  ASSERT_EQ(mangleEncrypt(u8("abc"), 3, 1, &ctx), MANGLE_OK);
-  EXPECT_EQ(mangleGetEncryptedData(&out, &len, &ctx) + len, MANGLE_OK + 32u);
-  EXPECT_EQ(mangleEncrypt(u8("abc"), 3, 1, &ctx), MANGLE_ERR_FINISHED);
-  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK);
-  EXPECT_EQ(mangleEncryptFree(&ctx), MANGLE_OK) << "free twice";
-}
-
-TEST(GCMCrypter, KnownAnswersAlsoFromAReusedCrypter) {
+TEST(GCMCrypter, KnownAnswersAadRulesAndRandomFailures) {
   {
     ScriptedRandom fixedIv(0, kIv);
     GCMCrypter c(kKey);
@@ -326,16 +323,14 @@ TEST(GCMCrypter, KnownAnswersAlsoFromAReusedCrypter) {
   ASSERT_EQ(c.decrypt(u8(kStream15), kStream15.size(), false), 0);
   ASSERT_EQ(c.decrypt(nullptr, 0, true), 0);
   EXPECT_EQ(hex(fetch(c, false)), hex(kPlain15));
-}
-
-TEST(GCMCrypter, AadMustMatchAndComeBeforeTheDataAndRandomFailures) {
+  // AAD must match and come before the data.
   const std::string key(32, 'k');
   const std::string aad = "record header";
-  GCMCrypter c(key);
-  ASSERT_EQ(c.add_authenticated_data_encrypt(u8(aad), aad.size()), 0);
-  const std::string sealed = encryptAll(c, "secret").bytes;
-  ASSERT_EQ(c.encryptReset(), 0);
-  const std::string plainSealed = encryptAll(c, "secret").bytes;
+  GCMCrypter g(key);
+  ASSERT_EQ(g.add_authenticated_data_encrypt(u8(aad), aad.size()), 0);
+  const std::string sealed = encryptAll(g, "secret").bytes;
+  ASSERT_EQ(g.encryptReset(), 0);
+  const std::string plainSealed = encryptAll(g, "secret").bytes;
   auto open = [&](const std::string& stream, const std::string& withAad) {
     GCMCrypter d(key);
     if (!withAad.empty()) {

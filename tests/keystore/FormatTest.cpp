@@ -528,7 +528,7 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
   EXPECT_EQ(back, "");
 }
 
-TEST(PasswordSecured, EveryFlippedBitOfABlockIsRefused) {
+TEST(PasswordSecured, EveryFlippedBitAndMalformedBlocksAreRefused) {
   WeakKdf weak;
   const std::string block = seal(data());
   size_t headerLen = 0;
@@ -552,22 +552,19 @@ TEST(PasswordSecured, EveryFlippedBitOfABlockIsRefused) {
       ASSERT_EQ(back, "untouched");
     }
   }
-}
-
-TEST(PasswordSecured, MalformedBlocks) {
-  WeakKdf weak;
-  const std::string block = seal("data");
-  std::string longN = block;
-  longN.replace(36, 4, be(block.size() - 39, 4));
+  // Malformed blocks.
+  const std::string small = seal("data");
+  std::string longN = small;
+  longN.replace(36, 4, be(small.size() - 39, 4));
   const std::string iv(16, '\x01');
   const std::string cipher(16, '\x02');
   std::string scheme9 = kWeakSalt;
   scheme9[1] = 9;
   const std::pair<std::string, int> rows[] = {
-      {field(std::string(65, 'h')) + block.substr(34), 1208},  // an HMAC field over 64 bytes
+      {field(std::string(65, 'h')) + small.substr(34), 1208},  // an HMAC field over 64 bytes
       {longN, 1208},                                           // N beyond the bytes there
-      {block.substr(0, block.size() - 1), 1208},
-      {block + "trailing", 0},  // bytes after the block are not read
+      {small.substr(0, small.size() - 1), 1208},
+      {small + "trailing", 0},  // bytes after the small are not read
       // Past the HMAC with a wrong ciphertext: the cipher fails.
       {handBlock(kV200, kWeakSalt, iv, cipher), 1200},
       {handBlock(kV100, kWeakSalt, iv, cipher), 1218},

@@ -61,7 +61,7 @@ std::string gcm(const std::string& key, const std::string& in) {
 
 }  // namespace
 
-TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSaltDeprecatedDerivationAndHmac) {
+TEST(KeyGen, PassphrasesSaltsHmacAndFreshKeysOrNothingAfterTwentyFailedDraws) {
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 0, EVP_sha512(), 64), "");
   EXPECT_EQ(KeyGen::pbkdf2("password", "salt", 1, nullptr, 64), "");
   // All 24 salt bytes, marker and scheme included, are the PBKDF2 salt.
@@ -100,9 +100,7 @@ TEST(KeyGen, PassphraseToKeyFollowsTheSchemeInTheSaltDeprecatedDerivationAndHmac
   ASSERT_EQ(KeyGen::ksLoadCipher(CT_BLOW_CBC, &cipher), 0);
   EXPECT_EQ(KeyGen::passphraseToKey_deprecated("correct horse", CT_BLOW_CBC).size(),
             static_cast<size_t>(EVP_CIPHER_get_key_length(cipher)));
-}
-
-TEST(KeyGen, KeysSaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
+  // Keys, salts and tags are fresh, or nothing after twenty failed draws.
   EXPECT_EQ(KeyGen::generateRandomKey(0) + KeyGen::generateRandomKey(65), "");
   EXPECT_EQ(KeyGen::generateRandomKey(64).size() + KeyGen::generateRandomKey(1).size(), 65u);
   EXPECT_NE(KeyGen::generateRandomKey(32), KeyGen::generateRandomKey(32));
@@ -144,7 +142,7 @@ TEST(KeyGen, KeysSaltsAndTagsAreFreshOrNothingAfterTwentyFailedDraws) {
   EXPECT_EQ(TagGen::newTag(), "");
 }
 
-TEST(KeyWrap, EveryFormRoundTripsAndFailures) {
+TEST(KeyWrap, EveryFormRoundTripsFailuresAndTheKpkManager) {
   for (const Form& f : kForms) {
     SCOPED_TRACE(testing::Message() << std::hex << f.version << " type " << std::dec << f.type);
     const std::string wrapped = Utils::encryptKeyWithKey(kKey, kKek, f.type, f.version);
@@ -185,29 +183,27 @@ TEST(KeyWrap, EveryFormRoundTripsAndFailures) {
     ASSERT_EQ(KS_STATUS(Utils::decryptKeyWithKey(bad, kKek, kGcm, KS_VERSION_300)), 1270) << at;
     ASSERT_EQ(KS_STATUS(mgr.decryptKey(bad, KPK_LOCAL, "")), 1200) << at;
   }
-}
-
-TEST(KPKMgr, WrapsUnderTheHeldKpkAndReportsEveryFailureAsInternal) {
-  KPKMgr mgr;
-  EXPECT_FALSE(mgr.isSetUp());
-  EXPECT_EQ(KS_STATUS(mgr.encryptKey(kKey, KPK_LOCAL, "")), 1254);
-  EXPECT_EQ(KS_STATUS(mgr.decryptKey(kKey, KPK_LOCAL, "")), 1254);
-  mgr.set(kKek, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200, true);
-  EXPECT_EQ(mgr.encryptKey(kKey, KPK_LOCAL, "").size(), 96u);
-  mgr.set(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
-  EXPECT_TRUE(mgr.isSetUp());
-  EXPECT_EQ(KS_STATUS(mgr.encryptKey(kKey, KPK_INVALID, "")), 1255);
-  EXPECT_EQ(KS_STATUS(mgr.decryptKey(kKey, static_cast<ks_kpktype_t>(2), "")), 1255);
-  const std::string wrapped = mgr.encryptKey(kKey, KPK_LOCAL, "any tag");
+  // The manager wraps under the KPK it holds and reports every failure as internal.
+  KPKMgr held;
+  EXPECT_FALSE(held.isSetUp());
+  EXPECT_EQ(KS_STATUS(held.encryptKey(kKey, KPK_LOCAL, "")), 1254);
+  EXPECT_EQ(KS_STATUS(held.decryptKey(kKey, KPK_LOCAL, "")), 1254);
+  held.set(kKek, KSCrypt::AES_256_CBC_EVP, KS_VERSION_200, true);
+  EXPECT_EQ(held.encryptKey(kKey, KPK_LOCAL, "").size(), 96u);
+  held.set(kKek, KSCrypt::AES_256_GCM, KS_VERSION_300, true);
+  EXPECT_TRUE(held.isSetUp());
+  EXPECT_EQ(KS_STATUS(held.encryptKey(kKey, KPK_INVALID, "")), 1255);
+  EXPECT_EQ(KS_STATUS(held.decryptKey(kKey, static_cast<ks_kpktype_t>(2), "")), 1255);
+  const std::string wrapped = held.encryptKey(kKey, KPK_LOCAL, "any tag");
   EXPECT_EQ(wrapped.size(), 92u);
-  EXPECT_EQ(mgr.decryptKey(wrapped, KPK_LOCAL, "another tag"), kKey);
+  EXPECT_EQ(held.decryptKey(wrapped, KPK_LOCAL, "another tag"), kKey);
   const KPKMgr other(std::string(32, 'o'), KSCrypt::AES_256_GCM, KS_VERSION_300, true);
   EXPECT_EQ(KS_STATUS(other.decryptKey(wrapped, KPK_LOCAL, "")), 1200) << "wrong KPK";
-  EXPECT_EQ(KS_STATUS(mgr.encryptKey("", KPK_LOCAL, "")), 1200) << "passed on as is";
+  EXPECT_EQ(KS_STATUS(held.encryptKey("", KPK_LOCAL, "")), 1200) << "passed on as is";
   const KPKMgr shortKpk(std::string(16, 's'), KSCrypt::AES_256_GCM, KS_VERSION_300, true);
   EXPECT_EQ(KS_STATUS(shortKpk.encryptKey(kKey, KPK_LOCAL, "")), 1200) << "1223 mapped";
   KPKMgr assigned;
-  assigned = mgr;
+  assigned = held;
   EXPECT_EQ(assigned.decryptKey(wrapped, KPK_LOCAL, ""), kKey);
 }
 
