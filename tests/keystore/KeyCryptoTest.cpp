@@ -1,19 +1,16 @@
-// Keys: generation, the passphrase derivations (pinned to values of an
-// independent PBKDF2) and HMAC (RFC 4231 case 2), wrapping one key under
-// another, and the crypter pool and KPK manager used from many threads.
+// Keys: generation, passphrase derivations (pinned to an independent PBKDF2), HMAC (RFC 4231),
+// wrapping one key under another, and the crypter pool and KPK manager from many threads.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "CryptoTestUtil.h"
-#include "kms/server/keystore/crypto/CryptFactory.h"
 #include "kms/server/keystore/crypto/CrypterPool.h"
 #include "kms/server/keystore/crypto/GCMCrypter.h"
 #include "kms/server/keystore/crypto/Hmac.h"
