@@ -51,8 +51,7 @@ struct Result {
   std::string bytes;
 };
 
-// Feeds `in` to one side in one final call and fetches the output; the
-// status is the first non-zero one.
+// Feeds `in` to one side in one final call and fetches the output (first non-zero status).
 inline Result runAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& in, bool encrypting) {
   Result r;
   r.status = encrypting ? c.encrypt(u8(in), in.size(), true) : c.decrypt(u8(in), in.size(), true);
@@ -71,9 +70,8 @@ inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
   return runAll(c, s, false);
 }
 
-// A scripted random source for the whole process while alive: the first
-// `failures` requests fail, then requests are served from `fixed` (repeated
-// as needed) or, if it is empty, by OpenSSL's generator.
+// The process's random source while alive: `failures` requests fail, then the bytes
+// come from `fixed` (repeated) or, if it is empty, from OpenSSL.
 class ScriptedRandom {
  public:
   explicit ScriptedRandom(int failures, std::string fixed = std::string()) {

@@ -75,8 +75,7 @@ TEST(FileUtils, CreateDeleteRenameAndExistsWithTheirModesAndCodes) {
     EXPECT_EQ(Utils::CreateFileWithRootAccessOnly(path.c_str()), 1237);
     EXPECT_EQ(readFile(path), "x");
   }
-  // Directories: private; an existing one (or one made by a racing creator)
-  // is success and keeps its mode.
+  // Directories: private; an existing (or racing) one is success and keeps its mode.
   const std::string db = dir.file("db");
   Utils::createDir("Test::dir", db.c_str(), __LINE__, __FILE__);
   EXPECT_EQ(modeOf(db), 01000700);
@@ -140,8 +139,7 @@ TEST(FileUtils, HoldersReadsWritesFlushesAndSyncsReportFailuresAs1210) {
     EXPECT_EQ(Utils::openFile(dir.file("absent").c_str(), "rb").get(), nullptr);
     EXPECT_EQ(errno, ENOENT);
   }
-  // readFileIntoString reads pieces of 4096 until one comes short: a file of
-  // exactly one piece takes a second, empty read to see its end.
+  // Pieces of 4096 are read until one comes short: one more, empty read at a multiple.
   for (const auto& [size, reads] : std::vector<std::pair<size_t, size_t>>{
            {0, 1}, {4095, 1}, {4096, 2}, {4097, 2}, {100000, 25}}) {
     const std::string path = dir.file("r" + std::to_string(size));

@@ -39,8 +39,7 @@ inline std::string digest(const EVP_MD* md, const std::string& bytes) {
   return std::string(reinterpret_cast<const char*>(out), len);
 }
 
-// An attribute list laid out in the order given (may be unsorted or repeat
-// names), with marker "BB" and SHA-256 or "BA" and SHA-1.
+// An attribute list in the order given, with marker "BB" and SHA-256 or "BA" and SHA-1.
 inline std::string handList(const std::vector<std::pair<std::string, std::string>>& attrs,
                             bool old = false) {
   std::string out = field(old ? "BA" : "BB") + field(be(attrs.size(), 4));

@@ -147,8 +147,7 @@ TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
   grp.setDescription(longText);
   EXPECT_EQ(rec.name() + rec.description(), longText.substr(0, 4096) + longText.substr(0, 4096));
   EXPECT_EQ(grp.name().size() + grp.description().size(), 8192u);
-  // The key field wipes its buffer on every release and reuse; its value must
-  // still travel intact through copies and moves.
+  // The key field wipes its buffer on release and reuse, yet travels intact through copies.
   const std::string longKey(std::string("k\0", 2) + std::string(46, 'k'));
   KeyRecord_v1 a, d, e;
   a.setKey(longKey);
@@ -220,8 +219,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals)
   EXPECT_EQ(table.getRecord(tagOf(2)).state(), KEY_INACTIVE);
   EXPECT_EQ(table.getRecord(tagOf(3)).keyGroup(), kB);
   EXPECT_EQ(table.getActiveKeyInGroup(kA), tagOf(1));
-  // Demote the old key first, then the promotion goes through and moves the
-  // tag to the front; keys behind the active one stand in tag order.
+  // After a demotion the promotion goes through; keys behind the active one are in tag order.
   EXPECT_TRUE(table.updateRecord(key(1, kA, KEY_INACTIVE)));
   EXPECT_EQ(table.getTagsByGroup(kA), tags({1, 2}));
   EXPECT_EQ(table.getActiveKeyInGroup(kA), "");
@@ -235,8 +233,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals)
   EXPECT_EQ(table.getRecord(tagOf(1)).name(), "renamed");
   EXPECT_EQ(table.getTagsByGroup(kA), tags({2, 1}));
   table = tableOf({{1, kA, KEY_DEPRECATED}, {2, kB, KEY_ACTIVE}, {3, kB, KEY_INACTIVE}});
-  // A non-active key joins behind the active one in tag order, and as the
-  // last key of its group it takes the group's entry with it.
+  // A key joins behind the active one in tag order; the last of a group takes its entry along.
   EXPECT_TRUE(table.updateRecord(key(1, kB, KEY_DEPRECATED)));
   EXPECT_EQ(table.getTagsByGroup(kB), tags({2, 1, 3}));
   EXPECT_EQ(table.getNumKeysInGroup(kA), 0u);
@@ -270,8 +267,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals)
   EXPECT_TRUE(table.addRecord(key(4, kA, KEY_ACTIVE)));  // the group takes an active key again
 }
 
-// A record changed in place in its state or group breaks the indexes; the
-// next check of the table ends the process with the failed condition.
+// A record changed in place in state or group breaks the indexes: the next check aborts.
 TEST(KeyRecordTableDeathTest, BrokenIndexesAbortAtTheNextCheck) {
   auto dies = [](KeyTable& table, const std::string& condition) {
     EXPECT_DEATH(
