@@ -313,8 +313,7 @@ TEST(GCMCrypter, KnownAnswersAadRulesAndRandomFailures) {
   ASSERT_EQ(c.decrypt(nullptr, 0, true), 0);
   EXPECT_EQ(hex(fetch(c, false)), hex(kPlain15));
   // AAD must match and come before the data.
-  const std::string key(32, 'k');
-  const std::string aad = "record header";
+  const std::string key(32, 'k'), aad = "record header";
   GCMCrypter g(key);
   ASSERT_EQ(g.add_authenticated_data_encrypt(u8(aad), aad.size()), 0);
   const std::string sealed = encryptAll(g, "secret").bytes;

@@ -158,13 +158,7 @@ std::string handBlock(const std::string& version, const std::string& salt, const
          field(be(region.size(), 4)) + region;
 }
 
-std::string data() {
-  std::string s(300, '\0');
-  for (size_t i = 0; i < s.size(); ++i) {
-    s[i] = static_cast<char>(i * 37);
-  }
-  return s;
-}
+const std::string kData = unhex("00ff25") + std::string(297, '\x5a');
 
 const std::string kWeakSalt = std::string("S\x03", 2) + std::string(22, '\x11');
 
@@ -481,7 +475,7 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
   std::string back;
   {
     WeakKdf weak;
-    block = seal(data());
+    block = seal(kData);
     size_t headerLen = 0;
     const AttributeList list = headerOf(block, &headerLen);
     // Header: IV, SALT, VERSION in sorted order, with the list's own digest.
@@ -493,9 +487,9 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
     EXPECT_EQ(block.substr(40, headerLen),
               handList({{"IV", iv}, {"SALT", salt}, {"VERSION", kV200}}));
     // The same keys, HMAC and cipher through OpenSSL alone give the same bytes.
-    EXPECT_EQ(hex(handBlock(kV200, salt, iv, data(), true)), hex(block));
+    EXPECT_EQ(hex(handBlock(kV200, salt, iv, kData, true)), hex(block));
     // Salt, IV, ciphertext and HMAC are new each time.
-    const std::string again = seal(data());
+    const std::string again = seal(kData);
     ASSERT_EQ(again.size(), block.size());
     for (size_t at : {size_t{2}, size_t{58}, 40 + headerLen + 6}) {  // HMAC, IV, cipher
       EXPECT_NE(again.substr(at, 16), block.substr(at, 16)) << at;
@@ -503,14 +497,14 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
   }
   // The reader follows the salt, not the flag.
   ASSERT_EQ(openStatus(block, back), 0);
-  EXPECT_EQ(back, data());
+  EXPECT_EQ(back, kData);
   EXPECT_EQ(openStatus(block, back, "wrong"), 1284);
   EXPECT_EQ(back, "untouched");
 }
 
 TEST(PasswordSecured, EveryFlippedBitAndMalformedBlocksAreRefused) {
   WeakKdf weak;
-  const std::string block = seal(data());
+  const std::string block = seal(kData);
   size_t headerLen = 0;
   headerOf(block, &headerLen);
   const size_t n = block.size() - 40;

@@ -114,20 +114,14 @@ TEST(KeyGen, PassphrasesSaltsHmacAndFreshKeysOrNothingAfterTwentyFailedDraws) {
   EXPECT_EQ(tag.size(), 32u);
   EXPECT_NE(TagGen::newTag(), tag);
   EXPECT_EQ(Utils::getRandData(0), "");
-  {
-    ScriptedRandom oneFailure(1);  // a random key is made in one attempt
-    EXPECT_EQ(KeyGen::generateRandomKey(32), "");
-    EXPECT_EQ(ScriptedRandom::calls(), 1);
-  }
-  {
-    ScriptedRandom nineteenFailures(19, "r");
-    EXPECT_EQ(Utils::getRandData(5), "rrrrr");
-    EXPECT_EQ(ScriptedRandom::calls(), 20);
-  }
-  {
-    ScriptedRandom lastChance(19);
-    EXPECT_EQ(KeyGen::generateSalt().size(), 24u);
-  }
+  ScriptedRandom oneFailure(1);  // a random key is made in one attempt
+  EXPECT_EQ(KeyGen::generateRandomKey(32), "");
+  EXPECT_EQ(ScriptedRandom::calls(), 1);
+  ScriptedRandom nineteenFailures(19, "r");
+  EXPECT_EQ(Utils::getRandData(5), "rrrrr");
+  EXPECT_EQ(ScriptedRandom::calls(), 20);
+  ScriptedRandom lastChance(19);
+  EXPECT_EQ(KeyGen::generateSalt().size(), 24u);
   ScriptedRandom twentyFailures(20, "r");
   EXPECT_EQ(Utils::getRandData(5), "");
   EXPECT_EQ(ScriptedRandom::calls(), 20);

@@ -95,8 +95,7 @@ TEST(AttributeList, AddUpdateRemoveOrderTheCutAt4096BytesAndTheRecordUtilities) 
 }
 
 TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
-  const std::string ok(4096, '\0');
-  const std::string tooLong(4097, 'x');
+  const std::string ok(4096, '\0'), tooLong(4097, 'x');
   KeyRecord_v1 rec;
   KeyGrpRecord_v1 grp;
   rec.setFields(ok, "n", ok, KEY_INVALID, 0, 0, "", 0, KPK_LOCAL, ok, ok);
@@ -237,9 +236,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals)
   EXPECT_TRUE(table.updateRecord(key(1, kB, KEY_DEPRECATED)));
   EXPECT_EQ(table.getTagsByGroup(kB), tags({2, 1, 3}));
   EXPECT_EQ(table.getNumKeysInGroup(kA), 0u);
-  const TagList& none = table.getTagsByGroup(kA);
-  EXPECT_TRUE(none.empty());
-  EXPECT_EQ(&none, &table.getTagsByGroup(tagOf(5000, 'G')));  // the static empty list
+  EXPECT_EQ(&table.getTagsByGroup(kA), &table.getTagsByGroup(tagOf(5000, 'G')));  // static, empty
   // An active key moves to the front of an empty group; the old group keeps its order.
   EXPECT_TRUE(table.updateRecord(key(2, kA, KEY_ACTIVE)));
   EXPECT_EQ(table.getTagsByGroup(kA), tags({2}));
@@ -262,8 +259,7 @@ TEST(KeyRecordTable, OneActiveKeyPerGroupStandsFirstThroughAddsMovesAndRemovals)
   EXPECT_TRUE(found.empty());
   // The argument may be the table's own key of the record that goes.
   EXPECT_TRUE(table.removeRecord(table.begin()->first));
-  EXPECT_EQ(table.size(), 0u);
-  EXPECT_EQ(table.getNumKeysInGroup(kA), 0u);
+  EXPECT_EQ(table.size() + table.getNumKeysInGroup(kA), 0u);
   EXPECT_TRUE(table.addRecord(key(4, kA, KEY_ACTIVE)));  // the group takes an active key again
 }
 
