@@ -1,5 +1,4 @@
-// Helpers shared by the crypto tests: hex conversion, driving a crypter to
-// the end of a stream, and a scripted random source.
+// Helpers of the crypto tests: hex, a crypter run to the end, a scripted random source.
 #pragma once
 
 #include <openssl/rand.h>
@@ -52,35 +51,31 @@ struct Result {
   std::string bytes;
 };
 
-// Feeds `in` to one side in one final call and fetches the output; the
-// status is the first non-zero one.
+// Feeds `in` to one side in one final call and fetches the output (first non-zero status).
 inline Result runAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& in, bool encrypting) {
   Result r;
   r.status = encrypting ? c.encrypt(u8(in), in.size(), true) : c.decrypt(u8(in), in.size(), true);
-  if (r.status == 0) {
-    const unsigned char* p = nullptr;
-    unsigned long n = 0;
-    r.status = encrypting ? c.getEncryptedData(&p, &n) : c.getDecryptedData(&p, &n);
+  const unsigned char* p = nullptr;
+  unsigned long n = 0;
+  if (r.status == 0 &&
+      (r.status = encrypting ? c.getEncryptedData(&p, &n) : c.getDecryptedData(&p, &n)) == 0) {
     r.bytes.assign(reinterpret_cast<const char*>(p), n);
   }
   return r;
 }
-inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& plain) {
-  return runAll(c, plain, true);
+inline Result encryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
+  return runAll(c, s, true);
 }
-inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& stream) {
-  return runAll(c, stream, false);
+inline Result decryptAll(Vaultrest::DL::KMS::KSCrypt& c, const std::string& s) {
+  return runAll(c, s, false);
 }
 
-// A scripted random source for the whole process while alive: the first
-// `failures` requests fail, then requests are served from `fixed` (repeated
-// as needed) or, if it is empty, by OpenSSL's generator.
+// The process's random source while alive: `failures` requests fail, then the bytes
+// come from `fixed` (repeated) or, if it is empty, from OpenSSL.
 class ScriptedRandom {
  public:
   explicit ScriptedRandom(int failures, std::string fixed = std::string()) {
-    s_failures = failures;
-    s_fixed = std::move(fixed);
-    s_calls = 0;
+    s_failures = failures, s_fixed = std::move(fixed), s_calls = 0;
     m_previous = mangleSetRandomSource(&ScriptedRandom::draw);
   }
   ~ScriptedRandom() { mangleSetRandomSource(m_previous); }
@@ -92,16 +87,12 @@ class ScriptedRandom {
   static int draw(unsigned char* buf, size_t len) {
     ++s_calls;
     if (s_failures > 0) {
-      --s_failures;
-      return -1;
+      return --s_failures, -1;
     }
-    if (s_fixed.empty()) {
-      return RAND_bytes(buf, static_cast<int>(len)) == 1 ? 0 : -1;
-    }
-    for (size_t i = 0; i < len; ++i) {
+    for (size_t i = 0; i < len && !s_fixed.empty(); ++i) {
       buf[i] = static_cast<unsigned char>(s_fixed[i % s_fixed.size()]);
     }
-    return 0;
+    return s_fixed.empty() && RAND_bytes(buf, static_cast<int>(len)) != 1 ? -1 : 0;
   }
   static inline int s_failures = 0;
   static inline int s_calls = 0;

@@ -1,6 +1,5 @@
-// Helpers shared by the store file format tests: a hand encoder for fields
-// and lists that does not use the code under test, independent digests,
-// shorthands for writing to memory, and records to put in tables.
+// Helpers of the store file format tests: a hand encoder of fields and lists
+// independent of the code under test, digests, and records to put in tables.
 #pragma once
 
 #include <openssl/evp.h>
@@ -40,9 +39,7 @@ inline std::string digest(const EVP_MD* md, const std::string& bytes) {
   return std::string(reinterpret_cast<const char*>(out), len);
 }
 
-// An attribute list as the writer lays it out, in the order given (which
-// need not be sorted, and may repeat names), with marker "BB" and SHA-256 or
-// "BA" and SHA-1.
+// An attribute list in the order given, with marker "BB" and SHA-256 or "BA" and SHA-1.
 inline std::string handList(const std::vector<std::pair<std::string, std::string>>& attrs,
                             bool old = false) {
   std::string out = field(old ? "BA" : "BB") + field(be(attrs.size(), 4));
@@ -54,8 +51,7 @@ inline std::string handList(const std::vector<std::pair<std::string, std::string
   return out + field(digest(old ? EVP_sha1() : EVP_sha256(), covered));
 }
 
-// Contents of a record's digested fields, laid out with a marker and a
-// digest, followed by `attrs` (already encoded).
+// A record's digested fields with marker and digest, then `attrs` (encoded).
 inline std::string handRecord(const std::vector<std::string>& contents, const std::string& attrs,
                               bool old = false) {
   std::string out = field(old ? "BR" : "BS");
@@ -78,8 +74,7 @@ std::string written(Write&& write) {
   return bytes;
 }
 
-// Makes KeyGen choose the fast salt scheme 3 while alive, so that tests of
-// passphrase-sealed blocks do not spend 500000 iterations on each read.
+// Makes KeyGen choose the fast salt scheme 3 while alive (2 iterations, not 500000).
 class WeakKdf {
  public:
   WeakKdf() : m_saved(Vaultrest::DL::KMS::KeyGen::s_use_weak_kdf) {
@@ -93,15 +88,13 @@ class WeakKdf {
   bool m_saved;
 };
 
-// A 32-byte tag made from `n`, with zero bytes in it, so that nothing on the
-// way may treat it as a C string.
+// A 32-byte tag made from `n`, with zero bytes in it (no C string on the way).
 inline std::string tagOf(unsigned n, char first = 'T') {
   std::string tag(32, '\0');
   tag[0] = first;
   tag[12] = static_cast<char>(n & 0xff);
   tag[13] = static_cast<char>((n >> 8) & 0xff);
-  tag[31] = static_cast<char>(0xff);
-  return tag;
+  return tag.replace(31, 1, 1, '\xff');
 }
 
 inline Vaultrest::DL::KMS::KeyRecord_v1 keyRecord(const std::string& tag, const std::string& group,
@@ -115,8 +108,7 @@ inline Vaultrest::DL::KMS::KeyRecord_v1 keyRecord(const std::string& tag, const 
   return rec;
 }
 
-// For the child of a death test: application messages, the assertion text
-// among them, go to standard error, where EXPECT_DEATH matches them.
+// In a death test's child: application messages (assertions too) go to stderr.
 inline void logAppToStderr() {
   static VRLogger logger(286, "/dev/null", "/dev/stderr", 0);
   VRLogger::s_default = &logger;
