@@ -1,15 +1,9 @@
-// What a change leaves outside its tables: the audit entries (in order, and
-// no key material or passphrase in any log), and the store's fate when its
-// commit fails.
+// What a change leaves outside its tables: the audit entries, and the store's
+// fate when its commit fails. (No secret in any log is run by the process tests.)
 #include <cerrno>
 #include <functional>
 #include <regex>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
@@ -17,9 +11,8 @@
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 
-namespace Vaultrest {
-namespace DL {
-namespace KMS {
+using namespace Vaultrest::DL::KMS;
+
 namespace {
 
 using storetest::codeOf;
@@ -55,25 +48,17 @@ std::string idsOf(const std::vector<std::pair<int, std::string>>& entries) {
   return ids;
 }
 
-std::string upper(std::string text) {
-  for (char& c : text) {
-    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  }
-  return text;
-}
-
 class FileKeyStoreChangeCommitTest : public ::testing::Test {
  protected:
   FipsDecision m_fips;
 };
 
-TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecrets) {
+TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChange) {
   LogCapture log(6);
   LiveStore live;
   FileKeyStore& store = *live;
-  const std::string passphrase = "Audit-Passphrase-7781";
   const KeyGrpRecord_v1 g = live.addGroup("g");
-  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, passphrase);
+  const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, "words");
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
   KeyRecord_v1 request = store.getKeyRecord(b.tag());
   request.setDescription("described");
@@ -87,8 +72,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   group.setName("g2");
   group.setDescription("renamed");
   store.updateKeyGroupRecord(group);
-  const std::vector<std::string> plainKeys = {store.getKey(a.tag()).key(),
-                                              store.getKey(b.tag()).key()};
   store.deleteKeyGroupRecord(g.tag(), true);
   const std::string keyAdded = " 81 71 72 77 78 74 92";
   const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
@@ -109,17 +92,6 @@ TEST_F(FileKeyStoreChangeCommitTest, AuditEntriesFollowEachChangeAndHoldNoSecret
   EXPECT_EQ(entries[17].second, "State: KEY_INACTIVE");
   EXPECT_EQ(entries[5 + 7 + 6 + 2].second, "Name: b(62)");
   EXPECT_EQ(entries.back().second, "Tag: " + Utils::binToHex(g.tag()));
-  // No key in any form, nor the passphrase, in either log.
-  const std::string logs = storetest::readBytes(log.logger().debugLogPath()) +
-                           storetest::readBytes(log.logger().appLogPath());
-  ASSERT_NE(logs.find("Key added:"), std::string::npos);
-  for (const std::string& key : plainKeys) {
-    ASSERT_EQ(key.size(), 32u);
-    EXPECT_EQ(logs.find(key), std::string::npos);
-    EXPECT_EQ(logs.find(Utils::binToHex(key)), std::string::npos);
-    EXPECT_EQ(logs.find(upper(Utils::binToHex(key))), std::string::npos);
-  }
-  EXPECT_EQ(logs.find(passphrase), std::string::npos);
 }
 
 // A commit that fails before the first rename changed nothing on disk: the
@@ -208,6 +180,3 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheSto
 }
 
 }  // namespace
-}  // namespace KMS
-}  // namespace DL
-}  // namespace Vaultrest

@@ -4,24 +4,17 @@
 #include <cstring>
 #include <functional>
 #include <set>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
 #include "kms/platform/MangleRandom.h"
 #include "kms/server/keystore/crypto/KeyGen.h"
-#include "kms/server/keystore/crypto/RandData.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "support/LogCapture.h"
 
-namespace Vaultrest {
-namespace DL {
-namespace KMS {
+using namespace Vaultrest::DL::KMS;
+
 namespace {
 
 using storetest::codeOf;
@@ -91,34 +84,47 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   const KeyRecord_v1 k2 = live.addKey(g1.tag(), "k2", KEY_ACTIVE);  // k1 now inactive
   live.addKey(g2.tag(), "q1", KEY_ACTIVE);
   const std::string unknown(32, 'u');
-  const auto request = &LiveStore::keyRecord;
-  const auto known = [&](const std::string& tag, const std::string& name, ks_keystate_t state) {
-    KeyRecord_v1 rec = request(g1.tag(), name, state);
-    rec.setTag(tag);
-    return rec;
-  };
-  // A call updating the record of `base` as read now, edited by `edit`.
-  const auto updateKey = [&](const KeyRecord_v1& base, std::function<void(KeyRecord_v1&)> edit) {
-    return [&, base, edit] {
-      KeyRecord_v1 rec = store.getKeyRecord(base.tag());
-      edit(rec);
-      store.updateKeyRecord(rec);
+  using KeyEdit = std::function<void(KeyRecord_v1&)>;
+  using GroupEdit = std::function<void(KeyGrpRecord_v1&)>;
+  // Calls handing over an edited record: a new active key "x" in g1; a new
+  // inactive key "x" of an unused known tag; the record of `base` as read
+  // now; a new group "x"; g1 as read now.
+  const auto add = [&](KeyEdit edit) {
+    return [&, edit] {
+      KeyRecord_v1 r = LiveStore::keyRecord(g1.tag(), "x", KEY_ACTIVE);
+      edit(r);
+      store.addKey(r, "");
     };
   };
-  const auto updateGroup = [&](const KeyGrpRecord_v1& base,
-                               std::function<void(KeyGrpRecord_v1&)> edit) {
-    return [&, base, edit] {
-      KeyGrpRecord_v1 rec = store.getKeyGroupRecord(base.tag());
-      edit(rec);
-      store.updateKeyGroupRecord(rec);
+  const auto known = [&](KeyEdit edit, std::string pass = "pass") {
+    return [&, edit, pass] {
+      KeyRecord_v1 r = LiveStore::keyRecord(g1.tag(), "x", KEY_INACTIVE);
+      r.setTag(unknown);
+      edit(r);
+      store.addKeyWithKnownTag(r, pass);
     };
   };
-  const auto addGroup = [&](const std::string& name, ks_ciphertype_t cipher) {
-    return [&, name, cipher] {
-      KeyGrpRecord_v1 rec;
-      rec.setName(name);
-      rec.setCipherType(cipher);
-      store.addKeyGroup(rec);
+  const auto update = [&](const KeyRecord_v1& base, KeyEdit edit) {
+    return [&, base, edit] {
+      KeyRecord_v1 r = store.getKeyRecord(base.tag());
+      edit(r);
+      store.updateKeyRecord(r);
+    };
+  };
+  const auto addGroup = [&](GroupEdit edit) {
+    return [&, edit] {
+      KeyGrpRecord_v1 r;
+      r.setName("x");
+      r.setCipherType(CT_AES256_CBC);
+      edit(r);
+      store.addKeyGroup(r);
+    };
+  };
+  const auto updateGroup = [&](GroupEdit edit) {
+    return [&, edit] {
+      KeyGrpRecord_v1 r = store.getKeyGroupRecord(g1.tag());
+      edit(r);
+      store.updateKeyGroupRecord(r);
     };
   };
   // `count` attributes of `bytes` bytes each, beyond a record's bounds.
@@ -127,106 +133,76 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       list.addAttribute("a" + std::to_string(i), std::string(bytes, 'v'));
     }
   };
+  const auto none = [](auto&) {};
   // (The process tests also run a bad key name, a stale update, a move to
   // another cipher type, the deletion of an inactive key, a group name taken,
   // a group update of nothing and the deletion of a group with keys.)
-  struct Case {
-    const char* what;
-    int expected;
-    std::function<void()> call;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::tuple<const char*, int, std::function<void()>>> cases = {
       // addKey and addKeyWithKnownTag, in the order of their checks.
-      {"add: empty name", 1214, [&] { store.addKey(request(g1.tag(), "", KEY_ACTIVE), ""); }},
-      {"add: 65 attributes", 1214,
-       [&] {
-         KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
-         crowd(rec.attributes(), 65, 1);
-         store.addKey(rec, "");
-       }},
-      {"add: inactive", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_INACTIVE), ""); }},
-      {"add: terminated", 1214, [&] { store.addKey(request(g1.tag(), "x", KEY_TERMINATED), ""); }},
-      {"known: no passphrase", 1212,
-       [&] { store.addKeyWithKnownTag(known(unknown, "x", KEY_INACTIVE), ""); }},
-      {"known: active", 1214,
-       [&] { store.addKeyWithKnownTag(known(unknown, "x", KEY_ACTIVE), "pass"); }},
-      {"known: empty tag", 1215,
-       [&] { store.addKeyWithKnownTag(known("", "x", KEY_INACTIVE), "pass"); }},
-      {"add: unknown group", 1229, [&] { store.addKey(request(unknown, "x", KEY_ACTIVE), ""); }},
-      {"add: name taken", 1231, [&] { store.addKey(request(g1.tag(), "k1", KEY_PRELIVE), ""); }},
-      {"known: tag taken", 1233,
-       [&] { store.addKeyWithKnownTag(known(k1.tag(), "x", KEY_INACTIVE), "pass"); }},
-      {"add: no KPK to wrap with", 1200,
-       [&] {
-         KeyRecord_v1 rec = request(g1.tag(), "x", KEY_ACTIVE);
-         rec.setKpkType(KPK_INVALID);
-         store.addKey(rec, "");
-       }},
+      {"add: empty name", 1214, add([](auto& r) { r.setName(""); })},
+      {"add: 65 attributes", 1214, add([&](auto& r) { crowd(r.attributes(), 65, 1); })},
+      {"add: inactive", 1214, add([](auto& r) { r.setState(KEY_INACTIVE); })},
+      {"add: terminated", 1214, add([](auto& r) { r.setState(KEY_TERMINATED); })},
+      {"known: no passphrase", 1212, known(none, "")},
+      {"known: active", 1214, known([](auto& r) { r.setState(KEY_ACTIVE); })},
+      {"known: empty tag", 1215, known([](auto& r) { r.setTag(""); })},
+      {"add: unknown group", 1229, add([&](auto& r) { r.setKeyGroup(unknown); })},
+      {"add: name taken", 1231, add([](auto& r) { r.setName("k1"); })},
+      {"known: tag taken", 1233, known([&](auto& r) { r.setTag(k1.tag()); })},
+      {"add: no KPK to wrap with", 1200, add([](auto& r) { r.setKpkType(KPK_INVALID); })},
       // updateKeyRecord.
-      {"update: empty name", 1214, updateKey(k1, [](KeyRecord_v1& r) { r.setName(""); })},
-      {"update: state 0", 1214, updateKey(k1, [](KeyRecord_v1& r) { r.setState(KEY_INVALID); })},
-      {"update: bad name", 1287, updateKey(k1, [](KeyRecord_v1& r) { r.setName("k/1"); })},
-      {"update: 64 KiB of attributes and more", 1214,
-       updateKey(k1, [&](KeyRecord_v1& r) { crowd(r.attributes(), 16, 4096); })},
-      {"update: unknown tag", 1260, updateKey(k1, [&](KeyRecord_v1& r) { r.setTag(unknown); })},
-      {"update: nothing", 1241, updateKey(k1, [](KeyRecord_v1&) {})},
+      {"update: empty name", 1214, update(k1, [](auto& r) { r.setName(""); })},
+      {"update: state 0", 1214, update(k1, [](auto& r) { r.setState(KEY_INVALID); })},
+      {"update: bad name", 1287, update(k1, [](auto& r) { r.setName("k/1"); })},
+      {"update: 64 KiB of attributes", 1214,
+       update(k1, [&](auto& r) { crowd(r.attributes(), 16, 4096); })},
+      {"update: unknown tag", 1260, update(k1, [&](auto& r) { r.setTag(unknown); })},
+      {"update: nothing", 1241, update(k1, none)},
       {"update: only another key value", 1241,
-       updateKey(k1, [](KeyRecord_v1& r) { r.setKey(std::string(32, 'K')); })},
+       update(k1, [](auto& r) { r.setKey(std::string(32, 'K')); })},
       {"update: old update time", 1228,
-       updateKey(k1,
-                 [](KeyRecord_v1& r) {
-                   r.setUpdateTime(r.updateTime() - 1);
-                   r.setDescription("changed");
-                 })},
+       update(k1,
+              [](auto& r) {
+                r.setUpdateTime(r.updateTime() - 1);
+                r.setDescription("changed");
+              })},
       {"update: other create time", 1228,
-       updateKey(k1, [](KeyRecord_v1& r) { r.setCreateTime(r.createTime() + 1); })},
-      {"update: KPK tag", 1253, updateKey(k1, [](KeyRecord_v1& r) { r.setKpkTag("other"); })},
+       update(k1, [](auto& r) { r.setCreateTime(r.createTime() + 1); })},
+      {"update: KPK tag", 1253, update(k1, [](auto& r) { r.setKpkTag("other"); })},
       {"update: active to deprecated", 1240,
-       updateKey(k2, [](KeyRecord_v1& r) { r.setState(KEY_DEPRECATED); })},
-      {"update: to unknown group", 1229,
-       updateKey(k1, [&](KeyRecord_v1& r) { r.setKeyGroup(unknown); })},
-      {"update: rename onto a sibling", 1231,
-       updateKey(k1, [](KeyRecord_v1& r) { r.setName("k2"); })},
+       update(k2, [](auto& r) { r.setState(KEY_DEPRECATED); })},
+      {"update: to unknown group", 1229, update(k1, [&](auto& r) { r.setKeyGroup(unknown); })},
+      {"update: rename onto a sibling", 1231, update(k1, [](auto& r) { r.setName("k2"); })},
       // deleteKeyRecord: only the two ends of the line.
       {"delete key: unknown", 1260, [&] { store.deleteKeyRecord(unknown); }},
       {"delete key: active", 1242, [&] { store.deleteKeyRecord(k2.tag()); }},
       // Groups.
-      {"add group: empty name", 1214, addGroup("", CT_AES256_CBC)},
-      {"add group: cipher type 0", 1214, addGroup("x", CT_INVALID_CBC)},
-      {"add group: bad name", 1287, addGroup("x/y", CT_AES256_CBC)},
-      {"add group: 65 attributes", 1214,
-       [&] {
-         KeyGrpRecord_v1 rec;
-         rec.setName("x");
-         rec.setCipherType(CT_AES256_CBC);
-         crowd(rec.attributes(), 65, 1);
-         store.addKeyGroup(rec);
-       }},
-      {"update group: 64 KiB of attributes and more", 1214,
-       updateGroup(g1, [&](KeyGrpRecord_v1& r) { crowd(r.attributes(), 16, 4096); })},
-      {"update group: empty name", 1214,
-       updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName(""); })},
-      {"update group: bad name", 1287,
-       updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setName("-g1"); })},
-      {"update group: unknown", 1229,
-       updateGroup(g1, [&](KeyGrpRecord_v1& r) { r.setTag(unknown); })},
-      {"update group: old revision", 1228,
-       updateGroup(g1,
-                   [](KeyGrpRecord_v1& r) {
-                     r.setRev(r.rev() - 1);
-                     r.setDescription("changed");
-                   })},
+      {"add group: empty name", 1214, addGroup([](auto& r) { r.setName(""); })},
+      {"add group: cipher type 0", 1214,
+       addGroup([](auto& r) { r.setCipherType(CT_INVALID_CBC); })},
+      {"add group: bad name", 1287, addGroup([](auto& r) { r.setName("x/y"); })},
+      {"add group: 65 attributes", 1214, addGroup([&](auto& r) { crowd(r.attributes(), 65, 1); })},
+      {"update group: 64 KiB of attributes", 1214,
+       updateGroup([&](auto& r) { crowd(r.attributes(), 16, 4096); })},
+      {"update group: empty name", 1214, updateGroup([](auto& r) { r.setName(""); })},
+      {"update group: bad name", 1287, updateGroup([](auto& r) { r.setName("-g1"); })},
+      {"update group: unknown", 1229, updateGroup([&](auto& r) { r.setTag(unknown); })},
+      {"update group: old revision", 1228, updateGroup([](auto& r) {
+         r.setRev(r.rev() - 1);
+         r.setDescription("changed");
+       })},
       {"update group: cipher type", 1228,
-       updateGroup(g1, [](KeyGrpRecord_v1& r) { r.setCipherType(CT_AES128_CBC); })},
+       updateGroup([](auto& r) { r.setCipherType(CT_AES128_CBC); })},
       {"delete group: unknown", 1229, [&] { store.deleteKeyGroupRecord(unknown, true); }},
   };
   const Snapshot before = snapshotOf(store);
   const std::vector<std::string> filesBefore = live.files();
   ASSERT_EQ(before.groups.size(), 3u);
-  for (const Case& c : cases) {
-    EXPECT_EQ(codeOf(c.call), c.expected) << c.what;
-    EXPECT_TRUE(snapshotOf(store) == before) << c.what;
-    EXPECT_EQ(live.files(), filesBefore) << c.what;
+  for (const auto& [what, expected, call] : cases) {
+    SCOPED_TRACE(what);
+    EXPECT_EQ(codeOf(call), expected);
+    EXPECT_TRUE(snapshotOf(store) == before);
+    EXPECT_EQ(live.files(), filesBefore);
   }
 }
 
@@ -263,48 +239,24 @@ TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) 
   }
 }
 
-TEST_F(FileKeyStoreChangesTest, ANewActiveKeyDemotesTheOldOneInsteadOfBeingRefused) {
+// (Demotion by an added key and by a move is run by the process tests.)
+TEST_F(FileKeyStoreChangesTest, AReactivatedKeyDemotesTheActiveOne) {
   LiveStore live;
   FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g");
-  const KeyGrpRecord_v1 h = live.addGroup("h");
-  // `demoted` is inactive now, at its second revision, changed with `by`.
-  const auto expectDemoted = [&](const KeyRecord_v1& demoted, const KeyRecord_v1& by) {
-    const KeyRecord_v1 now = store.getKeyRecord(demoted.tag());
-    EXPECT_EQ(std::make_tuple(now.state(), now.rev(), now.updateTime(), now.createTime()),
-              std::make_tuple(KEY_INACTIVE, 2u, by.updateTime(), demoted.createTime()));
-  };
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
-  EXPECT_EQ(a.rev(), 1u);
-  EXPECT_EQ(a.createTime(), a.updateTime());
-  EXPECT_TRUE(a.key().empty());
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
-  expectDemoted(a, b);
   live.addKey(g.tag(), "p", KEY_PRELIVE);  // demotes nothing
   EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
-  // Re-activating the old key demotes the new one.
   KeyRecord_v1 request = store.getKeyRecord(a.tag());
   request.setState(KEY_ACTIVE);
   const KeyRecord_v1 aBack = store.updateKeyRecord(request);
-  EXPECT_EQ(std::make_tuple(aBack.state(), aBack.rev(), aBack.createTime()),
-            std::make_tuple(KEY_ACTIVE, 3u, a.createTime()));
-  EXPECT_TRUE(aBack.key().empty());
-  expectDemoted(b, aBack);
-  // Moving the active key into a group with an active key demotes that
-  // group's key, though the moving key's state stays.
-  const KeyRecord_v1 c = live.addKey(h.tag(), "c", KEY_ACTIVE);
-  KeyRecord_v1 move = store.getKeyRecord(a.tag());
-  move.setKeyGroup(h.tag());
-  const KeyRecord_v1 moved = store.updateKeyRecord(move);
-  EXPECT_EQ(moved.state(), KEY_ACTIVE);
-  expectDemoted(c, moved);
-  EXPECT_EQ(store.getActiveKeyRecord(h.tag()).tag(), a.tag());
-  EXPECT_EQ(codeOf([&] { store.getActiveKeyRecord(g.tag()); }), 1227);
+  EXPECT_EQ(std::make_tuple(aBack.state(), aBack.rev(), aBack.createTime(), aBack.key()),
+            std::make_tuple(KEY_ACTIVE, 3u, a.createTime(), std::string()));
+  const KeyRecord_v1 bNow = store.getKeyRecord(b.tag());
+  EXPECT_EQ(std::make_tuple(bNow.state(), bNow.rev(), bNow.updateTime(), bNow.createTime()),
+            std::make_tuple(KEY_INACTIVE, 2u, aBack.updateTime(), b.createTime()));
   EXPECT_EQ(codeOf([&] { store.updateKeyRecord(request); }), 1228);  // stale now
-  const Snapshot before = snapshotOf(store);
-  ASSERT_EQ(store.shutdown(), 0);
-  ASSERT_EQ(store.init(), 0);
-  EXPECT_TRUE(snapshotOf(store) == before);
 }
 
 TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
@@ -401,30 +353,15 @@ TEST_F(FileKeyStoreChangesTest, ForcedGroupDeletionTakesKeysInAnyState) {
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyGrpRecord_v1 h = live.addGroup("h");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
-  const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
-  store.deleteKeyRecord(live.addKey(g.tag(), "p", KEY_PRELIVE).tag());
+  live.addKey(g.tag(), "b", KEY_ACTIVE);
   const KeyRecord_v1 other = live.addKey(h.tag(), "other", KEY_ACTIVE);
-  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{2}));
   store.deleteKeyGroupRecord(g.tag(), true);
   EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
   EXPECT_EQ(codeOf([&] { store.getKeyRecord(a.tag()); }), 1260);
-  EXPECT_EQ(codeOf([&] { store.getKeyRecord(b.tag()); }), 1260);
   EXPECT_EQ(store.getKey(other.tag()).tag(), other.tag());
   // An empty group goes without force.
-  KeyGrpRecord_v1 e = live.addGroup("e");
-  e.setName("empty");
-  const KeyGrpRecord_v1 updated = store.updateKeyGroupRecord(e);
-  EXPECT_EQ(std::make_tuple(updated.rev(), updated.name(), updated.createTime()),
-            std::make_tuple(2u, std::string("empty"), e.createTime()));
-  store.deleteKeyGroupRecord(e.tag(), false);
-  const Snapshot before = snapshotOf(store);
-  ASSERT_EQ(before.groups.size(), 1u);
-  ASSERT_EQ(store.shutdown(), 0);
-  ASSERT_EQ(store.init(), 0);
-  EXPECT_TRUE(snapshotOf(store) == before);
+  store.deleteKeyGroupRecord(live.addGroup("e").tag(), false);
+  EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{1}, uint64_t{1}));
 }
 
 }  // namespace
-}  // namespace KMS
-}  // namespace DL
-}  // namespace Vaultrest

@@ -1,23 +1,14 @@
-// Export and import between live stores on real files: what a buffer holds
-// for each selection (read back with the format's own readers), the refusals,
-// every decision of the clash resolution with its messages and code, the
-// limits, the suffix of a second import, and wrong or damaged buffers.
-// importChecked holds each preview to the files and to the import's report.
-#include <gtest/gtest.h>
+// Export and import between live stores on real files: selections, every
+// decision of the clash resolution, the limits, and wrong or damaged buffers.
 
 #include <ctime>
-#include <list>
 #include <regex>
 #include <set>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "keystore/FormatTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/server/keystore/format/KSEximMetadata.h"
-#include "kms/server/keystore/format/KSInputBuffer.h"
 #include "kms/server/keystore/format/KSOutStream.h"
 #include "kms/server/keystore/format/ReaderWriter.h"
 #include "kms/server/keystore/format/StringOutDest.h"
@@ -25,9 +16,8 @@
 #include "kms/server/keystore/store/KSOpStatus.h"
 #include "support/LogCapture.h"
 
-namespace Vaultrest {
-namespace DL {
-namespace KMS {
+using namespace Vaultrest::DL::KMS;
+
 namespace {
 
 using storetest::ConfiguredLimits;
@@ -59,20 +49,19 @@ std::string exportOf(const FileKeyStore& store, const Selection& selection = {})
   return buffer;
 }
 
-// Imports `buffer` as a preview and then for real. The preview and a refused
-// import leave the files as they were; the preview reports what the import
-// then does.
+// Imports `buffer` as a preview and then for real; the preview and a refused
+// import leave the files as they were, and the preview reports what the import does.
 KSOpStatus importChecked(ExportRoot& dest, const std::string& buffer, bool preserveNames = false,
                          const std::string& description = std::string()) {
   const std::vector<std::string> before = dest.files();
   KSOpStatus preview;
   dest.store().importFromBuffer(buffer, kPassphrase, preserveNames, description, preview, true);
-  EXPECT_EQ(dest.files(), before) << "preview changed the store";
+  EXPECT_EQ(dest.files(), before);
   KSOpStatus status;
   dest.store().importFromBuffer(buffer, kPassphrase, preserveNames, description, status, false);
-  EXPECT_EQ(text(status), text(preview)) << "preview and import differ";
+  EXPECT_EQ(text(status), text(preview));
   if (status.hasErrors()) {
-    EXPECT_EQ(dest.files(), before) << "a refused import changed the store";
+    EXPECT_EQ(dest.files(), before);
   }
   return status;
 }
@@ -98,8 +87,7 @@ ExportContent openExport(const std::string& buffer) {
   return content;
 }
 
-// A buffer sealed by hand: `meta` (an encoded attribute list) and the tables,
-// keys as given.
+// A buffer sealed by hand around `meta` (an encoded attribute list) and the tables.
 std::string sealByHand(const std::string& meta, const FileKeyStore::KeyTable& keys,
                        const FileKeyStore::GroupTable& groups) {
   std::string plain = meta;
@@ -116,7 +104,6 @@ std::string sealByHand(const std::string& meta, const FileKeyStore::KeyTable& ke
   return sealed;
 }
 
-// The import clock of the tests that need to know the suffix.
 const time_t kNow = 1700000000;
 
 std::string tag(char kind, int n) {
@@ -145,9 +132,8 @@ StoreContent sourceContent() {
   return content;
 }
 
-// What each selection exports (the whole store and "*" over names are also
-// run by the process tests), and the refusals, which name every unknown
-// group and key at once and give no buffer.
+// What each selection exports, and the refusals, which name every unknown
+// group and key at once.
 TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
   const StoreContent content = sourceContent();
   ExportRoot source(content);
@@ -184,17 +170,11 @@ TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
     }
     EXPECT_EQ(names, row.names);
   }
-  // The live keys are still wrapped, and the files never changed; two
-  // exports of the same selection are sealed apart.
+  // The files never changed; two exports of the same selection are sealed apart.
   EXPECT_EQ(source->getKey(tag('K', 6)).key(), content.plainKey(tag('K', 6)));
   EXPECT_EQ(source.files(), filesBefore);
   EXPECT_NE(exportOf(source.store()), exportOf(source.store()));
-  // A store without groups has nothing to give; one with groups and no keys
-  // has.
-  ExportRoot empty;
-  KSOpStatus status;
-  EXPECT_EQ(empty->exportToBuffer({}, kPassphrase, status), "");
-  EXPECT_EQ(text(status), "1285");
+  // (A store without groups has nothing to give.) One with groups and no keys has.
   StoreContent groupsOnly;
   groupsOnly.addGroup(tag('G', 1), "lonely");
   EXPECT_EQ(openExport(exportOf(ExportRoot(groupsOnly).store())).groups.size(), 1u);
@@ -314,67 +294,56 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
   }
 }
 
-// A renumbered group takes its keys along; the store's group of the old
-// tag is not touched.
-TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAlong) {
-  ExportRoot source(twoGroups());
-  StoreContent content;
-  content.addGroup(tag('G', 1), "x");
-  ExportRoot dest(content);
+// (Records arriving as they left are compared by the process tests.) A
+// renumbered group takes its keys along, and the import's description
+// replaces those of what it brings; the store's own group is not touched.
+// Each group and key is audited as added; a key's FIPS entry says whether it
+// came with a FIPS decision of any value.
+TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAndTheImportsDescription) {
+  StoreContent content = twoGroups();
+  content.addGroup(tag('G', 3), "empty");
+  ExportRoot source(content);
+  source.addKey(tag('G', 2), "b2", KEY_PRELIVE);  // with a FIPS decision
+  StoreContent other;
+  other.addGroup(tag('G', 1), "x");
+  ExportRoot dest(other);
   dest.store().setImportClock([] { return kNow; });
   const KeyGrpRecord_v1 own = dest.store().getKeyGroupRecord(tag('G', 1));
-  EXPECT_EQ(importChecked(dest, exportOf(source.store())).errCode(), 0);
+  LogCapture log(1);
+  EXPECT_EQ(importChecked(dest, exportOf(source.store()), false, "moved").errCode(), 0);
+  std::multiset<std::string> audited;
+  const std::regex entry(" 286-(70|81|92) [^ ]+: (.*)$");
+  for (const std::string& line : log.appLines()) {
+    std::smatch match;
+    if (std::regex_search(line, match, entry)) {
+      audited.insert(match[1].str() + (match[1] == "92" ? "=" + match[2].str() : ""));
+    }
+  }
+  EXPECT_EQ(audited,
+            (std::multiset<std::string>{"70", "70", "70", "81", "81", "81", "81",
+                                        "92=FIPS compliant: Yes", "92=FIPS compliant: No",
+                                        "92=FIPS compliant: No", "92=FIPS compliant: No"}));
   const KeyGrpRecord_v1 alpha = dest.store().getKeyGroupRecordByName(withSuffix("alpha$"));
   EXPECT_NE(alpha.tag(), tag('G', 1));
   EXPECT_EQ(alpha.numKeys(), 2u);
   EXPECT_EQ(dest.store().getActiveKeyRecord(alpha.tag()).tag(), tag('K', 1));
-  EXPECT_EQ(dest.store().getKeyRecord(tag('K', 2)).keyGroup(), alpha.tag());
-  const KeyGrpRecord_v1 ownAfter = dest.store().getKeyGroupRecord(tag('G', 1));
-  EXPECT_TRUE(ownAfter == own);
-  EXPECT_EQ(ownAfter.numKeys(), 0u);
-}
-
-// Everything of a record survives a round trip but the group's name (kept
-// here) and the descriptions (replaced here).
-TEST_F(FileKeyStoreEximTest, ARoundTripKeepsEveryRecord) {
-  StoreContent content = twoGroups();
-  content.addGroup(tag('G', 3), "empty");
-  content.addKey(tag('K', 4), tag('G', 1), "t", KEY_TERMINATED);
-  ExportRoot source(content);
-  FileKeyStore& src = source.store();
-  KeyRecord_v1 changed = src.getKeyRecord(tag('K', 2));
-  changed.attributes().addAttribute("COLOR", "blue");
-  src.updateKeyRecord(changed);
-  KeyGrpRecord_v1 group = src.getKeyGroupRecord(tag('G', 2));
-  group.attributes().addAttribute("OWNER", "ops");
-  src.updateKeyGroupRecord(group);
-  const std::string buffer = exportOf(src);
-  const storetest::Snapshot sent = storetest::snapshotOf(src);
-  StoreContent other;
-  other.addGroup(tag('D', 1), "own");
-  ExportRoot dest(other);
-  EXPECT_EQ(text(importChecked(dest, buffer, true, "moved")),
-            "0 6(alpha) 6(beta) 6(empty) 12(a1,alpha) 12(a2,alpha) 12(b1,beta) 12(t,alpha)");
-  EXPECT_EQ(dest.store().getKeyGroupRecord(tag('D', 1)).description(), "group own");
-  ASSERT_EQ(dest->shutdown(), 0);
-  ASSERT_EQ(dest->init(), 0);
-  storetest::Snapshot arrived = storetest::snapshotOf(dest.store());
-  arrived.groups.erase(arrived.groups.begin());  // "own", first by tag
-  arrived.keys.erase(arrived.keys.begin());
+  const storetest::Snapshot arrived = storetest::snapshotOf(dest.store());
+  ASSERT_EQ(arrived.groups.size(), 4u);
   for (size_t i = 0; i < arrived.groups.size(); ++i) {
+    if (arrived.groups[i].first.tag() == tag('G', 1)) {
+      EXPECT_TRUE(arrived.groups[i].first == own);
+      EXPECT_EQ(arrived.groups[i].second.first, 0u);
+      continue;
+    }
     EXPECT_EQ(arrived.groups[i].first.description(), "moved");
-    arrived.groups[i].first.setDescription(sent.groups[i].first.description());
-    for (KeyRecord_v1& k : arrived.keys[i]) {
+    for (const KeyRecord_v1& k : arrived.keys[i]) {
       EXPECT_EQ(k.description(), "moved");
-      k.setDescription("key " + k.name());
     }
   }
-  EXPECT_TRUE(arrived == sent);
-  EXPECT_EQ(dest->getKey(tag('K', 2)).key(), content.plainKey(tag('K', 2)));
 }
 
-// The same buffer again in the same second: every key is a duplicate, and
-// the groups come once more, empty, under the next suffix and new tags.
+// The same buffer again in the same second: the groups come once more, empty,
+// under the next suffix.
 TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   StoreContent content;
   content.addGroup(tag('G', 1), "alpha");
@@ -394,12 +363,6 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
             withSuffix("0 9(a1,alpha,a1,alpha$) 9(a2,alpha,a2,alpha$) 4(alpha,alpha$_2) "
                        "4(beta,beta$_2) 5(alpha$_2) 5(beta$_2)"));
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{2}, uint64_t{6}));
-  for (const char* name : {"alpha$_1", "beta$_2"}) {
-    const KeyGrpRecord_v1 again = dest.store().getKeyGroupRecordByName(withSuffix(name));
-    EXPECT_EQ(again.numKeys(), 0u);
-    EXPECT_NE(again.tag(), tag('G', 1));
-    EXPECT_NE(again.tag(), tag('G', 2));
-  }
   // A name the suffix takes past 4096 bytes keeps what fits, and is found by
   // its whole name; with no room left for another suffix, a second import
   // has none that is unique, and is refused.
@@ -463,37 +426,4 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   EXPECT_EQ(dest.store().getStats(), std::make_pair(uint64_t{0}, uint64_t{0}));
 }
 
-// Each imported group and key is audited as an added one; the FIPS entry of
-// a key says only whether the key came with a FIPS decision of any value.
-TEST_F(FileKeyStoreEximTest, ImportedRecordsAreAuditedAsAdded) {
-  StoreContent content;
-  content.addGroup(tag('G', 1), "alpha");
-  content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
-  content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
-  ExportRoot source(content);
-  KeyRecord_v1 decided = source.store().getKeyRecord(tag('K', 1));
-  decided.attributes().addAttribute("KEY_FIPS", "false");
-  source.store().updateKeyRecord(decided);
-  const std::string buffer = exportOf(source.store());
-  ExportRoot dest;
-  LogCapture log(1);
-  KSOpStatus status;
-  dest.store().importFromBuffer(buffer, kPassphrase, true, "", status, false);
-  ASSERT_EQ(status.errCode(), 0);
-  std::string ids;
-  const std::regex entry(" 286-(70|71|72|73|74|77|78|81|92) [^ ]+: (.*)$");
-  for (const std::string& line : log.appLines()) {
-    std::smatch match;
-    if (std::regex_search(line, match, entry)) {
-      ids += " " + match[1].str() + (match[1] == "92" ? "=" + match[2].str() : "");
-    }
-  }
-  EXPECT_EQ(ids,
-            " 70 71 72 73 74 81 71 72 77 78 74 92=FIPS compliant: Yes"
-            " 81 71 72 77 78 74 92=FIPS compliant: No");
-}
-
 }  // namespace
-}  // namespace KMS
-}  // namespace DL
-}  // namespace Vaultrest

@@ -1,32 +1,19 @@
 // The commit against a crash and a failure at each of its file operations:
 // the next init serves exactly the old or the new state, never a mixture.
-// Then what init reports for damaged files, and a commit over leftovers.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "keystore/StoreTestState.h"
 #include "kms/server/keystore/files/FileFaults.h"
-#include "kms/server/keystore/store/FileKeyStore.h"
 #include "support/LogCapture.h"
 
 using namespace Vaultrest::DL::KMS;
 using storetest::StoreSnapshot;
 
 namespace {
-
-std::string describe(size_t n, const FileOperation& op) {
-  std::string text = "operation " + std::to_string(n) + ": " + fileOpName(op.op) + " " + op.path;
-  if (!op.target.empty()) {
-    text += " -> " + op.target;
-  }
-  return text;
-}
 
 size_t countOf(const std::vector<FileOperation>& ops, FileOp kind) {
   size_t n = 0;
@@ -49,8 +36,7 @@ class StoreCommitCrash : public storetest::TwoStatesTest {
     return recorder.operations();
   }
 
-  // Runs the commit in a forked child that ends just before operation `n`,
-  // and gives the child's wait status.
+  // The wait status of a child committing that ends just before operation `n`.
   int commitInChildCrashingAt(size_t n) {
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -67,9 +53,8 @@ class StoreCommitCrash : public storetest::TwoStatesTest {
 TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
   const std::vector<FileOperation> ops = commitOperations();
   ASSERT_TRUE(s_new->isOnDiskAsDat(m_root.locator));
-  // Three new files made (and written through the descriptor that made
-  // each), flushed, synced; six renames, then both directories synced before
-  // three deletes.
+  // Three new files made, flushed, synced; six renames, then both
+  // directories synced before three deletes.
   const std::set<FileOp> counted = {FileOp::Open,    FileOp::Fopen,  FileOp::Fflush,
                                     FileOp::Fsync,   FileOp::Fclose, FileOp::Rename,
                                     FileOp::SyncDir, FileOp::Unlink};
@@ -89,22 +74,19 @@ TEST_F(StoreCommitCrash, ACrashAtAnyOperationLeavesTheOldOrTheNewStateWhole) {
                                  FileOp::Rename, FileOp::Rename, FileOp::SyncDir, FileOp::SyncDir,
                                  FileOp::Unlink, FileOp::Unlink, FileOp::Unlink}));
   EXPECT_GE(countOf(ops, FileOp::Fwrite), 4u);
-  size_t firstRename = 0;
-  for (size_t i = 0; i < ops.size() && firstRename == 0; ++i) {
-    if (ops[i].op == FileOp::Rename) {
-      firstRename = i + 1;
-    }
-  }
+  const size_t firstRename =
+      std::find_if(ops.begin(), ops.end(),
+                   [](const FileOperation& op) { return op.op == FileOp::Rename; }) -
+      ops.begin() + 1;
   // One more than the count: the child that is never stopped.
   for (size_t n = 1; n <= ops.size() + 1; ++n) {
     const bool crashes = n <= ops.size();
-    SCOPED_TRACE(crashes ? describe(n, ops[n - 1]) : "no crash");
+    SCOPED_TRACE(crashes ? std::to_string(n) + " " + fileOpName(ops[n - 1].op) : "no crash");
     resetToOld();
     const int status = commitInChildCrashingAt(n);
     ASSERT_TRUE(WIFEXITED(status));
     ASSERT_EQ(WEXITSTATUS(status), crashes ? FileFaults::kCrashExitStatus : 0);
-    // Ended before the first rename: the old state. From the first rename
-    // on: the new one.
+    // Ended up to the first rename: the old state; after it, the new one.
     const StoreSnapshot& expected = (crashes && n <= firstRename) ? *s_old : *s_new;
     FileKeyStore store(m_root.locator);
     ASSERT_EQ(store.init(), 0);
@@ -119,8 +101,7 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
     FileOp kind;
     int error;
   };
-  // The recovery states after each failed rename and delete, in commit
-  // order.
+  // The recovery states after each failed rename and delete, in order.
   const std::vector<unsigned> afterRename = {0x1b6, 0x0f6, 0x0de, 0x0db, 0x15b, 0x16b};
   const std::vector<unsigned> afterDelete = {0x16d, 0x12d, 0x125};
   for (const Fault& fault :
@@ -152,8 +133,7 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
                               : fault.kind == FileOp::SyncDir ? 0x16du
                                                               : afterDelete[n - 1];
         EXPECT_EQ(storetest::maskOf(m_root.locator), left);
-        // A failed first rename has not yet given anything up: the next
-        // start rolls back.
+        // After a failed first rename the next start rolls back.
         expectNew = !(fault.kind == FileOp::Rename && n == 1);
       }
       FileKeyStore store(m_root.locator);
@@ -168,48 +148,41 @@ TEST_F(StoreCommitCrash, AFailureAtAnyOperationReportsWhetherTheDiskChanged) {
 class StorePersistence : public storetest::TwoStatesTest {};
 
 TEST_F(StorePersistence, DamagedOrMismatchedFilesGiveTheirCodes) {
-  const auto withFiles = [&](const std::string& hmk, const std::string& kpk,
-                             const std::string& store) {
-    storetest::writeBytes(m_root.locator.hmkPath(), hmk);
-    storetest::writeBytes(m_root.locator.kpkPath(), kpk);
-    storetest::writeBytes(m_root.locator.ksPath(), store);
-    return initCode();
-  };
   const storetest::StoreBytes& a = s_old->bytes();
   const storetest::StoreBytes& b = s_new->bytes();
-  // Bytes after the list of a key file.
-  EXPECT_EQ(withFiles(a.hmk + '\0', a.kpk, a.store), 1206);
-  EXPECT_EQ(withFiles(a.hmk, a.kpk + 'x', a.store), 1256);
-  // A changed byte of a key file's list.
-  std::string flipped = a.kpk;
-  flipped[20] ^= 0x01;
-  EXPECT_EQ(withFiles(a.hmk, flipped, a.store), 1256);
-  // A changed byte in the record stream (its last byte is the GCM tag's).
-  flipped = a.store;
-  flipped.back() ^= 0x80;
-  EXPECT_EQ(withFiles(a.hmk, a.kpk, flipped), 1207);
-  // A store file cut short inside its metadata.
-  EXPECT_EQ(withFiles(a.hmk, a.kpk, a.store.substr(0, 40)), 1207);
-  // Files of another store: the HMK does not prove itself against the
-  // metadata (1221); a KPK wrapped under another HMK does not unwrap (1249).
-  EXPECT_EQ(withFiles(b.hmk, a.kpk, a.store), 1221);
-  EXPECT_EQ(withFiles(a.hmk, b.kpk, a.store), 1249);
-  // All of one store reads again.
-  EXPECT_EQ(withFiles(b.hmk, b.kpk, b.store), 0);
+  std::string kpkFlipped = a.kpk, storeFlipped = a.store;
+  kpkFlipped[20] ^= 0x01;
+  storeFlipped.back() ^= 0x80;  // the GCM tag's last byte
+  // Bytes after a key file's list, a changed byte, a store cut short in its
+  // metadata; files of another store (the HMK does not prove itself, the KPK
+  // does not unwrap); all of one store.
+  const std::pair<storetest::StoreBytes, int> rows[] = {
+      {{a.hmk + '\0', a.kpk, a.store}, 1206},
+      {{a.hmk, a.kpk + 'x', a.store}, 1256},
+      {{a.hmk, kpkFlipped, a.store}, 1256},
+      {{a.hmk, a.kpk, storeFlipped}, 1207},
+      {{a.hmk, a.kpk, a.store.substr(0, 40)}, 1207},
+      {{b.hmk, a.kpk, a.store}, 1221},
+      {{a.hmk, b.kpk, a.store}, 1249},
+      {b, 0}};
+  for (const auto& [files, code] : rows) {
+    storetest::placeDat(m_root.locator, files);
+    EXPECT_EQ(initCode(), code);
+  }
 }
 
+// Any of the three final files missing, or any other of the nine there.
 TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
-  s_old->placeAsDat(m_root.locator);
-  storetest::writeBytes(m_root.locator.kpkNewPath(), s_new->bytes().kpk);
-  const std::vector<std::string> before = storetest::contentsOf(m_root.locator);
-  LogCapture log(0);
-  EXPECT_EQ(commitNew(), 1200);
-  EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-45 ").size(), 1u);
-  EXPECT_EQ(storetest::contentsOf(m_root.locator), before);
-  // A commit on a root without its files is refused the same way.
-  storetest::removeAll(m_root.locator);
-  EXPECT_EQ(commitNew(), 1200);
-  EXPECT_EQ(storetest::maskOf(m_root.locator), 0u);
+  for (const storetest::MaskedPath& p : storetest::ninePaths(m_root.locator)) {
+    SCOPED_TRACE(p.path);
+    resetToOld();
+    (p.bit & 0x124) != 0 ? (void)::unlink(p.path.c_str()) : storetest::writeBytes(p.path, "x");
+    const std::vector<std::string> before = storetest::contentsOf(m_root.locator);
+    LogCapture log(0);
+    EXPECT_EQ(commitNew(), 1200);
+    EXPECT_EQ(LogCapture::containing(log.appLines(), " 286-45 ").size(), 1u);
+    EXPECT_EQ(storetest::contentsOf(m_root.locator), before);
+  }
 }
 
 }  // namespace

@@ -1,13 +1,7 @@
 // The store's files against what others can plant in or around them: a
 // symlink swapped in while a commit writes, FIFOs and devices in place of a
 // file, directories and files that others own or may write.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
 
 #include "keystore/StoreTestState.h"
 #include "kms/server/keystore/files/FileFaults.h"
@@ -17,8 +11,8 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-bool logged(const LogCapture& log, const std::string& text) {
-  return !LogCapture::containing(log.appLines(), text).empty();
+size_t logged(const LogCapture& log, const std::string& text) {
+  return LogCapture::containing(log.appLines(), text).size();
 }
 
 // Puts a symlink to `target` in place of `path` at the first file operation
@@ -48,14 +42,6 @@ class SwapAfterCreate : public FileOpRecorder {
 
 class StoreFileSafety : public storetest::TwoStatesTest {
  protected:
-  // An empty file anyone may write, as the other user would plant it.
-  std::string plantTarget() {
-    const std::string path = m_root.root.file("planted");
-    storetest::writeBytes(path, "");
-    ::chmod(path.c_str(), 0666);
-    return path;
-  }
-
   // init of a store over the root in a child, which a hang cannot outlast:
   // the child's code less 1200, or -1 when it had to be killed.
   int initInChild() {
@@ -72,7 +58,10 @@ class StoreFileSafety : public storetest::TwoStatesTest {
 };
 
 TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
-  const std::string planted = plantTarget();
+  // An empty file anyone may write, as the other user would plant it.
+  const std::string planted = m_root.root.file("planted");
+  storetest::writeBytes(planted, "");
+  ::chmod(planted.c_str(), 0666);
   for (const std::string& path :
        {m_root.locator.hmkNewPath(), m_root.locator.kpkNewPath(), m_root.locator.ksNewPath()}) {
     SCOPED_TRACE(path);
@@ -109,39 +98,31 @@ TEST_F(StoreFileSafety, AFifoOrADeviceInPlaceOfAStoreFileIsRefusedAtOnce) {
 
 TEST_F(StoreFileSafety, DirectoriesAndFilesOthersMayChangeRefuseTheStart) {
   const KMSFileLocator& locator = m_root.locator;
-  struct Row {
-    std::string path;
-    mode_t unsafe;
-    mode_t safe;
-  };
-  const std::vector<Row> rows = {{locator.rootDir(), 0777, 0700},
-                                 {locator.dbDir(), 0777, 0700},
-                                 {locator.keyDir(), 0770, 0700},
-                                 {locator.hmkPath(), 0666, 0600},
-                                 {locator.ksPath(), 0620, 0600}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.path);
+  const std::pair<std::string, mode_t> rows[] = {{locator.rootDir(), 0777},
+                                                 {locator.dbDir(), 0777},
+                                                 {locator.keyDir(), 0770},
+                                                 {locator.hmkPath(), 0666},
+                                                 {locator.ksPath(), 0620}};
+  for (const auto& [path, unsafe] : rows) {
+    SCOPED_TRACE(path);
     resetToOld();
-    ::chmod(row.path.c_str(), row.unsafe);
+    ::chmod(path.c_str(), unsafe);
     {
       LogCapture log(0);
-      FileKeyStore store(locator);
-      EXPECT_EQ(store.init(), 1295);
-      EXPECT_TRUE(logged(log, row.path + " was not used: it is writable by group or others"));
+      EXPECT_EQ(FileKeyStore(locator).init(), 1295);
+      EXPECT_EQ(logged(log, path + " was not used: it is writable by group or others"), 1u);
     }
-    ::chmod(row.path.c_str(), row.safe);
+    ::chmod(path.c_str(), unsafe & 0700);
   }
   resetToOld();
-  FileKeyStore store(locator);
-  EXPECT_EQ(store.init(), 0);
+  EXPECT_EQ(FileKeyStore(locator).init(), 0);
   if (::geteuid() != 0) {
     GTEST_SKIP() << "files of another owner need root to make";
   }
   ASSERT_EQ(::chown(locator.kpkPath().c_str(), 65534, 65534), 0);
   LogCapture log(0);
-  FileKeyStore foreign(locator);
-  EXPECT_EQ(foreign.init(), 1295);
-  EXPECT_TRUE(logged(log, locator.kpkPath() + " was not used: it is owned by user 65534"));
+  EXPECT_EQ(FileKeyStore(locator).init(), 1295);
+  EXPECT_EQ(logged(log, locator.kpkPath() + " was not used: it is owned by user 65534"), 1u);
 }
 
 }  // namespace

@@ -9,9 +9,8 @@
 
 #include "kms/server/keystore/store/StoreLockGuards.h"
 
-namespace Vaultrest {
-namespace DL {
-namespace KMS {
+using namespace Vaultrest::DL::KMS;
+
 namespace {
 
 // Waits until some other thread holds `turnstile`: a writer is then queued.
@@ -50,6 +49,3 @@ TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
 }
 
 }  // namespace
-}  // namespace KMS
-}  // namespace DL
-}  // namespace Vaultrest

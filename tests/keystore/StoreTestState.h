@@ -1,7 +1,5 @@
-// Stores for tests: states built in memory (StoreContent) and served by a
-// MemoryStore, whole stores on disk placed again by copying bytes (with the
-// recovery mask of a directory as seen without the code under test), and
-// live stores on real files whose every change runs the real commit.
+// Stores for tests: states built in memory, whole stores on disk placed by
+// copying bytes, and live stores on real files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -61,8 +59,6 @@ class FipsDecision {
     FileKeyStore::g_fips_mode_disabled = disabled;
   }
   ~FipsDecision() { FileKeyStore::g_fips_mode_disabled = m_saved; }
-  FipsDecision(const FipsDecision&) = delete;
-  FipsDecision& operator=(const FipsDecision&) = delete;
 
  private:
   bool m_saved;
@@ -150,7 +146,8 @@ class StoreContent {
   std::map<std::string, std::string> m_plain;
 };
 
-// A FileKeyStore that a test can make live from a StoreContent.
+// A FileKeyStore that a test can make live from a StoreContent, and whose
+// import clock it may fix.
 class MemoryStore : public FileKeyStore {
  public:
   explicit MemoryStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
@@ -161,9 +158,9 @@ class MemoryStore : public FileKeyStore {
                  std::make_unique<GroupTable>(content.groups()));
   }
 
-  using FileKeyStore::installState;
   using FileKeyStore::maxKeyGroups;
   using FileKeyStore::maxKeysPerGroup;
+  using FileKeyStore::setImportClock;
 };
 
 inline bool exists(const std::string& path) {
@@ -228,8 +225,6 @@ struct StoreRoot {
   FipsDecision fipsDecision;
 
   StoreRoot() { locator.createMissingDirectories(); }
-  StoreRoot(const StoreRoot&) = delete;
-  StoreRoot& operator=(const StoreRoot&) = delete;
 };
 
 // The three files of one store.
@@ -280,21 +275,15 @@ class StoreSnapshot {
     StoreRoot scratch;
     placeEmptyDat(scratch.locator);
     m_input->commit(scratch.locator);
-    m_bytes.hmk = readBytes(scratch.locator.hmkPath());
-    m_bytes.kpk = readBytes(scratch.locator.kpkPath());
-    m_bytes.store = readBytes(scratch.locator.ksPath());
+    m_bytes = {readBytes(scratch.locator.hmkPath()), readBytes(scratch.locator.kpkPath()),
+               readBytes(scratch.locator.ksPath())};
     KSInputBuffer store(m_bytes.store);
     FileKeyStore::readKeyStoreMeta(store);
     m_metadataLength = m_bytes.store.size() - store.remaining();
   }
 
-  StoreSnapshot(const StoreSnapshot&) = delete;
-  StoreSnapshot& operator=(const StoreSnapshot&) = delete;
-
-  const StoreContent& content() const { return m_content; }
-  const CommitInput& input() const { return *m_input; }
+  void commit(const KMSFileLocator& locator) const { m_input->commit(locator); }
   const StoreBytes& bytes() const { return m_bytes; }
-  const std::vector<std::string>& tags() const { return m_tags; }
 
   void placeAsDat(const KMSFileLocator& locator) const { placeDat(locator, m_bytes); }
 
@@ -320,19 +309,11 @@ class StoreSnapshot {
 
   // Whether the live store serves this state (same keys, same values).
   bool isServedBy(FileKeyStore& store) const {
-    if (store.getStats() != std::make_pair(uint64_t{m_tags.size()}, uint64_t{1})) {
-      return false;
-    }
+    int bad = store.getStats() == std::make_pair(uint64_t{m_tags.size()}, uint64_t{1}) ? 0 : 1;
     for (const std::string& tag : m_tags) {
-      try {
-        if (store.getKey(tag).key() != m_content.plainKey(tag)) {
-          return false;
-        }
-      } catch (const KeyStoreError&) {
-        return false;
-      }
+      bad += codeOf([&] { return int{store.getKey(tag).key() != m_content.plainKey(tag)}; });
     }
-    return true;
+    return bad == 0;
   }
 
   // Empty "dat" files, which make a root clean for a first commit.
@@ -367,7 +348,7 @@ class TwoStatesTest : public ::testing::Test {
     s_old->placeAsDat(m_root.locator);
   }
   int commitNew() {
-    return codeOf([&] { s_new->input().commit(m_root.locator); });
+    return codeOf([&] { s_new->commit(m_root.locator); });
   }
   int initCode() {
     FileKeyStore store(m_root.locator);
@@ -393,8 +374,6 @@ class ServiceConfFile {
     std::filesystem::remove(m_path);
     reload();
   }
-  ServiceConfFile(const ServiceConfFile&) = delete;
-  ServiceConfFile& operator=(const ServiceConfFile&) = delete;
 
  private:
   // Only the central back end may fail here; the file has been read.
@@ -423,31 +402,22 @@ class ConfiguredLimits : public ServiceConfFile {
   }
 };
 
-// A store whose import clock a test may fix.
-class ClockedStore : public FileKeyStore {
- public:
-  explicit ClockedStore(const KMSFileLocator& locator) : FileKeyStore(locator) {}
-  using FileKeyStore::setImportClock;
-};
-
 // A store under a root of its own, made by committing `content` and brought
-// up by init, under the limits configured when it is made.
+// up by init.
 class LiveStore {
  public:
   explicit LiveStore(const StoreContent& content = StoreContent()) : m_locator(m_root.path()) {
     m_locator.createMissingDirectories();
-    // A first commit needs the three final names to exist.
     StoreSnapshot::placeEmptyDat(m_locator);
     CommitInput(content).commit(m_locator);
-    m_store = std::make_unique<ClockedStore>(m_locator);
+    m_store = std::make_unique<MemoryStore>(m_locator);
     EXPECT_EQ(m_store->init(), 0);
   }
 
-  ClockedStore& store() { return *m_store; }
+  MemoryStore& store() { return *m_store; }
   FileKeyStore& operator*() { return *m_store; }
   FileKeyStore* operator->() { return m_store.get(); }
   const KMSFileLocator& locator() const { return m_locator; }
-  // The bytes of the store's nine paths.
   std::vector<std::string> files() const { return contentsOf(m_locator); }
 
   KeyGrpRecord_v1 addGroup(const std::string& name, ks_ciphertype_t cipher = CT_AES256_CBC) {
@@ -478,11 +448,11 @@ class LiveStore {
  private:
   TempRoot m_root{"vrkms-changes"};
   KMSFileLocator m_locator;
-  std::unique_ptr<ClockedStore> m_store;
+  std::unique_ptr<MemoryStore> m_store;
 };
 
 // Everything a store serves: the groups with their derived fields, and the
-// keys of each group.
+// keys of each group in the store's order.
 struct Snapshot {
   std::vector<std::pair<KeyGrpRecord_v1, std::pair<uint64_t, bool>>> groups;
   std::vector<std::list<KeyRecord_v1>> keys;
@@ -498,7 +468,6 @@ inline Snapshot snapshotOf(FileKeyStore& store) {
   for (const KeyGrpRecord_v1& group : groups) {
     snap.groups.push_back({group, {group.numKeys(), group.hasActiveKey()}});
     snap.keys.emplace_back();
-    // In the store's order, which a reload keeps.
     store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
   }
   return snap;

@@ -1,26 +1,15 @@
 // Stores of versions 0x100 and 0x200, laid out byte by byte here from their
-// formats (not by the store's writer, which knows only the current one):
-// read, brought up to 0x300 in memory, committed once by init, and read as
-// 0x300 at the next init with every key unchanged.
-#include <gtest/gtest.h>
+// formats: upgraded once by init, and read as 0x300 with every key unchanged.
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <memory>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "keystore/CryptoTestUtil.h"
 #include "keystore/FormatTestUtil.h"
 #include "keystore/StoreTestState.h"
 #include "kms/server/keystore/crypto/CryptFactory.h"
-#include "kms/server/keystore/crypto/KeyWrap.h"
-#include "kms/server/keystore/crypto/RandData.h"
 #include "kms/server/keystore/files/FileFaults.h"
-#include "kms/server/keystore/format/KSInputBuffer.h"
-#include "kms/server/keystore/store/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
 using formattest::be;
@@ -78,16 +67,16 @@ struct OldStore {
     return handList(attrs, oldMarkers);
   }
 
-  static std::string digestOfZ(const std::string& key) {
-    return formattest::digest(EVP_sha1(), "Z" + key);
-  }
-
   Attrs metadata() const {
     const std::string algo = KSCrypt::cryptTypeToString(type);
-    Attrs attrs = {{"VERSION", be(version, 4)}, {"HMKID", "old-hmk"},
-                   {"HMKHASH", digestOfZ(hmk)}, {"KPKID", "old-kpk"},
-                   {"KPKHASH", digestOfZ(kpk)}, {"MENCALG", algo},
-                   {"KENCALG", algo},           {"HMKRAND", hmkSalt.empty() ? "true" : "false"},
+    Attrs attrs = {{"VERSION", be(version, 4)},
+                   {"HMKID", "old-hmk"},
+                   {"HMKHASH", formattest::digest(EVP_sha1(), "Z" + hmk)},
+                   {"KPKID", "old-kpk"},
+                   {"KPKHASH", formattest::digest(EVP_sha1(), "Z" + kpk)},
+                   {"MENCALG", algo},
+                   {"KENCALG", algo},
+                   {"HMKRAND", hmkSalt.empty() ? "true" : "false"},
                    {"KPKRAND", "true"}};
     if (version == KS_VERSION_200) {
       // The oldest stores have no FIPS flags, salts or IV.
@@ -122,12 +111,6 @@ struct OldStore {
     return sealed.bytes;
   }
 
-  void place(const KMSFileLocator& locator) const {
-    storetest::writeBytes(locator.hmkPath(), bytes.hmk);
-    storetest::writeBytes(locator.kpkPath(), bytes.kpk);
-    storetest::writeBytes(locator.ksPath(), bytes.store);
-  }
-
   // The live store serves every key with its old value and record.
   void expectServedBy(FileKeyStore& store) const {
     EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{1}));
@@ -152,7 +135,7 @@ class StoreUpgrade : public ::testing::TestWithParam<ks_version_t> {};
 TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   const OldStore old(GetParam());
   StoreRoot root;
-  old.place(root.locator);
+  storetest::placeDat(root.locator, old.bytes);
   // init commits the upgrade before it serves.
   {
     FileKeyStore store(root.locator);
