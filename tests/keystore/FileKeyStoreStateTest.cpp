@@ -228,24 +228,4 @@ TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
   EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", false), 1201);
 }
 
-TEST(FileKeyStoreLimitsTest, TheLimitsComeFromTheConfigurationAndKeepTheirSign) {
-  TempRoot root("vrkms-limits");
-  const struct {
-    const char* conf;
-    int groups;
-    int keysPerGroup;
-  } rows[] = {
-      {"", 100, 30},
-      {"\"max_key_groups\"=dword:00000000\n\"max_keys_per_group\"=dword:00000007\n", 0, 7},
-      {"\"max_keys_per_group\"=dword:ffffffff\n", 100, -1},
-  };
-  for (const auto& row : rows) {
-    storetest::ServiceConfFile conf(std::string("[KMSConfig]\n") + row.conf);
-    MemoryStore store{KMSFileLocator(root.path())};
-    EXPECT_EQ(std::make_pair(store.maxKeyGroups(), store.maxKeysPerGroup()),
-              std::make_pair(long{row.groups}, long{row.keysPerGroup}))
-        << row.conf;
-  }
-}
-
 }  // namespace

@@ -63,12 +63,6 @@ std::vector<int> appMessageIds(const LogCapture& log) {
   return ids;
 }
 
-std::string hex(unsigned mask) {
-  char text[8];
-  std::snprintf(text, sizeof text, "0x%03x", mask);
-  return text;
-}
-
 class StoreRecovery : public storetest::TwoStatesTest {
  protected:
   // Lays out `mask` as a commit would have left it ("dat" files new once the
@@ -85,7 +79,7 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
   const KMSFileLocator& locator = m_root.locator;
   std::set<unsigned> acted;
   for (unsigned mask = 0; mask < 0x200; ++mask) {
-    SCOPED_TRACE(hex(mask));
+    SCOPED_TRACE(::testing::Message() << std::hex << mask);
     const auto row = recoveryRows().find(mask);
     if (row == recoveryRows().end()) {
       // Refused by init with message 54, nothing touched.
@@ -160,19 +154,17 @@ TEST_F(StoreRecovery, EveryMaskGetsTheActionOfItsRowOrIsRefusedUntouched) {
 // failed delete (of HMK "bak" when 0x16d finishes) and a failed directory
 // sync: 1274, and the next start finishes.
 TEST_F(StoreRecovery, AFailedRenameOrDeleteIs1274AndTheNextStartFinishes) {
-  const struct {
-    unsigned mask;
-    FileOp op;
-  } rows[] = {{0x0f6, FileOp::Rename}, {0x16d, FileOp::Unlink}, {0x16d, FileOp::SyncDir}};
-  for (const auto& row : rows) {
-    place(row.mask, row.mask == 0x16d);
+  const std::pair<unsigned, FileOp> rows[] = {
+      {0x0f6, FileOp::Rename}, {0x16d, FileOp::Unlink}, {0x16d, FileOp::SyncDir}};
+  for (const auto& [mask, op] : rows) {
+    place(mask, mask == 0x16d);
     {
-      FailNthFileOp failure(1, EACCES, row.op);
+      FailNthFileOp failure(1, EACCES, op);
       ScopedFileFaultHook hook(&failure);
       EXPECT_EQ(storetest::codeOf([&] { FileKeyStore::recoverDB(m_root.locator); }), 1274);
     }
-    if (row.op != FileOp::SyncDir) {  // the sync follows a change
-      EXPECT_EQ(storetest::maskOf(m_root.locator), row.mask);
+    if (op != FileOp::SyncDir) {  // the sync follows a change
+      EXPECT_EQ(storetest::maskOf(m_root.locator), mask);
     }
     FileKeyStore store(m_root.locator);
     ASSERT_EQ(store.init(), 0);
@@ -188,11 +180,7 @@ TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingT
     place(0x0f6, false);
     const std::string& path = truncateStore ? locator.ksNewPath() : locator.hmkNewPath();
     std::string bytes = storetest::readBytes(path);
-    if (truncateStore) {
-      bytes.resize(bytes.size() / 2);
-    } else {
-      bytes.back() ^= 0x01;
-    }
+    truncateStore ? bytes.resize(bytes.size() / 2) : (void)(bytes.back() ^= 0x01);
     storetest::writeBytes(path, bytes);
     const std::vector<std::string> before = storetest::contentsOf(locator);
     {
@@ -202,9 +190,10 @@ TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingT
     }
     EXPECT_EQ(storetest::contentsOf(locator), before);
     FileKeyStore store(locator);
-    EXPECT_EQ(store.createHMKFile("passphrase", true, false), 1275);
-    EXPECT_EQ(store.createKPKFile("passphrase", true, false), 1275);
-    EXPECT_EQ(store.createEmpty("", "hmk", "", "kpk", true), 1275);
+    EXPECT_EQ(std::make_tuple(store.createHMKFile("passphrase", true, false),
+                              store.createKPKFile("passphrase", true, false),
+                              store.createEmpty("", "hmk", "", "kpk", true)),
+              std::make_tuple(1275, 1275, 1275));
     EXPECT_EQ(storetest::contentsOf(locator), before);
   }
   // Undamaged, a remake recovers first (and then finds the passphrase
@@ -231,12 +220,10 @@ TEST_F(StoreRecovery, EveryRenameAndDeleteIsFollowedBySyncsOfBothDirectories) {
     ++changes;
     // OpenDir, SyncDir, Close for "key", then for "db".
     ASSERT_GE(ops.size(), i + 7);
-    EXPECT_EQ(ops[i + 1].op, FileOp::OpenDir);
-    EXPECT_EQ(ops[i + 1].path, m_root.locator.keyDir());
-    EXPECT_EQ(ops[i + 2].op, FileOp::SyncDir);
-    EXPECT_EQ(ops[i + 4].op, FileOp::OpenDir);
-    EXPECT_EQ(ops[i + 4].path, m_root.locator.dbDir());
-    EXPECT_EQ(ops[i + 5].op, FileOp::SyncDir);
+    EXPECT_EQ(std::make_tuple(ops[i + 1].op, ops[i + 1].path, ops[i + 2].op, ops[i + 4].op,
+                              ops[i + 4].path, ops[i + 5].op),
+              std::make_tuple(FileOp::OpenDir, m_root.locator.keyDir(), FileOp::SyncDir,
+                              FileOp::OpenDir, m_root.locator.dbDir(), FileOp::SyncDir));
   }
   // Two "dat" to "bak", three "new" to "dat", three "bak" deleted.
   EXPECT_EQ(changes, 8u);

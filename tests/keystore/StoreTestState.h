@@ -13,7 +13,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -78,9 +77,7 @@ class StoreContent {
                 ks_ciphertype_t cipher = CT_AES256_CBC) {
     KeyGrpRecord_v1 rec;
     rec.setFields(tag, name, cipher, 1000, 1000, "group " + name, 1);
-    if (!m_groups.addRecord(rec)) {
-      throw std::logic_error("group tag taken");
-    }
+    EXPECT_TRUE(m_groups.addRecord(rec));
   }
 
   // Adds a key with a fresh random plain key, wrapped under the KPK.
@@ -97,16 +94,13 @@ class StoreContent {
     KeyRecord_v1 rec;
     rec.setFields(tag, name, group, state, 2000, 2000, "key " + name, 1, KPK_LOCAL, std::string(),
                   stored);
-    if (!m_keys.addRecord(rec)) {
-      throw std::logic_error("key refused by the table");
-    }
+    EXPECT_TRUE(m_keys.addRecord(rec));
   }
 
   const std::string& plainKey(const std::string& tag) const { return m_plain.at(tag); }
   const KPKMgr& kpkMgr() const { return m_kpkMgr; }
   const FileKeyStore::KeyTable& keys() const { return m_keys; }
   const FileKeyStore::GroupTable& groups() const { return m_groups; }
-  const std::string& hmk() const { return m_hmk; }
 
   // The key files and the metadata (ids "hmk-id" and "kpk-id").
   std::unique_ptr<KeyFile> hmkFile() const {
@@ -130,9 +124,7 @@ class StoreContent {
                                                         FileKeyStore::kCurrentVersion));
     meta->setMasterEncAlgo(KSCrypt::AES_256_GCM);
     meta->setKeyEncAlgo(KSCrypt::AES_256_GCM);
-    meta->setHmkRandom(true);
-    meta->setKpkRandom(false);
-    meta->setHmkFips(false);
+    meta->setHmkRandom(true);  // and not FIPS; the KPK the opposite
     meta->setKpkFips(true);
     return meta;
   }
