@@ -89,6 +89,12 @@ std::string unsaltedKey(const std::string& passphrase) {
   return std::string(reinterpret_cast<const char*>(key), static_cast<size_t>(n));
 }
 
+// The facts of one master key as one text.
+std::string describe(const KeyInfo& info) {
+  return info.id + "/" + std::to_string(static_cast<int>(info.algorithm)) +
+         (info.random ? "/random" : "/passphrase") + (info.fips ? "/fips" : "/no-fips");
+}
+
 // A private root with the FIPS decision off and the fast passphrase scheme.
 class MasterKeyFiles : public ::testing::Test {
  protected:
@@ -183,14 +189,10 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
   const std::string storeBytes = readBytes(locator().ksPath());
   // Before the rename (1276) the old file, or none, stays; after it (1277)
   // the new file is in place.
-  const struct {
-    FileOp op;
-    bool fileThere;
-    int code;
-  } rows[] = {{FileOp::Fsync, true, 1276},
-              {FileOp::Fsync, false, 1276},
-              {FileOp::SyncDir, false, 1277},
-              {FileOp::Open, false, 1276}};
+  const std::tuple<FileOp, bool, int> rows[] = {{FileOp::Fsync, true, 1276},
+                                                {FileOp::Fsync, false, 1276},
+                                                {FileOp::SyncDir, false, 1277},
+                                                {FileOp::Open, false, 1276}};
   for (const bool hmk : {true, false}) {
     const std::string& path = hmk ? locator().hmkPath() : locator().kpkPath();
     auto remake = [&] {
@@ -198,17 +200,19 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
                  : store().createKPKFile(kKpkPass, true, false);
     };
     const std::string before = readBytes(path);
-    for (const auto& row : rows) {
-      SCOPED_TRACE(std::string(hmk ? "HMK " : "KPK ") + fileOpName(row.op));
-      row.fileThere ? writeBytes(path, before) : (void)::unlink(path.c_str());
-      FailNthFileOp failure(1, EIO, row.op);
+    for (const auto& [op, fileThere, code] : rows) {
+      SCOPED_TRACE(std::string(hmk ? "HMK " : "KPK ") + fileOpName(op));
+      fileThere ? writeBytes(path, before) : (void)::unlink(path.c_str());
+      FailNthFileOp failure(1, EIO, op);
       {
         ScopedFileFaultHook hook(&failure);
-        EXPECT_EQ(remake(), row.code);
+        EXPECT_EQ(remake(), code);
       }
       EXPECT_TRUE(failure.fired());
-      EXPECT_EQ(exists(path), row.fileThere || row.code == 1277);
-      EXPECT_EQ(readBytes(path), row.fileThere ? before : row.code == 1277 ? readBytes(path) : "");
+      EXPECT_EQ(exists(path), fileThere || code == 1277);
+      if (fileThere) {
+        EXPECT_EQ(readBytes(path), before);
+      }
       EXPECT_FALSE(exists(path + ".tmp"));
       EXPECT_EQ(readBytes(locator().ksPath()), storeBytes);
     }
@@ -251,14 +255,10 @@ TEST_F(MasterKeyFiles, TheFactsOfTheKeysOfAClosedStoreComeFromTheStoreFile) {
   storetest::CommitInput(content).commit(locator());
   ASSERT_EQ(::unlink(locator().hmkPath().c_str()), 0);
   ASSERT_EQ(::unlink(locator().kpkPath().c_str()), 0);
-  const KeyInfo hmk = store().getHMKInfo();
-  const KeyInfo kpk = store().getKPKInfo();
-  EXPECT_EQ(std::make_tuple(store().getHMKId(), hmk.id, hmk.algorithm, hmk.random, hmk.fips),
-            std::make_tuple(std::string("hmk-id"), std::string("hmk-id"), KSCrypt::AES_256_GCM,
-                            true, false));
-  EXPECT_EQ(std::make_tuple(store().getKPKId(), kpk.id, kpk.algorithm, kpk.random, kpk.fips),
-            std::make_tuple(std::string("kpk-id"), std::string("kpk-id"), KSCrypt::AES_256_GCM,
-                            false, true));
+  EXPECT_EQ(store().getHMKId() + " " + describe(store().getHMKInfo()),
+            "hmk-id hmk-id/" + std::to_string(KSCrypt::AES_256_GCM) + "/random/no-fips");
+  EXPECT_EQ(store().getKPKId() + " " + describe(store().getKPKInfo()),
+            "kpk-id kpk-id/" + std::to_string(KSCrypt::AES_256_GCM) + "/passphrase/fips");
   auto codes = [&] {
     return std::vector<int>{
         codeOf([&] { store().getHMKId(); }), codeOf([&] { store().getKPKId(); }),
@@ -280,15 +280,13 @@ TEST_F(MasterKeyFiles, AGoodKeyFileIsOneOfTheRightFormWhateverItsKey) {
   const std::string hmkPath = locator().hmkPath();
   const std::string hmkBytes = readBytes(hmkPath);
   const std::string kpkBytes = readBytes(locator().kpkPath());
-  EXPECT_TRUE(store().goodHMKFileExists());
-  EXPECT_TRUE(store().goodKPKFileExists());
+  EXPECT_TRUE(store().goodHMKFileExists() && store().goodKPKFileExists());
   // Form only: a KPK file in the HMK's place is a good key file.
   writeBytes(hmkPath, kpkBytes);
   EXPECT_TRUE(FileKeyStore::isGoodKeyFile(hmkPath));
   for (const std::string& bad : {hmkBytes + "x", hmkBytes.substr(0, hmkBytes.size() - 1)}) {
     writeBytes(hmkPath, bad);
-    EXPECT_FALSE(FileKeyStore::isGoodKeyFile(hmkPath)) << bad.size() << " bytes";
-    EXPECT_FALSE(store().goodHMKFileExists());
+    EXPECT_FALSE(FileKeyStore::isGoodKeyFile(hmkPath) || store().goodHMKFileExists());
   }
   ASSERT_EQ(::unlink(hmkPath.c_str()), 0);
   EXPECT_FALSE(store().goodHMKFileExists());
@@ -310,12 +308,6 @@ enum class Rekey { Hmk, Kpk };
 
 int rekey(FileKeyStore& store, Rekey which, const std::string& passphrase, const std::string& id) {
   return which == Rekey::Hmk ? store.updateHMK(passphrase, id) : store.updateKPK(passphrase, id);
-}
-
-// The facts of one master key as one text.
-std::string describe(const KeyInfo& info) {
-  return info.id + "/" + std::to_string(static_cast<int>(info.algorithm)) +
-         (info.random ? "/random" : "/passphrase") + (info.fips ? "/fips" : "/no-fips");
 }
 
 // A live store made from passphrases, holding three keys.
