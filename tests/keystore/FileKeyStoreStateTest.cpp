@@ -126,9 +126,11 @@ TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) 
   EXPECT_TRUE(exists);
 }
 
+// Before any FIPS check, and with the key facts from memory.
 TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
   m_store.install(m_content);
   ASSERT_TRUE(m_store.isInitialized());
+  FipsDecision askedForFips(false);
   EXPECT_EQ(codeOf([&] { m_store.install(m_content); }), 1201);
   EXPECT_EQ(m_store.init(), 1201);
   EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", true), 1201);
@@ -216,16 +218,6 @@ TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
       EXPECT_NE(code, 1286) << asked << libraryFips;
     }
   }
-  // A live store answers the key facts from memory, FIPS or not, and still
-  // refuses the closed-store operations with 1201 before any FIPS check.
-  m_store.install(m_content);
-  FipsDecision askedForFips(false);
-  EXPECT_EQ(m_store.getHMKId(), "hmk-id");
-  EXPECT_EQ(m_store.getKPKInfo().id, "kpk-id");
-  EXPECT_TRUE(m_store.goodHMKFileExists());
-  bool exists = false;
-  EXPECT_EQ(m_store.dbExists(exists), 1201);
-  EXPECT_EQ(m_store.createEmpty("a", "hmk", "b", "kpk", false), 1201);
 }
 
 }  // namespace

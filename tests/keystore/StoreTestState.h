@@ -255,12 +255,12 @@ struct CommitInput {
 // active), and the bytes of its three files as a commit writes them.
 class StoreSnapshot {
  public:
-  explicit StoreSnapshot(int keyCount) : m_group(Utils::getRandData(32)) {
-    m_content.addGroup(m_group, "group");
+  explicit StoreSnapshot(int keyCount) {
+    const std::string group = Utils::getRandData(32);
+    m_content.addGroup(group, "group");
     for (int i = 0; i < keyCount; ++i) {
       const std::string tag = Utils::getRandData(32);
-      m_content.addKey(tag, m_group, "key-" + std::to_string(i),
-                       i == 0 ? KEY_ACTIVE : KEY_INACTIVE);
+      m_content.addKey(tag, group, "key-" + std::to_string(i), i == 0 ? KEY_ACTIVE : KEY_INACTIVE);
       m_tags.push_back(tag);
     }
     m_input = std::make_unique<CommitInput>(m_content);
@@ -313,7 +313,6 @@ class StoreSnapshot {
 
  private:
   StoreContent m_content;
-  std::string m_group;
   std::vector<std::string> m_tags;
   std::unique_ptr<CommitInput> m_input;
   StoreBytes m_bytes;
@@ -326,13 +325,8 @@ class StoreSnapshot {
 class TwoStatesTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    s_old = new StoreSnapshot(2);
-    s_new = new StoreSnapshot(3);
-  }
-  static void TearDownTestSuite() {
-    delete s_old;
-    delete s_new;
-    s_old = s_new = nullptr;
+    s_old = std::make_unique<StoreSnapshot>(2);
+    s_new = std::make_unique<StoreSnapshot>(3);
   }
 
   void resetToOld() {
@@ -349,8 +343,7 @@ class TwoStatesTest : public ::testing::Test {
     return code;
   }
 
-  static inline StoreSnapshot* s_old = nullptr;
-  static inline StoreSnapshot* s_new = nullptr;
+  static inline std::unique_ptr<StoreSnapshot> s_old, s_new;
   StoreRoot m_root;
 };
 
@@ -382,14 +375,14 @@ class ServiceConfFile {
 // The two limits, as a configuration file.
 class ConfiguredLimits : public ServiceConfFile {
  public:
-  ConfiguredLimits(int maxKeyGroups, int maxKeysPerGroup)
-      : ServiceConfFile("[KMSConfig]\n\"max_key_groups\"=dword:" + hex8(maxKeyGroups) +
-                        "\n\"max_keys_per_group\"=dword:" + hex8(maxKeysPerGroup) + "\n") {}
+  ConfiguredLimits(int groups, int keysPerGroup) : ServiceConfFile(text(groups, keysPerGroup)) {}
 
  private:
-  static std::string hex8(int value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
+  static std::string text(int groups, int keysPerGroup) {
+    char text[96];
+    std::snprintf(text, sizeof text,
+                  "[KMSConfig]\n\"max_key_groups\"=dword:%08x\n\"max_keys_per_group\"=dword:%08x\n",
+                  static_cast<unsigned>(groups), static_cast<unsigned>(keysPerGroup));
     return text;
   }
 };
