@@ -123,11 +123,11 @@ StoreContent sourceContent() {
   content.addGroup(tag('G', 1), "g");
   content.addGroup(tag('G', 2), "e");
   content.addGroup(tag('G', 3), "h");
-  content.addKey(tag('K', 1), tag('G', 1), "a", KEY_ACTIVE);
-  content.addKey(tag('K', 2), tag('G', 1), "b", KEY_INACTIVE);
-  content.addKey(tag('K', 3), tag('G', 1), "c", KEY_DEPRECATED);
-  content.addKey(tag('K', 4), tag('G', 1), "d", KEY_TERMINATED);
-  content.addKey(tag('K', 5), tag('G', 1), "p", KEY_PRELIVE);
+  const ks_keystate_t states[] = {KEY_ACTIVE, KEY_INACTIVE, KEY_DEPRECATED, KEY_TERMINATED,
+                                  KEY_PRELIVE};
+  for (int i = 0; i < 5; ++i) {
+    content.addKey(tag('K', i + 1), tag('G', 1), std::string(1, "abcdp"[i]), states[i]);
+  }
   content.addKey(tag('K', 6), tag('G', 3), "x", KEY_ACTIVE);
   return content;
 }
@@ -197,12 +197,8 @@ TEST_F(FileKeyStoreEximTest, ASelectionOfInsaneRecordsIsAnInternalError) {
 
 // `pattern` with every "$" replaced by the suffix of an import at kNow.
 std::string withSuffix(const std::string& pattern) {
-  const std::string suffix = "_IMPORTED_" + Utils::getTimestampSuffix(kNow);
-  std::string out;
-  for (const char c : pattern) {
-    out += c == '$' ? suffix : std::string(1, c);
-  }
-  return out;
+  return std::regex_replace(pattern, std::regex("\\$"),
+                            "_IMPORTED_" + Utils::getTimestampSuffix(kNow));
 }
 
 // Group "alpha" with keys "a1" (active) and "a2", group "beta" with "b1".

@@ -45,8 +45,8 @@ class FileKeyStoreStateTest : public ::testing::Test {
 
   // The nine operations that change the store.
   std::vector<std::function<void()>> changes() {
-    KeyRecord_v1 rec = m_store.getKeyRecord(kKey);
-    KeyGrpRecord_v1 grp = m_store.getKeyGroupRecord(kGroup);
+    const KeyRecord_v1 rec = m_content.keys().getRecord(kKey);
+    const KeyGrpRecord_v1 grp = m_content.groups().getRecord(kGroup);
     return {
         [=] { raise(m_store.updateHMK("pass", "id")); },
         [=] { raise(m_store.updateKPK("pass", "id")); },
@@ -69,43 +69,34 @@ class FileKeyStoreStateTest : public ::testing::Test {
 
 TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) {
   FileKeyStore& store = m_store;
-  KeyRecord_v1 rec;
-  KeyGrpRecord_v1 grp;
   std::list<KeyRecord_v1> keys;
   std::list<KeyGrpRecord_v1> groups;
   std::string kad = "untouched";
   KSOpStatus status;
   EXPECT_FALSE(store.isInitialized());
-  const std::vector<std::function<void()>> closedRefusals = {
-      [&] { raise(store.shutdown()); },
-      [&] { raise(store.display()); },
-      [&] { store.getStats(); },
-      [&] { raise(store.updateHMK("pass", "id")); },
-      [&] { raise(store.updateKPK("pass", "id")); },
-      [&] { store.addKeyWithKnownTag(rec, "p"); },
-      [&] { store.addKey(rec, ""); },
-      [&] { store.addKeyGroup(grp); },
-      [&] { store.getKey(kKey); },
-      [&] { store.getKeyRecord(kKey); },
-      [&] { store.getKeyGroupRecord(kGroup); },
-      [&] { store.getKeyGroupRecordByName("group"); },
-      [&] { store.getKeyRecordByName(kGroup, "key"); },
-      [&] { store.getActiveKeyRecord(kGroup); },
-      [&] { store.updateKeyRecord(rec); },
-      [&] { store.updateKeyGroupRecord(grp); },
-      [&] { store.deleteKeyRecord(kKey); },
-      [&] { store.deleteKeyGroupRecord(kGroup, true); },
-      [&] { store.getAllKeyGroupRecords(groups); },
-      [&] { store.getAllKeyRecordsInGroup(kGroup, keys); },
-      [&] { raise(store.getKad(kKey, 12, kad)); },
-      [&] { raise(store.getKeyRecordsByKad(kKey, keys)); },
-      [&] { store.quiesce(); },
-      [&] { store.unquiesce(false); },
-      [&] { store.unquiesce(true); },
-      [&] { store.isQuiesced(); },
-      [&] { store.exportToBuffer({}, "pass", status); },
-      [&] { store.importFromBuffer("x", "pass", false, "", status, true); },
-  };
+  std::vector<std::function<void()>> closedRefusals = changes();
+  closedRefusals.insert(closedRefusals.end(),
+                        {
+                            [&] { raise(store.shutdown()); },
+                            [&] { raise(store.display()); },
+                            [&] { store.getStats(); },
+                            [&] { store.getKey(kKey); },
+                            [&] { store.getKeyRecord(kKey); },
+                            [&] { store.getKeyGroupRecord(kGroup); },
+                            [&] { store.getKeyGroupRecordByName("group"); },
+                            [&] { store.getKeyRecordByName(kGroup, "key"); },
+                            [&] { store.getActiveKeyRecord(kGroup); },
+                            [&] { store.getAllKeyGroupRecords(groups); },
+                            [&] { store.getAllKeyRecordsInGroup(kGroup, keys); },
+                            [&] { raise(store.getKad(kKey, 12, kad)); },
+                            [&] { raise(store.getKeyRecordsByKad(kKey, keys)); },
+                            [&] { store.quiesce(); },
+                            [&] { store.unquiesce(false); },
+                            [&] { store.unquiesce(true); },
+                            [&] { store.isQuiesced(); },
+                            [&] { store.exportToBuffer({}, "pass", status); },
+                            [&] { store.importFromBuffer("x", "pass", false, "", status, true); },
+                        });
   for (size_t i = 0; i < closedRefusals.size(); ++i) {
     EXPECT_EQ(codeOf(closedRefusals[i]), 1202) << i;
   }
