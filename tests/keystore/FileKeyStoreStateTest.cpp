@@ -1,11 +1,16 @@
-// Which operation refuses with which code in which state of the store.
+// Which operation refuses with which code in which state of the store, and
+// the store's lock.
 #include <openssl/evp.h>
-
+#include <atomic>
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <thread>
 
 #include "keystore/StoreTestState.h"
 #include "kms/platform/Fips.h"
+#include "kms/server/keystore/store/StoreLockGuards.h"
 
 using namespace Vaultrest::DL::KMS;
 
@@ -209,6 +214,41 @@ TEST_F(FileKeyStoreStateTest, FipsRefusalOnlyWhereFipsWasAskedForAndIsMissing) {
       EXPECT_NE(code, 1286) << asked << libraryFips;
     }
   }
+}
+
+// Waits until some other thread holds `turnstile`: a writer is then queued.
+void waitForQueuedWriter(ACE_Thread_Mutex& turnstile) {
+  while (turnstile.tryacquire() == 0) {
+    turnstile.release();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+TEST(StoreLockTest, AWaitingWriterGoesBeforeReadersThatCameAfterIt) {
+  StoreLock lock;
+  ACE_Thread_Mutex turnstile;
+  std::atomic<int> entries{0};
+  int writerEntry = 0;
+  int lateReaderEntry = 0;
+  auto firstReader = std::make_unique<StoreReadGuard>(lock, turnstile);
+  ASSERT_TRUE(firstReader->locked());
+  std::thread writer([&] {
+    StoreWriteGuard guard(lock, turnstile);
+    EXPECT_TRUE(guard.locked());
+    writerEntry = ++entries;
+  });
+  waitForQueuedWriter(turnstile);
+  std::thread lateReader([&] {
+    StoreReadGuard guard(lock, turnstile);
+    lateReaderEntry = ++entries;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(entries.load(), 0) << "nobody enters while the first reader holds the lock";
+  firstReader.reset();
+  writer.join();
+  lateReader.join();
+  EXPECT_EQ(writerEntry, 1);
+  EXPECT_EQ(lateReaderEntry, 2);
 }
 
 }  // namespace
