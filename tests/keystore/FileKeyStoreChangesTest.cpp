@@ -514,8 +514,6 @@ using storetest::StoreContent;
 typedef std::list<std::pair<std::string, std::string>> Selection;
 const std::string kPassphrase = "export words";
 
-using ExportRoot = storetest::LiveStore;
-
 // "<code>" and " <message code>(<args>,...)" for each message.
 std::string text(const KSOpStatus& status) {
   std::ostringstream out;
@@ -540,7 +538,7 @@ std::string exportOf(const FileKeyStore& store, const Selection& selection = {})
 
 // Imports `buffer` as a preview and then for real; the preview and a refused
 // import leave the files as they were, and the preview reports what the import does.
-KSOpStatus importChecked(ExportRoot& dest, const std::string& buffer, bool preserveNames = false,
+KSOpStatus importChecked(LiveStore& dest, const std::string& buffer, bool preserveNames = false,
                          const std::string& description = std::string()) {
   const std::vector<std::string> before = dest.files();
   KSOpStatus preview;
@@ -593,17 +591,16 @@ std::string sealByHand(const std::string& meta, const FileKeyStore::KeyTable& ke
   return sealed;
 }
 
+// With the fast passphrase scheme.
+class FileKeyStoreEximTest : public FileKeyStoreChangesTest {
+  formattest::WeakKdf m_weakKdf;
+};
+
 const time_t kNow = 1700000000;
 
 std::string tag(char kind, int n) {
   return std::string(30, kind) + static_cast<char>('0' + n) + '\x01';
 }
-
-class FileKeyStoreEximTest : public ::testing::Test {
- protected:
-  storetest::FipsDecision m_fips;
-  formattest::WeakKdf m_weakKdf;
-};
 
 // Group "g" with keys in every state, an empty group "e", and group "h"
 // with one key.
@@ -625,7 +622,7 @@ StoreContent sourceContent() {
 // group and key at once.
 TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
   const StoreContent content = sourceContent();
-  ExportRoot source(content);
+  LiveStore source(content);
   const std::vector<std::string> filesBefore = source.files();
   const struct {
     Selection selection;
@@ -666,7 +663,7 @@ TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
   // (A store without groups has nothing to give.) One with groups and no keys has.
   StoreContent groupsOnly;
   groupsOnly.addGroup(tag('G', 1), "lonely");
-  EXPECT_EQ(openExport(exportOf(ExportRoot(groupsOnly).store())).groups.size(), 1u);
+  EXPECT_EQ(openExport(exportOf(LiveStore(groupsOnly).store())).groups.size(), 1u);
 }
 
 // Only a selection is checked for sanity: a whole store is exported as it
@@ -712,7 +709,7 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
   const StoreContent source = twoGroups();
   const std::string plainK1 = source.plainKey(tag('K', 1));
   const std::string buffer = [&] {
-    ExportRoot root(source);
+    LiveStore root(source);
     return exportOf(root.store());
   }();
   const struct {
@@ -768,7 +765,7 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
     const ConfiguredLimits limits(row.maxGroups, row.maxKeysPerGroup);
     StoreContent content;
     row.arrange(content);
-    ExportRoot dest(content);
+    LiveStore dest(content);
     dest.store().setImportClock([] { return kNow; });
     const std::pair<uint64_t, uint64_t> before = dest.store().getStats();
     const KSOpStatus status = importChecked(dest, buffer, row.preserveNames);
@@ -787,11 +784,11 @@ TEST_F(FileKeyStoreEximTest, EveryDecisionAndLimitReportsItself) {
 TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAndTheImportsDescription) {
   StoreContent content = twoGroups();
   content.addGroup(tag('G', 3), "empty");
-  ExportRoot source(content);
+  LiveStore source(content);
   source.addKey(tag('G', 2), "b2", KEY_PRELIVE);  // with a FIPS decision
   StoreContent other;
   other.addGroup(tag('G', 1), "x");
-  ExportRoot dest(other);
+  LiveStore dest(other);
   dest.store().setImportClock([] { return kNow; });
   const KeyGrpRecord_v1 own = dest.store().getKeyGroupRecord(tag('G', 1));
   LogCapture log(1);
@@ -835,9 +832,9 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   content.addGroup(tag('G', 2), "beta");
   content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
   content.addKey(tag('K', 2), tag('G', 1), "a2", KEY_INACTIVE);
-  ExportRoot source(content);
+  LiveStore source(content);
   const std::string buffer = exportOf(source.store());
-  ExportRoot dest;
+  LiveStore dest;
   dest.store().setImportClock([] { return kNow; });
   EXPECT_EQ(text(importChecked(dest, buffer)),
             withSuffix("0 4(alpha,alpha$) 4(beta,beta$) 12(a1,alpha$) 12(a2,alpha$)"));
@@ -854,7 +851,7 @@ TEST_F(FileKeyStoreEximTest, AnotherImportInTheSameSecondTakesTheNextSuffix) {
   StoreContent longer;
   const std::string longName(4090, 'n');
   longer.addGroup(tag('G', 3), longName);
-  const std::string longBuffer = exportOf(ExportRoot(longer).store());
+  const std::string longBuffer = exportOf(LiveStore(longer).store());
   const std::string kept = withSuffix(longName + "$").substr(0, 4096);
   EXPECT_EQ(text(importChecked(dest, longBuffer)), "0 4(" + longName + "," + kept + ")");
   EXPECT_EQ(dest.store().getKeyGroupRecordByName(withSuffix(longName + "$")).name(), kept);
@@ -867,9 +864,9 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   StoreContent content;
   content.addGroup(tag('G', 1), "alpha");
   content.addKey(tag('K', 1), tag('G', 1), "a1", KEY_ACTIVE);
-  ExportRoot source(content);
+  LiveStore source(content);
   const std::string buffer = exportOf(source.store());
-  ExportRoot dest;
+  LiveStore dest;
   const std::vector<std::string> files = dest.files();
   auto importStatus = [&](const std::string& bytes, const std::string& passphrase) {
     KSOpStatus status;
