@@ -289,10 +289,11 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   request.attributes().addAttribute("KEY_SALT", "5302");
   request.attributes().addAttribute("owner", "tests");
   const KeyRecord_v1 random = store.addKey(request, "");
-  EXPECT_EQ(store.getKey(random.tag()).key().size(), 16u);
-  EXPECT_TRUE(random.attributes().find("KEY_SALT") == random.attributes().end());
-  EXPECT_EQ(random.attributes().getAttribute("owner"), "tests");
-  EXPECT_EQ(random.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());
+  const AttributeList& attributes = random.attributes();
+  EXPECT_EQ(std::make_tuple(store.getKey(random.tag()).key().size(), attributes.size(),
+                            attributes.getAttribute("owner"), attributes.getAttribute("KEY_FIPS")),
+            std::make_tuple(size_t{16}, size_t{2}, std::string("tests"),
+                            std::string(expectedFipsAttribute())));
   // From a passphrase with a new salt (its whole life and the way back under
   // its tag are run by the process tests).
   const KeyRecord_v1 salted = live.addKey(g.tag(), "salted", KEY_PRELIVE, "several words");

@@ -22,12 +22,12 @@ using formattest::be;
 using formattest::field;
 using formattest::handList;
 using formattest::handRecord;
-using storetest::StoreRoot;
 using storetest::codeOf;
 using storetest::contentsOf;
 using storetest::exists;
 using storetest::maskOf;
 using storetest::readBytes;
+using storetest::StoreRoot;
 using storetest::writeBytes;
 
 const std::string kHmkPass = "hmk secret words";
@@ -107,11 +107,6 @@ class MasterKeyFiles : public ::testing::Test {
  protected:
   FileKeyStore& store() { return *m_store; }
   const KMSFileLocator& locator() const { return m_locator; }
-  // A new store object over the same files, as after a restart.
-  FileKeyStore& restart() {
-    m_store = std::make_unique<FileKeyStore>(m_locator);
-    return *m_store;
-  }
   // A closed store made from the two passphrases, holding three keys; gives
   // the plain key of each tag.
   std::map<std::string, std::string> makePassphraseStore() {
@@ -167,28 +162,22 @@ TEST_F(MasterKeyFiles, CreateEmptyMakesAClosedStoreOfStretchedPassphrasesOrRefus
   ASSERT_EQ(store().init(), 0);
   EXPECT_EQ(store().getStats().first, 0u);
   ASSERT_EQ(store().shutdown(), 0);
-  // Refusing to overwrite still deletes the store that was found.
+  // Refusing to overwrite still deletes the store that was found; so does a
+  // commit failing before its renames, on a fresh root too, or at the first file.
   EXPECT_EQ(store().createEmpty("", "hmk-3", "", "kpk-3", false), 1268);
   EXPECT_EQ(maskOf(locator()), 0u);
-}
-
-TEST_F(MasterKeyFiles, AFailedCreateEmptyLeavesNoFilesBehind) {
-  {
-    // The commit fails before its renames, yet the store found was deleted.
-    FailNthFileOp failFsync(1, EIO, FileOp::Fsync);
-    ScopedFileFaultHook hook(&failFsync);
-    EXPECT_EQ(store().createEmpty("", "hmk", "", "kpk", false), 1277);
-    EXPECT_TRUE(failFsync.fired());
+  for (const auto& [op, error] : {std::pair{FileOp::Fsync, EIO}, {FileOp::Open, EACCES}}) {
+    if (op == FileOp::Open) {
+      makePassphraseStore();
+    }
+    FailNthFileOp failure(1, error, op);
+    {
+      ScopedFileFaultHook hook(&failure);
+      EXPECT_EQ(store().createEmpty("", "hmk", "", "kpk", true), 1277);
+    }
+    EXPECT_TRUE(failure.fired());
+    EXPECT_EQ(maskOf(locator()), 0u);
   }
-  EXPECT_EQ(maskOf(locator()), 0u);
-  makePassphraseStore();
-  {
-    FailNthFileOp failCreate(1, EACCES, FileOp::Open);
-    ScopedFileFaultHook hook(&failCreate);
-    EXPECT_EQ(store().createEmpty("", "hmk", "", "kpk", true), 1277);
-    EXPECT_TRUE(failCreate.fired());
-  }
-  EXPECT_EQ(maskOf(locator()), 0u);
 }
 
 TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
@@ -227,31 +216,6 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
   }
   ASSERT_EQ(store().init(), 0);
   expectServes(store(), plain);
-}
-
-TEST_F(MasterKeyFiles, TheHmkOfTheOldestStoresComesBackWithoutSalt) {
-  // A store of version 0x100 keeps no salt and proves its HMK by the digest
-  // of "Z" and the key. Only the metadata block is needed to remake the file.
-  const std::string hmk = unsaltedKey(kHmkPass);
-  ASSERT_EQ(hmk.size(), 32u);
-  KSMetadata meta(KS_VERSION_100);
-  meta.setHmkID("old-hmk");
-  meta.setKpkID("old-kpk");
-  meta.setMasterEncAlgo(KSCrypt::AES_256_CBC);
-  meta.setKeyEncAlgo(KSCrypt::AES_256_CBC);
-  meta.setHmkHash(formattest::digest(EVP_sha1(), "Z" + hmk));
-  meta.setKpkHash(formattest::digest(EVP_sha1(), "Z" + Utils::getRandData(32)));
-  locator().createMissingDirectories();
-  {
-    Utils::FileHolder out = Utils::openFile(locator().ksPath().c_str(), "wb");
-    FileKeyStore::writeKeyStoreMeta(out, meta);
-  }
-  EXPECT_EQ(store().createHMKFile("wrong passphrase", false, false), 1221);
-  EXPECT_FALSE(exists(locator().hmkPath()));
-  ASSERT_EQ(store().createHMKFile(kHmkPass, false, false), 0);
-  const KeyFile written = readKeyFileBytes(readBytes(locator().hmkPath()));
-  EXPECT_EQ(written.version(), KS_VERSION_100);
-  EXPECT_EQ(written.key(), hmk);
 }
 
 // A closed store tells the facts of its keys from the store file alone.
@@ -425,7 +389,7 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
     const int code = WEXITSTATUS(status);
     SCOPED_TRACE("crash at file operation " + std::to_string(n));
     ASSERT_TRUE(code == 0 || code == FileFaults::kCrashExitStatus) << code;
-    FileKeyStore& after = restart();
+    FileKeyStore after(locator());  // as after a restart
     ASSERT_EQ(after.init(), 0);
     EXPECT_EQ(maskOf(locator()), 0x124u);
     expectServes(after, m_plain);
@@ -444,9 +408,7 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
       } else {
         EXPECT_EQ(readBytes(locator().hmkPath()), old.hmk);
         EXPECT_EQ(disk.plainKpk, stretched(kNewPass, disk.meta->kpkSalt()));
-        for (const auto& entry : disk.wrappedKeys()) {
-          EXPECT_NE(entry.second, oldDisk.wrappedKeys().at(entry.first));
-        }
+        EXPECT_NE(disk.wrappedKeys(), oldDisk.wrappedKeys());
       }
     }
     ASSERT_EQ(after.shutdown(), 0);
@@ -495,6 +457,8 @@ struct OldStore {
     if (version == KS_VERSION_200) {
       hmkSalt = Utils::getRandData(24);
       masterIV = Utils::getRandData(16);
+    } else {
+      hmk = unsaltedKey(kHmkPass);
     }
     keys = {{Utils::getRandData(32), "active", KEY_ACTIVE, Utils::getRandData(32)},
             {Utils::getRandData(32), "inactive", KEY_INACTIVE, Utils::getRandData(32)},
@@ -580,6 +544,18 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   const OldStore old(GetParam());
   StoreRoot root;
   storetest::placeDat(root.locator, old.bytes);
+  if (GetParam() == KS_VERSION_100) {
+    // The oldest stores keep no salt and prove the HMK by the digest of "Z"
+    // and the key: its file comes back from the passphrase alone.
+    ASSERT_EQ(::unlink(root.locator.hmkPath().c_str()), 0);
+    FileKeyStore remaking(root.locator);
+    EXPECT_EQ(remaking.createHMKFile("wrong passphrase", false, false), 1221);
+    EXPECT_FALSE(exists(root.locator.hmkPath()));
+    ASSERT_EQ(remaking.createHMKFile(kHmkPass, false, false), 0);
+    const KeyFile written = readKeyFileBytes(readBytes(root.locator.hmkPath()));
+    EXPECT_EQ(std::make_pair(written.version(), written.key()),
+              std::make_pair(KS_VERSION_100, old.hmk));
+  }
   // init commits the upgrade before it serves.
   {
     FileKeyStore store(root.locator);

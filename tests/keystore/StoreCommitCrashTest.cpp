@@ -17,11 +17,8 @@ using storetest::StoreSnapshot;
 namespace {
 
 size_t countOf(const std::vector<FileOperation>& ops, FileOp kind) {
-  size_t n = 0;
-  for (const FileOperation& op : ops) {
-    n += op.op == kind ? 1 : 0;
-  }
-  return n;
+  return std::count_if(ops.begin(), ops.end(),
+                       [&](const FileOperation& op) { return op.op == kind; });
 }
 
 class StoreCommitCrash : public storetest::TwoStatesTest {
