@@ -894,11 +894,10 @@ TEST_F(FileKeyStoreEximTest, WrongAndDamagedBuffersChangeNothing) {
   std::string meta;
   FileKeyStore::writeEximMeta(meta, KSEximMetadata(KS_VERSION_200));
   EXPECT_EQ(importStatus(sealByHand(meta, keys, groups), kPassphrase), 1214);
-  const std::string version300 = formattest::handList({{"VERSION", formattest::be(0x300, 4)}});
-  const std::string extra =
-      formattest::handList({{"EXTRA", "x"}, {"VERSION", formattest::be(0x200, 4)}});
-  const std::string noVersion = formattest::handList({});
-  for (const std::string& badMeta : {version300, extra, noVersion, std::string("junk")}) {
+  for (const std::string& badMeta :
+       {formattest::handList({{"VERSION", formattest::be(0x300, 4)}}),
+        formattest::handList({{"EXTRA", "x"}, {"VERSION", formattest::be(0x200, 4)}}),
+        std::string("junk")}) {
     EXPECT_EQ(importStatus(sealByHand(badMeta, keys, groups), kPassphrase), 1207);
   }
   KeyGrpRecord_v1 insane;

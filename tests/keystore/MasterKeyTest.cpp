@@ -564,8 +564,7 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   }
   EXPECT_EQ(storetest::maskOf(root.locator), 0x124u);
   for (const std::string& path : {root.locator.hmkPath(), root.locator.kpkPath()}) {
-    KSInputBuffer file(storetest::readBytes(path));
-    EXPECT_EQ(FileKeyStore::readKeyFile(file).version(), KS_VERSION_300);
+    EXPECT_EQ(readKeyFileBytes(readBytes(path)).version(), KS_VERSION_300);
   }
   const std::vector<std::string> upgraded = storetest::contentsOf(root.locator);
   KSInputBuffer storeFile(storetest::readBytes(root.locator.ksPath()));
@@ -573,17 +572,12 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   EXPECT_EQ(
       std::make_tuple(meta.version(), meta.masterEncAlgo(), meta.keyEncAlgo(), meta.hmkSalt()),
       std::make_tuple(KS_VERSION_300, KSCrypt::AES_256_GCM, KSCrypt::AES_256_GCM, old.hmkSalt));
-  // The next start reads the current form and writes nothing.
-  FileOpRecorder recorder;
+  // The next start reads the current form and writes nothing (a commit
+  // would seal the records under a fresh IV).
   {
-    ScopedFileFaultHook hook(&recorder);
     FileKeyStore store(root.locator);
     ASSERT_EQ(store.init(), 0);
     old.expectServedBy(store);
-  }
-  for (const FileOperation& op : recorder.operations()) {
-    EXPECT_NE(op.op, FileOp::Fwrite) << op.path;
-    EXPECT_NE(op.op, FileOp::Rename) << op.path;
   }
   EXPECT_EQ(storetest::contentsOf(root.locator), upgraded);
 }
