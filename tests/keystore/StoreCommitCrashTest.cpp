@@ -176,27 +176,19 @@ size_t logged(const LogCapture& log, const std::string& text) {
 
 // Puts a symlink to `target` in place of `path` at the first file operation
 // after the one that created `path`, as another user could.
-class SwapAfterCreate : public FileOpRecorder {
- public:
-  SwapAfterCreate(std::string path, std::string target)
-      : m_path(std::move(path)), m_target(std::move(target)) {}
+struct SwapAfterCreate : FileOpRecorder {
+  SwapAfterCreate(std::string p, std::string t) : path(std::move(p)), target(std::move(t)) {}
   FileFaultDecision onFileOp(const FileOperation& operation) override {
-    record(operation, std::nullopt);
-    if (m_created && !m_swapped) {
-      m_swapped = true;
-      ::unlink(m_path.c_str());
-      EXPECT_EQ(::symlink(m_target.c_str(), m_path.c_str()), 0);
+    if (created && !swapped) {
+      swapped = true;
+      ::unlink(path.c_str());
+      EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0);
     }
-    m_created = m_created || (operation.op == FileOp::Open && operation.path == m_path);
+    created = created || (operation.op == FileOp::Open && operation.path == path);
     return FileFaultDecision{};
   }
-  bool swapped() const { return m_swapped; }
-
- private:
-  const std::string m_path;
-  const std::string m_target;
-  bool m_created = false;
-  bool m_swapped = false;
+  const std::string path, target;
+  bool created = false, swapped = false;
 };
 
 class StoreFileSafety : public storetest::TwoStatesTest {
@@ -226,14 +218,12 @@ TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
     SCOPED_TRACE(path);
     resetToOld();
     SwapAfterCreate swap(path, planted);
-    int code = 0;
     {
       ScopedFileFaultHook hook(&swap);
-      code = commitNew();
+      EXPECT_EQ(commitNew(), 1276);
     }
-    ASSERT_TRUE(swap.swapped());
+    ASSERT_TRUE(swap.swapped);
     EXPECT_EQ(storetest::readBytes(planted), "");
-    EXPECT_EQ(code, 1276);
     EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
   }
 }
