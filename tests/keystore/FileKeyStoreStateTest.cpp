@@ -78,7 +78,6 @@ TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) 
   std::list<KeyGrpRecord_v1> groups;
   std::string kad = "untouched";
   KSOpStatus status;
-  EXPECT_FALSE(store.isInitialized());
   std::vector<std::function<void()>> closedRefusals = changes();
   closedRefusals.insert(closedRefusals.end(),
                         {
@@ -125,7 +124,6 @@ TEST_F(FileKeyStoreStateTest, AClosedStoreRefusesEverythingButItsOwnOperations) 
 // Before any FIPS check, and with the key facts from memory.
 TEST_F(FileKeyStoreStateTest, ALiveStoreRefusesTheOperationsOfAClosedOne) {
   m_store.install(m_content);
-  ASSERT_TRUE(m_store.isInitialized());
   FipsDecision askedForFips(false);
   EXPECT_EQ(codeOf([&] { m_store.install(m_content); }), 1201);
   EXPECT_EQ(std::make_tuple(m_store.init(), m_store.createEmpty("a", "hmk", "b", "kpk", true),
