@@ -425,11 +425,11 @@ TEST_F(FileKeyStoreChangesTest, AuditEntriesFollowEachChange) {
   const auto entries = auditEntries(log);
   ASSERT_EQ(idsOf(entries), expected);
   // Spot checks of the texts: the first key added, then demoted.
-  const std::string fips = FIPS_mode() != 0 ? "Yes" : "No";
   EXPECT_EQ(entries[6].second, "Tag: " + Utils::binToHex(a.tag()));
   EXPECT_EQ(entries[7].second, "Name: a(61)");
   EXPECT_EQ(entries[10].second, "Description: key.a(6b65792061)");
-  EXPECT_EQ(entries[11].second, "FIPS compliant: " + fips);
+  EXPECT_EQ(entries[11].second,
+            std::string("FIPS compliant: ") + (FIPS_mode() != 0 ? "Yes" : "No"));
   EXPECT_EQ(entries[15].second, "State: KEY_ACTIVE");
   EXPECT_EQ(entries[17].second, "State: KEY_INACTIVE");
   EXPECT_EQ(entries[5 + 7 + 6 + 2].second, "Name: b(62)");

@@ -336,12 +336,6 @@ class TwoStatesTest : public ::testing::Test {
   int commitNew() {
     return codeOf([&] { s_new->commit(m_root.locator); });
   }
-  int initCode() {
-    FileKeyStore store(m_root.locator);
-    const int code = store.init();
-    EXPECT_EQ(store.isInitialized(), code == 0);
-    return code;
-  }
 
   static inline std::unique_ptr<StoreSnapshot> s_old, s_new;
   StoreRoot m_root;
