@@ -1,6 +1,5 @@
-// Changes of keys and key groups on a live store over real files: the
-// validity rules, every refusal, the limits, where key material comes from,
-// the audit entries, failed commits, and export and import.
+// Changes of a live store over real files: the rules, every refusal, the
+// limits, key material, audit entries, failed commits, export and import.
 #include <cerrno>
 #include <cstring>
 #include <ctime>

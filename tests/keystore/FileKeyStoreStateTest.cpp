@@ -317,6 +317,8 @@ TEST_F(FileKeyStoreLookupTest, GetKeyUnwrapsOnlyUsableKeys) {
 
 TEST_F(FileKeyStoreLookupTest, LookupsByGroupAndNameGiveNoKeys) {
   expectNoKey(m_store.getActiveKeyRecord(kG1));
+  EXPECT_TRUE(m_store.getKeyGroupRecord(kG1).hasActiveKey() &&
+              !m_store.getKeyGroupRecordByName("two").hasActiveKey());
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG2); }), 1227);  // keys, none active
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(kG3); }), 1227);
   EXPECT_EQ(codeOf([&] { m_store.getActiveKeyRecord(tagOf('?', 'g')); }), 1229);

@@ -1,6 +1,5 @@
-// The master keys on real files: making a store, remaking a lost key file,
-// changing the HMK and the KPK of a live store (a crash at every file
-// operation), and stores of older versions laid out byte by byte here.
+// The master keys on real files: making a store, remaking a key file, changing
+// the HMK and the KPK (a crash at every file operation), and older stores.
 #include <openssl/evp.h>
 #include <sys/wait.h>
 #include <algorithm>

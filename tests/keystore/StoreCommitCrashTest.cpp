@@ -1,6 +1,5 @@
-// The commit against a crash and a failure at each of its file operations,
-// recovery over every state of the nine files, and the files against what
-// others can plant in or around them.
+// The commit against a crash or failure at each file operation, recovery over
+// every state of the nine files, and the files against what others plant.
 #include <sys/wait.h>
 #include <algorithm>
 #include <cerrno>
