@@ -85,8 +85,7 @@ TEST(CtlExportFile, AppearsWholeOrNotAtAll) {
     EXPECT_EQ(file.tempPath().rfind(dir.file(".out.vrx."), 0), 0u) << file.tempPath();
     EXPECT_EQ(::access(file.tempPath().c_str(), F_OK), 0);
     file.commit(content.data(), content.size());
-    std::ifstream in(target, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), content);
+    EXPECT_EQ(readFile(target), content);
   }
   std::string temp;
   {

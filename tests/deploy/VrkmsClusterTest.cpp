@@ -32,14 +32,14 @@ enum class Placement { kHere, kPeer, kStopped, kUnmonitored };
 
 // Writes a CIB with the recipe's group placed as asked and acted on; false if a tool fails.
 bool writeCib(const std::string& path, Placement placement) {
-  std::ofstream(path) << "<cib validate-with='pacemaker-3.0' epoch='1' num_updates='0' "
-                         "admin_epoch='0'><configuration><crm_config><cluster_property_set "
-                         "id='o'><nvpair id='o-s' name='stonith-enabled' value='false'/><nvpair "
-                         "id='o-q' name='no-quorum-policy' value='ignore'/></cluster_property_set>"
-                         "</crm_config><nodes><node id='1' uname='"
-                      << thisNode()
-                      << "'/><node id='2' uname='peer'/></nodes><resources/><constraints/>"
-                         "</configuration><status/></cib>\n";
+  writeFile(path,
+            "<cib validate-with='pacemaker-3.0' epoch='1' num_updates='0' admin_epoch='0'>"
+            "<configuration><crm_config><cluster_property_set id='o'><nvpair id='o-s' "
+            "name='stonith-enabled' value='false'/><nvpair id='o-q' name='no-quorum-policy' "
+            "value='ignore'/></cluster_property_set></crm_config><nodes><node id='1' uname='" +
+                thisNode() +
+                "'/><node id='2' uname='peer'/></nodes><resources/><constraints/>"
+                "</configuration><status/></cib>\n");
   const std::string node = placement == Placement::kPeer ? "peer" : thisNode();
   std::vector<std::vector<std::string>> steps = {
       {"cibadmin", "-C", "-o", "resources", "-x",
@@ -134,9 +134,9 @@ TEST(VrkmsCluster, TheUtilityAnswersFromTheCibAndTheServiceFollowsIt) {
   EXPECT_EQ(next(), "WATCHDOG=1");
   EXPECT_EQ(next(), "WATCHDOG=1");
   EXPECT_EQ(clusterUtil(cib, {"-listmonitored"}).out, "vrkms\n");
-  const std::string once = ServiceSandbox::readPath(cib);
+  const std::string once = readFile(cib);
   EXPECT_EQ(clusterUtil(cib, {"-monitor", "vrkms"}).exitStatus, 0);
-  EXPECT_EQ(ServiceSandbox::readPath(cib), once);
+  EXPECT_EQ(readFile(cib), once);
   EXPECT_NE(once.find("<primitive id=\"vrkms-service\" class=\"systemd\" type=\"vrkms\">"),
             std::string::npos);
   EXPECT_EQ(service.terminate().second, 0);

@@ -2,10 +2,8 @@
 #include "kms/server/keystore/files/ConfigMgr.h"
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -55,8 +53,9 @@ class ScriptedAgent : public ConfigurationAgent {
 TEST(ConfigMgrTest, RowsFileValuesDefaultsSaveAgentFailuresAndAbsurdFiles) {
   TempRoot dir;
   const std::string conf = dir.file("vrkms.conf");
-  std::ofstream(conf) << "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a "
-                         "number\"\n[Other]\n\"max_key_groups\"=dword:00000005\n";
+  writeFile(conf,
+            "[KMSConfig]\n\"timeout\"=dword:0000001e\n\"hash_debug\"=\"not a "
+            "number\"\n[Other]\n\"max_key_groups\"=dword:00000005\n");
   ConfigMgr mgr(kTable, std::make_unique<ACEConfAgent>(conf), nullptr);
   ASSERT_NE(mgr.getConfEntry("timeout"), nullptr);
   EXPECT_TRUE(mgr.getConfEntry("Timeout") == nullptr && mgr.getConfEntry("EOTEOTEOT") == nullptr);
@@ -92,9 +91,7 @@ TEST(ConfigMgrTest, RowsFileValuesDefaultsSaveAgentFailuresAndAbsurdFiles) {
   mgr.setIntegerValue("file_rw_debug", -5);
   mgr.setStringValue("home_page", "kms.example.org");
   mgr.save();
-  std::ostringstream saved;
-  saved << std::ifstream(conf).rdbuf();
-  EXPECT_NE(saved.str().find("\"timeout\"=dword:0000002a"), std::string::npos);
+  EXPECT_NE(readFile(conf).find("\"timeout\"=dword:0000002a"), std::string::npos);
   ConfigMgr again(kTable, conf);
   EXPECT_EQ(
       std::vector<int>({again.getIntegerValue("timeout"), again.getIntegerValue("file_rw_debug"),
@@ -146,7 +143,7 @@ TEST(ConfigMgrTest, RowsFileValuesDefaultsSaveAgentFailuresAndAbsurdFiles) {
   }
   const std::string valid = "[KMSConfig]\n\"timeout\"=dword:0000001e\n";
   for (const std::string& text : {valid + sections, valid + sections.substr(0, 200), valid}) {
-    std::ofstream(conf, std::ios::trunc) << text;
+    writeFile(conf, text);
     EXPECT_EQ(ConfigMgr(kTable, conf).getIntegerValue("timeout"), text == valid ? 30 : 10);
   }
 }

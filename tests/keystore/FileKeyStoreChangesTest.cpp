@@ -18,7 +18,6 @@
 #include "kms/server/keystore/format/KSEximMetadata.h"
 #include "kms/server/keystore/format/KSOutStream.h"
 #include "kms/server/keystore/format/ReaderWriter.h"
-#include "kms/server/keystore/format/StringOutDest.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/store/KSOpStatus.h"
 #include "support/LogCapture.h"
@@ -575,18 +574,11 @@ ExportContent openExport(const std::string& buffer) {
 // A buffer sealed by hand around `meta` (an encoded attribute list) and the tables.
 std::string sealByHand(const std::string& meta, const FileKeyStore::KeyTable& keys,
                        const FileKeyStore::GroupTable& groups) {
-  std::string plain = meta;
-  {
-    StringOutDest dest(plain);
-    KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
-    FileKeyStore::writeKeyStore(out, keys, groups);
-  }
-  std::string sealed;
-  StringOutDest dest(sealed);
-  KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);
-  ReaderWriter::writeDataPasswordSecured(out, kPassphrase, plain);
-  out.flush(true);
-  return sealed;
+  const std::string plain = meta + formattest::written([&](KSOutStream& out) {
+                              FileKeyStore::writeKeyStore(out, keys, groups);
+                            });
+  return formattest::written(
+      [&](KSOutStream& out) { ReaderWriter::writeDataPasswordSecured(out, kPassphrase, plain); });
 }
 
 // With the fast passphrase scheme.

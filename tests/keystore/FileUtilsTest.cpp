@@ -25,26 +25,12 @@ using namespace Vaultrest::DL::KMS;
 
 namespace {
 
-void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-  ::chmod(path.c_str(), mode);
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The permission bits, with the directory bit as 01000000 (-1: missing).
 long modeOf(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) != 0
              ? -1L
              : (st.st_mode & 07777) | (S_ISDIR(st.st_mode) ? 01000000 : 0);
-}
-
-bool exists(const std::string& path) {
-  return modeOf(path) != -1;
 }
 
 long openDescriptorCount() {

@@ -23,11 +23,8 @@ using formattest::handList;
 using formattest::handRecord;
 using storetest::codeOf;
 using storetest::contentsOf;
-using storetest::exists;
 using storetest::maskOf;
-using storetest::readBytes;
 using storetest::StoreRoot;
-using storetest::writeBytes;
 
 const std::string kHmkPass = "hmk secret words";
 const std::string kKpkPass = "kpk secret words";
@@ -59,9 +56,9 @@ KeyFile readKeyFileBytes(const std::string& bytes) {
 
 DiskState readDisk(const KMSFileLocator& locator) {
   DiskState disk;
-  disk.hmk = std::make_unique<KeyFile>(readKeyFileBytes(storetest::readBytes(locator.hmkPath())));
-  disk.kpk = std::make_unique<KeyFile>(readKeyFileBytes(storetest::readBytes(locator.kpkPath())));
-  KSInputBuffer store(storetest::readBytes(locator.ksPath()));
+  disk.hmk = std::make_unique<KeyFile>(readKeyFileBytes(readFile(locator.hmkPath())));
+  disk.kpk = std::make_unique<KeyFile>(readKeyFileBytes(readFile(locator.kpkPath())));
+  KSInputBuffer store(readFile(locator.ksPath()));
   disk.meta = std::make_unique<KSMetadata>(FileKeyStore::readKeyStoreMeta(store));
   disk.plainKpk = Utils::decryptKeyWithKey(disk.kpk->key(), disk.hmk->key(),
                                            disk.meta->masterEncAlgo(), disk.kpk->version());
@@ -180,7 +177,7 @@ TEST_F(MasterKeyFiles, CreateEmptyMakesAClosedStoreOfStretchedPassphrasesOrRefus
 
 TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
   const std::map<std::string, std::string> plain = makePassphraseStore();
-  const std::string storeBytes = readBytes(locator().ksPath());
+  const std::string storeBytes = readFile(locator().ksPath());
   // Before the rename (1276) the old file, or none, stays; after it (1277)
   // the new file is in place.
   const std::tuple<FileOp, bool, int> rows[] = {{FileOp::Fsync, true, 1276},
@@ -193,10 +190,10 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
       return hmk ? store().createHMKFile(kHmkPass, true, false)
                  : store().createKPKFile(kKpkPass, true, false);
     };
-    const std::string before = readBytes(path);
+    const std::string before = readFile(path);
     for (const auto& [op, fileThere, code] : rows) {
       SCOPED_TRACE(std::string(hmk ? "HMK " : "KPK ") + fileOpName(op));
-      fileThere ? writeBytes(path, before) : (void)::unlink(path.c_str());
+      fileThere ? writeFile(path, before) : (void)::unlink(path.c_str());
       FailNthFileOp failure(1, EIO, op);
       {
         ScopedFileFaultHook hook(&failure);
@@ -205,10 +202,10 @@ TEST_F(MasterKeyFiles, AFailedRewriteOfAKeyFileTellsWhetherAFileWasLost) {
       EXPECT_TRUE(failure.fired());
       EXPECT_EQ(exists(path), fileThere || code == 1277);
       if (fileThere) {
-        EXPECT_EQ(readBytes(path), before);
+        EXPECT_EQ(readFile(path), before);
       }
       EXPECT_FALSE(exists(path + ".tmp"));
-      EXPECT_EQ(readBytes(locator().ksPath()), storeBytes);
+      EXPECT_EQ(readFile(locator().ksPath()), storeBytes);
     }
     ASSERT_EQ(remake(), 0);
   }
@@ -238,7 +235,7 @@ TEST_F(MasterKeyFiles, TheFactsOfTheKeysOfAClosedStoreComeFromTheStoreFile) {
     ScopedFileFaultHook hook(&failRead);
     EXPECT_EQ(codeOf([&] { store().getHMKInfo(); }), 1210);
   }
-  writeBytes(locator().ksPath(), readBytes(locator().ksPath()).substr(0, 20));
+  writeFile(locator().ksPath(), readFile(locator().ksPath()).substr(0, 20));
   EXPECT_EQ(codes(), std::vector<int>(4, 1207));
   ASSERT_EQ(::unlink(locator().ksPath().c_str()), 0);
   EXPECT_EQ(codes(), std::vector<int>(4, 1204));
@@ -247,20 +244,20 @@ TEST_F(MasterKeyFiles, TheFactsOfTheKeysOfAClosedStoreComeFromTheStoreFile) {
 TEST_F(MasterKeyFiles, AGoodKeyFileIsOneOfTheRightFormWhateverItsKey) {
   makePassphraseStore();
   const std::string hmkPath = locator().hmkPath();
-  const std::string hmkBytes = readBytes(hmkPath);
-  const std::string kpkBytes = readBytes(locator().kpkPath());
+  const std::string hmkBytes = readFile(hmkPath);
+  const std::string kpkBytes = readFile(locator().kpkPath());
   EXPECT_TRUE(store().goodHMKFileExists() && store().goodKPKFileExists());
   // Form only: a KPK file in the HMK's place is a good key file.
-  writeBytes(hmkPath, kpkBytes);
+  writeFile(hmkPath, kpkBytes);
   EXPECT_TRUE(FileKeyStore::isGoodKeyFile(hmkPath));
   for (const std::string& bad : {hmkBytes + "x", hmkBytes.substr(0, hmkBytes.size() - 1)}) {
-    writeBytes(hmkPath, bad);
+    writeFile(hmkPath, bad);
     EXPECT_FALSE(FileKeyStore::isGoodKeyFile(hmkPath) || store().goodHMKFileExists());
   }
   ASSERT_EQ(::unlink(hmkPath.c_str()), 0);
   EXPECT_FALSE(store().goodHMKFileExists());
   // A file that is there but cannot be opened is an error, named by file.
-  writeBytes(hmkPath, hmkBytes);
+  writeFile(hmkPath, hmkBytes);
   auto withFailedOpen = [](auto call) {
     FailNthFileOp failOpen(1, EACCES, FileOp::Fopen);
     ScopedFileFaultHook hook(&failOpen);
@@ -335,7 +332,7 @@ TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreD
   EXPECT_EQ(liveView(), view);  // and live
   EXPECT_EQ(contentsOf(locator()), files);
   // Leftovers of an unfinished commit: refused, the store down.
-  writeBytes(locator().kpkNewPath(), "leftover");
+  writeFile(locator().kpkNewPath(), "leftover");
   EXPECT_EQ(change(kNewPass, "new-id"), 1200);
   ASSERT_EQ(::unlink(locator().kpkNewPath().c_str()), 0);
   EXPECT_EQ(contentsOf(locator()), files);
@@ -354,8 +351,8 @@ TEST_P(MasterKeyRekey, RefusalsAndFailedCommitsKeepTheOldKeysLiveOrTakeTheStoreD
 }
 
 TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
-  const storetest::StoreBytes old{readBytes(locator().hmkPath()), readBytes(locator().kpkPath()),
-                                  readBytes(locator().ksPath())};
+  const storetest::StoreBytes old{readFile(locator().hmkPath()), readFile(locator().kpkPath()),
+                                  readFile(locator().ksPath())};
   const std::vector<std::string> oldFiles = contentsOf(locator());
   const DiskState oldDisk = readDisk(locator());
   const std::string oldId = changedId(store());
@@ -401,7 +398,7 @@ TEST_P(MasterKeyRekey, ACrashAtAnyFileOperationLeavesTheOldOrTheNewKeysWhole) {
         EXPECT_EQ(disk.plainKpk, oldDisk.plainKpk);
         EXPECT_EQ(disk.wrappedKeys(), oldDisk.wrappedKeys());
       } else {
-        EXPECT_EQ(readBytes(locator().hmkPath()), old.hmk);
+        EXPECT_EQ(readFile(locator().hmkPath()), old.hmk);
         EXPECT_EQ(disk.plainKpk, stretched(kNewPass, disk.meta->kpkSalt()));
         EXPECT_NE(disk.wrappedKeys(), oldDisk.wrappedKeys());
       }
@@ -541,7 +538,7 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
     EXPECT_EQ(remaking.createHMKFile("wrong passphrase", false, false), 1221);
     EXPECT_FALSE(exists(root.locator.hmkPath()));
     ASSERT_EQ(remaking.createHMKFile(kHmkPass, false, false), 0);
-    const KeyFile written = readKeyFileBytes(readBytes(root.locator.hmkPath()));
+    const KeyFile written = readKeyFileBytes(readFile(root.locator.hmkPath()));
     EXPECT_EQ(std::make_pair(written.version(), written.key()),
               std::make_pair(KS_VERSION_100, old.hmk));
   }
@@ -553,10 +550,10 @@ TEST_P(StoreUpgrade, AnOlderStoreIsUpgradedOnceAndReadsAsCurrentWithItsKeys) {
   }
   EXPECT_EQ(storetest::maskOf(root.locator), 0x124u);
   for (const std::string& path : {root.locator.hmkPath(), root.locator.kpkPath()}) {
-    EXPECT_EQ(readKeyFileBytes(readBytes(path)).version(), KS_VERSION_300);
+    EXPECT_EQ(readKeyFileBytes(readFile(path)).version(), KS_VERSION_300);
   }
   const std::vector<std::string> upgraded = storetest::contentsOf(root.locator);
-  KSInputBuffer storeFile(storetest::readBytes(root.locator.ksPath()));
+  KSInputBuffer storeFile(readFile(root.locator.ksPath()));
   const KSMetadata meta = FileKeyStore::readKeyStoreMeta(storeFile);
   EXPECT_EQ(
       std::make_tuple(meta.version(), meta.masterEncAlgo(), meta.keyEncAlgo(), meta.hmkSalt()),

@@ -162,7 +162,7 @@ TEST_F(StorePersistence, ACommitOnLeftoversIsRefusedWithMessage45) {
   for (const storetest::MaskedPath& p : storetest::ninePaths(m_root.locator)) {
     SCOPED_TRACE(p.path);
     resetToOld();
-    (p.bit & 0x124) != 0 ? (void)::unlink(p.path.c_str()) : storetest::writeBytes(p.path, "x");
+    (p.bit & 0x124) != 0 ? (void)::unlink(p.path.c_str()) : writeFile(p.path, "x");
     const std::vector<std::string> before = storetest::contentsOf(m_root.locator);
     LogCapture log(0);
     EXPECT_EQ(commitNew(), 1200);
@@ -212,7 +212,7 @@ class StoreFileSafety : public storetest::TwoStatesTest {
 TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
   // An empty file anyone may write, as the other user would plant it.
   const std::string planted = m_root.root.file("planted");
-  storetest::writeBytes(planted, "");
+  writeFile(planted, "");
   ::chmod(planted.c_str(), 0666);
   for (const std::string& path :
        {m_root.locator.hmkNewPath(), m_root.locator.kpkNewPath(), m_root.locator.ksNewPath()}) {
@@ -224,7 +224,7 @@ TEST_F(StoreFileSafety, ASymlinkSwappedInWhileACommitWritesGetsNoByte) {
       EXPECT_EQ(commitNew(), 1276);
     }
     ASSERT_TRUE(swap.swapped);
-    EXPECT_EQ(storetest::readBytes(planted), "");
+    EXPECT_EQ(readFile(planted), "");
     EXPECT_TRUE(s_old->isOnDiskAsDat(m_root.locator));
   }
 }
@@ -438,9 +438,9 @@ TEST_F(StoreRecovery, KeptFilesThatDoNotVerifyStopRecoveryAndRemakesWithNothingT
     SCOPED_TRACE(truncateStore ? "store \"new\" truncated" : "HMK \"new\" with a bit flipped");
     place(0x0f6, false);
     const std::string& path = truncateStore ? locator.ksNewPath() : locator.hmkNewPath();
-    std::string bytes = storetest::readBytes(path);
+    std::string bytes = readFile(path);
     truncateStore ? bytes.resize(bytes.size() / 2) : (void)(bytes.back() ^= 0x01);
-    storetest::writeBytes(path, bytes);
+    writeFile(path, bytes);
     const std::vector<std::string> before = storetest::contentsOf(locator);
     {
       LogCapture log(0);

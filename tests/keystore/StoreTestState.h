@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <list>
 #include <map>
 #include <memory>
@@ -155,20 +154,6 @@ class MemoryStore : public FileKeyStore {
   using FileKeyStore::setImportClock;
 };
 
-inline bool exists(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
-}
-
-inline std::string readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void writeBytes(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
 // One of the nine paths with its bit of the recovery mask.
 struct MaskedPath {
   std::string path;
@@ -199,7 +184,7 @@ inline unsigned maskOf(const KMSFileLocator& locator) {
 inline std::vector<std::string> contentsOf(const KMSFileLocator& locator) {
   std::vector<std::string> out;
   for (const MaskedPath& p : ninePaths(locator)) {
-    out.push_back(exists(p.path) ? "+" + readBytes(p.path) : std::string());
+    out.push_back(exists(p.path) ? "+" + readFile(p.path) : std::string());
   }
   return out;
 }
@@ -227,9 +212,9 @@ struct StoreBytes {
 };
 
 inline void placeDat(const KMSFileLocator& locator, const StoreBytes& bytes) {
-  writeBytes(locator.hmkPath(), bytes.hmk);
-  writeBytes(locator.kpkPath(), bytes.kpk);
-  writeBytes(locator.ksPath(), bytes.store);
+  writeFile(locator.hmkPath(), bytes.hmk);
+  writeFile(locator.kpkPath(), bytes.kpk);
+  writeFile(locator.ksPath(), bytes.store);
 }
 
 struct CommitInput {
@@ -267,8 +252,8 @@ class StoreSnapshot {
     StoreRoot scratch;
     placeEmptyDat(scratch.locator);
     m_input->commit(scratch.locator);
-    m_bytes = {readBytes(scratch.locator.hmkPath()), readBytes(scratch.locator.kpkPath()),
-               readBytes(scratch.locator.ksPath())};
+    m_bytes = {readFile(scratch.locator.hmkPath()), readFile(scratch.locator.kpkPath()),
+               readFile(scratch.locator.ksPath())};
     KSInputBuffer store(m_bytes.store);
     FileKeyStore::readKeyStoreMeta(store);
     m_metadataLength = m_bytes.store.size() - store.remaining();
@@ -277,15 +262,13 @@ class StoreSnapshot {
   void commit(const KMSFileLocator& locator) const { m_input->commit(locator); }
   const StoreBytes& bytes() const { return m_bytes; }
 
-  void placeAsDat(const KMSFileLocator& locator) const { placeDat(locator, m_bytes); }
-
   // This state's file under each path of `mask` whose bit is in `which`.
   void placeMasked(const KMSFileLocator& locator, unsigned mask, unsigned which) const {
     const std::string* bytes[3] = {&m_bytes.hmk, &m_bytes.kpk, &m_bytes.store};
     const std::vector<MaskedPath> paths = ninePaths(locator);
     for (size_t i = 0; i < paths.size(); ++i) {
       if ((mask & which & paths[i].bit) != 0) {
-        writeBytes(paths[i].path, *bytes[i / 3]);
+        writeFile(paths[i].path, *bytes[i / 3]);
       }
     }
   }
@@ -293,9 +276,9 @@ class StoreSnapshot {
   // The files are this state under their final names and nothing else (the
   // record stream only by length: each commit seals it under a fresh IV).
   bool isOnDiskAsDat(const KMSFileLocator& locator) const {
-    const std::string store = readBytes(locator.ksPath());
-    return maskOf(locator) == 0x124 && readBytes(locator.hmkPath()) == m_bytes.hmk &&
-           readBytes(locator.kpkPath()) == m_bytes.kpk && store.size() == m_bytes.store.size() &&
+    const std::string store = readFile(locator.ksPath());
+    return maskOf(locator) == 0x124 && readFile(locator.hmkPath()) == m_bytes.hmk &&
+           readFile(locator.kpkPath()) == m_bytes.kpk && store.size() == m_bytes.store.size() &&
            store.compare(0, m_metadataLength, m_bytes.store, 0, m_metadataLength) == 0;
   }
 
@@ -331,7 +314,7 @@ class TwoStatesTest : public ::testing::Test {
 
   void resetToOld() {
     removeAll(m_root.locator);
-    s_old->placeAsDat(m_root.locator);
+    placeDat(m_root.locator, s_old->bytes());
   }
   int commitNew() {
     return codeOf([&] { s_new->commit(m_root.locator); });
@@ -346,7 +329,7 @@ class ServiceConfFile {
  public:
   explicit ServiceConfFile(const std::string& text) : m_path(InstallRoot::path("kms/vrkms.conf")) {
     std::filesystem::create_directories(std::filesystem::path(m_path).parent_path());
-    std::ofstream(m_path, std::ios::trunc) << text;
+    writeFile(m_path, text);
     reload();
   }
   ~ServiceConfFile() {

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <list>
 #include <set>
 #include <string>
@@ -47,8 +45,7 @@ TEST(Authorization, MixedJoinsBindAndBeforeOrAndTheReadmeShowsTheTable) {
   EXPECT_FALSE(rules.allows("op", PeerRights::of({2, 4})));
   EXPECT_TRUE(rules.allows("other", PeerRights::of({4})));
   EXPECT_FALSE(rules.allows("other", PeerRights::of({1})));
-  std::ifstream in(std::string(VRKMS_SOURCE_DIR) + "/README.md");
-  const std::string readme((std::istreambuf_iterator<char>(in)), {});
+  const std::string readme = readFile(std::string(VRKMS_SOURCE_DIR) + "/README.md");
   const std::string begin = "<!-- rights table: vrkms-rights-table -->\n";
   const size_t from = readme.find(begin), to = readme.find("<!-- end of rights table -->");
   ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < to);

@@ -2,7 +2,6 @@
 // its bound, in this process (the rest is run through a pipe: VrkmsAdminTest).
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <string>
 
@@ -38,8 +37,8 @@ TEST(KMSSpecialOps, PassphraseDialogueTakesTheLongestPassphrase) {
   KMSSpecialOps::setIsRandom(false);
   const std::string longest(KMSSpecialOps::KS_MAX_PASS_LEN - 2, 'p');  // line end makes 1023
   TempRoot root{"vrkms-dialogue"};
-  std::ofstream(root.file("stdin"), std::ios::binary)
-      << "a\nb\n" + longest + "\n" + longest + "\n" + std::string(5000, 'x') + "\nlast";
+  writeFile(root.file("stdin"),
+            "a\nb\n" + longest + "\n" + longest + "\n" + std::string(5000, 'x') + "\nlast");
   ASSERT_NE(std::freopen(root.file("stdin").c_str(), "r", stdin), nullptr);
   testing::internal::CaptureStdout();
   CmnCrypto::Secret out;

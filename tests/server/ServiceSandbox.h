@@ -16,7 +16,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <string>
@@ -64,9 +63,6 @@ inline bool contains(const std::string& text, const std::string& part) {
 inline bool startsWith(const std::string& text, const std::string& part) {
   return text.rfind(part, 0) == 0;
 }
-inline bool exists(const std::string& path) {
-  return ::access(path.c_str(), F_OK) == 0;
-}
 
 }  // namespace CtlOutput
 
@@ -104,9 +100,6 @@ class ServiceSandbox {
 
   ProcessResult run(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMS_BINARY, args).stdinText(input).run();
-  }
-  RunningProcess adminOnTerminal(const std::vector<std::string>& args) const {
-    return runner(VRKMS_BINARY, args).spawnOnTerminal();
   }
   ProcessResult ctl(const std::vector<std::string>& args, const std::string& input = "") const {
     return runner(VRKMSCTL_BINARY, args).stdinText(input).run();
@@ -202,7 +195,7 @@ class ServiceSandbox {
   }
 
   std::string path(const std::string& name) const { return m_root.file(name); }
-  std::string readFile(const std::string& name) const { return readPath(m_root.file(name)); }
+  std::string readFile(const std::string& name) const { return ::readFile(m_root.file(name)); }
   std::string debugLog() const { return readFile("logs/vrkms/vrkms_debug.log"); }
   std::string appLog() const { return readFile("logs/vrkms/vrkms_app.log"); }
   std::string stderrText() const { return readFile("stderr.txt"); }
@@ -215,10 +208,6 @@ class ServiceSandbox {
   pid_t pid() const { return m_pid; }
   int port() const { return m_port; }
 
-  static std::string readPath(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
   // Every path under `dir`, each directory before what it holds.
   static std::vector<std::string> walk(const std::string& dir) {
     std::vector<std::string> found;
@@ -236,7 +225,7 @@ class ServiceSandbox {
     for (const std::string& path : walk(dir)) {
       struct stat info;
       if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
-        files[path.substr(dir.size() + 1)] = readPath(path);
+        files[path.substr(dir.size() + 1)] = ::readFile(path);
     }
     return files;
   }
@@ -275,15 +264,6 @@ class ServiceSandbox {
     return port;
   }
 
- private:
-  void reap(int options) {
-    int status = 0;
-    if (m_pid > 0 && ::waitpid(m_pid, &status, options) == m_pid) {
-      m_pid = -1;
-      m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-  }
-
   ProcessRunner runner(const std::string& program, const std::vector<std::string>& args) const {
     std::vector<std::string> all(m_prefix.begin() + (m_prefix.empty() ? 0 : 1), m_prefix.end());
     if (!m_prefix.empty())
@@ -293,6 +273,15 @@ class ServiceSandbox {
         .args(std::move(all))
         .env("VREST_ROOT", m_root.path())
         .timeout(std::chrono::seconds(120));
+  }
+
+ private:
+  void reap(int options) {
+    int status = 0;
+    if (m_pid > 0 && ::waitpid(m_pid, &status, options) == m_pid) {
+      m_pid = -1;
+      m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
   }
 
   TempRoot m_root{"vrkms-sandbox"};

@@ -13,7 +13,6 @@ using namespace Vaultrest::DL::KMS;
 namespace {
 
 using CtlOutput::contains;
-using CtlOutput::exists;
 
 std::string msg(int id) {
   return crvnCatalogueText(286, id);

@@ -67,7 +67,7 @@ class SmallFilesystem {
             .spawn());
     const std::string mountinfo = "/proc/" + std::to_string(m_holder->pid()) + "/mountinfo";
     for (int i = 0; i < 250; ++i) {
-      if (CtlOutput::contains(ServiceSandbox::readPath(mountinfo), " " + m_dir + " "))
+      if (CtlOutput::contains(readFile(mountinfo), " " + m_dir + " "))
         return;
       if (::waitpid(m_holder->pid(), nullptr, WNOHANG) == m_holder->pid())
         break;  // no namespace or no mount for this user

@@ -133,7 +133,7 @@ TEST_F(VrkmsExim, ExportedFilesImportUnderNewOrPreservedNames) {
   const ProcessResult r = m_target->ctl({"export", empty, "--passphrase-file", m_passphrase});
   EXPECT_EQ(r.exitStatus, 1);
   EXPECT_EQ(r.out, "status 1285: The key store holds no key groups; there is nothing to export.\n");
-  EXPECT_FALSE(CtlOutput::exists(empty));
+  EXPECT_FALSE(exists(empty));
   // Under new names, every key as it was; a preview changes nothing and says the same.
   const std::map<std::string, std::string> before = storeFiles();
   const ProcessResult preview = importFile("all", {"--preview"});

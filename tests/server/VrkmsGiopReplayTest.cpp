@@ -24,7 +24,7 @@ void replayCorpus() {
   std::map<std::string, std::string> files;  // the corpus by name, in order
   for (const auto& entry : std::filesystem::directory_iterator(std::string(VRKMS_SOURCE_DIR) +
                                                                "/fuzz/corpus/GiopRequestFuzz")) {
-    files[entry.path().filename().string()] = ServiceSandbox::readPath(entry.path().string());
+    files[entry.path().filename().string()] = readFile(entry.path().string());
   }
   ASSERT_GT(files.size(), 50u);
 

@@ -62,7 +62,7 @@ bool readableWithoutPtraceCapability(pid_t pid) {
 }
 
 bool coreLimitIsZero(pid_t pid) {
-  const std::string limits = ServiceSandbox::readPath("/proc/" + std::to_string(pid) + "/limits");
+  const std::string limits = readFile("/proc/" + std::to_string(pid) + "/limits");
   return std::regex_search(limits, std::regex("Max core file size +0 +0 "));
 }
 
@@ -507,7 +507,7 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
     RunningProcess plain =
         ProcessRunner(noPtrace[0]).args({noPtrace[1], "/bin/sleep", "30"}).spawn();
     const std::string comm = "/proc/" + std::to_string(plain.pid()) + "/comm";
-    for (int i = 0; i < 500 && ServiceSandbox::readPath(comm) != "sleep\n"; ++i) {
+    for (int i = 0; i < 500 && readFile(comm) != "sleep\n"; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));  // setpriv has not run it yet
     }
     observable = readableWithoutPtraceCapability(plain.pid());
@@ -517,7 +517,8 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
 
   const std::string passphrase = "Hmk-Cm4dLn7e";
   RunningProcess admin =
-      vrkms.adminOnTerminal({"-createemptydb", "-hmkpass", passphrase, "-hmkid", "h"});
+      vrkms.runner(VRKMS_BINARY, {"-createemptydb", "-hmkpass", passphrase, "-hmkid", "h"})
+          .spawnOnTerminal();
   std::string seen;
   ASSERT_TRUE(admin.awaitOutput(" : ", std::chrono::seconds(60), &seen)) << seen;  // the KPK's
   struct termios mode {};
@@ -526,8 +527,7 @@ TEST(VrkmsSecrets, StayInsideTheProcessAndOffTheTerminal) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ASSERT_EQ(mode.c_lflag & ECHO, 0u) << "no prompt without echo";
-  const std::string cmdline =
-      ServiceSandbox::readPath("/proc/" + std::to_string(admin.pid()) + "/cmdline");
+  const std::string cmdline = readFile("/proc/" + std::to_string(admin.pid()) + "/cmdline");
   EXPECT_NE(cmdline.find("-hmkpass"), std::string::npos);
   EXPECT_EQ(cmdline.find(passphrase), std::string::npos);
   EXPECT_FALSE(observable && readableWithoutPtraceCapability(admin.pid()));

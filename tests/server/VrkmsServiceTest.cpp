@@ -15,7 +15,6 @@
 namespace Fw = Ardentis::Vaultrest::TL::Framework;
 namespace Remote = Ardentis::Vaultrest::DL::KMS;
 using CtlOutput::contains;
-using CtlOutput::exists;
 using ServiceClient::outcome;
 using namespace std::chrono_literals;
 

@@ -72,7 +72,7 @@ TEST(VrkmsTransport, OnlyCertificatesOfItsCaAreServedAndNothingGoesToAnUnverifie
 
 // The peak resident memory of process `pid` so far, in KiB.
 long peakResidentKiB(pid_t pid) {
-  const std::string status = ServiceSandbox::readPath("/proc/" + std::to_string(pid) + "/status");
+  const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
   return std::stol(status.substr(status.find("VmHWM:") + 6));
 }
 

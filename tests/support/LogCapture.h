@@ -38,9 +38,8 @@ class LogCapture {
   static std::vector<std::string> lines(const std::string& path) {
     std::vector<std::string> out;
     std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);)
       out.push_back(line);
-    }
     return out;
   }
 

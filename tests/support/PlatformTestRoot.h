@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "support/TempRoot.h"
@@ -23,13 +21,10 @@ class PlatformTestRoot {
 
   void writeConf(const std::string& text) const {
     ::mkdir(etcDir().c_str(), 0755);
-    std::ofstream(confPath(), std::ios::binary | std::ios::trunc) << text;
+    writeFile(confPath(), text);
   }
 
-  std::string readConf() const {
-    std::ifstream in(confPath(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  std::string readConf() const { return readFile(confPath()); }
 
  private:
   TempRoot m_root{"vrkms-plat"};

@@ -1,8 +1,11 @@
 #include "support/TempRoot.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <vector>
 
@@ -27,4 +30,21 @@ TempRoot::~TempRoot() {
 
 void TempRoot::exportAsVrestRoot() const {
   setenv("VREST_ROOT", m_path.c_str(), 1);
+}
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeFile(const std::string& path, const std::string& bytes, int mode) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  if (mode >= 0) {
+    ::chmod(path.c_str(), static_cast<mode_t>(mode));
+  }
 }

@@ -18,3 +18,10 @@ class TempRoot {
  private:
   std::string m_path;
 };
+
+// Whether `path` names a file, directory or link.
+bool exists(const std::string& path);
+// The bytes of the file at `path`, "" when it cannot be read.
+std::string readFile(const std::string& path);
+// `bytes` as the whole file at `path`; then `mode`, when one is given.
+void writeFile(const std::string& path, const std::string& bytes, int mode = -1);
