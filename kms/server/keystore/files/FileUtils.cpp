@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <ace/OS_NS_string.h>
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -304,7 +305,7 @@ void readFileIntoString(FILE* stream, std::string& out, size_t maxBytes) {
   const off_t at = ftello(stream);
   if (fstat(fileno(stream), &st) == 0 && S_ISREG(st.st_mode) && at >= 0 && st.st_size > at) {
     const size_t rest = static_cast<size_t>(st.st_size - at);
-    out.reserve(out.size() + (rest < maxBytes ? rest : maxBytes) + 1);
+    out.reserve(out.size() + std::min(rest, maxBytes));
   }
   unsigned char piece[kReadPiece];
   ssize_t bytesread = 0;

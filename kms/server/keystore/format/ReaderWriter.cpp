@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -261,26 +260,10 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
-// A record's string fields (a group has the first three only).
-typedef std::array<const std::string*, 6> StringFields;
-
-StringFields stringFields(const KeyRecord_v1& rec) {
-  return {&rec.tag(), &rec.name(), &rec.description(), &rec.keyGroup(), &rec.kpkTag(), &rec.key()};
-}
-
-StringFields stringFields(const KeyGrpRecord_v1& rec) {
-  static const std::string kNone;
-  return {&rec.tag(), &rec.name(), &rec.description(), &kNone, &kNone, &kNone};
-}
-
 // A record's digested fields in stream order, into `fields` (a
-// DigestingWriter, or a FieldCounter): those that key and group records
-// share (tag, name, times, description, revision), then the record's own.
-template <typename Fields>
-void recordFields(const KeyRecord_v1& rec, Fields& fields);
-template <typename Fields>
-void recordFields(const KeyGrpRecord_v1& rec, Fields& fields);
-
+// DigestingWriter, a FieldCounter or a FieldPrefetcher): those that key and
+// group records share (tag, name, times, description, revision), then the
+// record's own.
 template <typename Record, typename Fields>
 void sharedFields(const Record& rec, Fields& fields) {
   fields.string(rec.tag());
@@ -336,11 +319,16 @@ size_t streamBytes(const Record& rec) {
 // the first attribute) while the record before it is encoded: a table's
 // records and their fields lie scattered over the heap, and a record would
 // wait for each of them in turn.
+class FieldPrefetcher {
+ public:
+  void string(const std::string& s) { __builtin_prefetch(s.data()); }
+  void integer(uint64_t, size_t) {}
+};
+
 template <typename Record>
 void prefetchFields(const Record& rec) {
-  for (const std::string* field : stringFields(rec)) {
-    __builtin_prefetch(field->data());
-  }
+  FieldPrefetcher fields;
+  recordFields(rec, fields);
   if (rec.attributes().size() != 0) {
     __builtin_prefetch(&*rec.attributes().begin());
   }
