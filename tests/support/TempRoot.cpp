@@ -7,18 +7,13 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <vector>
 
 TempRoot::TempRoot(const std::string& prefix) {
   const char* tmp = getenv("TMPDIR");
-  std::string base = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
-  std::string pattern = base + "/" + prefix + "-XXXXXX";
-  std::vector<char> buf(pattern.begin(), pattern.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) {
-    throw std::runtime_error("mkdtemp failed for " + pattern);
+  m_path = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/" + prefix + "-XXXXXX";
+  if (mkdtemp(m_path.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed for " + m_path);
   }
-  m_path = buf.data();
 }
 
 TempRoot::~TempRoot() {
