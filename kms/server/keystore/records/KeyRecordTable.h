@@ -149,7 +149,14 @@ class KeyRecordTable : protected RecordTable<R> {
   // that is not listed there, and in any case.
   [[noreturn]] void walkRecordsThroughGroupLists() const;
 
-  SharedTagMap<TagList> m_groups;
+  // A group's list together with the group's tag, which keys it in m_groups.
+  struct GroupList : TagList {
+    explicit GroupList(const std::string& group) : m_group(group) {}
+    const std::string& tag() const { return m_group; }
+    std::string m_group;
+  };
+
+  SharedTagMap<GroupList> m_groups;
   // Number of tags in all group lists.
   size_t m_listed = 0;
   bool m_singleActive;
@@ -167,7 +174,7 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
     return false;
   }
   // Only the index changes below, so `stored` stays valid.
-  const R* stored = m_rectable.emplace(rec.tag(), std::move(rec));
+  const R* stored = m_rectable.emplace(std::move(rec));
   if (stored == nullptr) {
     testGroups(rec.keyGroup());
     return false;
@@ -180,7 +187,7 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
 template <typename R>
 typename KeyRecordTable<R>::TagList& KeyRecordTable<R>::groupForChange(const std::string& group) {
   TagList* tags = m_groups.findForChange(group);
-  return tags != nullptr ? *tags : *m_groups.emplace(group, TagList());
+  return tags != nullptr ? *tags : *m_groups.emplace(GroupList(group));
 }
 
 template <typename R>

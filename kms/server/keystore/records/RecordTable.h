@@ -34,13 +34,12 @@ class RecordTable {
   // tag is taken.
   bool addRecord(const R& record) {
     KMS_TRACE_THIS("RecordTable::addRecord");
-    return m_rectable.emplace(record.tag(), record) != nullptr;
+    return m_rectable.emplace(R(record)) != nullptr;
   }
   // The same, taking the record over.
   bool addRecord(R&& record) {
     KMS_TRACE_THIS("RecordTable::addRecord");
-    // The entry's tag is copied before its record is moved from.
-    return m_rectable.emplace(record.tag(), std::move(record)) != nullptr;
+    return m_rectable.emplace(std::move(record)) != nullptr;
   }
 
   // Replaces the whole record of the same tag; false if the tag is absent.

@@ -1,13 +1,18 @@
-// An ordered map from tag (byte string) to V whose copies share what neither
-// of them has changed since the copy.
+// An ordered set of values keyed by their own tag (a byte string,
+// `const std::string& V::tag() const`), whose copies share what neither of
+// them has changed since the copy. The tag lives once, in the value: the
+// set keeps no copy of it.
 //
 // The entries are spread over 256 shards by the first byte of the tag (the
-// empty tag goes to the first), each shard an ordered map; walking the shards
-// in order walks the entries in the order of the tags' bytes, as one map
+// empty tag goes to the first), each shard an ordered set; walking the shards
+// in order walks the entries in the order of the tags' bytes, as one set
 // would. A copy copies the 256 shard pointers only. A change makes its shard
 // private first: a table changes a shard in place only if it made that shard
 // itself and has not been copied since; otherwise it copies that one shard.
 // Tags are random, so a change of one entry copies about 1/256 of the map.
+//
+// Iterators show each entry as a pair of references (tag, value), as a
+// map's would. A value reached for a change must keep its tag.
 //
 // Shards are never changed while another map can see them, so maps that
 // share shards may be read from different threads at once while one of them
@@ -21,9 +26,10 @@
 #include <bitset>
 #include <cstddef>
 #include <iterator>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace Vaultrest {
@@ -33,22 +39,33 @@ namespace KMS {
 template <typename V>
 class SharedTagMap {
  public:
-  typedef std::map<std::string, V> Shard;
-  typedef typename Shard::value_type value_type;
+  // Orders values by tag, and compares a value with a bare tag.
+  struct ByTag {
+    typedef void is_transparent;
+    bool operator()(const V& a, const V& b) const { return a.tag() < b.tag(); }
+    bool operator()(const V& a, std::string_view b) const { return std::string_view(a.tag()) < b; }
+    bool operator()(std::string_view a, const V& b) const { return a < std::string_view(b.tag()); }
+  };
+  typedef std::set<V, ByTag> Shard;
+  typedef std::pair<const std::string&, const V&> value_type;
   static constexpr size_t kShards = 256;
   typedef std::array<std::shared_ptr<Shard>, kShards> Shards;
 
   class const_iterator {
    public:
     typedef std::forward_iterator_tag iterator_category;
-    typedef typename Shard::value_type value_type;
+    typedef SharedTagMap::value_type value_type;
     typedef std::ptrdiff_t difference_type;
-    typedef const value_type* pointer;
-    typedef const value_type& reference;
+    typedef value_type reference;
+    // What operator-> returns: the pair, kept alive for the expression.
+    struct pointer {
+      value_type entry;
+      const value_type* operator->() const { return &entry; }
+    };
 
     const_iterator() = default;
-    reference operator*() const { return *m_it; }
-    pointer operator->() const { return &*m_it; }
+    reference operator*() const { return reference(m_it->tag(), *m_it); }
+    pointer operator->() const { return pointer{**this}; }
     const_iterator& operator++() {
       if (++m_it == m_shard->end()) {
         settle(m_index + 1);
@@ -151,23 +168,23 @@ class SharedTagMap {
     return const_iterator(&m_shards, index, shard->lower_bound(tag));
   }
 
-  // Inserts if the tag is new and returns the new value, valid until the
-  // next change of the map; null, and neither the entry nor `value`
-  // touched, if the tag is taken. A tag above all others of its shard (as
-  // when a table is loaded in order) goes behind them without a search.
-  template <typename Value>
-  V* emplace(const std::string& tag, Value&& value) {
+  // Inserts `value` if its tag is new and returns the stored value, valid
+  // until the next change of the map; null, and neither the entry nor
+  // `value` touched, if the tag is taken. A tag above all others of its
+  // shard (as when a table is loaded in order) goes behind them without a
+  // search.
+  V* emplace(V&& value) {
+    const std::string& tag = value.tag();
     const size_t index = shardOf(tag);
     const Shard* shard = m_shards[index].get();
-    const bool last = shard == nullptr || shard->empty() || shard->rbegin()->first < tag;
+    const bool last = shard == nullptr || shard->empty() || shard->rbegin()->tag() < tag;
     if (!last && shard->find(tag) != shard->end()) {
       return nullptr;
     }
     Shard& writable = writableShard(index);
     const auto hint = last ? writable.end() : writable.lower_bound(tag);
-    V* added = &writable.emplace_hint(hint, tag, std::forward<Value>(value))->second;
     ++m_size;
-    return added;
+    return mutableValue(writable.emplace_hint(hint, std::move(value)));
   }
 
   // The entry's value, made private to this map for a change; null if the
@@ -186,7 +203,7 @@ class SharedTagMap {
     if (&writable != shard) {
       it = writable.find(tag);
     }
-    return &it->second;
+    return mutableValue(it);
   }
 
   // True if an entry was erased.
@@ -194,7 +211,8 @@ class SharedTagMap {
     if (find(tag) == end()) {
       return false;
     }
-    writableShard(shardOf(tag)).erase(tag);
+    Shard& writable = writableShard(shardOf(tag));
+    writable.erase(writable.find(tag));
     --m_size;
     return true;
   }
@@ -205,8 +223,9 @@ class SharedTagMap {
   void changeEach(Change&& change) {
     for (size_t index = 0; index < kShards; ++index) {
       if (m_shards[index] && !m_shards[index]->empty()) {
-        for (auto& entry : writableShard(index)) {
-          change(entry.first, entry.second);
+        Shard& writable = writableShard(index);
+        for (auto it = writable.begin(); it != writable.end(); ++it) {
+          change(it->tag(), *mutableValue(it));
         }
       }
     }
@@ -220,6 +239,10 @@ class SharedTagMap {
   }
 
  private:
+  // A set shows its values as const since they are its keys; the map lets
+  // a value change in place on the promise that its tag stays.
+  static V* mutableValue(typename Shard::const_iterator it) { return const_cast<V*>(&*it); }
+
   static size_t shardOf(const std::string& tag) {
     return tag.empty() ? 0 : static_cast<unsigned char>(tag[0]);
   }
