@@ -36,6 +36,7 @@
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
+#include "kms/server/keystore/records/GroupTags.h"
 #include "kms/server/keystore/records/RecordTable.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/store/KeyStoreTypes.h"
@@ -49,7 +50,7 @@ class KeyRecordTable : protected RecordTable<R> {
   typedef RecordTable<R> Base;
 
  public:
-  // Key tags in the order of a group list.
+  // Key tags found by KAD.
   typedef std::vector<std::string> TagList;
   using typename Base::const_iterator;
   using typename Base::iterator;
@@ -91,7 +92,7 @@ class KeyRecordTable : protected RecordTable<R> {
 
   // The group's key tags, active keys first, or a static empty list. The
   // reference is valid until the next change of the table.
-  const TagList& getTagsByGroup(const std::string& group) const {
+  const GroupTags& getTagsByGroup(const std::string& group) const {
     const auto giter = m_groups.find(group);
     return giter != m_groups.end() ? giter->second : m_errorL;
   }
@@ -134,10 +135,10 @@ class KeyRecordTable : protected RecordTable<R> {
   using Base::m_rectable;
 
   // The group's list, made for a change (created if missing).
-  TagList& groupForChange(const std::string& group);
+  GroupTags& groupForChange(const std::string& group);
   // Puts `tag` into `tags`: at the front if `active`, else among the keys
   // behind the active ones in tag order.
-  void insertTag(TagList& tags, const std::string& tag, bool active);
+  void insertTag(GroupTags& tags, const std::string& tag, bool active);
   // Takes `tag` out of the group's list, and the group's entry if that was
   // its last key; false if the tag was not listed there.
   bool eraseTag(const std::string& group, const std::string& tag);
@@ -150,7 +151,7 @@ class KeyRecordTable : protected RecordTable<R> {
   [[noreturn]] void walkRecordsThroughGroupLists() const;
 
   // A group's list together with the group's tag, which keys it in m_groups.
-  struct GroupList : TagList {
+  struct GroupList : GroupTags {
     explicit GroupList(const std::string& group) : m_group(group) {}
     const std::string& tag() const { return m_group; }
     std::string m_group;
@@ -162,7 +163,7 @@ class KeyRecordTable : protected RecordTable<R> {
   bool m_singleActive;
   bool m_skipInvariant;
   static inline const std::string m_errorStr{};
-  static inline const TagList m_errorL{};
+  static inline const GroupTags m_errorL{};
 };
 
 template <typename R>
@@ -185,13 +186,13 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
 }
 
 template <typename R>
-typename KeyRecordTable<R>::TagList& KeyRecordTable<R>::groupForChange(const std::string& group) {
-  TagList* tags = m_groups.findForChange(group);
+GroupTags& KeyRecordTable<R>::groupForChange(const std::string& group) {
+  GroupTags* tags = m_groups.findForChange(group);
   return tags != nullptr ? *tags : *m_groups.emplace(GroupList(group));
 }
 
 template <typename R>
-void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool active) {
+void KeyRecordTable<R>::insertTag(GroupTags& tags, const std::string& tag, bool active) {
   ++m_listed;
   if (active) {
     tags.insert(tags.begin(), tag);
@@ -203,15 +204,18 @@ void KeyRecordTable<R>::insertTag(TagList& tags, const std::string& tag, bool ac
     tags.push_back(tag);
     return;
   }
-  auto first = tags.begin();
-  while (first != tags.end()) {
-    const auto iter = m_rectable.find(*first);
+  auto place = tags.begin();
+  while (place != tags.end()) {
+    const auto iter = m_rectable.find(*place);
     if (iter == m_rectable.end() || iter->second.state() != KEY_ACTIVE) {
       break;
     }
-    ++first;
+    ++place;
   }
-  tags.insert(std::lower_bound(first, tags.end(), tag), tag);
+  while (place != tags.end() && *place < tag) {
+    ++place;
+  }
+  tags.insert(place, tag);
 }
 
 template <typename R>
@@ -219,12 +223,12 @@ bool KeyRecordTable<R>::eraseTag(const std::string& group, const std::string& ta
   if (m_groups.find(group) == m_groups.end()) {
     return false;
   }
-  TagList& tags = *m_groups.findForChange(group);
-  const auto liter = std::find(tags.begin(), tags.end(), tag);
-  if (liter == tags.end()) {
+  GroupTags& tags = *m_groups.findForChange(group);
+  const auto at = tags.find(tag);
+  if (at == tags.end()) {
     return false;
   }
-  tags.erase(liter);
+  tags.erase(at);
   --m_listed;
   if (tags.empty()) {
     m_groups.erase(group);
@@ -303,10 +307,9 @@ const std::string& KeyRecordTable<R>::getActiveKeyInGroup(const std::string& gro
     return m_errorStr;
   }
   // Active keys stand at the front, so the first tag decides.
-  const std::string& front = giter->second.front();
-  const auto iter = m_rectable.find(front);
+  const auto iter = m_rectable.find(giter->second.front());
   if (iter != m_rectable.end() && iter->second.state() == KEY_ACTIVE) {
-    return front;
+    return iter->first;
   }
   return m_errorStr;
 }
@@ -475,7 +478,7 @@ bool KeyRecordTable<R>::listsMatchRecords(std::vector<const R*>& listed) const {
   listed.clear();
   listed.reserve(count);
   for (const auto& group : m_groups) {
-    for (const std::string& tag : group.second) {
+    for (const std::string_view tag : group.second) {
       Slot* hit = nullptr;
       for (size_t pos = hash(tag) & mask; index[pos] != 0; pos = (pos + 1) & mask) {
         Slot& slot = slots[index[pos] - 1];
@@ -515,9 +518,9 @@ void KeyRecordTable<R>::display() const {
   for (const auto& group : m_groups) {
     std::printf(" Key Group : ");
     Utils::displayBuffer(group.first, true, "", true);
-    for (const std::string& tag : group.second) {
+    for (const std::string_view tag : group.second) {
       std::printf("\t\t");
-      Utils::displayBuffer(tag, true, "\t", true);
+      Utils::displayBuffer(std::string(tag), true, "\t", true);
     }
   }
 }

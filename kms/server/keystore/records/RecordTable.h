@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "kms/server/diagnostics/Log.h"
@@ -61,19 +62,19 @@ class RecordTable {
 
   // The record, or a static default record (empty tag) if the tag is absent.
   // The reference is valid until the record is changed or removed.
-  const R& getRecord(const std::string& tag) const {
+  const R& getRecord(std::string_view tag) const {
     const const_iterator iter = m_rectable.find(tag);
     return iter != m_rectable.end() ? iter->second : m_errorR;
   }
 
-  const_iterator find(const std::string& tag) const { return m_rectable.find(tag); }
+  const_iterator find(std::string_view tag) const { return m_rectable.find(tag); }
   const_iterator begin() const { return m_rectable.begin(); }
   const_iterator end() const { return m_rectable.end(); }
   size_t size() const { return m_rectable.size(); }
 
   // The record of `tag` to change in place, or null if absent; never its
   // tag. Valid until the next change of the table.
-  R* findForChange(const std::string& tag) { return m_rectable.findForChange(tag); }
+  R* findForChange(std::string_view tag) { return m_rectable.findForChange(tag); }
   // Calls `change(R&)` for every record in tag order; never its tag.
   template <typename Change>
   void changeEach(Change&& change) {

@@ -148,7 +148,7 @@ class SharedTagMap {
   size_t size() const { return m_size; }
   bool empty() const { return m_size == 0; }
 
-  const_iterator find(const std::string& tag) const {
+  const_iterator find(std::string_view tag) const {
     const size_t index = shardOf(tag);
     const Shard* shard = m_shards[index].get();
     if (shard == nullptr) {
@@ -159,7 +159,7 @@ class SharedTagMap {
   }
 
   // The first entry whose tag is not less than `tag`.
-  const_iterator lower_bound(const std::string& tag) const {
+  const_iterator lower_bound(std::string_view tag) const {
     const size_t index = shardOf(tag);
     const Shard* shard = m_shards[index].get();
     if (shard == nullptr) {
@@ -189,7 +189,7 @@ class SharedTagMap {
 
   // The entry's value, made private to this map for a change; null if the
   // tag is absent. Valid until the next change of the map.
-  V* findForChange(const std::string& tag) {
+  V* findForChange(std::string_view tag) {
     const size_t index = shardOf(tag);
     Shard* shard = m_shards[index].get();
     if (shard == nullptr) {
@@ -207,7 +207,7 @@ class SharedTagMap {
   }
 
   // True if an entry was erased.
-  bool erase(const std::string& tag) {
+  bool erase(std::string_view tag) {
     if (find(tag) == end()) {
       return false;
     }
@@ -243,7 +243,7 @@ class SharedTagMap {
   // a value change in place on the promise that its tag stays.
   static V* mutableValue(typename Shard::const_iterator it) { return const_cast<V*>(&*it); }
 
-  static size_t shardOf(const std::string& tag) {
+  static size_t shardOf(std::string_view tag) {
     return tag.empty() ? 0 : static_cast<unsigned char>(tag[0]);
   }
 

@@ -603,7 +603,7 @@ void FileKeyStore::deleteKeyGroupRecord(const std::string& tagToDelete, bool for
   std::unique_ptr<KeyTable> krtable;
   if (hasKeys) {
     krtable = std::make_unique<KeyTable>(*m_keyTable);
-    const KeyTable::TagList members = krtable->getTagsByGroup(tag);
+    const KeyTable::TagList members = krtable->getTagsByGroup(tag).strings();
     for (const std::string& member : members) {
       const auto ikrec = krtable->find(member);
       KS_ASSERT(kLabel, ikrec != krtable->end());

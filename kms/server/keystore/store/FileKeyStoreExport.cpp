@@ -73,7 +73,7 @@ int gatherSelection(const char* label, const ExportSelection::GroupMap& wanted,
         if (code != 0) {
           continue;
         }
-        for (const std::string& tag : liveKeys.getTagsByGroup(group.tag())) {
+        for (const std::string_view tag : liveKeys.getTagsByGroup(group.tag())) {
           const KeyRecord_v1& rec = liveKeys.getRecord(tag);
           KMS_DEBUG(label, 1, "Exporting Key " << rec.name() << " in Key Group " << groupName);
           const bool added = keys.addRecord(rec);

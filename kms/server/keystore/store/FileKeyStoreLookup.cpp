@@ -207,7 +207,7 @@ void FileKeyStore::getAllKeyRecordsInGroup(const std::string& group,
   if (m_groupTable->find(group) == m_groupTable->end()) {
     KS_THROW(EC_KS_unknown_group, kLabel);
   }
-  for (const std::string& tag : m_keyTable->getTagsByGroup(group)) {
+  for (const std::string_view tag : m_keyTable->getTagsByGroup(group)) {
     KeyRecord_v1 rec = m_keyTable->getRecord(tag);
     keyRecordFilter(rec, true);
     out.push_back(std::move(rec));
@@ -278,7 +278,7 @@ FileKeyStore::KeyTable::const_iterator FileKeyStore::findKeyByName(const KeyTabl
   static const char* const kLabel = "FileKeyStore::findKeyByName";
   KMS_TRACE(kLabel);
   const std::string_view stored = truncatedField(name);
-  for (const std::string& tag : krtable.getTagsByGroup(group)) {
+  for (const std::string_view tag : krtable.getTagsByGroup(group)) {
     const auto iter = krtable.find(tag);
     KS_ASSERT(kLabel, iter != krtable.end());
     if (iter->second.name() == stored) {
