@@ -97,6 +97,15 @@ class KeyRecordTable : protected RecordTable<R> {
     return giter != m_groups.end() ? giter->second : m_errorL;
   }
 
+  // Calls `visit(group, tags)` for each group that has keys, in the order
+  // of the group tags; `visit` must not change the table.
+  template <typename Visit>
+  void forEachGroup(Visit&& visit) const {
+    for (const auto& group : m_groups) {
+      visit(group.first, static_cast<const GroupTags&>(group.second));
+    }
+  }
+
   // Number of keys in the group; 0 for an unknown group.
   size_t getNumKeysInGroup(const std::string& group) const {
     const auto giter = m_groups.find(group);
@@ -142,13 +151,14 @@ class KeyRecordTable : protected RecordTable<R> {
   // Takes `tag` out of the group's list, and the group's entry if that was
   // its last key; false if the tag was not listed there.
   bool eraseTag(const std::string& group, const std::string& tag);
-  // Fills `listed` with the records of the group lists in list order, group
-  // by group; false if a listed tag has no record of that group, or if the
-  // lists do not name every record exactly once.
-  bool listsMatchRecords(std::vector<const R*>& listed) const;
-  // Walks every record through its group's list; aborts at the first record
-  // that is not listed there, and in any case.
-  [[noreturn]] void walkRecordsThroughGroupLists() const;
+  // True if each list names exactly the records of its group, the active
+  // ones at the front and the others behind them in tag order; then
+  // `mostActive` is the largest number of active keys in one group.
+  bool listsMatchRecords(size_t& mostActive) const;
+  // Names the first broken condition of the lists: a record that is not
+  // listed in its group, too many active keys or an active key behind
+  // another one, else keys out of tag order; aborts in any case.
+  [[noreturn]] void explainBrokenLists() const;
 
   // A group's list together with the group's tag, which keys it in m_groups.
   struct GroupList : GroupTags {
@@ -354,40 +364,19 @@ void KeyRecordTable<R>::testInvariant() const {
   }
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
 
-  // 2. Every record is listed in its own group's list; with step 1 that is
-  //    exactly once. Checked from the lists' side: each listed tag has a
-  //    record of that group and no record is listed twice, which with step 1
-  //    is the same condition. It costs one hash lookup per key, where a
-  //    search of each record's group list would make a large group
-  //    quadratic. If it fails, the per-record walk names the broken
-  //    condition.
-  std::vector<const R*> listed;
-  if (!listsMatchRecords(listed)) {
-    walkRecordsThroughGroupLists();
+  // 2. Each list names exactly the records of its group, active keys at
+  //    the front, at most one under the single-active rule, and the others
+  //    behind them in tag order. One walk of the records checks this; if it
+  //    fails, slower walks name the broken condition.
+  size_t activekeycount = 0;
+  if (!listsMatchRecords(activekeycount)) {
+    explainBrokenLists();
+  }
+  if (m_singleActive) {
+    KS_ASSERT(kLabel, activekeycount <= 1);
   }
 
-  // 3. Active keys stand at the front of each list; under the single-active
-  //    rule there is at most one. `listed` holds the records in list order.
-  const R* const* rec = listed.data();
-  for (auto giter = m_groups.begin(); giter != m_groups.end(); ++giter) {
-    auto liter = (giter->second).begin();
-    size_t activekeycount = 0;
-    while (liter != (giter->second).end() && (*rec)->state() == KEY_ACTIVE) {
-      ++activekeycount;
-      ++liter;
-      ++rec;
-    }
-    if (m_singleActive) {
-      KS_ASSERT(kLabel, activekeycount <= 1);
-    }
-    while (liter != (giter->second).end() && (*rec)->state() != KEY_ACTIVE) {
-      ++liter;
-      ++rec;
-    }
-    KS_ASSERT(kLabel, liter == (giter->second).end());
-  }
-
-  // 4. The KAD index is the records themselves: nothing to check.
+  // 3. The KAD index is the records themselves: nothing to check.
 }
 
 template <typename R>
@@ -419,7 +408,7 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
     for (; liter != (giter->second).end(); ++liter) {
       const auto iter = m_rectable.find(*liter);
       if (iter == m_rectable.end() || iter->second.keyGroup() != *touched) {
-        walkRecordsThroughGroupLists();
+        explainBrokenLists();
       }
       if (iter->second.state() != KEY_ACTIVE) {
         break;
@@ -434,7 +423,7 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
     if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
       liter = std::find((giter->second).begin(), (giter->second).end(), tag);
       if (liter == (giter->second).end()) {
-        walkRecordsThroughGroupLists();
+        explainBrokenLists();
       }
       if (touchedRecord->second.state() == KEY_ACTIVE &&
           static_cast<size_t>(liter - (giter->second).begin()) >= activekeycount) {
@@ -445,69 +434,122 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
 }
 
 template <typename R>
-bool KeyRecordTable<R>::listsMatchRecords(std::vector<const R*>& listed) const {
-  // The lists name tags in no useful order, and a search of the tree for
-  // each would miss the cache at nearly every level. So the records are put
-  // once, in tree order, into a flat open-addressing table by tag, and each
-  // listed tag is found there.
-  struct Slot {
-    const std::string* tag;
-    const R* record;
-    bool seen;
+bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
+  // The records stand in tag order, and so do the keys behind the active
+  // ones in each list. One walk of the records therefore meets each list's
+  // tags in turn: a cursor per group points at the tag that its next record
+  // which is not active must have. The few active keys at the front of a
+  // list are looked up from the list's side.
+  struct Cursor {
+    std::string_view group;
+    const GroupTags* tags;
+    GroupTags::const_iterator activeEnd;
+    GroupTags::const_iterator next;
+    size_t activeListed;
+    size_t activeSeen;
   };
-  const size_t count = m_rectable.size();
+  std::vector<Cursor> cursors;
+  cursors.reserve(m_groups.size());
+  mostActive = 0;
+  for (const auto& group : m_groups) {
+    const GroupTags& tags = group.second;
+    auto activeEnd = tags.begin();
+    size_t active = 0;
+    for (; activeEnd != tags.end(); ++activeEnd, ++active) {
+      const auto iter = m_rectable.find(*activeEnd);
+      if (iter == m_rectable.end() || iter->second.keyGroup() != group.first) {
+        return false;
+      }
+      if (iter->second.state() != KEY_ACTIVE) {
+        break;
+      }
+    }
+    mostActive = std::max(mostActive, active);
+    cursors.push_back(Cursor{group.first, &tags, activeEnd, activeEnd, active, 0});
+  }
+
+  // The cursors by group tag, in a flat open-addressing table.
   size_t capacity = 16;
-  while (capacity < 2 * count) {
+  while (capacity < 2 * cursors.size()) {
     capacity <<= 1;
   }
   const size_t mask = capacity - 1;
   const std::hash<std::string_view> hash;
-  std::vector<Slot> slots;
-  slots.reserve(count);
-  std::vector<size_t> index(capacity, 0);  // slot number + 1; 0 is empty
-
-  for (const auto& entry : m_rectable) {
-    slots.push_back(Slot{&entry.first, &entry.second, false});
-    size_t pos = hash(entry.first) & mask;
-    while (index[pos] != 0) {
+  std::vector<Cursor*> index(capacity, nullptr);
+  for (Cursor& cursor : cursors) {
+    size_t pos = hash(cursor.group) & mask;
+    while (index[pos] != nullptr) {
       pos = (pos + 1) & mask;
     }
-    index[pos] = slots.size();
+    index[pos] = &cursor;
   }
 
-  listed.clear();
-  listed.reserve(count);
-  for (const auto& group : m_groups) {
-    for (const std::string_view tag : group.second) {
-      Slot* hit = nullptr;
-      for (size_t pos = hash(tag) & mask; index[pos] != 0; pos = (pos + 1) & mask) {
-        Slot& slot = slots[index[pos] - 1];
-        if (*slot.tag == tag) {
-          hit = &slot;
-          break;
-        }
+  for (const auto& entry : m_rectable) {
+    const std::string& group = entry.second.keyGroup();
+    Cursor* cursor = nullptr;
+    for (size_t pos = hash(group) & mask; index[pos] != nullptr; pos = (pos + 1) & mask) {
+      if (index[pos]->group == group) {
+        cursor = index[pos];
+        break;
       }
-      if (hit == nullptr || hit->seen || hit->record->keyGroup() != group.first) {
+    }
+    if (cursor == nullptr) {
+      return false;
+    }
+    if (entry.second.state() == KEY_ACTIVE) {
+      if (++cursor->activeSeen > cursor->activeListed ||
+          std::find(cursor->tags->begin(), cursor->activeEnd, entry.first) == cursor->activeEnd) {
         return false;
       }
-      hit->seen = true;
-      listed.push_back(hit->record);
+    } else {
+      if (cursor->next == cursor->tags->end() || *cursor->next != entry.first) {
+        return false;
+      }
+      ++cursor->next;
     }
   }
-  return listed.size() == count;
+  for (const Cursor& cursor : cursors) {
+    if (cursor.next != cursor.tags->end() || cursor.activeSeen != cursor.activeListed) {
+      return false;
+    }
+  }
+  return true;
 }
 
 template <typename R>
-void KeyRecordTable<R>::walkRecordsThroughGroupLists() const {
+void KeyRecordTable<R>::explainBrokenLists() const {
   static constexpr const char* kLabel = "KeyRecordTable::testInvariant";
+  // Every record is listed in its own group; with the count of the lists,
+  // each exactly once.
   for (auto iter = m_rectable.begin(); iter != m_rectable.end(); ++iter) {
     const auto giter = m_groups.find(iter->second.keyGroup());
     KS_ASSERT(kLabel, giter != m_groups.end());
     const auto liter = std::find((giter->second).begin(), (giter->second).end(), iter->first);
     KS_ASSERT(kLabel, liter != (giter->second).end());
   }
-  // Not reached: the two checks are equivalent.
-  assertionFailed(kLabel, "listsMatchRecords( listed )", __FILE__, __LINE__);
+  // Active keys stand at the front of each list, at most one under the
+  // single-active rule.
+  const auto active = [this](std::string_view tag) {
+    const auto iter = m_rectable.find(tag);
+    return iter != m_rectable.end() && iter->second.state() == KEY_ACTIVE;
+  };
+  for (auto giter = m_groups.begin(); giter != m_groups.end(); ++giter) {
+    auto liter = (giter->second).begin();
+    size_t activekeycount = 0;
+    while (liter != (giter->second).end() && active(*liter)) {
+      ++activekeycount;
+      ++liter;
+    }
+    if (m_singleActive) {
+      KS_ASSERT(kLabel, activekeycount <= 1);
+    }
+    while (liter != (giter->second).end() && !active(*liter)) {
+      ++liter;
+    }
+    KS_ASSERT(kLabel, liter == (giter->second).end());
+  }
+  // What is left: keys behind the active ones out of tag order.
+  assertionFailed(kLabel, "listsMatchRecords( activekeycount )", __FILE__, __LINE__);
 }
 
 template <typename R>

@@ -342,14 +342,20 @@ bool FileKeyStore::isKeyStoreSane(const KeyTable& kr, const GroupTable& kg) {
       KMS_DEBUG(kLabel, 1, "Key record " << Utils::binToHex(rec.tag()) << " had INVALID KPK Type");
       sane = false;
     }
-    if (kg.find(rec.keyGroup()) == kg.end()) {
-      KMS_DEBUG(kLabel, 1,
-                "Key record " << Utils::binToHex(rec.tag())
-                              << " was member of a non-existent KeyGroup "
-                              << Utils::binToHex(rec.keyGroup()));
+  }
+  // Every key is listed under its own group, so each group that has keys is
+  // looked up once rather than once per key.
+  kr.forEachGroup([&](const std::string& group, const GroupTags& tags) {
+    if (kg.find(group) == kg.end()) {
+      for (const std::string_view tag : tags) {
+        KMS_DEBUG(kLabel, 1,
+                  "Key record " << Utils::binToHex(std::string(tag))
+                                << " was member of a non-existent KeyGroup "
+                                << Utils::binToHex(group));
+      }
       sane = false;
     }
-  }
+  });
   return sane;
 }
 
