@@ -527,10 +527,17 @@ void ReaderWriter::writeRecordTable(KSOutStream& out, const Table& table) {
   static const char* const kLabel = "ReaderWriter::writeRecordTable";
   translateErrors(kLabel, kWriteTableMap, [&] {
     KS_ASSERT(kLabel, table.size() <= UINT32_MAX);
+    // The table's tree is walked once; the sizing and the write go over
+    // the records in order from this list.
+    std::vector<const RecordOf<Table>*> records;
+    records.reserve(table.size());
+    for (const auto& entry : table) {
+      records.push_back(&entry.second);
+    }
     out.expect([&] {
       size_t bytes = FieldCounter::kMarker + FieldCounter::kCount;
-      for (const auto& entry : table) {
-        bytes += streamBytes(entry.second);
+      for (const auto* rec : records) {
+        bytes += streamBytes(*rec);
       }
       return bytes;
     });
@@ -538,13 +545,11 @@ void ReaderWriter::writeRecordTable(KSOutStream& out, const Table& table) {
     writeCount(out, table.size());
     // One scratch for all records: wiped once, at the end.
     Scratch scratch("ReaderWriter::writeRecord");
-    const auto end = table.end();
-    for (auto next = table.begin(); next != end;) {
-      const auto& rec = next->second;
-      if (++next != end) {
-        prefetchFields(next->second);
+    for (size_t i = 0; i < records.size(); ++i) {
+      if (i + 1 < records.size()) {
+        prefetchFields(*records[i + 1]);
       }
-      writeAnyRecord(out, rec, scratch);
+      writeAnyRecord(out, *records[i], scratch);
     }
   });
 }
