@@ -31,6 +31,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -421,7 +422,7 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
     // 2. The touched record is listed in its group, and an active one
     //    stands among the active keys at the front.
     if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
-      liter = std::find((giter->second).begin(), (giter->second).end(), tag);
+      liter = (giter->second).find(tag);
       if (liter == (giter->second).end()) {
         explainBrokenLists();
       }
@@ -441,14 +442,13 @@ bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
   // which is not active must have. The few active keys at the front of a
   // list are looked up from the list's side.
   struct Cursor {
-    std::string_view group;
     const GroupTags* tags;
     GroupTags::const_iterator activeEnd;
     GroupTags::const_iterator next;
     size_t activeListed;
     size_t activeSeen;
   };
-  std::vector<Cursor> cursors;
+  std::unordered_map<std::string_view, Cursor> cursors;
   cursors.reserve(m_groups.size());
   mostActive = 0;
   for (const auto& group : m_groups) {
@@ -465,50 +465,29 @@ bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
       }
     }
     mostActive = std::max(mostActive, active);
-    cursors.push_back(Cursor{group.first, &tags, activeEnd, activeEnd, active, 0});
-  }
-
-  // The cursors by group tag, in a flat open-addressing table.
-  size_t capacity = 16;
-  while (capacity < 2 * cursors.size()) {
-    capacity <<= 1;
-  }
-  const size_t mask = capacity - 1;
-  const std::hash<std::string_view> hash;
-  std::vector<Cursor*> index(capacity, nullptr);
-  for (Cursor& cursor : cursors) {
-    size_t pos = hash(cursor.group) & mask;
-    while (index[pos] != nullptr) {
-      pos = (pos + 1) & mask;
-    }
-    index[pos] = &cursor;
+    cursors.emplace(group.first, Cursor{&tags, activeEnd, activeEnd, active, 0});
   }
 
   for (const auto& entry : m_rectable) {
-    const std::string& group = entry.second.keyGroup();
-    Cursor* cursor = nullptr;
-    for (size_t pos = hash(group) & mask; index[pos] != nullptr; pos = (pos + 1) & mask) {
-      if (index[pos]->group == group) {
-        cursor = index[pos];
-        break;
-      }
-    }
-    if (cursor == nullptr) {
+    const auto found = cursors.find(entry.second.keyGroup());
+    if (found == cursors.end()) {
       return false;
     }
+    Cursor& cursor = found->second;
     if (entry.second.state() == KEY_ACTIVE) {
-      if (++cursor->activeSeen > cursor->activeListed ||
-          std::find(cursor->tags->begin(), cursor->activeEnd, entry.first) == cursor->activeEnd) {
+      if (++cursor.activeSeen > cursor.activeListed ||
+          std::find(cursor.tags->begin(), cursor.activeEnd, entry.first) == cursor.activeEnd) {
         return false;
       }
     } else {
-      if (cursor->next == cursor->tags->end() || *cursor->next != entry.first) {
+      if (cursor.next == cursor.tags->end() || *cursor.next != entry.first) {
         return false;
       }
-      ++cursor->next;
+      ++cursor.next;
     }
   }
-  for (const Cursor& cursor : cursors) {
+  for (const auto& entry : cursors) {
+    const Cursor& cursor = entry.second;
     if (cursor.next != cursor.tags->end() || cursor.activeSeen != cursor.activeListed) {
       return false;
     }
@@ -524,7 +503,7 @@ void KeyRecordTable<R>::explainBrokenLists() const {
   for (auto iter = m_rectable.begin(); iter != m_rectable.end(); ++iter) {
     const auto giter = m_groups.find(iter->second.keyGroup());
     KS_ASSERT(kLabel, giter != m_groups.end());
-    const auto liter = std::find((giter->second).begin(), (giter->second).end(), iter->first);
+    const auto liter = (giter->second).find(iter->first);
     KS_ASSERT(kLabel, liter != (giter->second).end());
   }
   // Active keys stand at the front of each list, at most one under the
