@@ -18,7 +18,10 @@
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/crypto/SecureBytes.h"
 #include "kms/server/keystore/format/BigEndian.h"
+#include "kms/server/keystore/format/StringOutDest.h"
+#include "kms/server/keystore/records/KeyRecordBlock.h"
 #include "kms/server/keystore/records/KeyRecordTable.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/records/RecordTable.h"
 
 // Entry tracing, only while ReaderWriter::debug(true) is in force.
@@ -41,7 +44,10 @@ const ErrorMap kWriteTableMap{{1210, EC_KS_internal_error}, {{{1224}, EC_KS_inte
 const ErrorMap kReadListMap{{1208}, {}};
 const ErrorMap kReadRecordMap{{1208}, {{{1214}, 1208}}};
 
-const unsigned char kDigestSeed = 'Z';
+const unsigned char kDigestSeed = KeyRecordBlock::kDigestSeed;
+static_assert(ReaderWriter::s_recordmark[0] == KeyRecordBlock::kMarker[0] &&
+                  ReaderWriter::s_recordmark[1] == KeyRecordBlock::kMarker[1],
+              "key records are kept in their stream form");
 
 // A byte buffer that only grows: appending is a copy, and clear() keeps the
 // room. What it held is wiped when it grows and when it goes (SecureBytes).
@@ -135,7 +141,7 @@ class DigestingWriter {
     appendField(m_scratch.fields, data, len);
     m_scratch.addDigested(data, len);
   }
-  void string(const std::string& s) { bytes(s.data(), s.size()); }
+  void string(std::string_view s) { bytes(s.data(), s.size()); }
   void integer(uint64_t value, size_t len) {
     unsigned char be[8];
     Utils::storeBigEndian(be, value, len);
@@ -207,7 +213,7 @@ class DigestingReader {
     return field;
   }
   // A digested integer field that must be exactly `len` bytes long.
-  uint64_t integer(size_t len) {
+  std::string_view integerView(size_t len) {
     const std::string_view field = raw();
     if (field.size() != len) {
       KMS_DEBUG(m_function, 1,
@@ -215,7 +221,11 @@ class DigestingReader {
       KS_THROW(EC_KS_malformed, m_function);
     }
     m_scratch.addDigested(field.data(), field.size());
-    return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(field.data()), len);
+    return field;
+  }
+  uint64_t integer(size_t len) {
+    return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(integerView(len).data()),
+                                len);
   }
   // A 4-byte count field outside the digest.
   uint32_t count() {
@@ -227,6 +237,8 @@ class DigestingReader {
     return static_cast<uint32_t>(
         Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(field.data()), 4));
   }
+  // The digest selector of the marker read.
+  CmnCrypto::_HASH_ALGO algo() const { return m_algo; }
   // Reads the stored digest and compares it with the computed one.
   void checkDigest() {
     unsigned char computed[EVP_MAX_MD_SIZE];
@@ -260,31 +272,17 @@ Enum enumOf(uint64_t value) {
   return static_cast<Enum>(static_cast<int32_t>(value));
 }
 
-// A record's digested fields in stream order, into `fields` (a
-// DigestingWriter, a FieldCounter or a FieldPrefetcher): those that key and
-// group records share (tag, name, times, description, revision), then the
-// record's own.
-template <typename Record, typename Fields>
-void sharedFields(const Record& rec, Fields& fields) {
+// A group record's digested fields in stream order, into `fields` (a
+// DigestingWriter, a FieldCounter or a FieldPrefetcher). A key record keeps
+// its own in stream form (KeyRecordBlock).
+template <typename Fields>
+void recordFields(const KeyGrpRecord_v1& rec, Fields& fields) {
   fields.string(rec.tag());
   fields.string(rec.name());
   fields.integer(rec.updateTime(), 8);
   fields.integer(rec.createTime(), 8);
   fields.string(rec.description());
   fields.integer(rec.rev(), 4);
-}
-template <typename Fields>
-void recordFields(const KeyRecord_v1& rec, Fields& fields) {
-  sharedFields(rec, fields);
-  fields.string(rec.keyGroup());
-  fields.integer(static_cast<uint16_t>(rec.state()), 2);
-  fields.integer(static_cast<uint16_t>(rec.kpkType()), 2);
-  fields.string(rec.kpkTag());
-  fields.string(rec.key());
-}
-template <typename Fields>
-void recordFields(const KeyGrpRecord_v1& rec, Fields& fields) {
-  sharedFields(rec, fields);
   fields.integer(static_cast<uint16_t>(rec.cipherType()), 2);
 }
 
@@ -296,7 +294,7 @@ class FieldCounter {
   static constexpr size_t kCount = kLength + 4;
   static constexpr size_t kDigest = kLength + 32;  // SHA-256
 
-  void string(const std::string& s) { bytes += kLength + s.size(); }
+  void string(std::string_view s) { bytes += kLength + s.size(); }
   void integer(uint64_t, size_t len) { bytes += kLength + len; }
 
   size_t bytes = 0;
@@ -304,15 +302,23 @@ class FieldCounter {
 
 // The bytes of a record and its attribute list on the stream, for
 // KSOutStream::expect.
+size_t recordBytes(const KeyRecord_v1& rec) {
+  return rec.block().size();
+}
+size_t recordBytes(const KeyGrpRecord_v1& rec) {
+  FieldCounter fields;
+  recordFields(rec, fields);
+  return fields.bytes + FieldCounter::kMarker + FieldCounter::kDigest;
+}
 template <typename Record>
 size_t streamBytes(const Record& rec) {
   FieldCounter fields;
-  recordFields(rec, fields);
   for (const auto& attribute : rec.attributes()) {
     fields.string(attribute.first);
     fields.string(attribute.second);
   }
-  return fields.bytes + 2 * (FieldCounter::kMarker + FieldCounter::kDigest) + FieldCounter::kCount;
+  return recordBytes(rec) + fields.bytes + FieldCounter::kMarker + FieldCounter::kDigest +
+         FieldCounter::kCount;
 }
 
 // Starts loading the heap blocks of a record's fields (each string's bytes,
@@ -321,14 +327,20 @@ size_t streamBytes(const Record& rec) {
 // wait for each of them in turn.
 class FieldPrefetcher {
  public:
-  void string(const std::string& s) { __builtin_prefetch(s.data()); }
+  void string(std::string_view s) { __builtin_prefetch(s.data()); }
   void integer(uint64_t, size_t) {}
 };
 
-template <typename Record>
-void prefetchFields(const Record& rec) {
+void prefetchRecord(const KeyRecord_v1& rec) {
+  __builtin_prefetch(rec.block().data());
+}
+void prefetchRecord(const KeyGrpRecord_v1& rec) {
   FieldPrefetcher fields;
   recordFields(rec, fields);
+}
+template <typename Record>
+void prefetchFields(const Record& rec) {
+  prefetchRecord(rec);
   if (rec.attributes().size() != 0) {
     __builtin_prefetch(&*rec.attributes().begin());
   }
@@ -351,7 +363,7 @@ void ReaderWriter::writeRecordField(KSOutStream& out, const void* data, unsigned
 
 namespace {
 
-void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
+void writeListFields(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::writeAttributeList";
   translateErrors(kLabel, kWriteMap, [&] {
     const size_t listsize = list.size();
@@ -367,6 +379,30 @@ void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch
     fields.finish();
     KS_ASSERT(kLabel, listsize == count);
   });
+}
+
+// An empty list is written the same way every time (marker, count 0 and the
+// digest of the seed alone): its bytes are made once, and most records have
+// no attributes.
+void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
+  if (list.size() != 0) {
+    writeListFields(out, list, scratch);
+    return;
+  }
+  static const std::string empty = [&] {
+    std::string bytes;
+    StringOutDest dest(bytes);
+    KSOutStream stream(dest, nullptr, KSOutStream::kCipherRoom);
+    try {
+      writeListFields(stream, list, scratch);
+    } catch (...) {
+      stream.discard();
+      throw;
+    }
+    stream.flush(true);
+    return bytes;
+  }();
+  out.write(empty.data(), empty.size());
 }
 
 void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scratch) {
@@ -438,22 +474,60 @@ namespace {
 
 // A record on the stream: its marker, its fields (recordFields), the digest
 // over them, and the attribute list.
+// A key record's block is its marker, fields and digest as they stand.
+void writeRecordFields(KSOutStream& out, const KeyRecord_v1& rec, Scratch&) {
+  out.write(rec.block().data(), rec.block().size());
+}
+void writeRecordFields(KSOutStream& out, const KeyGrpRecord_v1& rec, Scratch& scratch) {
+  writeMarker(out, ReaderWriter::s_recordmark);
+  DigestingWriter fields(out, scratch);
+  recordFields(rec, fields);
+  fields.finish();
+}
 template <typename Record>
 void writeAnyRecord(KSOutStream& out, const Record& rec, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::writeRecord";
   translateErrors(kLabel, kWriteMap, [&] {
-    writeMarker(out, ReaderWriter::s_recordmark);
-    DigestingWriter fields(out, scratch);
-    recordFields(rec, fields);
-    fields.finish();
+    writeRecordFields(out, rec, scratch);
     writeAttributeListWith(out, rec.attributes(), scratch);
   });
 }
 
-// Reads what writeAnyRecord writes: the fields that key and group records
-// share, then those that `ownFields` reads.
-template <typename Record, typename OwnFields>
-void readRecordWith(KSInputBuffer& in, Record& rec, Scratch& scratch, OwnFields&& ownFields) {
+// A key record keeps the bytes read, marker to digest, as its block when the
+// digest is the one a write makes (SHA-256); an older record gets a block
+// made afresh. The enumerations are checked here, as a setter would.
+void readKeyRecord(KSInputBuffer& in, KeyRecord_v1& rec, Scratch& scratch) {
+  static const char* const kLabel = "ReaderWriter::readRecord";
+  translateErrors(kLabel, kReadRecordMap, [&] {
+    const unsigned char* const start = in.cursor();
+    DigestingReader fields(in, kLabel, scratch);
+    fields.marker(ReaderWriter::verifyRecordMarkerAndGetHashAlgo);
+    KeyRecordBlock::Fields views;
+    KeyRecordBlock::Offsets offsets;
+    for (unsigned f = 0; f < KeyRecordBlock::kFieldCount; ++f) {
+      const size_t width = KeyRecordBlock::width(static_cast<KeyRecordBlock::Field>(f));
+      views[f] = width != 0 ? fields.integerView(width) : fields.view();
+      offsets[f] = static_cast<uint16_t>(
+          reinterpret_cast<const unsigned char*>(views[f].data()) - 2 - start);
+    }
+    fields.checkDigest();
+    const auto number = [&](KeyRecordBlock::Field f) {
+      return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(views[f].data()),
+                                  views[f].size());
+    };
+    if (!isKnownKeyState(enumOf<ks_keystate_t>(number(KeyRecordBlock::kState))) ||
+        !isKnownKpkType(enumOf<ks_kpktype_t>(number(KeyRecordBlock::kKpkType)))) {
+      KMS_DEBUG(kLabel, 1, "Unknown key state or KPK type");
+      KS_THROW(EC_KS_malformed, kLabel);
+    }
+    rec = KeyRecord_v1(fields.algo() == CmnCrypto::HASH_SHA256
+                           ? KeyRecordBlock::adopt(start, in.cursor() - start, offsets)
+                           : KeyRecordBlock::make(views));
+    readAttributeListWith(in, rec.attributes(), scratch);
+  });
+}
+
+void readGroupRecord(KSInputBuffer& in, KeyGrpRecord_v1& rec, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::readRecord";
   translateErrors(kLabel, kReadRecordMap, [&] {
     DigestingReader fields(in, kLabel, scratch);
@@ -464,27 +538,9 @@ void readRecordWith(KSInputBuffer& in, Record& rec, Scratch& scratch, OwnFields&
     rec.setCreateTime(fields.integer(8));
     rec.setDescription(fields.view());
     rec.setRev(static_cast<uint32_t>(fields.integer(4)));
-    ownFields(fields);
+    rec.setCipherType(enumOf<ks_ciphertype_t>(fields.integer(2)));
     fields.checkDigest();
     readAttributeListWith(in, rec.attributes(), scratch);
-  });
-}
-
-// The record's fields are set from views into the input: one copy each,
-// straight into the record, and no copy of the key to wipe.
-void readKeyRecord(KSInputBuffer& in, KeyRecord_v1& rec, Scratch& scratch) {
-  readRecordWith(in, rec, scratch, [&](DigestingReader& fields) {
-    rec.setKeyGroup(fields.view());
-    rec.setState(enumOf<ks_keystate_t>(fields.integer(2)));
-    rec.setKpkType(enumOf<ks_kpktype_t>(fields.integer(2)));
-    rec.setKpkTag(fields.view());
-    rec.setKey(fields.view());
-  });
-}
-
-void readGroupRecord(KSInputBuffer& in, KeyGrpRecord_v1& rec, Scratch& scratch) {
-  readRecordWith(in, rec, scratch, [&](DigestingReader& fields) {
-    rec.setCipherType(enumOf<ks_ciphertype_t>(fields.integer(2)));
   });
 }
 

@@ -76,9 +76,10 @@ class ReaderWriter {
   // Throw 1210 from a file, else 1200.
   static void writeRecord(KSOutStream& out, const KeyRecord_v1& rec);
   static void writeRecord(KSOutStream& out, const KeyGrpRecord_v1& rec);
-  // Fill an empty record through its setters. Throw 1208 for malformed
-  // input, an integer field of the wrong length, a digest mismatch or a
-  // value a setter refuses; 1200 for anything else.
+  // Fill an empty record (a key record keeps the bytes read as its block).
+  // Throw 1208 for malformed input, an integer field of the wrong length, a
+  // digest mismatch or a value outside the record's bounds; 1200 for
+  // anything else.
   static void readRecord(KSInputBuffer& in, KeyRecord_v1& rec);
   static void readRecord(KSInputBuffer& in, KeyGrpRecord_v1& rec);
 

@@ -74,7 +74,7 @@ void KeyGrpRecord_v1::display(int number) const {
   std::printf("Tag : ");
   Utils::displayBuffer(m_tag, true, "", true);
   std::printf("CipherType : %s\n", Utils::cipherTypeToString(m_ciphertype).c_str());
-  displaySharedFields();
+  displaySharedFields(*this);
   std::printf("HasActiveKey : %s\n", m_hasactivekey ? "true" : "false");
   std::printf("NumKeys : %lu\n", static_cast<unsigned long>(m_numkeys));
   std::printf("Extended Attributes : ");

@@ -6,74 +6,190 @@
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/records/RecordFields.h"
+#include "kms/server/keystore/format/BigEndian.h"
 #include "kms/server/keystore/records/RecordUtils.h"
+#include "kms/server/keystore/records/SharedRecordFields.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-KeyRecord_v1::KeyRecord_v1() : m_state(KEY_INVALID), m_kpktype(KPK_INVALID) {
-  m_attrs.testInvariant();
-  testInvariant();
-}
+namespace {
 
-void KeyRecord_v1::setKeyGroup(std::string_view groupTag) {
-  assignBoundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", m_kgroup,
-                     groupTag);
-  testInvariant();
-}
+using Block = KeyRecordBlock;
 
-void KeyRecord_v1::setState(ks_keystate_t state) {
+// An integer field's bytes, big-endian, for a block under construction.
+class IntegerField {
+ public:
+  IntegerField(uint64_t value, Block::Field field) : m_width(Block::width(field)) {
+    Utils::storeBigEndian(m_bytes, value, m_width);
+  }
+  std::string_view view() const {
+    return std::string_view(reinterpret_cast<const char*>(m_bytes), m_width);
+  }
+
+ private:
+  unsigned char m_bytes[8];
+  size_t m_width;
+};
+
+void checkState(ks_keystate_t state) {
   if (!isKnownKeyState(state)) {
     KMS_DEBUG("KeyRecord_v1::setState", 1,
               "Encounted an UNKNOWN KeyState: " << static_cast<int32_t>(state));
     KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setState");
   }
-  m_state = state;
-  testInvariant();
 }
 
-void KeyRecord_v1::setKpkType(ks_kpktype_t type) {
+void checkKpkType(ks_kpktype_t type) {
   if (!isKnownKpkType(type)) {
     KMS_DEBUG("KeyRecord_v1::setKpkType", 1,
               "Encounted an UNKNOWN KpkType: " << static_cast<int32_t>(type));
     KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setKpkType");
   }
-  m_kpktype = type;
-  testInvariant();
 }
 
-void KeyRecord_v1::setKpkTag(std::string_view kpkTag) {
-  assignBoundedField("KeyRecord_v1::setKpkTag", "Encountered KpkTag of size: ", m_kpktag, kpkTag);
-  testInvariant();
-}
-
-void KeyRecord_v1::setKey(std::string_view key) {
+std::string_view checkedKey(std::string_view key) {
   if (key.size() > kMaxRecordFieldLength) {
     KMS_DEBUG("KeyRecord_v1::setKey", 1, "Encountered Key of size: " << key.size());
     KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setKey");
   }
-  m_key.assign(key);
+  return key;
+}
+
+}  // namespace
+
+KeyRecord_v1::KeyRecord_v1() : m_block(Block::empty()) {
+  m_attrs.testInvariant();
   testInvariant();
 }
 
-void KeyRecord_v1::setFields(const std::string& tag, const std::string& name,
-                             const std::string& keyGroup, ks_keystate_t state, uint64_t updateTime,
-                             uint64_t createTime, const std::string& description, uint32_t rev,
-                             ks_kpktype_t kpkType, const std::string& kpkTag,
-                             const std::string& key) {
+KeyRecord_v1::KeyRecord_v1(std::shared_ptr<const KeyRecordBlock> block)
+    : m_block(std::move(block)) {
+  testInvariant();
+}
+
+// A record moved from is left empty rather than holding no block, so every
+// accessor stays valid on it.
+KeyRecord_v1::KeyRecord_v1(KeyRecord_v1&& other) noexcept
+    : m_block(std::move(other.m_block)), m_attrs(std::move(other.m_attrs)) {
+  other.m_block = Block::empty();
+}
+
+KeyRecord_v1& KeyRecord_v1::operator=(KeyRecord_v1&& other) noexcept {
+  if (this != &other) {
+    m_block = std::move(other.m_block);
+    m_attrs = std::move(other.m_attrs);
+    other.m_block = Block::empty();
+  }
+  return *this;
+}
+
+void KeyRecord_v1::setTag(std::string_view tag) {
+  m_block = m_block->with(Block::kTag,
+                          boundedField("KeyRecord_v1::setTag", "Encountered TAG of size: ", tag));
+  testInvariant();
+}
+
+void KeyRecord_v1::setName(std::string_view name) {
+  m_block = m_block->with(Block::kName, truncatedField("KeyRecord_v1::setName", "Name", name));
+  testInvariant();
+}
+
+void KeyRecord_v1::setUpdateTime(uint64_t seconds) {
+  m_block = m_block->with(Block::kUpdateTime, seconds);
+  testInvariant();
+}
+
+void KeyRecord_v1::setCreateTime(uint64_t seconds) {
+  m_block = m_block->with(Block::kCreateTime, seconds);
+  testInvariant();
+}
+
+void KeyRecord_v1::setDescription(std::string_view description) {
+  m_block = m_block->with(Block::kDescription, truncatedField("KeyRecord_v1::setDescription",
+                                                              "Description", description));
+  testInvariant();
+}
+
+void KeyRecord_v1::setRev(uint32_t rev) {
+  m_block = m_block->with(Block::kRev, rev);
+  testInvariant();
+}
+
+void KeyRecord_v1::setKeyGroup(std::string_view groupTag) {
+  m_block = m_block->with(Block::kKeyGroup,
+                          boundedField("KeyRecord_v1::setKeyGroup",
+                                       "Encountered KeyGroup TAG of size: ", groupTag));
+  testInvariant();
+}
+
+void KeyRecord_v1::setState(ks_keystate_t state) {
+  checkState(state);
+  m_block = m_block->with(Block::kState, static_cast<uint16_t>(state));
+  testInvariant();
+}
+
+void KeyRecord_v1::setKpkType(ks_kpktype_t type) {
+  checkKpkType(type);
+  m_block = m_block->with(Block::kKpkType, static_cast<uint16_t>(type));
+  testInvariant();
+}
+
+void KeyRecord_v1::setKpkTag(std::string_view kpkTag) {
+  m_block = m_block->with(Block::kKpkTag, boundedField("KeyRecord_v1::setKpkTag",
+                                                       "Encountered KpkTag of size: ", kpkTag));
+  testInvariant();
+}
+
+void KeyRecord_v1::setKey(std::string_view key) {
+  m_block = m_block->with(Block::kKey, checkedKey(key));
+  testInvariant();
+}
+
+void KeyRecord_v1::setFields(std::string_view tag, std::string_view name,
+                             std::string_view keyGroup, ks_keystate_t state, uint64_t updateTime,
+                             uint64_t createTime, std::string_view description, uint32_t rev,
+                             ks_kpktype_t kpkType, std::string_view kpkTag,
+                             std::string_view key) {
   KMS_TRACE_THIS("KeyRecord_v1::setFields");
-  setTag(tag);
-  setName(name);
-  setUpdateTime(updateTime);
-  setCreateTime(createTime);
-  setDescription(description);
-  setRev(rev);
-  setKeyGroup(keyGroup);
-  setState(state);
-  setKpkType(kpkType);
-  setKpkTag(kpkTag);
-  setKey(key);
+  Block::Fields fields;
+  for (unsigned f = 0; f < Block::kFieldCount; ++f) {
+    fields[f] = m_block->field(static_cast<Block::Field>(f));
+  }
+  const IntegerField updated(updateTime, Block::kUpdateTime);
+  const IntegerField created(createTime, Block::kCreateTime);
+  const IntegerField revision(rev, Block::kRev);
+  const IntegerField stateField(static_cast<uint16_t>(state), Block::kState);
+  const IntegerField kpkTypeField(static_cast<uint16_t>(kpkType), Block::kKpkType);
+  // The fields are checked in the order of the setters; those before a
+  // refused one are set all the same.
+  auto checkAll = [&] {
+    fields[Block::kTag] = boundedField("KeyRecord_v1::setTag", "Encountered TAG of size: ", tag);
+    fields[Block::kName] = truncatedField("KeyRecord_v1::setName", "Name", name);
+    fields[Block::kUpdateTime] = updated.view();
+    fields[Block::kCreateTime] = created.view();
+    fields[Block::kDescription] =
+        truncatedField("KeyRecord_v1::setDescription", "Description", description);
+    fields[Block::kRev] = revision.view();
+    fields[Block::kKeyGroup] = boundedField("KeyRecord_v1::setKeyGroup",
+                                            "Encountered KeyGroup TAG of size: ", keyGroup);
+    checkState(state);
+    fields[Block::kState] = stateField.view();
+    checkKpkType(kpkType);
+    fields[Block::kKpkType] = kpkTypeField.view();
+    fields[Block::kKpkTag] =
+        boundedField("KeyRecord_v1::setKpkTag", "Encountered KpkTag of size: ", kpkTag);
+    fields[Block::kKey] = checkedKey(key);
+  };
+  try {
+    checkAll();
+  } catch (...) {
+    m_block = Block::make(fields);
+    throw;
+  }
+  m_block = Block::make(fields);
+  testInvariant();
 }
 
 void KeyRecord_v1::addOrUpdateKRAttribute(std::string name, std::string value) {
@@ -91,21 +207,20 @@ void KeyRecord_v1::addOrUpdateKRAttribute(std::string name, std::string value) {
 }
 
 bool KeyRecord_v1::operator==(const KeyRecord_v1& other) const {
-  return sharedFieldsEqual(other) && m_kgroup == other.m_kgroup && m_state == other.m_state &&
-         m_kpktype == other.m_kpktype && m_kpktag == other.m_kpktag && m_key == other.m_key;
+  // Equal fields make equal blocks, digest included.
+  return (m_block == other.m_block ||
+          std::string_view(reinterpret_cast<const char*>(m_block->data()), m_block->size()) ==
+              std::string_view(reinterpret_cast<const char*>(other.m_block->data()),
+                               other.m_block->size())) &&
+         m_attrs == other.m_attrs;
 }
 
 void KeyRecord_v1::testInvariant() const {
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_tag.size() <= 4096);
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_name.size() <= 4096);
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_kgroup.size() <= 4096);
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_description.size() <= 4096);
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_kpktag.size() <= 4096);
-  KS_ASSERT("KeyRecord_v1::testInvariant", m_key.size() <= 4096);
+  // The block keeps the bounds of the byte strings.
   // The spacing inside the calls is part of the logged assertion text.
   // clang-format off
-  KS_ASSERT("KeyRecord_v1::testInvariant", isKnownKeyState( m_state ));
-  KS_ASSERT("KeyRecord_v1::testInvariant", isKnownKpkType( m_kpktype ));
+  KS_ASSERT("KeyRecord_v1::testInvariant", isKnownKeyState( state() ));
+  KS_ASSERT("KeyRecord_v1::testInvariant", isKnownKpkType( kpkType() ));
   // clang-format on
 }
 
@@ -113,18 +228,18 @@ void KeyRecord_v1::display(int number) const {
   KMS_TRACE_THIS("KeyRecord_v1::display");
   std::printf("\n>>>>>>>>>>>>>>>>>>> RECORD %d <<<<<<<<<<<<<<<<<<<<<<<<<\n\n", number);
   std::printf("Name : ");
-  Utils::displayBuffer(m_name, true, "", false);
+  Utils::displayBuffer(std::string(name()), true, "", false);
   std::printf("Tag : ");
-  Utils::displayBuffer(m_tag, true, "", true);
+  Utils::displayBuffer(std::string(tag()), true, "", true);
   std::printf("Key Group : ");
-  Utils::displayBuffer(m_kgroup, true, "", true);
-  std::printf("Status : %s\n\n", Utils::keystateToString(m_state).c_str());
-  displaySharedFields();
-  std::printf("KPK Type : %s\n", Utils::kpkTypeToString(m_kpktype).c_str());
+  Utils::displayBuffer(std::string(keyGroup()), true, "", true);
+  std::printf("Status : %s\n\n", Utils::keystateToString(state()).c_str());
+  displaySharedFields(*this);
+  std::printf("KPK Type : %s\n", Utils::kpkTypeToString(kpkType()).c_str());
   std::printf("KPK Tag : ");
-  Utils::displayBuffer(m_kpktag, true, "", true);
+  Utils::displayBuffer(std::string(kpkTag()), true, "", true);
   std::printf("Key : ");
-  Utils::displayBuffer(m_key.bytes(), false, "", true);
+  Utils::displayBuffer(std::string(key()), false, "", true);
   std::printf("Extended Attributes : ");
   m_attrs.display();
 }

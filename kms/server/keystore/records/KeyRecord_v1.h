@@ -2,49 +2,78 @@
 // the store's tables the key field holds the wrapped key; copies that leave
 // the store hold the plain key or nothing.
 //
+// The fields live in one shared, immutable KeyRecordBlock, in the form the
+// key table's stream holds them: copying a record copies a reference, and a
+// setter makes a new block (a digest over the record, about a microsecond).
+// The views that the accessors return are valid while the record lives and
+// is not changed. The attribute list is kept beside the block.
+//
 // Limits: tag, key group, KPK tag and key are at most 4096 bytes and their
 // setters throw KeyStoreError 1214 for a longer value, leaving the field as it
 // was; name and description are cut to 4096 bytes without an error. The
 // enumeration setters refuse values outside the enumeration with 1214 (the
 // zero values are accepted here; the store refuses them). Every setter ends
 // with testInvariant, whose failure aborts the process. The key bytes are
-// wiped when a record lets go of them.
+// wiped when the last record lets go of its block; a record moved from is
+// left empty.
 #pragma once
 
-#include <openssl/crypto.h>
-
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "kms/server/keystore/records/AttributeList.h"
-#include "kms/server/keystore/records/SharedRecordFields.h"
+#include "kms/server/keystore/records/KeyRecordBlock.h"
 #include "kms/server/keystore/store/KeyStoreTypes.h"
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
+class KeyRecord_v1 {
  public:
-  // Tag, name, times, description, revision and attributes, with their
-  // accessors, come from SharedRecordFields.
   static constexpr const char* kClassName = "KeyRecord_v1";
 
   // Empty strings, zero times, revision 0, KEY_INVALID, KPK_INVALID.
   KeyRecord_v1();
+  // A record of a block that a table read has checked, enumerations
+  // included.
+  explicit KeyRecord_v1(std::shared_ptr<const KeyRecordBlock> block);
   KeyRecord_v1(const KeyRecord_v1&) = default;
-  KeyRecord_v1(KeyRecord_v1&&) = default;
+  KeyRecord_v1(KeyRecord_v1&& other) noexcept;
   KeyRecord_v1& operator=(const KeyRecord_v1&) = default;
-  KeyRecord_v1& operator=(KeyRecord_v1&&) = default;
+  KeyRecord_v1& operator=(KeyRecord_v1&& other) noexcept;
 
-  const std::string& keyGroup() const { return m_kgroup; }
-  ks_keystate_t state() const { return m_state; }
-  ks_kpktype_t kpkType() const { return m_kpktype; }
-  const std::string& kpkTag() const { return m_kpktag; }
-  const std::string& key() const { return m_key.bytes(); }
+  std::string_view tag() const { return m_block->field(KeyRecordBlock::kTag); }
+  std::string_view name() const { return m_block->field(KeyRecordBlock::kName); }
+  uint64_t updateTime() const { return m_block->integer(KeyRecordBlock::kUpdateTime); }
+  uint64_t createTime() const { return m_block->integer(KeyRecordBlock::kCreateTime); }
+  std::string_view description() const { return m_block->field(KeyRecordBlock::kDescription); }
+  uint32_t rev() const { return static_cast<uint32_t>(m_block->integer(KeyRecordBlock::kRev)); }
+  std::string_view keyGroup() const { return m_block->field(KeyRecordBlock::kKeyGroup); }
+  ks_keystate_t state() const {
+    return static_cast<ks_keystate_t>(
+        static_cast<int32_t>(m_block->integer(KeyRecordBlock::kState)));
+  }
+  ks_kpktype_t kpkType() const {
+    return static_cast<ks_kpktype_t>(
+        static_cast<int32_t>(m_block->integer(KeyRecordBlock::kKpkType)));
+  }
+  std::string_view kpkTag() const { return m_block->field(KeyRecordBlock::kKpkTag); }
+  std::string_view key() const { return m_block->field(KeyRecordBlock::kKey); }
+  const AttributeList& attributes() const { return m_attrs; }
+  // The list keeps its own limits, so it may be changed in place.
+  AttributeList& attributes() { return m_attrs; }
+  // The fields as the key table's stream holds them.
+  const KeyRecordBlock& block() const { return *m_block; }
 
+  void setTag(std::string_view tag);  // throws 1214
+  void setName(std::string_view name);
+  void setUpdateTime(uint64_t seconds);
+  void setCreateTime(uint64_t seconds);
+  void setDescription(std::string_view description);
+  void setRev(uint32_t rev);
   void setKeyGroup(std::string_view groupTag);  // throws 1214
   void setState(ks_keystate_t state);           // throws 1214
   void setKpkType(ks_kpktype_t type);           // throws 1214
@@ -55,10 +84,11 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
   // group, state, KPK type, KPK tag and key, in that order, each through its
   // setter; a refused value throws 1214 and leaves the later fields as they
   // were. The attributes are not touched.
-  void setFields(const std::string& tag, const std::string& name, const std::string& keyGroup,
+  // One block is made for all of them.
+  void setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
                  ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
-                 const std::string& description, uint32_t rev, ks_kpktype_t kpkType,
-                 const std::string& kpkTag, const std::string& key);
+                 std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
+                 std::string_view kpkTag, std::string_view key);
 
   // Adds the attribute, or replaces the value of an existing one. Throws 1200
   // only if neither works.
@@ -74,53 +104,8 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
   void display(int number) const;
 
  private:
-  // The key field. A record may carry a plain key on its way out of the store,
-  // so the bytes are overwritten before their memory is released or reused.
-  class KeyBytes {
-   public:
-    KeyBytes() = default;
-    KeyBytes(const KeyBytes& other) : m_bytes(other.m_bytes) {}
-    KeyBytes(KeyBytes&& other) noexcept : m_bytes(std::move(other.m_bytes)) { other.wipe(); }
-    KeyBytes& operator=(const KeyBytes& other) {
-      if (this != &other) {
-        assign(other.m_bytes);
-      }
-      return *this;
-    }
-    KeyBytes& operator=(KeyBytes&& other) noexcept {
-      if (this != &other) {
-        wipe();
-        m_bytes = std::move(other.m_bytes);
-        other.wipe();
-      }
-      return *this;
-    }
-    ~KeyBytes() { wipe(); }
-
-    const std::string& bytes() const { return m_bytes; }
-    size_t size() const { return m_bytes.size(); }
-    void assign(std::string_view bytes) {
-      wipe();
-      m_bytes.assign(bytes.data(), bytes.size());
-    }
-    bool operator==(const KeyBytes& other) const { return m_bytes == other.m_bytes; }
-
-   private:
-    // Overwrites the whole buffer, bytes left behind by a longer earlier
-    // value or by a move included, and empties the string.
-    void wipe() noexcept {
-      m_bytes.resize(m_bytes.capacity());
-      OPENSSL_cleanse(&m_bytes[0], m_bytes.size());
-      m_bytes.clear();
-    }
-    std::string m_bytes;
-  };
-
-  std::string m_kgroup;
-  ks_keystate_t m_state;
-  ks_kpktype_t m_kpktype;
-  std::string m_kpktag;
-  KeyBytes m_key;
+  std::shared_ptr<const KeyRecordBlock> m_block;
+  AttributeList m_attrs;
 };
 
 }  // namespace KMS

@@ -8,25 +8,31 @@ namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-void assignBoundedField(const char* function, const char* what, std::string& field,
-                        std::string_view value) {
+std::string_view boundedField(const char* function, const char* what, std::string_view value) {
   if (value.size() > kMaxRecordFieldLength) {
     KMS_DEBUG(function, 1, what << value.size());
     KS_THROW(EC_KS_bad_argument, function);
   }
-  field.assign(value);
+  return value;
 }
 
-void assignTruncatedField(const char* function, const char* what, std::string& field,
-                          std::string_view value) {
+std::string_view truncatedField(const char* function, const char* what, std::string_view value) {
   if (value.size() > kMaxRecordFieldLength) {
     KMS_DEBUG(function, 1,
               "Encountered " << what << " of size " << value.size() << ". Truncating to "
                              << kMaxRecordFieldLength);
-    field.assign(value.substr(0, kMaxRecordFieldLength));
-    return;
   }
-  field.assign(value);
+  return value.substr(0, kMaxRecordFieldLength);
+}
+
+void assignBoundedField(const char* function, const char* what, std::string& field,
+                        std::string_view value) {
+  field.assign(boundedField(function, what, value));
+}
+
+void assignTruncatedField(const char* function, const char* what, std::string& field,
+                          std::string_view value) {
+  field.assign(truncatedField(function, what, value));
 }
 
 }  // namespace KMS

@@ -13,6 +13,14 @@ namespace KMS {
 // Longest content of a record's string field.
 constexpr size_t kMaxRecordFieldLength = 4096;
 
+// `value` if it has at most 4096 bytes. Otherwise logs `what` and the size
+// at debug level 1 under `function` and throws KeyStoreError 1214.
+std::string_view boundedField(const char* function, const char* what, std::string_view value);
+
+// The first 4096 bytes of `value`; a longer value is logged as
+// "Encountered <what> of size <n>. Truncating to 4096" under `function`.
+std::string_view truncatedField(const char* function, const char* what, std::string_view value);
+
 // Assigns `value` to `field` if it has at most 4096 bytes. Otherwise logs
 // `what` and the size at debug level 1 under `function` and throws
 // KeyStoreError 1214; `field` is unchanged.

@@ -1,6 +1,6 @@
-// The fields that key records and key group records share: tag, name, update
-// and create time, description, revision and the attribute list, with their
-// getters and setters.
+// The fields of a key group record that a key record has too: tag, name,
+// update and create time, description, revision and the attribute list, with
+// their getters and setters. (A key record keeps its own in one block.)
 //
 // `Record` derives from SharedRecordFields<Record>, names itself in
 // `Record::kClassName` (the prefix of the function names in the log) and
@@ -25,11 +25,11 @@ namespace KMS {
 template <typename Record>
 class SharedRecordFields {
  public:
-  const std::string& tag() const { return m_tag; }
-  const std::string& name() const { return m_name; }
+  std::string_view tag() const { return m_tag; }
+  std::string_view name() const { return m_name; }
   uint64_t updateTime() const { return m_updatetime; }
   uint64_t createTime() const { return m_createtime; }
-  const std::string& description() const { return m_description; }
+  std::string_view description() const { return m_description; }
   uint32_t rev() const { return m_rev; }
   const AttributeList& attributes() const { return m_attrs; }
   // The list keeps its own limits, so it may be changed in place.
@@ -66,18 +66,6 @@ class SharedRecordFields {
  protected:
   SharedRecordFields() = default;
 
-  // The console lines of the times, the description and the revision.
-  void displaySharedFields() const {
-    std::printf("Creation Time : ");
-    Utils::displayTimestamp(m_createtime);
-    std::printf("Last Update Time : ");
-    Utils::displayTimestamp(m_updatetime);
-    std::printf("Description : ");
-    Utils::displayBuffer(m_description, false, "", false);
-    std::printf("Object Revision : ");
-    Utils::displayObjRev(m_rev);
-  }
-
   // All shared fields, the attribute lists by size and then pair by pair.
   bool sharedFieldsEqual(const SharedRecordFields& other) const {
     return m_tag == other.m_tag && m_name == other.m_name && m_createtime == other.m_createtime &&
@@ -99,6 +87,19 @@ class SharedRecordFields {
   }
   const Record& self() const { return static_cast<const Record&>(*this); }
 };
+
+// The console lines of a record's times, description and revision.
+template <typename Record>
+void displaySharedFields(const Record& rec) {
+  std::printf("Creation Time : ");
+  Utils::displayTimestamp(rec.createTime());
+  std::printf("Last Update Time : ");
+  Utils::displayTimestamp(rec.updateTime());
+  std::printf("Description : ");
+  Utils::displayBuffer(std::string(rec.description()), false, "", false);
+  std::printf("Object Revision : ");
+  Utils::displayObjRev(rec.rev());
+}
 
 }  // namespace KMS
 }  // namespace DL

@@ -1,0 +1,117 @@
+#include "kms/server/keystore/records/KeyRecordBlock.h"
+
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <optional>
+
+#include "kms/platform/HashGenerator.h"
+#include "kms/server/diagnostics/Log.h"
+#include "kms/server/diagnostics/Raise.h"
+#include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/format/BigEndian.h"
+
+namespace Vaultrest {
+namespace DL {
+namespace KMS {
+
+namespace {
+
+const char* const kLabel = "KeyRecordBlock::make";
+constexpr size_t kMaxContent = 4096;
+
+// The digest over the seed and the contents, into `out`. One context per
+// thread, restarted for every block.
+void digestInto(const KeyRecordBlock::Fields& fields, unsigned char* out) {
+  try {
+    thread_local std::optional<CmnCrypto::HashGenerator> hash;
+    if (hash) {
+      hash->restart();
+    } else {
+      hash.emplace(CmnCrypto::HASH_SHA256);
+    }
+    hash->addData(&KeyRecordBlock::kDigestSeed, 1);
+    for (std::string_view content : fields) {
+      hash->addData(content.data(), content.size());
+    }
+    KS_ASSERT(kLabel, hash->generateBinaryHash(out) == KeyRecordBlock::kDigestLength);
+  } catch (const CmnCrypto::CmnException& e) {
+    KMS_DEBUG(kLabel, 1, "Digest failed: " << e.what());
+    KS_THROW(EC_KS_internal_error, kLabel);
+  }
+}
+
+unsigned char* putField(unsigned char* out, const void* content, size_t size) {
+  Utils::storeBigEndian(out, size, 2);
+  std::memcpy(out + 2, content, size);
+  return out + 2 + size;
+}
+
+}  // namespace
+
+std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::make(const Fields& fields) {
+  size_t size = 2 + sizeof kMarker + 2 + kDigestLength;
+  for (unsigned f = 0; f < kFieldCount; ++f) {
+    const size_t fixed = width(static_cast<Field>(f));
+    KS_ASSERT(kLabel, fixed == 0 ? fields[f].size() <= kMaxContent : fields[f].size() == fixed);
+    size += 2 + fields[f].size();
+  }
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  digestInto(fields, digest);
+
+  SecureBytes bytes;
+  bytes.resize(size);
+  Offsets offsets;
+  unsigned char* out = putField(&bytes[0], kMarker, sizeof kMarker);
+  for (unsigned f = 0; f < kFieldCount; ++f) {
+    offsets[f] = static_cast<uint16_t>(out - bytes.data());
+    out = putField(out, fields[f].data(), fields[f].size());
+  }
+  putField(out, digest, kDigestLength);
+  OPENSSL_cleanse(digest, sizeof digest);
+  return std::make_shared<const KeyRecordBlock>(std::move(bytes), offsets);
+}
+
+std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::adopt(const unsigned char* bytes,
+                                                            size_t size, const Offsets& offsets) {
+  return std::make_shared<const KeyRecordBlock>(SecureBytes(bytes, bytes + size), offsets);
+}
+
+const std::shared_ptr<const KeyRecordBlock>& KeyRecordBlock::empty() {
+  static const std::shared_ptr<const KeyRecordBlock> block = [] {
+    static const char kZeros[8] = {0};
+    Fields fields;
+    for (unsigned f = 0; f < kFieldCount; ++f) {
+      fields[f] = std::string_view(kZeros, width(static_cast<Field>(f)));
+    }
+    return make(fields);
+  }();
+  return block;
+}
+
+uint64_t KeyRecordBlock::integer(Field field) const {
+  const std::string_view content = this->field(field);
+  return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(content.data()),
+                              content.size());
+}
+
+std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::with(Field field,
+                                                           std::string_view content) const {
+  Fields fields;
+  for (unsigned f = 0; f < kFieldCount; ++f) {
+    fields[f] = this->field(static_cast<Field>(f));
+  }
+  fields[field] = content;
+  return make(fields);
+}
+
+std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::with(Field field, uint64_t value) const {
+  KS_ASSERT(kLabel, width(field) != 0);
+  unsigned char bytes[8];
+  Utils::storeBigEndian(bytes, value, width(field));
+  return with(field, std::string_view(reinterpret_cast<const char*>(bytes), width(field)));
+}
+
+}  // namespace KMS
+}  // namespace DL
+}  // namespace Vaultrest
