@@ -135,7 +135,7 @@ class DigestingWriter {
     appendField(m_scratch.fields, data, len);
     m_scratch.addDigested(data, len);
   }
-  void string(const std::string& s) { bytes(s.data(), s.size()); }
+  void string(std::string_view s) { bytes(s.data(), s.size()); }
   void integer(uint64_t value, size_t len) {
     unsigned char be[8];
     Utils::storeBigEndian(be, value, len);
@@ -296,7 +296,7 @@ class FieldCounter {
   static constexpr size_t kCount = kLength + 4;
   static constexpr size_t kDigest = kLength + 32;  // SHA-256
 
-  void string(const std::string& s) { bytes += kLength + s.size(); }
+  void string(std::string_view s) { bytes += kLength + s.size(); }
   void integer(uint64_t, size_t len) { bytes += kLength + len; }
 
   size_t bytes = 0;
@@ -321,7 +321,7 @@ size_t streamBytes(const Record& rec) {
 // wait for each of them in turn.
 class FieldPrefetcher {
  public:
-  void string(const std::string& s) { __builtin_prefetch(s.data()); }
+  void string(std::string_view s) { __builtin_prefetch(s.data()); }
   void integer(uint64_t, size_t) {}
 };
 

@@ -57,11 +57,10 @@ void KeyRecord_v1::setKey(std::string_view key) {
   testInvariant();
 }
 
-void KeyRecord_v1::setFields(const std::string& tag, const std::string& name,
-                             const std::string& keyGroup, ks_keystate_t state, uint64_t updateTime,
-                             uint64_t createTime, const std::string& description, uint32_t rev,
-                             ks_kpktype_t kpkType, const std::string& kpkTag,
-                             const std::string& key) {
+void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
+                             ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
+                             std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
+                             std::string_view kpkTag, std::string_view key) {
   KMS_TRACE_THIS("KeyRecord_v1::setFields");
   setTag(tag);
   setName(name);

@@ -39,11 +39,12 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
   KeyRecord_v1& operator=(const KeyRecord_v1&) = default;
   KeyRecord_v1& operator=(KeyRecord_v1&&) = default;
 
-  const std::string& keyGroup() const { return m_kgroup; }
+  // Views, valid while the record lives and is not changed.
+  std::string_view keyGroup() const { return m_kgroup; }
   ks_keystate_t state() const { return m_state; }
   ks_kpktype_t kpkType() const { return m_kpktype; }
-  const std::string& kpkTag() const { return m_kpktag; }
-  const std::string& key() const { return m_key.bytes(); }
+  std::string_view kpkTag() const { return m_kpktag; }
+  std::string_view key() const { return m_key.bytes(); }
 
   void setKeyGroup(std::string_view groupTag);  // throws 1214
   void setState(ks_keystate_t state);           // throws 1214
@@ -55,10 +56,10 @@ class KeyRecord_v1 : public SharedRecordFields<KeyRecord_v1> {
   // group, state, KPK type, KPK tag and key, in that order, each through its
   // setter; a refused value throws 1214 and leaves the later fields as they
   // were. The attributes are not touched.
-  void setFields(const std::string& tag, const std::string& name, const std::string& keyGroup,
+  void setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
                  ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
-                 const std::string& description, uint32_t rev, ks_kpktype_t kpkType,
-                 const std::string& kpkTag, const std::string& key);
+                 std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
+                 std::string_view kpkTag, std::string_view key);
 
   // Adds the attribute, or replaces the value of an existing one. Throws 1200
   // only if neither works.

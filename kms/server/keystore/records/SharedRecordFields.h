@@ -6,7 +6,9 @@
 // `Record::kClassName` (the prefix of the function names in the log) and
 // provides testInvariant(), which every setter here ends with. The tag
 // refuses a value over 4096 bytes with KeyStoreError 1214 and stays as it
-// was; name and description are cut to 4096 bytes without an error.
+// was; name and description are cut to 4096 bytes without an error. The
+// string fields are shown as views, valid while the record lives and is not
+// changed.
 #pragma once
 
 #include <cstdint>
@@ -25,11 +27,11 @@ namespace KMS {
 template <typename Record>
 class SharedRecordFields {
  public:
-  const std::string& tag() const { return m_tag; }
-  const std::string& name() const { return m_name; }
+  std::string_view tag() const { return m_tag; }
+  std::string_view name() const { return m_name; }
   uint64_t updateTime() const { return m_updatetime; }
   uint64_t createTime() const { return m_createtime; }
-  const std::string& description() const { return m_description; }
+  std::string_view description() const { return m_description; }
   uint32_t rev() const { return m_rev; }
   const AttributeList& attributes() const { return m_attrs; }
   // The list keeps its own limits, so it may be changed in place.
