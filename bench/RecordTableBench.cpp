@@ -78,8 +78,8 @@ struct Fixture {
     table.setSkipInvariant(true);
     for (const KeyRecord_v1& rec : records) {
       table.addRecord(rec);
-      tags.push_back(rec.tag());
-      keys.push_back(rec.key());
+      tags.emplace_back(rec.tag());
+      keys.emplace_back(rec.key());
       plainIndex.emplace(rec.tag(), rec.key());
     }
     table.setSkipInvariant(false);

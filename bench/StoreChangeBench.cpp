@@ -228,7 +228,7 @@ void BM_AddKey(benchmark::State& state) {
   for (auto _ : state) {
     KeyRecord_v1 added;
     measure(state, totals, [&] { added = fx.store->addKey(request, std::string()); });
-    fx.store->deleteKeyRecord(added.tag());
+    fx.store->deleteKeyRecord(std::string(added.tag()));
     fx.reference(totals);
     fx.copyTable(totals);
   }
@@ -259,8 +259,8 @@ void BM_DeleteKey(benchmark::State& state) {
   request.setKpkType(KPK_LOCAL);
   Totals totals;
   for (auto _ : state) {
-    const KeyRecord_v1 added = fx.store->addKey(request, std::string());
-    measure(state, totals, [&] { fx.store->deleteKeyRecord(added.tag()); });
+    const std::string tag(fx.store->addKey(request, std::string()).tag());
+    measure(state, totals, [&] { fx.store->deleteKeyRecord(tag); });
     fx.reference(totals);
     fx.copyTable(totals);
   }

@@ -1,6 +1,7 @@
 #include "kms/server/RecordConvertor.h"
 
 #include <cstring>
+#include <string_view>
 
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
@@ -42,7 +43,7 @@ std::string toBytes(const TL::Framework::octetSeq& octets) {
   return bytes;
 }
 
-void toOctets(const std::string& bytes, TL::Framework::octetSeq& out) {
+void toOctets(std::string_view bytes, TL::Framework::octetSeq& out) {
   out.length(static_cast<CORBA::ULong>(bytes.size()));
   if (!bytes.empty()) {
     std::memcpy(out.get_buffer(), bytes.data(), bytes.size());
@@ -51,7 +52,7 @@ void toOctets(const std::string& bytes, TL::Framework::octetSeq& out) {
 
 // A tag in lower-case hexadecimal, written straight into a new wire string
 // that the caller owns (a String_member adopts it).
-char* toIdlHex(const std::string& bytes) {
+char* toIdlHex(std::string_view bytes) {
   static const char kDigits[] = "0123456789abcdef";  // Utils::toAscii's digits
   char* text = CORBA::string_alloc(static_cast<CORBA::ULong>(bytes.size() * 2));
   char* at = text;
@@ -62,6 +63,16 @@ char* toIdlHex(const std::string& bytes) {
   }
   *at = '\0';
   return text;
+}
+
+// A name or description as a new wire string that the caller owns. A wire
+// string ends at its first NUL byte, so the text is cut there.
+char* toIdlString(std::string_view text) {
+  const std::string_view kept = text.substr(0, text.find('\0'));
+  char* out = CORBA::string_alloc(static_cast<CORBA::ULong>(kept.size()));
+  std::memcpy(out, kept.data(), kept.size());
+  out[kept.size()] = '\0';
+  return out;
 }
 
 }  // namespace
@@ -78,7 +89,7 @@ std::string RecordConvertor::hexToBin(const std::string& text) {
   return Store::Utils::hexToBin(text);
 }
 
-std::string RecordConvertor::binToHex(const std::string& bytes) {
+std::string RecordConvertor::binToHex(std::string_view bytes) {
   return Store::Utils::binToHex(bytes);
 }
 
@@ -102,8 +113,8 @@ void RecordConvertor::toIdlKeyRecord(const Store::KeyRecord_v1& rec, KMSFacetsV1
   out.tag = toIdlHex(rec.tag());
   out.keyGroup = toIdlHex(rec.keyGroup());
   out.kpkTag = toIdlHex(rec.kpkTag());
-  out.name = rec.name().c_str();
-  out.description = rec.description().c_str();
+  out.name = toIdlString(rec.name());
+  out.description = toIdlString(rec.description());
   toOctets(rec.key(), out.encKey);
   toIdlAttributes(rec.attributes(), out.attributeList, "RecordConvertor::toIdlKeyRecord");
 }
@@ -125,8 +136,8 @@ void RecordConvertor::toIdlKeyGroupRecord(const Store::KeyGrpRecord_v1& rec,
   out.stat.hasActiveKey = rec.hasActiveKey();
   out.stat.numKeys = static_cast<CORBA::Long>(rec.numKeys());
   out.tag = toIdlHex(rec.tag());
-  out.name = rec.name().c_str();
-  out.description = rec.description().c_str();
+  out.name = toIdlString(rec.name());
+  out.description = toIdlString(rec.description());
   toIdlAttributes(rec.attributes(), out.attributeList, "RecordConvertor::toIdlKeyGroupRecord");
 }
 

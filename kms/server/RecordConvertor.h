@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include <KMS.h>
 
@@ -50,7 +51,7 @@ class RecordConvertor {
   // Strict: only '0'-'9' and 'a'-'f', even length; anything else gives "".
   static std::string hexToBin(const std::string& text);
   // Two lower-case digits per byte, high nibble first.
-  static std::string binToHex(const std::string& bytes);
+  static std::string binToHex(std::string_view bytes);
   // The lower-case digit of a nibble 0..15.
   static char toAscii(char nibble);
 

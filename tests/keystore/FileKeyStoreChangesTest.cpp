@@ -116,7 +116,7 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   };
   const auto update = [&](const KeyRecord_v1& base, KeyEdit edit) {
     return [&, base, edit] {
-      KeyRecord_v1 r = store.getKeyRecord(base.tag());
+      KeyRecord_v1 r = store.getKeyRecord(std::string(base.tag()));
       edit(r);
       store.updateKeyRecord(r);
     };
@@ -132,7 +132,7 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
   };
   const auto updateGroup = [&](GroupEdit edit) {
     return [&, edit] {
-      KeyGrpRecord_v1 r = store.getKeyGroupRecord(g1.tag());
+      KeyGrpRecord_v1 r = store.getKeyGroupRecord(std::string(g1.tag()));
       edit(r);
       store.updateKeyGroupRecord(r);
     };
@@ -185,7 +185,7 @@ TEST_F(FileKeyStoreChangesTest, EveryRefusalLeavesTablesAndFilesAsTheyWere) {
       {"update: rename onto a sibling", 1231, update(k1, [](auto& r) { r.setName("k2"); })},
       // deleteKeyRecord: only the two ends of the line.
       {"delete key: unknown", 1260, [&] { store.deleteKeyRecord(unknown); }},
-      {"delete key: active", 1242, [&] { store.deleteKeyRecord(k2.tag()); }},
+      {"delete key: active", 1242, [&] { store.deleteKeyRecord(std::string(k2.tag())); }},
       // Groups.
       {"add group: empty name", 1214, addGroup([](auto& r) { r.setName(""); })},
       {"add group: cipher type 0", 1214,
@@ -238,12 +238,12 @@ TEST_F(FileKeyStoreChangesTest, LimitsComeFromTheConfigurationAndZeroMeansNone) 
     const Snapshot before = snapshotOf(*live);
     EXPECT_EQ(codeOf([&] { live.addGroup("third"); }), 1262);
     EXPECT_EQ(codeOf([&] { live.addKey(full.tag(), "third", KEY_PRELIVE); }), 1263);
-    KeyRecord_v1 move = live->getKeyRecord(c.tag());
+    KeyRecord_v1 move = live->getKeyRecord(std::string(c.tag()));
     move.setKeyGroup(full.tag());
     EXPECT_EQ(codeOf([&] { live->updateKeyRecord(move); }), 1263);
     EXPECT_TRUE(snapshotOf(*live) == before);
     // A change inside the full group is no addition to it.
-    KeyRecord_v1 described = live->getKeyRecordByName(full.tag(), "b");
+    KeyRecord_v1 described = live->getKeyRecordByName(std::string(full.tag()), "b");
     described.setDescription("still two");
     EXPECT_EQ(live->updateKeyRecord(described).description(), "still two");
   }
@@ -265,18 +265,18 @@ TEST_F(FileKeyStoreChangesTest, AReactivatedKeyDemotesTheActiveOne) {
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE);
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
   live.addKey(g.tag(), "p", KEY_PRELIVE);  // demotes nothing
-  EXPECT_EQ(store.getActiveKeyRecord(g.tag()).tag(), b.tag());
-  KeyRecord_v1 request = store.getKeyRecord(a.tag());
+  EXPECT_EQ(store.getActiveKeyRecord(std::string(g.tag())).tag(), b.tag());
+  KeyRecord_v1 request = store.getKeyRecord(std::string(a.tag()));
   request.setState(KEY_ACTIVE);
   const KeyRecord_v1 aBack = store.updateKeyRecord(request);
   EXPECT_EQ(std::make_tuple(aBack.state(), aBack.rev(), aBack.createTime(), aBack.key()),
             std::make_tuple(KEY_ACTIVE, 3u, a.createTime(), std::string()));
-  const KeyRecord_v1 bNow = store.getKeyRecord(b.tag());
+  const KeyRecord_v1 bNow = store.getKeyRecord(std::string(b.tag()));
   EXPECT_EQ(std::make_tuple(bNow.state(), bNow.rev(), bNow.updateTime(), bNow.createTime()),
             std::make_tuple(KEY_INACTIVE, 2u, aBack.updateTime(), b.createTime()));
   EXPECT_EQ(codeOf([&] { store.updateKeyRecord(request); }), 1228);  // stale now
   // (Forced deletion of a group with keys is run with the failed commits.)
-  store.deleteKeyGroupRecord(live.addGroup("empty").tag(), false);
+  store.deleteKeyGroupRecord(std::string(live.addGroup("empty").tag()), false);
   EXPECT_EQ(store.getStats(), std::make_pair(uint64_t{3}, uint64_t{1}));
 }
 
@@ -288,7 +288,7 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   request.attributes().addAttribute("owner", "tests");
   const KeyRecord_v1 random = store.addKey(request, "");
   const AttributeList& attributes = random.attributes();
-  EXPECT_EQ(std::make_tuple(store.getKey(random.tag()).key().size(), attributes.size(),
+  EXPECT_EQ(std::make_tuple(store.getKey(std::string(random.tag())).key().size(), attributes.size(),
                             attributes.getAttribute("owner"), attributes.getAttribute("KEY_FIPS")),
             std::make_tuple(size_t{16}, size_t{2}, std::string("tests"),
                             std::string(expectedFipsAttribute())));
@@ -303,7 +303,7 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
   legacy.setTag(Utils::getRandData(32));
   const KeyRecord_v1 old = store.addKeyWithKnownTag(legacy, "legacy words");
-  EXPECT_EQ(store.getKey(old.tag()).key(),
+  EXPECT_EQ(store.getKey(std::string(old.tag())).key(),
             KeyGen::passphraseToKey_deprecated("legacy words", CT_AES128_CBC));
   EXPECT_EQ(old.attributes().getAttribute("KEY_FIPS"), "false");
   EXPECT_TRUE(old.attributes().find("KEY_SALT") == old.attributes().end());
@@ -362,7 +362,7 @@ TEST_F(FileKeyStoreChangesTest, WithoutGoodRandomBytesNothingIsAdded) {
     const RandomSource nineteenBad(16, 19);
     const KeyRecord_v1 k = live.addKey(g.tag(), "k", KEY_ACTIVE);
     EXPECT_EQ(g_times, 0);
-    EXPECT_FALSE(FileKeyStore::isBadKey(live->getKey(k.tag()).key()));
+    EXPECT_FALSE(FileKeyStore::isBadKey(live->getKey(std::string(k.tag())).key()));
   }
 }
 
@@ -400,19 +400,19 @@ TEST_F(FileKeyStoreChangesTest, AuditEntriesFollowEachChange) {
   const KeyGrpRecord_v1 g = live.addGroup("g");
   const KeyRecord_v1 a = live.addKey(g.tag(), "a", KEY_ACTIVE, "words");
   const KeyRecord_v1 b = live.addKey(g.tag(), "b", KEY_ACTIVE);
-  KeyRecord_v1 request = store.getKeyRecord(b.tag());
+  KeyRecord_v1 request = store.getKeyRecord(std::string(b.tag()));
   request.setDescription("described");
   store.updateKeyRecord(request);
-  request = store.getKeyRecord(a.tag());
+  request = store.getKeyRecord(std::string(a.tag()));
   request.setName("a2");
   store.updateKeyRecord(request);
   const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
-  store.deleteKeyRecord(p.tag());
-  KeyGrpRecord_v1 group = store.getKeyGroupRecord(g.tag());
+  store.deleteKeyRecord(std::string(p.tag()));
+  KeyGrpRecord_v1 group = store.getKeyGroupRecord(std::string(g.tag()));
   group.setName("g2");
   group.setDescription("renamed");
   store.updateKeyGroupRecord(group);
-  store.deleteKeyGroupRecord(g.tag(), true);
+  store.deleteKeyGroupRecord(std::string(g.tag()), true);
   const std::string keyAdded = " 81 71 72 77 78 74 92";
   const std::string expected = "70 71 72 73 74" + keyAdded +            // group, a added
                                " 76 71 67 77 68 77" + keyAdded +        // a demoted, b added
@@ -445,18 +445,18 @@ TEST_F(FileKeyStoreChangesTest, AWriteThatChangedNothingLeavesTheStoreServing) {
   const KeyRecord_v1 p = live.addKey(g.tag(), "p", KEY_PRELIVE);
   KeyRecord_v1 legacy = LiveStore::keyRecord(g.tag(), "legacy", KEY_INACTIVE);
   legacy.setTag(std::string(32, 'L'));
-  KeyRecord_v1 described = store.getKeyRecord(a.tag());
+  KeyRecord_v1 described = store.getKeyRecord(std::string(a.tag()));
   described.setDescription("described");
-  KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(g.tag());
+  KeyGrpRecord_v1 renamed = store.getKeyGroupRecord(std::string(g.tag()));
   renamed.setName("renamed");
   const std::vector<std::pair<const char*, std::function<void()>>> changes = {
       {"updateKeyRecord", [&] { store.updateKeyRecord(described); }},
       {"addKey", [&] { live.addKey(g.tag(), "n", KEY_ACTIVE); }},
       {"addKeyWithKnownTag", [&] { store.addKeyWithKnownTag(legacy, "words"); }},
-      {"deleteKeyRecord", [&] { store.deleteKeyRecord(p.tag()); }},
+      {"deleteKeyRecord", [&] { store.deleteKeyRecord(std::string(p.tag())); }},
       {"addKeyGroup", [&] { live.addGroup("h"); }},
       {"updateKeyGroupRecord", [&] { store.updateKeyGroupRecord(renamed); }},
-      {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(g.tag(), true); }},
+      {"deleteKeyGroupRecord", [&] { store.deleteKeyGroupRecord(std::string(g.tag()), true); }},
   };
   const Snapshot before = snapshotOf(store);
   const std::vector<std::string> filesBefore = live.files();
@@ -495,13 +495,15 @@ TEST_F(FileKeyStoreChangesTest, AWriteThatMayHaveChangedTheDiskClosesTheStore) {
       const ScopedFileFaultHook installed(&crossDevice);
       EXPECT_EQ(codeOf([&] { live.addKey(g.tag(), "new", KEY_ACTIVE); }), 1277);
     }
-    EXPECT_EQ(codeOf([&] { store.getKeyRecord(a.tag()); }), 1202);
+    EXPECT_EQ(codeOf([&] { store.getKeyRecord(std::string(a.tag())); }), 1202);
     ASSERT_EQ(store.init(), 0);
     EXPECT_TRUE(FileKeyStore::isDbClean(live.locator()));
     if (failingRename == 1) {
       EXPECT_TRUE(snapshotOf(store) == before);
     } else {
-      EXPECT_EQ(store.getKey(store.getActiveKeyRecord(g.tag()).tag()).name(), "new");
+      EXPECT_EQ(
+          store.getKey(std::string(store.getActiveKeyRecord(std::string(g.tag())).tag())).name(),
+          "new");
     }
   }
 }
@@ -637,10 +639,10 @@ TEST_F(FileKeyStoreEximTest, ABufferHoldsTheSelectionWithPlainKeys) {
       const ExportContent exported = openExport(buffer);
       EXPECT_EQ(exported.version, KS_VERSION_200);
       for (const auto& entry : exported.groups) {
-        names.insert(entry.second.name());
+        names.emplace(entry.second.name());
       }
       for (const auto& entry : exported.keys) {
-        names.insert(entry.second.name());
+        names.emplace(entry.second.name());
         EXPECT_EQ(entry.second.key(), content.plainKey(entry.first));
       }
     }
@@ -798,7 +800,7 @@ TEST_F(FileKeyStoreEximTest, ARenumberedGroupTakesItsKeysAndTheImportsDescriptio
   const KeyGrpRecord_v1 alpha = dest.store().getKeyGroupRecordByName(withSuffix("alpha$"));
   EXPECT_NE(alpha.tag(), tag('G', 1));
   EXPECT_EQ(alpha.numKeys(), 2u);
-  EXPECT_EQ(dest.store().getActiveKeyRecord(alpha.tag()).tag(), tag('K', 1));
+  EXPECT_EQ(dest.store().getActiveKeyRecord(std::string(alpha.tag())).tag(), tag('K', 1));
   const storetest::Snapshot arrived = storetest::snapshotOf(dest.store());
   ASSERT_EQ(arrived.groups.size(), 4u);
   for (size_t i = 0; i < arrived.groups.size(); ++i) {

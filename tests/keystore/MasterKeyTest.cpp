@@ -43,7 +43,7 @@ struct DiskState {
   std::map<std::string, std::string> wrappedKeys() const {
     std::map<std::string, std::string> out;
     for (auto it = keys.begin(); it != keys.end(); ++it) {
-      out[it->first] = it->second.key();
+      out[std::string(it->first)] = it->second.key();
     }
     return out;
   }
@@ -115,7 +115,7 @@ class MasterKeyFiles : public ::testing::Test {
     for (const char* name : {"a", "b", "c"}) {
       const KeyRecord_v1 rec =
           store().addKey(storetest::LiveStore::keyRecord(group.tag(), name, KEY_ACTIVE), "");
-      plain[rec.tag()] = store().getKey(rec.tag()).key();
+      plain[std::string(rec.tag())] = store().getKey(std::string(rec.tag())).key();
     }
     EXPECT_EQ(store().shutdown(), 0);
     return plain;
@@ -288,7 +288,7 @@ class MasterKeyRekey : public MasterKeyFiles, public ::testing::WithParamInterfa
     std::vector<std::string> view{describe(store().getHMKInfo()), describe(store().getKPKInfo())};
     view.push_back(std::to_string(store().getStats().first));
     for (const auto& entry : m_plain) {
-      view.push_back(store().getKey(entry.first).key());
+      view.emplace_back(store().getKey(entry.first).key());
     }
     return view;
   }

@@ -129,7 +129,7 @@ TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
       EXPECT_TRUE(rec == recBefore && grp == grpBefore) << i;
     }
   }
-  EXPECT_EQ(rec.tag() + rec.keyGroup(), tagOf(4) + tagOf(5));
+  EXPECT_EQ(std::string(rec.tag()).append(rec.keyGroup()), tagOf(4) + tagOf(5));
   EXPECT_EQ(rec.state(), KEY_TERMINATED);
   EXPECT_EQ(rec.kpkTag(), "old-kpk");
   EXPECT_FALSE(rec == KeyRecord_v1());
@@ -144,7 +144,8 @@ TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
   EXPECT_EQ(rec.attributes().getAttribute("KEY_FIPS"), "true");
   grp.setName(longText);
   grp.setDescription(longText);
-  EXPECT_EQ(rec.name() + rec.description(), longText.substr(0, 4096) + longText.substr(0, 4096));
+  EXPECT_EQ(std::string(rec.name()).append(rec.description()),
+            longText.substr(0, 4096) + longText.substr(0, 4096));
   EXPECT_EQ(grp.name().size() + grp.description().size(), 8192u);
   // The key field wipes its buffer on release and reuse, yet travels intact through copies.
   const std::string longKey(std::string("k\0", 2) + std::string(46, 'k'));
@@ -152,19 +153,19 @@ TEST(KeyRecord, BoundedFieldsRefuseBadValuesAndTheKeySurvivesCopiesAndMoves) {
   a.setKey(longKey);
   KeyRecord_v1 b = a;
   b.setKey("short");  // reuses the longer buffer
-  EXPECT_EQ(b.key() + a.key(), "short" + longKey);
+  EXPECT_EQ(std::string(b.key()).append(a.key()), "short" + longKey);
   b = a;
   const KeyRecord_v1& alias = a;
   a = alias;
-  EXPECT_EQ(b.key() + a.key(), longKey + longKey);
+  EXPECT_EQ(std::string(b.key()).append(a.key()), longKey + longKey);
   KeyRecord_v1 c = std::move(b);
-  EXPECT_EQ(c.key() + b.key(), longKey);
+  EXPECT_EQ(std::string(c.key()).append(b.key()), longKey);
   d.setKey("old");
   d = std::move(c);
-  EXPECT_EQ(d.key() + c.key(), longKey);
+  EXPECT_EQ(std::string(d.key()).append(c.key()), longKey);
   e.setKey("sso");  // kept inside the string object itself
   KeyRecord_v1 f = std::move(e);
-  EXPECT_EQ(f.key() + e.key(), "sso");
+  EXPECT_EQ(std::string(f.key()).append(e.key()), "sso");
 }
 
 namespace {

@@ -96,7 +96,7 @@ class StoreContent {
     EXPECT_TRUE(m_keys.addRecord(rec));
   }
 
-  const std::string& plainKey(const std::string& tag) const { return m_plain.at(tag); }
+  const std::string& plainKey(std::string_view tag) const { return m_plain.at(std::string(tag)); }
   const KPKMgr& kpkMgr() const { return m_kpkMgr; }
   const FileKeyStore::KeyTable& keys() const { return m_keys; }
   const FileKeyStore::GroupTable& groups() const { return m_groups; }
@@ -390,13 +390,13 @@ class LiveStore {
     return m_store->addKeyGroup(rec);
   }
 
-  KeyRecord_v1 addKey(const std::string& group, const std::string& name, ks_keystate_t state,
+  KeyRecord_v1 addKey(std::string_view group, const std::string& name, ks_keystate_t state,
                       const std::string& passphrase = std::string()) {
     return m_store->addKey(keyRecord(group, name, state), passphrase);
   }
 
   // A record as a client sends it to addKey.
-  static KeyRecord_v1 keyRecord(const std::string& group, const std::string& name,
+  static KeyRecord_v1 keyRecord(std::string_view group, const std::string& name,
                                 ks_keystate_t state) {
     KeyRecord_v1 rec;
     rec.setKeyGroup(group);
@@ -430,7 +430,7 @@ inline Snapshot snapshotOf(FileKeyStore& store) {
   for (const KeyGrpRecord_v1& group : groups) {
     snap.groups.push_back({group, {group.numKeys(), group.hasActiveKey()}});
     snap.keys.emplace_back();
-    store.getAllKeyRecordsInGroup(group.tag(), snap.keys.back());
+    store.getAllKeyRecordsInGroup(std::string(group.tag()), snap.keys.back());
   }
   return snap;
 }

@@ -83,8 +83,8 @@ void KPKMgr::checkUsable(ks_kpktype_t kpktype, const char* function) const {
   }
 }
 
-std::string KPKMgr::encryptKey(const std::string& key, ks_kpktype_t kpktype,
-                               const std::string& /*kpktag*/) const {
+std::string KPKMgr::encryptKey(std::string_view key, ks_kpktype_t kpktype,
+                               std::string_view /*kpktag*/) const {
   static const char* const kLabel = "KPKMgr::encryptKey";
   KMS_TRACE_THIS(kLabel);
   checkUsable(kpktype, kLabel);
@@ -99,8 +99,8 @@ std::string KPKMgr::encryptKey(const std::string& key, ks_kpktype_t kpktype,
   return enckey;
 }
 
-std::string KPKMgr::decryptKey(const std::string& enckey, ks_kpktype_t kpktype,
-                               const std::string& /*kpktag*/) const {
+std::string KPKMgr::decryptKey(std::string_view enckey, ks_kpktype_t kpktype,
+                               std::string_view /*kpktag*/) const {
   static const char* const kLabel = "KPKMgr::decryptKey";
   KMS_TRACE_THIS(kLabel);
   checkUsable(kpktype, kLabel);

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/crypto/CrypterPool.h"
 #include "kms/server/keystore/crypto/KSCrypt.h"
@@ -42,10 +43,9 @@ class KPKMgr {
   // not KPK_LOCAL, and 1200 for every failure of the wrapping itself (a wrong
   // KPK or a damaged wrapped key included). An empty result aborts the
   // process.
-  std::string encryptKey(const std::string& key, ks_kpktype_t kpktype,
-                         const std::string& kpktag) const;
-  std::string decryptKey(const std::string& enckey, ks_kpktype_t kpktype,
-                         const std::string& kpktag) const;
+  std::string encryptKey(std::string_view key, ks_kpktype_t kpktype, std::string_view kpktag) const;
+  std::string decryptKey(std::string_view enckey, ks_kpktype_t kpktype,
+                         std::string_view kpktag) const;
 
  private:
   void checkUsable(ks_kpktype_t kpktype, const char* function) const;

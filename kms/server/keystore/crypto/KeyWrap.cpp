@@ -16,12 +16,12 @@ namespace Utils {
 
 namespace {
 
-const unsigned char* bytes(const std::string& s) {
+const unsigned char* bytes(std::string_view s) {
   return reinterpret_cast<const unsigned char*>(s.data());
 }
 
 // R || K, wiped by the caller.
-std::string randomHalfAndKey(const std::string& keytoenc, const char* function) {
+std::string randomHalfAndKey(std::string_view keytoenc, const char* function) {
   std::string datatoenc = getRandData(keytoenc.size());
   if (datatoenc.empty()) {
     KS_THROW(EC_KS_internal_error, function);
@@ -76,7 +76,7 @@ std::string decryptWith(const unsigned char* data, unsigned long len, const std:
 
 }  // namespace
 
-std::string encryptKeyWithKey_VERSION_1_0(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey_VERSION_1_0(std::string_view keytoenc, const std::string& key,
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
@@ -84,7 +84,7 @@ std::string encryptKeyWithKey_VERSION_1_0(const std::string& keytoenc, const std
   return encryptWith(datatoenc.str(), key, type, std::string(), kLabel);
 }
 
-std::string encryptKeyWithKey_VERSION_2_0(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey_VERSION_2_0(std::string_view keytoenc, const std::string& key,
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_2_0";
   KMS_TRACE(kLabel);
@@ -93,14 +93,14 @@ std::string encryptKeyWithKey_VERSION_2_0(const std::string& keytoenc, const std
   return iv + encryptWith(datatoenc.str(), key, type, iv, kLabel);
 }
 
-std::string decryptKeyWithKey_VERSION_1_0(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey_VERSION_1_0(std::string_view keytodec, const std::string& key,
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::decryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
   return decryptWith(bytes(keytodec), keytodec.size(), key, type, std::string(), kLabel);
 }
 
-std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey_VERSION_2_0(std::string_view keytodec, const std::string& key,
                                           KSCrypt::CryptType type) {
   static const char* const kLabel = "Utils::decryptKeyWithKey_VERSION_2_0";
   KMS_TRACE(kLabel);
@@ -110,17 +110,17 @@ std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std
     KS_THROW(EC_KS_internal_error, kLabel);
   }
   return decryptWith(bytes(keytodec) + ivLen, keytodec.size() - ivLen, key, type,
-                     keytodec.substr(0, ivLen), kLabel);
+                     std::string(keytodec.substr(0, ivLen)), kLabel);
 }
 
-std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter) {
+std::string encryptKeyWithCrypter(std::string_view keytoenc, KSCrypt& crypter) {
   static const char* const kLabel = "Utils::encryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
   const Secret datatoenc(randomHalfAndKey(keytoenc, kLabel));
   return encryptWith(datatoenc.str(), crypter, kLabel);
 }
 
-std::string decryptKeyWithCrypter(const std::string& keytodec, KSCrypt& crypter) {
+std::string decryptKeyWithCrypter(std::string_view keytodec, KSCrypt& crypter) {
   static const char* const kLabel = "Utils::decryptKeyWithKey_VERSION_1_0";
   KMS_TRACE(kLabel);
   return decryptWith(bytes(keytodec), keytodec.size(), crypter, kLabel);
@@ -137,7 +137,7 @@ KSCrypt::CryptType keyOnlyCryptType(ks_version_t version) {
   return KSCrypt::AES_256_GCM;
 }
 
-std::string encryptKeyWithKey(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey(std::string_view keytoenc, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version) {
   KMS_TRACE("Utils::encryptKeyWithKey");
   if (version == KS_VERSION_200) {
@@ -146,7 +146,7 @@ std::string encryptKeyWithKey(const std::string& keytoenc, const std::string& ke
   return encryptKeyWithKey_VERSION_1_0(keytoenc, key, keyOnlyCryptType(version));
 }
 
-std::string decryptKeyWithKey(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey(std::string_view keytodec, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version) {
   KMS_TRACE("Utils::decryptKeyWithKey");
   if (version == KS_VERSION_200) {

@@ -22,6 +22,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/crypto/KSCrypt.h"
 #include "kms/server/keystore/store/KeyStoreTypes.h"
@@ -31,19 +32,19 @@ namespace DL {
 namespace KMS {
 namespace Utils {
 
-std::string encryptKeyWithKey(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey(std::string_view keytoenc, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version);
-std::string decryptKeyWithKey(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey(std::string_view keytodec, const std::string& key,
                               KSCrypt::CryptType type, ks_version_t version);
 
 // The two forms, under exactly the type given.
-std::string encryptKeyWithKey_VERSION_1_0(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey_VERSION_1_0(std::string_view keytoenc, const std::string& key,
                                           KSCrypt::CryptType type);
-std::string encryptKeyWithKey_VERSION_2_0(const std::string& keytoenc, const std::string& key,
+std::string encryptKeyWithKey_VERSION_2_0(std::string_view keytoenc, const std::string& key,
                                           KSCrypt::CryptType type);
-std::string decryptKeyWithKey_VERSION_1_0(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey_VERSION_1_0(std::string_view keytodec, const std::string& key,
                                           KSCrypt::CryptType type);
-std::string decryptKeyWithKey_VERSION_2_0(const std::string& keytodec, const std::string& key,
+std::string decryptKeyWithKey_VERSION_2_0(std::string_view keytodec, const std::string& key,
                                           KSCrypt::CryptType type);
 
 // The type of the crypter that the form of `version` builds from the
@@ -56,8 +57,8 @@ KSCrypt::CryptType keyOnlyCryptType(ks_version_t version);
 // (new or just reset). The side is left used; the caller resets it before
 // reusing the crypter, and so wipes the plaintext left in its output. Same
 // errors as above, less the crypter's constructor.
-std::string encryptKeyWithCrypter(const std::string& keytoenc, KSCrypt& crypter);
-std::string decryptKeyWithCrypter(const std::string& keytodec, KSCrypt& crypter);
+std::string encryptKeyWithCrypter(std::string_view keytoenc, KSCrypt& crypter);
+std::string decryptKeyWithCrypter(std::string_view keytodec, KSCrypt& crypter);
 
 }  // namespace Utils
 }  // namespace KMS

@@ -38,9 +38,9 @@ void KeyGrpRecord_v1::setNumKeys(uint64_t numKeys) {
   testInvariant();
 }
 
-void KeyGrpRecord_v1::setFields(const std::string& tag, const std::string& name,
+void KeyGrpRecord_v1::setFields(std::string_view tag, std::string_view name,
                                 ks_ciphertype_t cipherType, uint64_t updateTime,
-                                uint64_t createTime, const std::string& description, uint32_t rev) {
+                                uint64_t createTime, std::string_view description, uint32_t rev) {
   KMS_TRACE_THIS("KeyGrpRecord_v1::setFields");
   setTag(tag);
   setName(name);

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/records/AttributeList.h"
 #include "kms/server/keystore/records/SharedRecordFields.h"
@@ -46,8 +47,8 @@ class KeyGrpRecord_v1 : public SharedRecordFields<KeyGrpRecord_v1> {
   // Sets tag, name, cipher type, update time, create time, description and
   // revision, in that order, each through its setter (so it throws as they
   // do).
-  void setFields(const std::string& tag, const std::string& name, ks_ciphertype_t cipherType,
-                 uint64_t updateTime, uint64_t createTime, const std::string& description,
+  void setFields(std::string_view tag, std::string_view name, ks_ciphertype_t cipherType,
+                 uint64_t updateTime, uint64_t createTime, std::string_view description,
                  uint32_t rev);
 
   // All fields but hasActiveKey and numKeys.

@@ -81,7 +81,7 @@ class KeyRecordTable : protected RecordTable<R> {
   bool updateRecord(const R& rec);
 
   // Removes the record and its index entries; false if the tag is absent.
-  bool removeRecord(const std::string& tagToRemove);
+  bool removeRecord(std::string_view tagToRemove);
 
   using Base::begin;
   using Base::changeEach;
@@ -93,7 +93,7 @@ class KeyRecordTable : protected RecordTable<R> {
 
   // The group's key tags, active keys first, or a static empty list. The
   // reference is valid until the next change of the table.
-  const GroupTags& getTagsByGroup(const std::string& group) const {
+  const GroupTags& getTagsByGroup(std::string_view group) const {
     const auto giter = m_groups.find(group);
     return giter != m_groups.end() ? giter->second : m_errorL;
   }
@@ -108,14 +108,14 @@ class KeyRecordTable : protected RecordTable<R> {
   }
 
   // Number of keys in the group; 0 for an unknown group.
-  size_t getNumKeysInGroup(const std::string& group) const {
+  size_t getNumKeysInGroup(std::string_view group) const {
     const auto giter = m_groups.find(group);
     return giter != m_groups.end() ? giter->second.size() : 0;
   }
 
-  // Tag of the group's KEY_ACTIVE key, or a static empty string. Valid until
-  // the next change of the table.
-  const std::string& getActiveKeyInGroup(const std::string& group) const;
+  // Tag of the group's KEY_ACTIVE key, or an empty view. Valid until the
+  // next change of the table.
+  std::string_view getActiveKeyInGroup(std::string_view group) const;
 
   // Fills `tags` (cleared first) with the tags that begin with `kad`; a KAD
   // longer than a tag matches over the tag's whole length. Returns 1220 for a
@@ -135,8 +135,8 @@ class KeyRecordTable : protected RecordTable<R> {
   // The same for what a change touched only: the number of listed keys, the
   // active keys at the front of the lists of `group` and `other` (if not
   // empty), and the place of the record of `tag` (if not empty) in its list.
-  void testGroups(const std::string& group, const std::string& other = std::string(),
-                  const std::string& tag = std::string()) const;
+  void testGroups(std::string_view group, std::string_view other = {},
+                  std::string_view tag = {}) const;
 
   // Console dump of the records, then of the group lists.
   void display() const;
@@ -145,13 +145,13 @@ class KeyRecordTable : protected RecordTable<R> {
   using Base::m_rectable;
 
   // The group's list, made for a change (created if missing).
-  GroupTags& groupForChange(const std::string& group);
+  GroupTags& groupForChange(std::string_view group);
   // Puts `tag` into `tags`: at the front if `active`, else among the keys
   // behind the active ones in tag order.
-  void insertTag(GroupTags& tags, const std::string& tag, bool active);
+  void insertTag(GroupTags& tags, std::string_view tag, bool active);
   // Takes `tag` out of the group's list, and the group's entry if that was
   // its last key; false if the tag was not listed there.
-  bool eraseTag(const std::string& group, const std::string& tag);
+  bool eraseTag(std::string_view group, std::string_view tag);
   // True if each list names exactly the records of its group, the active
   // ones at the front and the others behind them in tag order; then
   // `mostActive` is the largest number of active keys in one group.
@@ -163,8 +163,8 @@ class KeyRecordTable : protected RecordTable<R> {
 
   // A group's list together with the group's tag, which keys it in m_groups.
   struct GroupList : GroupTags {
-    explicit GroupList(const std::string& group) : m_group(group) {}
-    const std::string& tag() const { return m_group; }
+    explicit GroupList(std::string_view group) : m_group(group) {}
+    std::string_view tag() const { return m_group; }
     std::string m_group;
   };
 
@@ -173,7 +173,6 @@ class KeyRecordTable : protected RecordTable<R> {
   size_t m_listed = 0;
   bool m_singleActive;
   bool m_skipInvariant;
-  static inline const std::string m_errorStr{};
   static inline const GroupTags m_errorL{};
 };
 
@@ -192,18 +191,18 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
     return false;
   }
   insertTag(groupForChange(stored->keyGroup()), stored->tag(), active);
-  testGroups(stored->keyGroup(), std::string(), stored->tag());
+  testGroups(stored->keyGroup(), {}, stored->tag());
   return true;
 }
 
 template <typename R>
-GroupTags& KeyRecordTable<R>::groupForChange(const std::string& group) {
+GroupTags& KeyRecordTable<R>::groupForChange(std::string_view group) {
   GroupTags* tags = m_groups.findForChange(group);
   return tags != nullptr ? *tags : *m_groups.emplace(GroupList(group));
 }
 
 template <typename R>
-void KeyRecordTable<R>::insertTag(GroupTags& tags, const std::string& tag, bool active) {
+void KeyRecordTable<R>::insertTag(GroupTags& tags, std::string_view tag, bool active) {
   ++m_listed;
   if (active) {
     tags.insert(tags.begin(), tag);
@@ -230,7 +229,7 @@ void KeyRecordTable<R>::insertTag(GroupTags& tags, const std::string& tag, bool 
 }
 
 template <typename R>
-bool KeyRecordTable<R>::eraseTag(const std::string& group, const std::string& tag) {
+bool KeyRecordTable<R>::eraseTag(std::string_view group, std::string_view tag) {
   if (m_groups.find(group) == m_groups.end()) {
     return false;
   }
@@ -261,7 +260,7 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
 
   const R& stored = iter->second;
   // A copy: `stored` may go when the record is replaced.
-  const std::string oldGroup = stored.keyGroup();
+  const std::string oldGroup(stored.keyGroup());
   if (stored.keyGroup() != rec.keyGroup() || stored.state() != rec.state()) {
     if (m_singleActive && rec.state() == KEY_ACTIVE &&
         !getActiveKeyInGroup(rec.keyGroup()).empty()) {
@@ -283,7 +282,7 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
 }
 
 template <typename R>
-bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
+bool KeyRecordTable<R>::removeRecord(std::string_view tagToRemove) {
   KMS_TRACE_THIS("KeyRecordTable::removeRecord");
   static constexpr const char* kLabel = "KeyRecordTable::removeRecord";
   // A copy: the argument may be the key of the record that goes.
@@ -296,7 +295,7 @@ bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
     return false;
   }
 
-  const std::string group = iter->second.keyGroup();
+  const std::string group(iter->second.keyGroup());
   const bool erased = eraseTag(group, tag);
   KS_ASSERT(kLabel, erased == true);
 
@@ -312,17 +311,17 @@ bool KeyRecordTable<R>::removeRecord(const std::string& tagToRemove) {
 }
 
 template <typename R>
-const std::string& KeyRecordTable<R>::getActiveKeyInGroup(const std::string& group) const {
+std::string_view KeyRecordTable<R>::getActiveKeyInGroup(std::string_view group) const {
   const auto giter = m_groups.find(group);
   if (giter == m_groups.end() || giter->second.empty()) {
-    return m_errorStr;
+    return {};
   }
   // Active keys stand at the front, so the first tag decides.
   const auto iter = m_rectable.find(giter->second.front());
   if (iter != m_rectable.end() && iter->second.state() == KEY_ACTIVE) {
     return iter->first;
   }
-  return m_errorStr;
+  return {};
 }
 
 template <typename R>
@@ -336,13 +335,13 @@ int KeyRecordTable<R>::getTagsByKad(const std::string& kad, TagList& tags) const
   // order, from the first tag not less than those 12 bytes.
   const std::string prefix = kad.substr(0, kKadLength);
   for (auto iter = m_rectable.lower_bound(prefix); iter != m_rectable.end(); ++iter) {
-    const std::string& tag = iter->first;
+    const std::string_view tag = iter->first;
     if (tag.compare(0, kKadLength, prefix) != 0) {
       break;
     }
     const size_t length = std::min(tag.size(), kad.size());
     if (tag.compare(0, length, kad, 0, length) == 0) {
-      tags.push_back(tag);
+      tags.emplace_back(tag);
     }
   }
   return 0;
@@ -381,8 +380,8 @@ void KeyRecordTable<R>::testInvariant() const {
 }
 
 template <typename R>
-void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& other,
-                                   const std::string& tag) const {
+void KeyRecordTable<R>::testGroups(std::string_view group, std::string_view other,
+                                   std::string_view tag) const {
   if (m_skipInvariant) {
     return;
   }
@@ -392,7 +391,7 @@ void KeyRecordTable<R>::testGroups(const std::string& group, const std::string& 
   const size_t numrecs = m_listed;
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
   const auto touchedRecord = tag.empty() ? m_rectable.end() : m_rectable.find(tag);
-  for (const std::string* touched : {&group, &other}) {
+  for (const std::string_view* touched : {&group, &other}) {
     if (touched == &other && (other.empty() || other == group)) {
       continue;
     }
@@ -541,7 +540,7 @@ void KeyRecordTable<R>::display() const {
     Utils::displayBuffer(group.first, true, "", true);
     for (const std::string_view tag : group.second) {
       std::printf("\t\t");
-      Utils::displayBuffer(std::string(tag), true, "\t", true);
+      Utils::displayBuffer(tag, true, "\t", true);
     }
   }
 }

@@ -34,8 +34,8 @@ void assignTruncatedField(const char* function, const char* what, std::string& f
 
 // What assignTruncatedField keeps of `value`: a name is stored this way, so
 // it is looked up and compared this way too. Valid while `value` is.
-inline std::string_view truncatedField(const std::string& value) {
-  return std::string_view(value).substr(0, kMaxRecordFieldLength);
+inline std::string_view truncatedField(std::string_view value) {
+  return value.substr(0, kMaxRecordFieldLength);
 }
 
 }  // namespace KMS

@@ -2,7 +2,7 @@
 // keeps its key groups in a RecordTable<KeyGrpRecord_v1>; keys live in the
 // derived KeyRecordTable, which adds indexes.
 //
-// R must have `const std::string& tag() const` and `void display(int) const`.
+// R must have `std::string_view tag() const` and `void display(int) const`.
 // No lock: the store's lock guards a live table; a copy in the making belongs
 // to the thread that made it. A copy shares the records with its original
 // until either changes them (SharedTagMap): copying costs 256 pointers, and
@@ -55,7 +55,7 @@ class RecordTable {
   }
 
   // True if a record was erased.
-  bool removeRecord(const std::string& tag) {
+  bool removeRecord(std::string_view tag) {
     KMS_TRACE_THIS("RecordTable::removeRecord");
     return m_rectable.erase(tag);
   }
@@ -78,7 +78,7 @@ class RecordTable {
   // Calls `change(R&)` for every record in tag order; never its tag.
   template <typename Change>
   void changeEach(Change&& change) {
-    m_rectable.changeEach([&](const std::string&, R& rec) { change(rec); });
+    m_rectable.changeEach([&](std::string_view, R& rec) { change(rec); });
   }
 
   // Console dump of every record in tag order, numbered from 1.

@@ -92,7 +92,7 @@ char toAscii(char nibble) {
   return nibble <= 9 ? static_cast<char>(nibble + '0') : static_cast<char>(nibble + 87);
 }
 
-std::string binToHex(const std::string& bytes) {
+std::string binToHex(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size() * 2);
   for (char c : bytes) {
@@ -120,7 +120,7 @@ std::string hexToBin(const std::string& text) {
   return bytes;
 }
 
-std::string bufferToString(const std::string& bytes) {
+std::string bufferToString(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size() * 3 + 2);
   for (char c : bytes) {
@@ -154,8 +154,7 @@ void displayTimestamp(uint64_t seconds) {
   std::printf("%s \t\t(%ld seconds since the Epoch)\n\n", buf, static_cast<long>(t));
 }
 
-void displayBuffer(const std::string& bytes, bool inlineForm, const std::string& prefix,
-                   bool asHex) {
+void displayBuffer(std::string_view bytes, bool inlineForm, const std::string& prefix, bool asHex) {
   const char* pfx = prefix.c_str();
   std::printf("%s(%lu bytes)", pfx, static_cast<unsigned long>(bytes.size()));
   if (bytes.empty()) {

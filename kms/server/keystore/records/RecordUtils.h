@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/store/KeyStoreTypes.h"
 
@@ -40,12 +41,12 @@ size_t cipherTypeToKeyLen(ks_ciphertype_t type);
 // One hexadecimal digit, lower case, for a nibble 0..15.
 char toAscii(char nibble);
 // Two lower-case digits per byte, high nibble first.
-std::string binToHex(const std::string& bytes);
+std::string binToHex(std::string_view bytes);
 // The inverse of binToHex. Accepts only '0'-'9' and 'a'-'f'; an odd length or
 // any other character (upper case included) gives the empty string.
 std::string hexToBin(const std::string& text);
 // Printable bytes as themselves, others as '.', then "(<hex>)".
-std::string bufferToString(const std::string& bytes);
+std::string bufferToString(std::string_view bytes);
 
 // Local time as "YYYYMMDDhhmmss".
 std::string getTimestampSuffix(time_t seconds);
@@ -56,8 +57,7 @@ void displayTimestamp(uint64_t seconds);
 // Prints prefix and "(<n> bytes)", with the content inline when `inlineForm`
 // (hexadecimal when `asHex`, else printable text), then the bytes in rows of
 // 32 with offsets, ASCII and hexadecimal lines.
-void displayBuffer(const std::string& bytes, bool inlineForm, const std::string& prefix,
-                   bool asHex);
+void displayBuffer(std::string_view bytes, bool inlineForm, const std::string& prefix, bool asHex);
 
 }  // namespace Utils
 }  // namespace KMS

@@ -6,7 +6,9 @@
 // `Record::kClassName` (the prefix of the function names in the log) and
 // provides testInvariant(), which every setter here ends with. The tag
 // refuses a value over 4096 bytes with KeyStoreError 1214 and stays as it
-// was; name and description are cut to 4096 bytes without an error.
+// was; name and description are cut to 4096 bytes without an error. The
+// string fields are shown as views, valid while the record lives and is not
+// changed.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // An ordered set of values keyed by their own tag (a byte string,
-// `const std::string& V::tag() const`), whose copies share what neither of
+// `std::string_view V::tag() const`), whose copies share what neither of
 // them has changed since the copy. The tag lives once, in the value: the
 // set keeps no copy of it.
 //
@@ -11,8 +11,9 @@
 // itself and has not been copied since; otherwise it copies that one shard.
 // Tags are random, so a change of one entry copies about 1/256 of the map.
 //
-// Iterators show each entry as a pair of references (tag, value), as a
-// map's would. A value reached for a change must keep its tag.
+// Iterators show each entry as a pair (tag, value) of a view of the tag and
+// a reference to the value, as a map's would. A value reached for a change
+// must keep its tag.
 //
 // Shards are never changed while another map can see them, so maps that
 // share shards may be read from different threads at once while one of them
@@ -43,11 +44,11 @@ class SharedTagMap {
   struct ByTag {
     typedef void is_transparent;
     bool operator()(const V& a, const V& b) const { return a.tag() < b.tag(); }
-    bool operator()(const V& a, std::string_view b) const { return std::string_view(a.tag()) < b; }
-    bool operator()(std::string_view a, const V& b) const { return a < std::string_view(b.tag()); }
+    bool operator()(const V& a, std::string_view b) const { return a.tag() < b; }
+    bool operator()(std::string_view a, const V& b) const { return a < b.tag(); }
   };
   typedef std::set<V, ByTag> Shard;
-  typedef std::pair<const std::string&, const V&> value_type;
+  typedef std::pair<std::string_view, const V&> value_type;
   static constexpr size_t kShards = 256;
   typedef std::array<std::shared_ptr<Shard>, kShards> Shards;
 
@@ -174,7 +175,8 @@ class SharedTagMap {
   // shard (as when a table is loaded in order) goes behind them without a
   // search.
   V* emplace(V&& value) {
-    const std::string& tag = value.tag();
+    // A view into `value`: not used once `value` has moved.
+    const std::string_view tag = value.tag();
     const size_t index = shardOf(tag);
     const Shard* shard = m_shards[index].get();
     const bool last = shard == nullptr || shard->empty() || shard->rbegin()->tag() < tag;

@@ -39,7 +39,7 @@ void note(const char* label, int id, const std::string& argument) {
   logAppMessage(label, CRVN_SEV_INFO, id, argument);
 }
 
-void noteTag(const char* label, const std::string& tag) {
+void noteTag(const char* label, std::string_view tag) {
   note(label, kMsgTag, Utils::binToHex(tag));
 }
 
@@ -96,7 +96,7 @@ void ChangeAudit::keyDemoted(const char* label, const KeyRecord_v1& before,
   note(label, kMsgState, Utils::keystateToString(after.state()));
 }
 
-void ChangeAudit::keyDeleted(const char* label, const std::string& tag) {
+void ChangeAudit::keyDeleted(const char* label, std::string_view tag) {
   KMS_TRACE("ChangeAudit::keyDeleted");
   note(label, kMsgKeyDeleted);
   noteTag(label, tag);
@@ -123,7 +123,7 @@ void ChangeAudit::groupUpdated(const char* label, const KeyGrpRecord_v1& before,
   noteGroupValues(label, after, descriptionChanged);
 }
 
-void ChangeAudit::groupDeleted(const char* label, const std::string& tag) {
+void ChangeAudit::groupDeleted(const char* label, std::string_view tag) {
   KMS_TRACE("ChangeAudit::groupDeleted");
   note(label, kMsgGroupDeleted);
   noteTag(label, tag);

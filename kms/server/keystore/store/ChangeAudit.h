@@ -11,6 +11,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "kms/server/keystore/records/KeyGrpRecord_v1.h"
 #include "kms/server/keystore/records/KeyRecord_v1.h"
@@ -30,7 +31,7 @@ class ChangeAudit {
   // An active key demoted by another one: 76; tag; 67, old state; 68, new.
   static void keyDemoted(const char* label, const KeyRecord_v1& before, const KeyRecord_v1& after);
   // 75; tag.
-  static void keyDeleted(const char* label, const std::string& tag);
+  static void keyDeleted(const char* label, std::string_view tag);
   // 70; tag, name, cipher type, description.
   static void groupAdded(const char* label, const KeyGrpRecord_v1& rec);
   // 80; tag; 67 and the name of `before`; 68 and the name of `after`. The
@@ -38,7 +39,7 @@ class ChangeAudit {
   static void groupUpdated(const char* label, const KeyGrpRecord_v1& before,
                            const KeyGrpRecord_v1& after);
   // 79; tag.
-  static void groupDeleted(const char* label, const std::string& tag);
+  static void groupDeleted(const char* label, std::string_view tag);
 };
 
 }  // namespace KMS

@@ -43,6 +43,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "kms/server/keystore/crypto/KPKMgr.h"
@@ -195,24 +196,23 @@ class FileKeyStore : public KeyStore {
   static bool isValidKeyStateChange(ks_keystate_t from, ks_keystate_t to);
   static bool isValidKeyState(ks_keystate_t state);
   static bool isValidCipherType(ks_ciphertype_t type);
-  static bool IsValidName(const std::string& name);
+  static bool IsValidName(std::string_view name);
 
   // ---- Lookup and sanity (FileKeyStoreLookup.cpp). No lock ----
 
   // The key of that name (compared byte for byte, after the cut the name's
   // setter makes) in the group, or kr.end(). A group list naming a tag the
   // table lacks aborts the process.
-  static KeyTable::const_iterator findKeyByName(const KeyTable& kr, const std::string& group,
-                                                const std::string& name);
+  static KeyTable::const_iterator findKeyByName(const KeyTable& kr, std::string_view group,
+                                                std::string_view name);
   // The group of that name (cut as by its setter), or kg.end(); a linear
   // walk.
-  static GroupTable::const_iterator findKeyGroupByName(const GroupTable& kg,
-                                                       const std::string& name);
+  static GroupTable::const_iterator findKeyGroupByName(const GroupTable& kg, std::string_view name);
   // The first 12 bytes (or the whole of a shorter tag) are all 0x00 or all
   // 0xFF. A tag of under 12 bytes is never bad.
   static bool isBadTag(const std::string& tag);
   // The key is all 0x00 or all 0xFF; the empty key is bad.
-  static bool isBadKey(const std::string& key);
+  static bool isBadKey(std::string_view key);
   // No group with cipher type 0, no key with state 0 or KPK type 0, no key
   // of a group missing from `kg`. Logs every finding before answering.
   static bool isKeyStoreSane(const KeyTable& kr, const GroupTable& kg);

@@ -12,6 +12,7 @@
 #include <cctype>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include "kms/platform/Fips.h"
 #include "kms/server/diagnostics/ErrorMapping.h"
@@ -92,11 +93,11 @@ bool limitReached(int64_t limit, size_t count) {
 // The rule of one active key per group: if `group` has an active key in
 // `keys` (a private copy), it becomes KEY_INACTIVE with update time `when`
 // and its revision raised by one, and the demotion is audited. Never refuses.
-void demoteActiveKey(const char* label, FileKeyStore::KeyTable& keys, const std::string& group,
+void demoteActiveKey(const char* label, FileKeyStore::KeyTable& keys, std::string_view group,
                      uint64_t when) {
   KMS_TRACE("FileKeyStore::demoteActiveKey");
-  // A copy: the table's reference dies with the change.
-  const std::string activeTag = keys.getActiveKeyInGroup(group);
+  // A copy: the table's view dies with the change.
+  const std::string activeTag(keys.getActiveKeyInGroup(group));
   if (activeTag.empty()) {
     return;
   }
@@ -187,7 +188,7 @@ void refuseUnchangedOrStale(const char* label, const KeyRecord_v1& old, const Ke
 // shares the cipher type.
 void refuseGroupMove(const char* label, const FileKeyStore::GroupTable& groups,
                      const FileKeyStore::KeyTable& keys, int64_t maxKeysPerGroup,
-                     const std::string& from, const std::string& to) {
+                     std::string_view from, std::string_view to) {
   const auto ngiter = groups.find(to);
   if (ngiter == groups.end()) {
     KS_THROW(EC_KS_unknown_group, label);
@@ -258,7 +259,7 @@ bool FileKeyStore::isValidCipherType(ks_ciphertype_t type) {
   return type >= CT_AES128_CBC && type <= CT_BLOW_CBC;
 }
 
-bool FileKeyStore::IsValidName(const std::string& name) {
+bool FileKeyStore::IsValidName(std::string_view name) {
   // Bytes above 127 are neither alphanumeric nor space in the C locale; they
   // are refused before the classification, which is defined for them only
   // as unsigned values.

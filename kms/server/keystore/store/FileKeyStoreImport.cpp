@@ -9,6 +9,7 @@
 // the store as it was.
 #include <ios>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "kms/server/diagnostics/ErrorMapping.h"
@@ -155,7 +156,7 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
         status.addMessage(KSOpMessage(KSMSG_KEYGROUP_EXISTS, group.name()));
       }
       if (byTag != m_groupTable->end()) {
-        const std::string& other = byTag->second.name();
+        const std::string_view other = byTag->second.name();
         KMS_DEBUG(kLabel, 1,
                   "Tag for key group [" << group.name()
                                         << "]  conflicts with the existing key group [" << other

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kms/server/diagnostics/Log.h"
@@ -28,7 +29,7 @@ namespace {
 const char* const kSuffixStem = "_IMPORTED_";
 
 // Equal byte strings, in a time that does not depend on where they differ.
-bool sameKey(const std::string& a, const std::string& b) {
+bool sameKey(std::string_view a, std::string_view b) {
   return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
@@ -55,10 +56,10 @@ void FileKeyStore::removeDuplicateKeyRecords(KeyTable& krtable, GroupTable& kgta
 
     const Secret existingKey(
         m_kpkMgr->decryptKey(existing.key(), existing.kpkType(), existing.kpkTag()));
-    const std::string& key = imported.name();
-    const std::string& group = kgiter->second.name();
-    const std::string& otherKey = existing.name();
-    const std::string& otherGroup = kgsearchiter->second.name();
+    const std::string_view key = imported.name();
+    const std::string_view group = kgiter->second.name();
+    const std::string_view otherKey = existing.name();
+    const std::string_view otherGroup = kgsearchiter->second.name();
     if (sameKey(existingKey.str(), imported.key())) {
       KMS_DEBUG(kLabel, 1,
                 "Ignoring key [" << key << "] from group [" << group
@@ -73,7 +74,7 @@ void FileKeyStore::removeDuplicateKeyRecords(KeyTable& krtable, GroupTable& kgta
       status.setErrCode(EC_KS_import_refused);
       status.addMessage(KSOpMessage(KSMSG_KEY_TAG_CONFLICT, key, group, otherKey, otherGroup));
     }
-    duplicate_tags.push_back(imported.tag());
+    duplicate_tags.emplace_back(imported.tag());
   }
   // The table is checked once when all are gone, not after every removal.
   krtable.setSkipInvariant(true);
@@ -104,8 +105,8 @@ std::string FileKeyStore::getUniqueKGNameSuffix(GroupTable& kg, int retries) con
     bool unique = true;
     std::set<std::string> renamed;
     for (const auto& entry : kg) {
-      const std::string& name = entry.second.name();
-      const std::string candidate = name + suffix;
+      const std::string_view name = entry.second.name();
+      const std::string candidate = std::string(name) + suffix;
       if (findKeyGroupByName(*m_groupTable, candidate) != m_groupTable->end() ||
           !renamed.emplace(truncatedField(candidate)).second) {
         KMS_DEBUG(kLabel, 1, "Key Group [" << name << "] is not unique in existing database");
@@ -132,7 +133,7 @@ void FileKeyStore::addKGNameSuffix(GroupTable& kg, const std::string& suffix,
     KeyGrpRecord_v1 renamed = it->second;
     // The setter cuts a name that grows too long, so the end of the suffix
     // may be lost; the message tells the name as it is kept.
-    renamed.setName(it->second.name() + suffix);
+    renamed.setName(std::string(it->second.name()) + suffix);
     KMS_DEBUG(kLabel, 1,
               "Changing key group [" << it->second.name() << "] to [" << renamed.name() << "]");
     status.addMessage(KSOpMessage(KSMSG_KEYGROUP_RENAMED, it->second.name(), renamed.name()));
@@ -153,7 +154,7 @@ std::map<std::string, std::string> FileKeyStore::regenerateKeyGroupTags(GroupTab
     if (m_groupTable->find(group.tag()) != m_groupTable->end()) {
       KMS_DEBUG(kLabel, 1, "Generating new tag for key group [" << group.name() << "]");
       const std::string tag = getNewTag(kr, kg);
-      tagMap[group.tag()] = tag;
+      tagMap[std::string(group.tag())] = tag;
       group.setTag(tag);
       status.addMessage(KSOpMessage(KSMSG_KEYGROUP_NEW_TAG, group.name()));
     }
@@ -175,14 +176,15 @@ void FileKeyStore::updateTags(KeyTable& krtable, GroupTable& kg,
   try {
     for (auto it = krtable.begin(); it != krtable.end(); ++it) {
       const KeyRecord_v1& key = it->second;
-      const auto mapped = tagMap.find(key.keyGroup());
-      const std::string& groupTag = mapped != tagMap.end() ? mapped->second : key.keyGroup();
+      const auto mapped = tagMap.find(std::string(key.keyGroup()));
+      const std::string_view groupTag =
+          mapped != tagMap.end() ? std::string_view(mapped->second) : key.keyGroup();
       const auto giter = kg.find(groupTag);
       if (giter == kg.end()) {
         KMS_DEBUG(kLabel, 1, "No key group for key [" << key.name() << "]");
         KS_THROW(EC_KS_internal_error, kLabel);
       }
-      const std::string& group = giter->second.name();
+      const std::string_view group = giter->second.name();
       if (mapped == tagMap.end()) {
         KMS_DEBUG(kLabel, 1,
                   "Key [" << key.name() << "] of key group [" << group << "] imported as-is");

@@ -169,7 +169,7 @@ KeyRecord_v1 FileKeyStore::getActiveKeyRecord(const std::string& _kgroup) const 
   if (m_groupTable->find(_kgroup) == m_groupTable->end()) {
     KS_THROW(EC_KS_unknown_group, kLabel);
   }
-  const std::string& active = m_keyTable->getActiveKeyInGroup(_kgroup);
+  const std::string_view active = m_keyTable->getActiveKeyInGroup(_kgroup);
   if (active.empty()) {
     KS_THROW(EC_KS_no_active_key, kLabel);
   }
@@ -273,8 +273,8 @@ int FileKeyStore::getKeyRecordsByKad(const std::string& kad, std::list<KeyRecord
 // ---- Static lookups and checks ----
 
 FileKeyStore::KeyTable::const_iterator FileKeyStore::findKeyByName(const KeyTable& krtable,
-                                                                   const std::string& group,
-                                                                   const std::string& name) {
+                                                                   std::string_view group,
+                                                                   std::string_view name) {
   static const char* const kLabel = "FileKeyStore::findKeyByName";
   KMS_TRACE(kLabel);
   const std::string_view stored = truncatedField(name);
@@ -289,7 +289,7 @@ FileKeyStore::KeyTable::const_iterator FileKeyStore::findKeyByName(const KeyTabl
 }
 
 FileKeyStore::GroupTable::const_iterator FileKeyStore::findKeyGroupByName(const GroupTable& kg,
-                                                                          const std::string& name) {
+                                                                          std::string_view name) {
   KMS_TRACE("FileKeyStore::findKeyGroupByName");
   const std::string_view stored = truncatedField(name);
   for (auto iter = kg.begin(); iter != kg.end(); ++iter) {
@@ -312,7 +312,7 @@ bool FileKeyStore::isBadTag(const std::string& tag) {
   return false;
 }
 
-bool FileKeyStore::isBadKey(const std::string& key) {
+bool FileKeyStore::isBadKey(std::string_view key) {
   static const char* const kLabel = "FileKeyStore::isBadKey";
   if (key == std::string(key.size(), '\0') || key == std::string(key.size(), '\xff')) {
     KMS_DEBUG(kLabel, 1, "Found a bad KEY!");
@@ -345,12 +345,11 @@ bool FileKeyStore::isKeyStoreSane(const KeyTable& kr, const GroupTable& kg) {
   }
   // Every key is listed under its own group, so each group that has keys is
   // looked up once rather than once per key.
-  kr.forEachGroup([&](const std::string& group, const GroupTags& tags) {
+  kr.forEachGroup([&](std::string_view group, const GroupTags& tags) {
     if (kg.find(group) == kg.end()) {
       for (const std::string_view tag : tags) {
         KMS_DEBUG(kLabel, 1,
-                  "Key record " << Utils::binToHex(std::string(tag))
-                                << " was member of a non-existent KeyGroup "
+                  "Key record " << Utils::binToHex(tag) << " was member of a non-existent KeyGroup "
                                 << Utils::binToHex(group));
       }
       sane = false;

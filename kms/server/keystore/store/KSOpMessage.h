@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vaultrest {
@@ -33,12 +34,12 @@ class KSOpMessage {
 
   // Code 0, no arguments.
   KSOpMessage();
-  KSOpMessage(ks_opmessage_t code, const std::string& arg1);
-  KSOpMessage(ks_opmessage_t code, const std::string& arg1, const std::string& arg2);
-  KSOpMessage(ks_opmessage_t code, const std::string& arg1, const std::string& arg2,
-              const std::string& arg3);
-  KSOpMessage(ks_opmessage_t code, const std::string& arg1, const std::string& arg2,
-              const std::string& arg3, const std::string& arg4);
+  KSOpMessage(ks_opmessage_t code, std::string_view arg1);
+  KSOpMessage(ks_opmessage_t code, std::string_view arg1, std::string_view arg2);
+  KSOpMessage(ks_opmessage_t code, std::string_view arg1, std::string_view arg2,
+              std::string_view arg3);
+  KSOpMessage(ks_opmessage_t code, std::string_view arg1, std::string_view arg2,
+              std::string_view arg3, std::string_view arg4);
 
   ks_opmessage_t code() const { return m_code; }
   const ArgList& args() const { return m_args; }
