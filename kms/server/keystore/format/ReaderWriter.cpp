@@ -21,8 +21,8 @@
 #include "kms/server/keystore/format/StringOutDest.h"
 #include "kms/server/keystore/records/KeyRecordBlock.h"
 #include "kms/server/keystore/records/KeyRecordTable.h"
-#include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/records/RecordTable.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 
 // Entry tracing, only while ReaderWriter::debug(true) is in force.
 #define RW_TRACE(label)                                                                       \
@@ -507,8 +507,8 @@ void readKeyRecord(KSInputBuffer& in, KeyRecord_v1& rec, Scratch& scratch) {
     for (unsigned f = 0; f < KeyRecordBlock::kFieldCount; ++f) {
       const size_t width = KeyRecordBlock::width(static_cast<KeyRecordBlock::Field>(f));
       views[f] = width != 0 ? fields.integerView(width) : fields.view();
-      offsets[f] = static_cast<uint16_t>(
-          reinterpret_cast<const unsigned char*>(views[f].data()) - 2 - start);
+      offsets[f] = static_cast<uint16_t>(reinterpret_cast<const unsigned char*>(views[f].data()) -
+                                         2 - start);
     }
     fields.checkDigest();
     const auto number = [&](KeyRecordBlock::Field f) {

@@ -1,8 +1,10 @@
 #include "kms/server/keystore/records/KeyRecordBlock.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "kms/platform/HashGenerator.h"
@@ -49,7 +51,7 @@ unsigned char* putField(unsigned char* out, const void* content, size_t size) {
 
 }  // namespace
 
-std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::make(const Fields& fields) {
+KeyRecordBlock::Ref KeyRecordBlock::make(const Fields& fields) {
   size_t size = 2 + sizeof kMarker + 2 + kDigestLength;
   for (unsigned f = 0; f < kFieldCount; ++f) {
     const size_t fixed = width(static_cast<Field>(f));
@@ -59,26 +61,43 @@ std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::make(const Fields& fields)
   unsigned char digest[EVP_MAX_MD_SIZE];
   digestInto(fields, digest);
 
-  SecureBytes bytes;
-  bytes.resize(size);
   Offsets offsets;
-  unsigned char* out = putField(&bytes[0], kMarker, sizeof kMarker);
+  size_t at = 2 + sizeof kMarker;
   for (unsigned f = 0; f < kFieldCount; ++f) {
-    offsets[f] = static_cast<uint16_t>(out - bytes.data());
+    offsets[f] = static_cast<uint16_t>(at);
+    at += 2 + fields[f].size();
+  }
+  KeyRecordBlock* block = allocate(size, offsets);
+  unsigned char* out = putField(block->bytes(), kMarker, sizeof kMarker);
+  for (unsigned f = 0; f < kFieldCount; ++f) {
     out = putField(out, fields[f].data(), fields[f].size());
   }
   putField(out, digest, kDigestLength);
   OPENSSL_cleanse(digest, sizeof digest);
-  return std::make_shared<const KeyRecordBlock>(std::move(bytes), offsets);
+  return Ref(block);
 }
 
-std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::adopt(const unsigned char* bytes,
-                                                            size_t size, const Offsets& offsets) {
-  return std::make_shared<const KeyRecordBlock>(SecureBytes(bytes, bytes + size), offsets);
+KeyRecordBlock::Ref KeyRecordBlock::adopt(const unsigned char* bytes, size_t size,
+                                          const Offsets& offsets) {
+  KeyRecordBlock* block = allocate(size, offsets);
+  std::memcpy(block->bytes(), bytes, size);
+  return Ref(block);
 }
 
-const std::shared_ptr<const KeyRecordBlock>& KeyRecordBlock::empty() {
-  static const std::shared_ptr<const KeyRecordBlock> block = [] {
+KeyRecordBlock* KeyRecordBlock::allocate(size_t size, const Offsets& offsets) {
+  return new (::operator new(sizeof(KeyRecordBlock) + size)) KeyRecordBlock(size, offsets);
+}
+
+void KeyRecordBlock::release() {
+  if (m_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    OPENSSL_cleanse(bytes(), m_size);
+    this->~KeyRecordBlock();
+    ::operator delete(this);
+  }
+}
+
+const KeyRecordBlock::Ref& KeyRecordBlock::empty() {
+  static const Ref block = [] {
     static const char kZeros[8] = {0};
     Fields fields;
     for (unsigned f = 0; f < kFieldCount; ++f) {
@@ -95,8 +114,7 @@ uint64_t KeyRecordBlock::integer(Field field) const {
                               content.size());
 }
 
-std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::with(Field field,
-                                                           std::string_view content) const {
+KeyRecordBlock::Ref KeyRecordBlock::with(Field field, std::string_view content) const {
   Fields fields;
   for (unsigned f = 0; f < kFieldCount; ++f) {
     fields[f] = this->field(static_cast<Field>(f));
@@ -105,7 +123,7 @@ std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::with(Field field,
   return make(fields);
 }
 
-std::shared_ptr<const KeyRecordBlock> KeyRecordBlock::with(Field field, uint64_t value) const {
+KeyRecordBlock::Ref KeyRecordBlock::with(Field field, uint64_t value) const {
   KS_ASSERT(kLabel, width(field) != 0);
   unsigned char bytes[8];
   Utils::storeBigEndian(bytes, value, width(field));

@@ -5,8 +5,8 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/records/RecordFields.h"
 #include "kms/server/keystore/format/BigEndian.h"
+#include "kms/server/keystore/records/RecordFields.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/records/SharedRecordFields.h"
 
@@ -64,8 +64,7 @@ KeyRecord_v1::KeyRecord_v1() : m_block(Block::empty()) {
   testInvariant();
 }
 
-KeyRecord_v1::KeyRecord_v1(std::shared_ptr<const KeyRecordBlock> block)
-    : m_block(std::move(block)) {
+KeyRecord_v1::KeyRecord_v1(KeyRecordBlock::Ref block) : m_block(std::move(block)) {
   testInvariant();
 }
 
@@ -118,9 +117,9 @@ void KeyRecord_v1::setRev(uint32_t rev) {
 }
 
 void KeyRecord_v1::setKeyGroup(std::string_view groupTag) {
-  m_block = m_block->with(Block::kKeyGroup,
-                          boundedField("KeyRecord_v1::setKeyGroup",
-                                       "Encountered KeyGroup TAG of size: ", groupTag));
+  m_block = m_block->with(
+      Block::kKeyGroup,
+      boundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", groupTag));
   testInvariant();
 }
 
@@ -147,11 +146,10 @@ void KeyRecord_v1::setKey(std::string_view key) {
   testInvariant();
 }
 
-void KeyRecord_v1::setFields(std::string_view tag, std::string_view name,
-                             std::string_view keyGroup, ks_keystate_t state, uint64_t updateTime,
-                             uint64_t createTime, std::string_view description, uint32_t rev,
-                             ks_kpktype_t kpkType, std::string_view kpkTag,
-                             std::string_view key) {
+void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
+                             ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
+                             std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
+                             std::string_view kpkTag, std::string_view key) {
   KMS_TRACE_THIS("KeyRecord_v1::setFields");
   Block::Fields fields;
   for (unsigned f = 0; f < Block::kFieldCount; ++f) {
@@ -172,8 +170,8 @@ void KeyRecord_v1::setFields(std::string_view tag, std::string_view name,
     fields[Block::kDescription] =
         truncatedField("KeyRecord_v1::setDescription", "Description", description);
     fields[Block::kRev] = revision.view();
-    fields[Block::kKeyGroup] = boundedField("KeyRecord_v1::setKeyGroup",
-                                            "Encountered KeyGroup TAG of size: ", keyGroup);
+    fields[Block::kKeyGroup] =
+        boundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", keyGroup);
     checkState(state);
     fields[Block::kState] = stateField.view();
     checkKpkType(kpkType);
@@ -208,7 +206,7 @@ void KeyRecord_v1::addOrUpdateKRAttribute(std::string name, std::string value) {
 
 bool KeyRecord_v1::operator==(const KeyRecord_v1& other) const {
   // Equal fields make equal blocks, digest included.
-  return (m_block == other.m_block ||
+  return (&*m_block == &*other.m_block ||
           std::string_view(reinterpret_cast<const char*>(m_block->data()), m_block->size()) ==
               std::string_view(reinterpret_cast<const char*>(other.m_block->data()),
                                other.m_block->size())) &&

@@ -19,7 +19,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -39,7 +38,7 @@ class KeyRecord_v1 {
   KeyRecord_v1();
   // A record of a block that a table read has checked, enumerations
   // included.
-  explicit KeyRecord_v1(std::shared_ptr<const KeyRecordBlock> block);
+  explicit KeyRecord_v1(KeyRecordBlock::Ref block);
   KeyRecord_v1(const KeyRecord_v1&) = default;
   KeyRecord_v1(KeyRecord_v1&& other) noexcept;
   KeyRecord_v1& operator=(const KeyRecord_v1&) = default;
@@ -104,7 +103,7 @@ class KeyRecord_v1 {
   void display(int number) const;
 
  private:
-  std::shared_ptr<const KeyRecordBlock> m_block;
+  KeyRecordBlock::Ref m_block;
   AttributeList m_attrs;
 };
 
