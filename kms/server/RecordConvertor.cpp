@@ -168,20 +168,13 @@ Store::KeyRecord_v1 RecordConvertor::toKsKeyRecord(const KMSFacetsV1::KeyRecord&
   Store::KeyRecord_v1 rec;
   rec.attributes().testInvariant();
   rec.testInvariant();
-  rec.setUpdateTime(toKsTime(record.updateTime));
-  rec.setCreateTime(toKsTime(record.createTime));
-  rec.setRev(static_cast<uint32_t>(record.rev));
-  rec.setTag(hexToBin(record.tag.in()));
-  rec.setKeyGroup(hexToBin(record.keyGroup.in()));
-  // The setters cut a name or description over 4096 bytes, with a log line.
-  rec.setName(record.name.in());
-  rec.testInvariant();
-  rec.setDescription(record.description.in());
-  rec.testInvariant();
-  rec.setState(static_cast<Store::ks_keystate_t>(record.state));
-  rec.setKpkType(static_cast<Store::ks_kpktype_t>(record.kpkType));
-  rec.setKpkTag(hexToBin(record.kpkTag.in()));
-  rec.setKey(toBytes(record.encKey));
+  // All fields in one change (one block); a name or description over 4096
+  // bytes is cut, with a log line.
+  rec.setFields(hexToBin(record.tag.in()), record.name.in(), hexToBin(record.keyGroup.in()),
+                static_cast<Store::ks_keystate_t>(record.state), toKsTime(record.updateTime),
+                toKsTime(record.createTime), record.description.in(),
+                static_cast<uint32_t>(record.rev), static_cast<Store::ks_kpktype_t>(record.kpkType),
+                hexToBin(record.kpkTag.in()), toBytes(record.encKey));
   toKsAttributes(record.attributeList, rec.attributes());
   return rec;
 }

@@ -96,15 +96,17 @@ void KeyRecordBlock::release() {
   }
 }
 
+// Kept to the end of the process (never destroyed), so that a record moved
+// from during the exit still finds it.
 const KeyRecordBlock::Ref& KeyRecordBlock::empty() {
-  static const Ref block = [] {
+  static const Ref& block = *new Ref([] {
     static const char kZeros[8] = {0};
     Fields fields;
     for (unsigned f = 0; f < kFieldCount; ++f) {
       fields[f] = std::string_view(kZeros, width(static_cast<Field>(f)));
     }
     return make(fields);
-  }();
+  }());
   return block;
 }
 
