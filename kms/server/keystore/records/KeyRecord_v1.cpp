@@ -49,12 +49,31 @@ void checkKpkType(ks_kpktype_t type) {
   }
 }
 
-std::string_view checkedKey(std::string_view key) {
-  if (key.size() > kMaxRecordFieldLength) {
-    KMS_DEBUG("KeyRecord_v1::setKey", 1, "Encountered Key of size: " << key.size());
-    KS_THROW(EC_KS_bad_argument, "KeyRecord_v1::setKey");
-  }
-  return key;
+// How the setter of a byte-string field takes a value over 4096 bytes: its
+// label and words in the log, and whether the value is cut (else refused).
+struct StringRule {
+  const char* label;
+  const char* what;
+  bool cut;
+};
+const StringRule kStringRules[Block::kFieldCount] = {
+    {"KeyRecord_v1::setTag", "Encountered TAG of size: ", false},
+    {"KeyRecord_v1::setName", "Name", true},
+    {},
+    {},
+    {"KeyRecord_v1::setDescription", "Description", true},
+    {},
+    {"KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", false},
+    {},
+    {},
+    {"KeyRecord_v1::setKpkTag", "Encountered KpkTag of size: ", false},
+    {"KeyRecord_v1::setKey", "Encountered Key of size: ", false},
+};
+
+std::string_view checked(Block::Field field, std::string_view value) {
+  const StringRule& rule = kStringRules[field];
+  return rule.cut ? truncatedField(rule.label, rule.what, value)
+                  : boundedField(rule.label, rule.what, value);
 }
 
 }  // namespace
@@ -84,66 +103,24 @@ KeyRecord_v1& KeyRecord_v1::operator=(KeyRecord_v1&& other) noexcept {
   return *this;
 }
 
-void KeyRecord_v1::setTag(std::string_view tag) {
-  m_block = m_block->with(Block::kTag,
-                          boundedField("KeyRecord_v1::setTag", "Encountered TAG of size: ", tag));
+void KeyRecord_v1::change(KeyRecordBlock::Field field, std::string_view value) {
+  m_block = m_block->with(field, checked(field, value));
   testInvariant();
 }
 
-void KeyRecord_v1::setName(std::string_view name) {
-  m_block = m_block->with(Block::kName, truncatedField("KeyRecord_v1::setName", "Name", name));
-  testInvariant();
-}
-
-void KeyRecord_v1::setUpdateTime(uint64_t seconds) {
-  m_block = m_block->with(Block::kUpdateTime, seconds);
-  testInvariant();
-}
-
-void KeyRecord_v1::setCreateTime(uint64_t seconds) {
-  m_block = m_block->with(Block::kCreateTime, seconds);
-  testInvariant();
-}
-
-void KeyRecord_v1::setDescription(std::string_view description) {
-  m_block = m_block->with(Block::kDescription, truncatedField("KeyRecord_v1::setDescription",
-                                                              "Description", description));
-  testInvariant();
-}
-
-void KeyRecord_v1::setRev(uint32_t rev) {
-  m_block = m_block->with(Block::kRev, rev);
-  testInvariant();
-}
-
-void KeyRecord_v1::setKeyGroup(std::string_view groupTag) {
-  m_block = m_block->with(
-      Block::kKeyGroup,
-      boundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", groupTag));
+void KeyRecord_v1::change(KeyRecordBlock::Field field, uint64_t value) {
+  m_block = m_block->with(field, value);
   testInvariant();
 }
 
 void KeyRecord_v1::setState(ks_keystate_t state) {
   checkState(state);
-  m_block = m_block->with(Block::kState, static_cast<uint16_t>(state));
-  testInvariant();
+  change(Block::kState, static_cast<uint16_t>(state));
 }
 
 void KeyRecord_v1::setKpkType(ks_kpktype_t type) {
   checkKpkType(type);
-  m_block = m_block->with(Block::kKpkType, static_cast<uint16_t>(type));
-  testInvariant();
-}
-
-void KeyRecord_v1::setKpkTag(std::string_view kpkTag) {
-  m_block = m_block->with(Block::kKpkTag, boundedField("KeyRecord_v1::setKpkTag",
-                                                       "Encountered KpkTag of size: ", kpkTag));
-  testInvariant();
-}
-
-void KeyRecord_v1::setKey(std::string_view key) {
-  m_block = m_block->with(Block::kKey, checkedKey(key));
-  testInvariant();
+  change(Block::kKpkType, static_cast<uint16_t>(type));
 }
 
 void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
@@ -163,22 +140,19 @@ void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::s
   // The fields are checked in the order of the setters; those before a
   // refused one are set all the same.
   auto checkAll = [&] {
-    fields[Block::kTag] = boundedField("KeyRecord_v1::setTag", "Encountered TAG of size: ", tag);
-    fields[Block::kName] = truncatedField("KeyRecord_v1::setName", "Name", name);
+    fields[Block::kTag] = checked(Block::kTag, tag);
+    fields[Block::kName] = checked(Block::kName, name);
     fields[Block::kUpdateTime] = updated.view();
     fields[Block::kCreateTime] = created.view();
-    fields[Block::kDescription] =
-        truncatedField("KeyRecord_v1::setDescription", "Description", description);
+    fields[Block::kDescription] = checked(Block::kDescription, description);
     fields[Block::kRev] = revision.view();
-    fields[Block::kKeyGroup] =
-        boundedField("KeyRecord_v1::setKeyGroup", "Encountered KeyGroup TAG of size: ", keyGroup);
+    fields[Block::kKeyGroup] = checked(Block::kKeyGroup, keyGroup);
     checkState(state);
     fields[Block::kState] = stateField.view();
     checkKpkType(kpkType);
     fields[Block::kKpkType] = kpkTypeField.view();
-    fields[Block::kKpkTag] =
-        boundedField("KeyRecord_v1::setKpkTag", "Encountered KpkTag of size: ", kpkTag);
-    fields[Block::kKey] = checkedKey(key);
+    fields[Block::kKpkTag] = checked(Block::kKpkTag, kpkTag);
+    fields[Block::kKey] = checked(Block::kKey, key);
   };
   try {
     checkAll();

@@ -67,23 +67,25 @@ class KeyRecord_v1 {
   // The fields as the key table's stream holds them.
   const KeyRecordBlock& block() const { return *m_block; }
 
-  void setTag(std::string_view tag);  // throws 1214
-  void setName(std::string_view name);
-  void setUpdateTime(uint64_t seconds);
-  void setCreateTime(uint64_t seconds);
-  void setDescription(std::string_view description);
-  void setRev(uint32_t rev);
-  void setKeyGroup(std::string_view groupTag);  // throws 1214
-  void setState(ks_keystate_t state);           // throws 1214
-  void setKpkType(ks_kpktype_t type);           // throws 1214
-  void setKpkTag(std::string_view kpkTag);      // throws 1214
-  void setKey(std::string_view key);            // throws 1214
+  // Each makes a new block (see the limits above for what throws 1214).
+  void setTag(std::string_view tag) { change(KeyRecordBlock::kTag, tag); }
+  void setName(std::string_view name) { change(KeyRecordBlock::kName, name); }
+  void setUpdateTime(uint64_t seconds) { change(KeyRecordBlock::kUpdateTime, seconds); }
+  void setCreateTime(uint64_t seconds) { change(KeyRecordBlock::kCreateTime, seconds); }
+  void setDescription(std::string_view description) {
+    change(KeyRecordBlock::kDescription, description);
+  }
+  void setRev(uint32_t rev) { change(KeyRecordBlock::kRev, uint64_t{rev}); }
+  void setKeyGroup(std::string_view groupTag) { change(KeyRecordBlock::kKeyGroup, groupTag); }
+  void setState(ks_keystate_t state);
+  void setKpkType(ks_kpktype_t type);
+  void setKpkTag(std::string_view kpkTag) { change(KeyRecordBlock::kKpkTag, kpkTag); }
+  void setKey(std::string_view key) { change(KeyRecordBlock::kKey, key); }
 
   // Sets tag, name, update time, create time, description, revision, key
-  // group, state, KPK type, KPK tag and key, in that order, each through its
-  // setter; a refused value throws 1214 and leaves the later fields as they
-  // were. The attributes are not touched.
-  // One block is made for all of them.
+  // group, state, KPK type, KPK tag and key in one new block, each checked as
+  // its setter checks it, in that order; a refused value throws 1214 and
+  // leaves the later fields as they were. The attributes are not touched.
   void setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
                  ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
                  std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
@@ -103,6 +105,11 @@ class KeyRecord_v1 {
   void display(int number) const;
 
  private:
+  // A new block with one field replaced (a byte string checked as its
+  // setter says), then the invariant.
+  void change(KeyRecordBlock::Field field, std::string_view value);
+  void change(KeyRecordBlock::Field field, uint64_t value);
+
   KeyRecordBlock::Ref m_block;
   AttributeList m_attrs;
 };
