@@ -273,8 +273,8 @@ Enum enumOf(uint64_t value) {
 }
 
 // A group record's digested fields in stream order, into `fields` (a
-// DigestingWriter, a FieldCounter or a FieldPrefetcher). A key record keeps
-// its own in stream form (KeyRecordBlock).
+// DigestingWriter or a FieldCounter). A key record keeps its own in stream
+// form (KeyRecordBlock).
 template <typename Fields>
 void recordFields(const KeyGrpRecord_v1& rec, Fields& fields) {
   fields.string(rec.tag());
@@ -321,30 +321,16 @@ size_t streamBytes(const Record& rec) {
          FieldCounter::kCount;
 }
 
-// Starts loading the heap blocks of a record's fields (each string's bytes,
-// the first attribute) while the record before it is encoded: a table's
-// records and their fields lie scattered over the heap, and a record would
-// wait for each of them in turn.
-class FieldPrefetcher {
- public:
-  void string(std::string_view s) { __builtin_prefetch(s.data()); }
-  void integer(uint64_t, size_t) {}
-};
-
-void prefetchRecord(const KeyRecord_v1& rec) {
+// Starts loading a key record's block and first attribute while the record
+// before it is written: a table's records lie scattered over the heap, and a
+// record would wait for each in turn. A group table is small.
+void prefetchFields(const KeyRecord_v1& rec) {
   __builtin_prefetch(rec.block().data());
-}
-void prefetchRecord(const KeyGrpRecord_v1& rec) {
-  FieldPrefetcher fields;
-  recordFields(rec, fields);
-}
-template <typename Record>
-void prefetchFields(const Record& rec) {
-  prefetchRecord(rec);
   if (rec.attributes().size() != 0) {
     __builtin_prefetch(&*rec.attributes().begin());
   }
 }
+void prefetchFields(const KeyGrpRecord_v1&) {}
 
 // The record type of a table.
 template <typename Table>

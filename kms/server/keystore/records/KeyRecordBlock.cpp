@@ -45,7 +45,9 @@ void digestInto(const KeyRecordBlock::Fields& fields, unsigned char* out) {
 
 unsigned char* putField(unsigned char* out, const void* content, size_t size) {
   Utils::storeBigEndian(out, size, 2);
-  std::memcpy(out + 2, content, size);
+  if (size != 0) {
+    std::memcpy(out + 2, content, size);
+  }
   return out + 2 + size;
 }
 
@@ -73,7 +75,6 @@ KeyRecordBlock::Ref KeyRecordBlock::make(const Fields& fields) {
     out = putField(out, fields[f].data(), fields[f].size());
   }
   putField(out, digest, kDigestLength);
-  OPENSSL_cleanse(digest, sizeof digest);
   return Ref(block);
 }
 
