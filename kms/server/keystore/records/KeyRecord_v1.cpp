@@ -128,39 +128,18 @@ void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::s
                              std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
                              std::string_view kpkTag, std::string_view key) {
   KMS_TRACE_THIS("KeyRecord_v1::setFields");
-  Block::Fields fields;
-  for (unsigned f = 0; f < Block::kFieldCount; ++f) {
-    fields[f] = m_block->field(static_cast<Block::Field>(f));
-  }
   const IntegerField updated(updateTime, Block::kUpdateTime);
   const IntegerField created(createTime, Block::kCreateTime);
   const IntegerField revision(rev, Block::kRev);
   const IntegerField stateField(static_cast<uint16_t>(state), Block::kState);
   const IntegerField kpkTypeField(static_cast<uint16_t>(kpkType), Block::kKpkType);
-  // The fields are checked in the order of the setters; those before a
-  // refused one are set all the same.
-  auto checkAll = [&] {
-    fields[Block::kTag] = checked(Block::kTag, tag);
-    fields[Block::kName] = checked(Block::kName, name);
-    fields[Block::kUpdateTime] = updated.view();
-    fields[Block::kCreateTime] = created.view();
-    fields[Block::kDescription] = checked(Block::kDescription, description);
-    fields[Block::kRev] = revision.view();
-    fields[Block::kKeyGroup] = checked(Block::kKeyGroup, keyGroup);
-    checkState(state);
-    fields[Block::kState] = stateField.view();
-    checkKpkType(kpkType);
-    fields[Block::kKpkType] = kpkTypeField.view();
-    fields[Block::kKpkTag] = checked(Block::kKpkTag, kpkTag);
-    fields[Block::kKey] = checked(Block::kKey, key);
-  };
-  try {
-    checkAll();
-  } catch (...) {
-    m_block = Block::make(fields);
-    throw;
-  }
-  m_block = Block::make(fields);
+  checkState(state);
+  checkKpkType(kpkType);
+  m_block =
+      Block::make({checked(Block::kTag, tag), checked(Block::kName, name), updated.view(),
+                   created.view(), checked(Block::kDescription, description), revision.view(),
+                   checked(Block::kKeyGroup, keyGroup), stateField.view(), kpkTypeField.view(),
+                   checked(Block::kKpkTag, kpkTag), checked(Block::kKey, key)});
   testInvariant();
 }
 

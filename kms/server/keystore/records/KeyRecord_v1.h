@@ -84,8 +84,8 @@ class KeyRecord_v1 {
 
   // Sets tag, name, update time, create time, description, revision, key
   // group, state, KPK type, KPK tag and key in one new block, each checked as
-  // its setter checks it, in that order; a refused value throws 1214 and
-  // leaves the later fields as they were. The attributes are not touched.
+  // its setter checks it; a refused value throws 1214 and leaves the record
+  // as it was. The attributes are not touched.
   void setFields(std::string_view tag, std::string_view name, std::string_view keyGroup,
                  ks_keystate_t state, uint64_t updateTime, uint64_t createTime,
                  std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
