@@ -12,6 +12,7 @@
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/format/BigEndian.h"
+#include "kms/server/keystore/records/RecordFields.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -20,7 +21,6 @@ namespace KMS {
 namespace {
 
 const char* const kLabel = "KeyRecordBlock::make";
-constexpr size_t kMaxContent = 4096;
 
 // The digest over the seed and the contents, into `out`. One context per
 // thread, restarted for every block.
@@ -57,7 +57,8 @@ KeyRecordBlock::Ref KeyRecordBlock::make(const Fields& fields) {
   size_t size = 2 + sizeof kMarker + 2 + kDigestLength;
   for (unsigned f = 0; f < kFieldCount; ++f) {
     const size_t fixed = width(static_cast<Field>(f));
-    KS_ASSERT(kLabel, fixed == 0 ? fields[f].size() <= kMaxContent : fields[f].size() == fixed);
+    KS_ASSERT(kLabel,
+              fixed == 0 ? fields[f].size() <= kMaxRecordFieldLength : fields[f].size() == fixed);
     size += 2 + fields[f].size();
   }
   unsigned char digest[EVP_MAX_MD_SIZE];
