@@ -458,9 +458,8 @@ void ReaderWriter::readAttributeList(KSInputBuffer& in, AttributeList& list) {
 
 namespace {
 
-// A record on the stream: its marker, its fields (recordFields), the digest
-// over them, and the attribute list.
-// A key record's block is its marker, fields and digest as they stand.
+// A key record's block is its marker, fields and digest as they stand; a
+// group record's are written from recordFields, with the digest over them.
 void writeRecordFields(KSOutStream& out, const KeyRecord_v1& rec, Scratch&) {
   out.write(rec.block().data(), rec.block().size());
 }
@@ -470,6 +469,8 @@ void writeRecordFields(KSOutStream& out, const KeyGrpRecord_v1& rec, Scratch& sc
   recordFields(rec, fields);
   fields.finish();
 }
+// A record on the stream: its marker, fields and digest, then its attribute
+// list.
 template <typename Record>
 void writeAnyRecord(KSOutStream& out, const Record& rec, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::writeRecord";
@@ -497,18 +498,15 @@ void readKeyRecord(KSInputBuffer& in, KeyRecord_v1& rec, Scratch& scratch) {
                                          2 - start);
     }
     fields.checkDigest();
-    const auto number = [&](KeyRecordBlock::Field f) {
-      return Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(views[f].data()),
-                                  views[f].size());
-    };
-    if (!isKnownKeyState(enumOf<ks_keystate_t>(number(KeyRecordBlock::kState))) ||
-        !isKnownKpkType(enumOf<ks_kpktype_t>(number(KeyRecordBlock::kKpkType)))) {
+    KeyRecordBlock::Ref block = fields.algo() == CmnCrypto::HASH_SHA256
+                                    ? KeyRecordBlock::adopt(start, in.cursor() - start, offsets)
+                                    : KeyRecordBlock::make(views);
+    if (!isKnownKeyState(enumOf<ks_keystate_t>(block->integer(KeyRecordBlock::kState))) ||
+        !isKnownKpkType(enumOf<ks_kpktype_t>(block->integer(KeyRecordBlock::kKpkType)))) {
       KMS_DEBUG(kLabel, 1, "Unknown key state or KPK type");
       KS_THROW(EC_KS_malformed, kLabel);
     }
-    rec = KeyRecord_v1(fields.algo() == CmnCrypto::HASH_SHA256
-                           ? KeyRecordBlock::adopt(start, in.cursor() - start, offsets)
-                           : KeyRecordBlock::make(views));
+    rec = KeyRecord_v1(std::move(block));
     readAttributeListWith(in, rec.attributes(), scratch);
   });
 }

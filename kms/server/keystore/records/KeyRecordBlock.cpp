@@ -54,22 +54,18 @@ unsigned char* putField(unsigned char* out, const void* content, size_t size) {
 }  // namespace
 
 KeyRecordBlock::Ref KeyRecordBlock::make(const Fields& fields) {
-  size_t size = 2 + sizeof kMarker + 2 + kDigestLength;
+  Offsets offsets;
+  size_t at = 2 + sizeof kMarker;
   for (unsigned f = 0; f < kFieldCount; ++f) {
     const size_t fixed = width(static_cast<Field>(f));
     KS_ASSERT(kLabel,
               fixed == 0 ? fields[f].size() <= kMaxRecordFieldLength : fields[f].size() == fixed);
-    size += 2 + fields[f].size();
-  }
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  digestInto(fields, digest);
-
-  Offsets offsets;
-  size_t at = 2 + sizeof kMarker;
-  for (unsigned f = 0; f < kFieldCount; ++f) {
     offsets[f] = static_cast<uint16_t>(at);
     at += 2 + fields[f].size();
   }
+  const size_t size = at + 2 + kDigestLength;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  digestInto(fields, digest);
   KeyRecordBlock* block = allocate(size, offsets);
   unsigned char* out = putField(block->bytes(), kMarker, sizeof kMarker);
   for (unsigned f = 0; f < kFieldCount; ++f) {
@@ -128,10 +124,12 @@ KeyRecordBlock::Ref KeyRecordBlock::with(Field field, std::string_view content) 
 }
 
 KeyRecordBlock::Ref KeyRecordBlock::with(Field field, uint64_t value) const {
-  KS_ASSERT(kLabel, width(field) != 0);
-  unsigned char bytes[8];
-  Utils::storeBigEndian(bytes, value, width(field));
-  return with(field, std::string_view(reinterpret_cast<const char*>(bytes), width(field)));
+  return with(field, Integer(field, value).view());
+}
+
+KeyRecordBlock::Integer::Integer(Field field, uint64_t value) : m_width(width(field)) {
+  KS_ASSERT(kLabel, m_width != 0);
+  Utils::storeBigEndian(m_bytes, value, m_width);
 }
 
 }  // namespace KMS

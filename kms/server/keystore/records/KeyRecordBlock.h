@@ -65,8 +65,8 @@ class KeyRecordBlock {
   // frees it. Safe to copy and destroy from any thread.
   class Ref {
    public:
+    // No move: a moved-from reference would be null.
     Ref(const Ref& other) noexcept : m_block(other.m_block) { m_block->hold(); }
-    Ref(Ref&& other) noexcept : m_block(other.m_block) { m_block->hold(); }
     Ref& operator=(const Ref& other) noexcept {
       Ref copy(other);
       std::swap(m_block, copy.m_block);
@@ -80,6 +80,19 @@ class KeyRecordBlock {
     friend class KeyRecordBlock;
     explicit Ref(KeyRecordBlock* block) : m_block(block) {}
     KeyRecordBlock* m_block;
+  };
+
+  // An integer field's content: `value` big-endian in the field's width.
+  class Integer {
+   public:
+    Integer(Field field, uint64_t value);
+    std::string_view view() const {
+      return std::string_view(reinterpret_cast<const char*>(m_bytes), m_width);
+    }
+
+   private:
+    unsigned char m_bytes[8];
+    size_t m_width;
   };
 
   // A block of the given contents with its digest. Every byte string has at

@@ -5,7 +5,6 @@
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
-#include "kms/server/keystore/format/BigEndian.h"
 #include "kms/server/keystore/records/RecordFields.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/records/SharedRecordFields.h"
@@ -17,21 +16,6 @@ namespace KMS {
 namespace {
 
 using Block = KeyRecordBlock;
-
-// An integer field's bytes, big-endian, for a block under construction.
-class IntegerField {
- public:
-  IntegerField(uint64_t value, Block::Field field) : m_width(Block::width(field)) {
-    Utils::storeBigEndian(m_bytes, value, m_width);
-  }
-  std::string_view view() const {
-    return std::string_view(reinterpret_cast<const char*>(m_bytes), m_width);
-  }
-
- private:
-  unsigned char m_bytes[8];
-  size_t m_width;
-};
 
 void checkState(ks_keystate_t state) {
   if (!isKnownKeyState(state)) {
@@ -128,11 +112,11 @@ void KeyRecord_v1::setFields(std::string_view tag, std::string_view name, std::s
                              std::string_view description, uint32_t rev, ks_kpktype_t kpkType,
                              std::string_view kpkTag, std::string_view key) {
   KMS_TRACE_THIS("KeyRecord_v1::setFields");
-  const IntegerField updated(updateTime, Block::kUpdateTime);
-  const IntegerField created(createTime, Block::kCreateTime);
-  const IntegerField revision(rev, Block::kRev);
-  const IntegerField stateField(static_cast<uint16_t>(state), Block::kState);
-  const IntegerField kpkTypeField(static_cast<uint16_t>(kpkType), Block::kKpkType);
+  const Block::Integer updated(Block::kUpdateTime, updateTime);
+  const Block::Integer created(Block::kCreateTime, createTime);
+  const Block::Integer revision(Block::kRev, rev);
+  const Block::Integer stateField(Block::kState, static_cast<uint16_t>(state));
+  const Block::Integer kpkTypeField(Block::kKpkType, static_cast<uint16_t>(kpkType));
   checkState(state);
   checkKpkType(kpkType);
   m_block =
@@ -179,18 +163,18 @@ void KeyRecord_v1::display(int number) const {
   KMS_TRACE_THIS("KeyRecord_v1::display");
   std::printf("\n>>>>>>>>>>>>>>>>>>> RECORD %d <<<<<<<<<<<<<<<<<<<<<<<<<\n\n", number);
   std::printf("Name : ");
-  Utils::displayBuffer(std::string(name()), true, "", false);
+  Utils::displayBuffer(name(), true, "", false);
   std::printf("Tag : ");
-  Utils::displayBuffer(std::string(tag()), true, "", true);
+  Utils::displayBuffer(tag(), true, "", true);
   std::printf("Key Group : ");
-  Utils::displayBuffer(std::string(keyGroup()), true, "", true);
+  Utils::displayBuffer(keyGroup(), true, "", true);
   std::printf("Status : %s\n\n", Utils::keystateToString(state()).c_str());
   displaySharedFields(*this);
   std::printf("KPK Type : %s\n", Utils::kpkTypeToString(kpkType()).c_str());
   std::printf("KPK Tag : ");
-  Utils::displayBuffer(std::string(kpkTag()), true, "", true);
+  Utils::displayBuffer(kpkTag(), true, "", true);
   std::printf("Key : ");
-  Utils::displayBuffer(std::string(key()), false, "", true);
+  Utils::displayBuffer(key(), false, "", true);
   std::printf("Extended Attributes : ");
   m_attrs.display();
 }

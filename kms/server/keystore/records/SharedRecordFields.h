@@ -98,7 +98,7 @@ void displaySharedFields(const Record& rec) {
   std::printf("Last Update Time : ");
   Utils::displayTimestamp(rec.updateTime());
   std::printf("Description : ");
-  Utils::displayBuffer(std::string(rec.description()), false, "", false);
+  Utils::displayBuffer(rec.description(), false, "", false);
   std::printf("Object Revision : ");
   Utils::displayObjRev(rec.rev());
 }
