@@ -4,7 +4,8 @@
 // set keeps no copy of it.
 //
 // The entries are spread over 256 shards by the first byte of the tag (the
-// empty tag goes to the first), each shard an ordered set; walking the shards
+// empty tag goes to the first), each shard a vector sorted by tag, so that
+// walks and loads in tag order run through memory in order; walking the shards
 // in order walks the entries in the order of the tags' bytes, as one set
 // would. A copy copies the 256 shard pointers only. A change makes its shard
 // private first: a table changes a shard in place only if it made that shard
@@ -13,25 +14,30 @@
 //
 // Iterators show each entry as a pair (tag, value) of a view of the tag and
 // a reference to the value, as a map's would. A value reached for a change
-// must keep its tag.
+// must keep its tag. Values move when an entry enters or leaves their
+// shard: references to values, like views of their tags, are valid until
+// the next change of the map.
 //
 // Shards are never changed while another map can see them, so maps that
 // share shards may be read from different threads at once while one of them
 // changes (each map itself is guarded like a std::map: one writer or any
 // number of readers). An iterator holds its shard, so it stays usable when
-// its map makes that shard private; it then shows the entries as they were.
+// its map makes that shard private (it then shows the entries as they were)
+// and when an entry is changed in place; an insertion into or erasure from
+// its shard invalidates it.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bitset>
 #include <cstddef>
 #include <iterator>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace Vaultrest {
 namespace DL {
@@ -40,14 +46,7 @@ namespace KMS {
 template <typename V>
 class SharedTagMap {
  public:
-  // Orders values by tag, and compares a value with a bare tag.
-  struct ByTag {
-    typedef void is_transparent;
-    bool operator()(const V& a, const V& b) const { return a.tag() < b.tag(); }
-    bool operator()(const V& a, std::string_view b) const { return a.tag() < b; }
-    bool operator()(std::string_view a, const V& b) const { return a < b.tag(); }
-  };
-  typedef std::set<V, ByTag> Shard;
+  typedef std::vector<V> Shard;
   typedef std::pair<std::string_view, const V&> value_type;
   static constexpr size_t kShards = 256;
   typedef std::array<std::shared_ptr<Shard>, kShards> Shards;
@@ -151,12 +150,8 @@ class SharedTagMap {
 
   const_iterator find(std::string_view tag) const {
     const size_t index = shardOf(tag);
-    const Shard* shard = m_shards[index].get();
-    if (shard == nullptr) {
-      return end();
-    }
-    const auto it = shard->find(tag);
-    return it == shard->end() ? end() : const_iterator(&m_shards, index, it);
+    const size_t at = placeOf(index, tag);
+    return at == kAbsent ? end() : const_iterator(&m_shards, index, m_shards[index]->begin() + at);
   }
 
   // The first entry whose tag is not less than `tag`.
@@ -166,7 +161,7 @@ class SharedTagMap {
     if (shard == nullptr) {
       return const_iterator(&m_shards, index + 1);
     }
-    return const_iterator(&m_shards, index, shard->lower_bound(tag));
+    return const_iterator(&m_shards, index, position(*shard, tag));
   }
 
   // Inserts `value` if its tag is new and returns the stored value, valid
@@ -179,42 +174,35 @@ class SharedTagMap {
     const std::string_view tag = value.tag();
     const size_t index = shardOf(tag);
     const Shard* shard = m_shards[index].get();
-    const bool last = shard == nullptr || shard->empty() || shard->rbegin()->tag() < tag;
-    if (!last && shard->find(tag) != shard->end()) {
+    const bool last = shard == nullptr || shard->empty() || shard->back().tag() < tag;
+    const size_t at = last ? (shard == nullptr ? 0 : shard->size())
+                           : static_cast<size_t>(position(*shard, tag) - shard->begin());
+    // Not last: a tag not less than `tag` stands at `at`.
+    if (!last && (*shard)[at].tag() == tag) {
       return nullptr;
     }
     Shard& writable = writableShard(index);
-    const auto hint = last ? writable.end() : writable.lower_bound(tag);
     ++m_size;
-    return mutableValue(writable.emplace_hint(hint, std::move(value)));
+    return &*writable.insert(writable.begin() + static_cast<std::ptrdiff_t>(at), std::move(value));
   }
 
   // The entry's value, made private to this map for a change; null if the
   // tag is absent. Valid until the next change of the map.
   V* findForChange(std::string_view tag) {
     const size_t index = shardOf(tag);
-    Shard* shard = m_shards[index].get();
-    if (shard == nullptr) {
-      return nullptr;
-    }
-    auto it = shard->find(tag);
-    if (it == shard->end()) {
-      return nullptr;
-    }
-    Shard& writable = writableShard(index);
-    if (&writable != shard) {
-      it = writable.find(tag);
-    }
-    return mutableValue(it);
+    const size_t at = placeOf(index, tag);
+    return at == kAbsent ? nullptr : &writableShard(index)[at];
   }
 
   // True if an entry was erased.
   bool erase(std::string_view tag) {
-    if (find(tag) == end()) {
+    const size_t index = shardOf(tag);
+    const size_t at = placeOf(index, tag);
+    if (at == kAbsent) {
       return false;
     }
-    Shard& writable = writableShard(shardOf(tag));
-    writable.erase(writable.find(tag));
+    Shard& writable = writableShard(index);
+    writable.erase(writable.begin() + static_cast<std::ptrdiff_t>(at));
     --m_size;
     return true;
   }
@@ -226,8 +214,8 @@ class SharedTagMap {
     for (size_t index = 0; index < kShards; ++index) {
       if (m_shards[index] && !m_shards[index]->empty()) {
         Shard& writable = writableShard(index);
-        for (auto it = writable.begin(); it != writable.end(); ++it) {
-          change(it->tag(), *mutableValue(it));
+        for (V& value : writable) {
+          change(value.tag(), value);
         }
       }
     }
@@ -241,12 +229,26 @@ class SharedTagMap {
   }
 
  private:
-  // A set shows its values as const since they are its keys; the map lets
-  // a value change in place on the promise that its tag stays.
-  static V* mutableValue(typename Shard::const_iterator it) { return const_cast<V*>(&*it); }
+  // The first value of the shard whose tag is not less than `tag`.
+  static typename Shard::const_iterator position(const Shard& shard, std::string_view tag) {
+    return std::lower_bound(shard.begin(), shard.end(), tag,
+                            [](const V& value, std::string_view t) { return value.tag() < t; });
+  }
 
   static size_t shardOf(std::string_view tag) {
     return tag.empty() ? 0 : static_cast<unsigned char>(tag[0]);
+  }
+
+  static constexpr size_t kAbsent = static_cast<size_t>(-1);
+  // The place of `tag` in shard `index`, or kAbsent.
+  size_t placeOf(size_t index, std::string_view tag) const {
+    const Shard* shard = m_shards[index].get();
+    if (shard == nullptr) {
+      return kAbsent;
+    }
+    const auto it = position(*shard, tag);
+    return it != shard->end() && it->tag() == tag ? static_cast<size_t>(it - shard->begin())
+                                                  : kAbsent;
   }
 
   // The shard, copied first unless this map made it and has not been copied
@@ -256,8 +258,13 @@ class SharedTagMap {
       m_owned.reset();
     }
     if (!m_owned[index]) {
-      m_shards[index] =
-          m_shards[index] ? std::make_shared<Shard>(*m_shards[index]) : std::make_shared<Shard>();
+      auto copy = std::make_shared<Shard>();
+      if (m_shards[index]) {
+        // Room for the entry that a change most often adds.
+        copy->reserve(m_shards[index]->size() + 1);
+        copy->assign(m_shards[index]->begin(), m_shards[index]->end());
+      }
+      m_shards[index] = std::move(copy);
       m_owned.set(index);
     }
     return *m_shards[index];
