@@ -144,11 +144,12 @@ class KeyRecordTable : protected RecordTable<R> {
  private:
   using Base::m_rectable;
 
+  struct GroupList;
   // The group's list, made for a change (created if missing).
-  GroupTags& groupForChange(std::string_view group);
+  GroupList& groupForChange(std::string_view group);
   // Puts `tag` into `tags`: at the front if `active`, else among the keys
   // behind the active ones in tag order.
-  void insertTag(GroupTags& tags, std::string_view tag, bool active);
+  void insertTag(GroupList& tags, std::string_view tag, bool active);
   // Takes `tag` out of the group's list, and the group's entry if that was
   // its last key; false if the tag was not listed there.
   bool eraseTag(std::string_view group, std::string_view tag);
@@ -161,11 +162,14 @@ class KeyRecordTable : protected RecordTable<R> {
   // another one, else keys out of tag order; aborts in any case.
   [[noreturn]] void explainBrokenLists() const;
 
-  // A group's list together with the group's tag, which keys it in m_groups.
+  // A group's list together with the group's tag, which keys it in m_groups,
+  // and the number of active keys at its front, which insertTag and eraseTag
+  // keep and the checks compare with the records.
   struct GroupList : GroupTags {
     explicit GroupList(std::string_view group) : m_group(group) {}
     std::string_view tag() const { return m_group; }
     std::string m_group;
+    size_t m_active = 0;
   };
 
   SharedTagMap<GroupList> m_groups;
@@ -196,16 +200,17 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
 }
 
 template <typename R>
-GroupTags& KeyRecordTable<R>::groupForChange(std::string_view group) {
-  GroupTags* tags = m_groups.findForChange(group);
+typename KeyRecordTable<R>::GroupList& KeyRecordTable<R>::groupForChange(std::string_view group) {
+  GroupList* tags = m_groups.findForChange(group);
   return tags != nullptr ? *tags : *m_groups.emplace(GroupList(group));
 }
 
 template <typename R>
-void KeyRecordTable<R>::insertTag(GroupTags& tags, std::string_view tag, bool active) {
+void KeyRecordTable<R>::insertTag(GroupList& tags, std::string_view tag, bool active) {
   ++m_listed;
   if (active) {
     tags.insert(tags.begin(), tag);
+    ++tags.m_active;
     return;
   }
   // Above the last tag (as when loaded in tag order): behind the active
@@ -215,11 +220,7 @@ void KeyRecordTable<R>::insertTag(GroupTags& tags, std::string_view tag, bool ac
     return;
   }
   auto place = tags.begin();
-  while (place != tags.end()) {
-    const auto iter = m_rectable.find(*place);
-    if (iter == m_rectable.end() || iter->second.state() != KEY_ACTIVE) {
-      break;
-    }
+  for (size_t skipped = 0; skipped < tags.m_active; ++skipped) {
     ++place;
   }
   while (place != tags.end() && *place < tag) {
@@ -233,10 +234,13 @@ bool KeyRecordTable<R>::eraseTag(std::string_view group, std::string_view tag) {
   if (m_groups.find(group) == m_groups.end()) {
     return false;
   }
-  GroupTags& tags = *m_groups.findForChange(group);
+  GroupList& tags = *m_groups.findForChange(group);
   const auto at = tags.find(tag);
   if (at == tags.end()) {
     return false;
+  }
+  if (static_cast<size_t>(at - tags.begin()) < tags.m_active) {
+    --tags.m_active;
   }
   tags.erase(at);
   --m_listed;
@@ -418,6 +422,7 @@ void KeyRecordTable<R>::testGroups(std::string_view group, std::string_view othe
     if (m_singleActive) {
       KS_ASSERT(kLabel, activekeycount <= 1);
     }
+    KS_ASSERT(kLabel, activekeycount == giter->second.m_active);
     // 2. The touched record is listed in its group, and an active one
     //    stands among the active keys at the front.
     if (touchedRecord != m_rectable.end() && touchedRecord->second.keyGroup() == *touched) {
@@ -438,8 +443,9 @@ bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
   // The records stand in tag order, and so do the keys behind the active
   // ones in each list. One walk of the records therefore meets each list's
   // tags in turn: a cursor per group points at the tag that its next record
-  // which is not active must have. The few active keys at the front of a
-  // list are looked up from the list's side.
+  // which is not active must have. Each active record must stand among the
+  // keys that its list counts as active at its front; as many as it counts
+  // must be met, so those keys are exactly the group's active records.
   struct Cursor {
     const GroupTags* tags;
     GroupTags::const_iterator activeEnd;
@@ -451,17 +457,14 @@ bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
   cursors.reserve(m_groups.size());
   mostActive = 0;
   for (const auto& group : m_groups) {
-    const GroupTags& tags = group.second;
+    const GroupList& tags = group.second;
+    const size_t active = tags.m_active;
+    if (active > tags.size()) {
+      return false;
+    }
     auto activeEnd = tags.begin();
-    size_t active = 0;
-    for (; activeEnd != tags.end(); ++activeEnd, ++active) {
-      const auto iter = m_rectable.find(*activeEnd);
-      if (iter == m_rectable.end() || iter->second.keyGroup() != group.first) {
-        return false;
-      }
-      if (iter->second.state() != KEY_ACTIVE) {
-        break;
-      }
+    for (size_t skipped = 0; skipped < active; ++skipped) {
+      ++activeEnd;
     }
     mostActive = std::max(mostActive, active);
     cursors.emplace(group.first, Cursor{&tags, activeEnd, activeEnd, active, 0});
