@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@
 #include "kms/server/keystore/crypto/EVPCrypter.h"
 #include "kms/server/keystore/crypto/GCMCrypter.h"
 #include "kms/server/keystore/crypto/Hmac.h"
+#include "kms/server/keystore/format/FileOutDest.h"
 #include "kms/server/keystore/format/KSEximMetadata.h"
 #include "kms/server/keystore/format/KSInputBuffer.h"
 #include "kms/server/keystore/format/KSMetadata.h"
@@ -199,6 +201,13 @@ TEST(KSOutStream, BufferRulesPartialAndEmptyFinalFlushesAndCrypterFailures) {
   KSOutStream failing(sink, &flaky, 100);
   EXPECT_EQ(KS_STATUS(ReaderWriter::writeRecordTable(failing, keys)), 1200);
   failing.flush(true);
+  // A file destination with room for 20 bytes takes them and refuses one more, unwritten.
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::tmpfile(), &std::fclose);
+  FileOutDest bounded(file.get(), 20);
+  bounded.write("0123456789ab", 12);
+  bounded.write("cdefghij", 8);
+  EXPECT_EQ(KS_STATUS(bounded.write("k", 1)), 1210);
+  EXPECT_EQ(std::ftell(file.get()), 20);
   // A partial flush then a final one writes what one final flush does.
   const std::string first(5000, 'a');
   const std::string second = "tail of the stream";

@@ -10,10 +10,16 @@ namespace DL {
 namespace KMS {
 
 void FileOutDest::write(const void* data, unsigned long len) {
-  KMS_TRACE_THIS("FileOutDest::write");
-  if (Utils::fwriteall(m_file, data, len) == -1) {
-    KS_THROW(EC_KS_file_write_error, "FileOutDest::write");
+  static const char* const kLabel = "FileOutDest::write";
+  KMS_TRACE_THIS(kLabel);
+  if (len > m_room) {
+    KMS_DEBUG(kLabel, 1, "Writing " << len << " bytes would pass the file's bound");
+    KS_THROW(EC_KS_file_write_error, kLabel);
   }
+  if (Utils::fwriteall(m_file, data, len) == -1) {
+    KS_THROW(EC_KS_file_write_error, kLabel);
+  }
+  m_room -= len;
 }
 
 }  // namespace KMS

@@ -210,8 +210,15 @@ void writeNewFiles(const char* label, const KeyFile& hmk, const KeyFile& kpk,
     KS_THROW(EC_KS_crypter_failed, label);
   }
   {
-    // The record stream continues the store file behind the metadata.
-    FileOutDest dest(storeOut);
+    // The record stream continues the store file behind the metadata. Init
+    // reads a store file of at most kMaxStoreFileBytes: a commit that would
+    // write a larger one fails here, before any file is replaced, rather
+    // than leave a store that no start could load.
+    const off_t written = ftello(storeOut);
+    if (written < 0 || written > Utils::kMaxStoreFileBytes) {
+      KS_THROW(EC_KS_file_write_error, label);
+    }
+    FileOutDest dest(storeOut, static_cast<uint64_t>(Utils::kMaxStoreFileBytes - written));
     KSOutStream out(dest, crypter.get(), KSOutStream::kBufferSize);
     writeOrDiscard(out, [&] { FileKeyStore::writeKeyStore(out, keys, groups); });
   }
