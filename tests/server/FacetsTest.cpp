@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <list>
 #include <string>
 
@@ -120,8 +121,13 @@ TEST_F(Facet, FormsCountsArgumentsThatCannotReachTheStoreAndALostStore) {
   ASSERT_EQ(m_store.shutdown(), 0);
   EXPECT_EQ(serviceError([&] { m_query->getKeyStoreStats(); }), 1202);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The child runs the test anew and dies without its fixture's cleanup, so
+  // it removes its own directories first.
   EXPECT_DEATH(
       {
+        std::filesystem::remove_all(m_root.path());
+        std::filesystem::remove_all(
+            std::filesystem::path(m_log.logger().debugLogPath()).parent_path());
         Facets::KSOpStatus_var status = m_modify->importKS(Fw::octetSeq(), "pass", false, true, "");
       },
       "terminate called after throwing an instance of '.*KeyStoreError'");
