@@ -71,6 +71,8 @@ class FileKeyStore : public KeyStore {
  public:
   typedef KeyRecordTable<KeyRecord_v1> KeyTable;
   typedef RecordTable<KeyGrpRecord_v1> GroupTable;
+  // Old group tag to new, looked up by view.
+  typedef std::map<std::string, std::string, std::less<>> GroupTagMap;
 
   // True when this process was not asked to run in FIPS mode. Set once by
   // main before any store exists; false until then.
@@ -357,14 +359,13 @@ class FileKeyStore : public KeyStore {
       REQUIRES(m_lock);
   // Gives every group whose tag the store holds a new tag (message 5) and
   // returns the old-to-new map. Throws 1200 when no tag can be had.
-  std::map<std::string, std::string> regenerateKeyGroupTags(GroupTable& kg, KeyTable& kr,
-                                                            KSOpStatus& status) const
+  GroupTagMap regenerateKeyGroupTags(GroupTable& kg, KeyTable& kr, KSOpStatus& status) const
       REQUIRES(m_lock);
   // Moves the keys of renumbered groups to their new tags (message 11) and
   // reports the others as they are (message 12). Throws 1200 for a key
   // whose group is not in `kg`.
-  void updateTags(KeyTable& kr, GroupTable& kg, const std::map<std::string, std::string>& tagMap,
-                  KSOpStatus& status) const REQUIRES(m_lock);
+  void updateTags(KeyTable& kr, GroupTable& kg, const GroupTagMap& tagMap, KSOpStatus& status) const
+      REQUIRES(m_lock);
   void updateDescription(KeyTable& kr, GroupTable& kg, const std::string& description) const
       REQUIRES(m_lock);
   // Adds the tables (keys wrapped by now) to copies of the live ones,

@@ -138,7 +138,7 @@ void FileKeyStore::validateImport(KeyTable& kr, GroupTable& kg, bool preserveNam
 
   removeDuplicateKeyRecords(kr, kg, status);
 
-  std::map<std::string, std::string> tagMap;
+  GroupTagMap tagMap;
   if (!preserveNames) {
     const std::string suffix = getUniqueKGNameSuffix(kg, 10);
     KMS_DEBUG(kLabel, 1, "Unique kg name suffix: [" << suffix << "]");

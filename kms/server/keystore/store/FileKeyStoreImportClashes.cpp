@@ -142,12 +142,11 @@ void FileKeyStore::addKGNameSuffix(GroupTable& kg, const std::string& suffix,
   }
 }
 
-std::map<std::string, std::string> FileKeyStore::regenerateKeyGroupTags(GroupTable& kg,
-                                                                        KeyTable& kr,
-                                                                        KSOpStatus& status) const {
+FileKeyStore::GroupTagMap FileKeyStore::regenerateKeyGroupTags(GroupTable& kg, KeyTable& kr,
+                                                               KSOpStatus& status) const {
   static const char* const kLabel = "FileKeyStore::regenerateKeyGroupTags";
   KMS_TRACE_THIS(kLabel);
-  std::map<std::string, std::string> tagMap;
+  GroupTagMap tagMap;
   GroupTable retagged;
   for (const auto& entry : kg) {
     KeyGrpRecord_v1 group = entry.second;
@@ -165,8 +164,7 @@ std::map<std::string, std::string> FileKeyStore::regenerateKeyGroupTags(GroupTab
   return tagMap;
 }
 
-void FileKeyStore::updateTags(KeyTable& krtable, GroupTable& kg,
-                              const std::map<std::string, std::string>& tagMap,
+void FileKeyStore::updateTags(KeyTable& krtable, GroupTable& kg, const GroupTagMap& tagMap,
                               KSOpStatus& status) const {
   static const char* const kLabel = "FileKeyStore::updateTags";
   KMS_TRACE_THIS(kLabel);
@@ -176,7 +174,7 @@ void FileKeyStore::updateTags(KeyTable& krtable, GroupTable& kg,
   try {
     for (auto it = krtable.begin(); it != krtable.end(); ++it) {
       const KeyRecord_v1& key = it->second;
-      const auto mapped = tagMap.find(std::string(key.keyGroup()));
+      const auto mapped = tagMap.find(key.keyGroup());
       const std::string_view groupTag =
           mapped != tagMap.end() ? std::string_view(mapped->second) : key.keyGroup();
       const auto giter = kg.find(groupTag);
