@@ -348,7 +348,8 @@ void ReaderWriter::writeRecordField(KSOutStream& out, const void* data, unsigned
 
 namespace {
 
-// A list's bytes as it keeps them, else made now.
+// A list's bytes as it keeps them (key records in a table, lists read),
+// else made now.
 void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
   translateErrors("ReaderWriter::writeAttributeList", kWriteMap, [&] {
     std::string_view bytes = list.encoding();
@@ -360,9 +361,14 @@ void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch
   });
 }
 
+// A list read afresh keeps the bytes it was read from, marker to digest,
+// when they are what a write would make of it: the digest is SHA-256 and the
+// names came in order.
 void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::readAttributeList";
   translateErrors(kLabel, kReadListMap, [&] {
+    const unsigned char* const start = in.cursor();
+    const bool fresh = list.size() == 0;
     DigestingReader fields(in, kLabel, scratch);
     fields.marker(ReaderWriter::verifyAttrMarkerAndGetHashAlgo);
     const uint32_t count = fields.count();
@@ -371,14 +377,22 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
                 "Attribute count " << count << " is above " << ReaderWriter::kMaxAttributeCount);
       KS_THROW(EC_KS_malformed, kLabel);
     }
+    bool ordered = true;
+    std::string_view last;
     for (uint32_t i = 0; i < count; ++i) {
       const std::string_view name = fields.view();
       if (!list.addAttribute(name, fields.view())) {
         KMS_DEBUG(kLabel, 1, "Duplicate attribute " << name);
         KS_THROW(EC_KS_malformed, kLabel);
       }
+      ordered = ordered && (i == 0 || last < name);
+      last = name;
     }
     fields.checkDigest();
+    if (fresh && ordered && fields.algo() == CmnCrypto::HASH_SHA256) {
+      list.adoptEncoding(
+          std::string_view(reinterpret_cast<const char*>(start), in.cursor() - start));
+    }
   });
 }
 
