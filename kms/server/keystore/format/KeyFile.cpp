@@ -61,12 +61,7 @@ KeyFile::~KeyFile() {
 }
 
 void KeyFile::wipeKey(AttributeList& list) {
-  const AttributeList::const_iterator key = list.find("THEKEY");
-  if (key != list.end()) {
-    // The list hands out its values read-only; the key is overwritten in
-    // place, since replacing it would free its bytes as they are.
-    wipeString(const_cast<std::string&>(key->second));
-  }
+  list.wipeValue("THEKEY");
 }
 
 void KeyFile::setKey(const std::string& key) {

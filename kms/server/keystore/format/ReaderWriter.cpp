@@ -12,13 +12,13 @@
 #include <utility>
 
 #include "kms/platform/CmnException.h"
+#include "kms/platform/Secret.h"
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/crypto/SecureBytes.h"
 #include "kms/server/keystore/format/BigEndian.h"
-#include "kms/server/keystore/format/StringOutDest.h"
 #include "kms/server/keystore/records/KeyRecordBlock.h"
 #include "kms/server/keystore/records/KeyRecordTable.h"
 #include "kms/server/keystore/records/RecordTable.h"
@@ -48,6 +48,9 @@ const unsigned char kDigestSeed = KeyRecordBlock::kDigestSeed;
 static_assert(ReaderWriter::s_recordmark[0] == KeyRecordBlock::kMarker[0] &&
                   ReaderWriter::s_recordmark[1] == KeyRecordBlock::kMarker[1],
               "key records are kept in their stream form");
+static_assert(ReaderWriter::s_attrmark[0] == AttributeList::kMarker[0] &&
+                  ReaderWriter::s_attrmark[1] == AttributeList::kMarker[1],
+              "attribute lists make and keep their own stream form");
 
 // A byte buffer that only grows: appending is a copy, and clear() keeps the
 // room. What it held is wiped when it grows and when it goes (SecureBytes).
@@ -72,19 +75,23 @@ class ByteBuffer {
 
 // What the encoding of a table reuses from record to record, so that a
 // record costs no allocation of its own: the bytes of the fields being
-// written, the contents that a digest covers, and one digest computation per
-// selector. Both buffers may hold key material; they are wiped once, when
-// the scratch goes (SecureBytes), not after every record.
+// written, the contents that a digest covers, the bytes of an attribute list
+// that keeps none, and one digest computation per selector. The buffers may
+// hold key material; they are wiped once, when the scratch goes, not after
+// every record.
 class Scratch {
  public:
   explicit Scratch(const char* function) : m_function(function) {}
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() { CmnCrypto::wipeString(list); }
 
   // Field bytes (length, content) to go to a stream in one write.
   ByteBuffer fields;
   // The seed and the contents of the fields under the current digest.
   ByteBuffer digested;
+  // An attribute list's bytes (AttributeList::encode).
+  std::string list;
 
   // Starts the contents of a digest with the seed.
   void beginDigest() {
@@ -312,23 +319,15 @@ size_t recordBytes(const KeyGrpRecord_v1& rec) {
 }
 template <typename Record>
 size_t streamBytes(const Record& rec) {
-  FieldCounter fields;
-  for (const auto& attribute : rec.attributes()) {
-    fields.string(attribute.first);
-    fields.string(attribute.second);
-  }
-  return recordBytes(rec) + fields.bytes + FieldCounter::kMarker + FieldCounter::kDigest +
-         FieldCounter::kCount;
+  return recordBytes(rec) + rec.attributes().encodedSize();
 }
 
-// Starts loading a key record's block and first attribute while the record
+// Starts loading a key record's block and attribute list while the record
 // before it is written: a table's records lie scattered over the heap, and a
 // record would wait for each in turn. A group table is small.
 void prefetchFields(const KeyRecord_v1& rec) {
   __builtin_prefetch(rec.block().data());
-  if (rec.attributes().size() != 0) {
-    __builtin_prefetch(&*rec.attributes().begin());
-  }
+  rec.attributes().prefetch();
 }
 void prefetchFields(const KeyGrpRecord_v1&) {}
 
@@ -349,51 +348,27 @@ void ReaderWriter::writeRecordField(KSOutStream& out, const void* data, unsigned
 
 namespace {
 
-void writeListFields(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
-  static const char* const kLabel = "ReaderWriter::writeAttributeList";
-  translateErrors(kLabel, kWriteMap, [&] {
-    const size_t listsize = list.size();
-    writeMarker(out, ReaderWriter::s_attrmark);
-    writeCount(out, listsize);
-    DigestingWriter fields(out, scratch);
-    size_t count = 0;
-    for (const auto& attribute : list) {
-      fields.string(attribute.first);
-      fields.string(attribute.second);
-      ++count;
+// A list's bytes as it keeps them (key records in a table, lists read),
+// else made now.
+void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
+  translateErrors("ReaderWriter::writeAttributeList", kWriteMap, [&] {
+    std::string_view bytes = list.encoding();
+    if (bytes.empty()) {
+      list.encode(scratch.list);
+      bytes = scratch.list;
     }
-    fields.finish();
-    KS_ASSERT(kLabel, listsize == count);
+    out.write(bytes.data(), bytes.size());
   });
 }
 
-// An empty list is written the same way every time (marker, count 0 and the
-// digest of the seed alone): its bytes are made once, and most records have
-// no attributes.
-void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
-  if (list.size() != 0) {
-    writeListFields(out, list, scratch);
-    return;
-  }
-  static const std::string empty = [&] {
-    std::string bytes;
-    StringOutDest dest(bytes);
-    KSOutStream stream(dest, nullptr, KSOutStream::kCipherRoom);
-    try {
-      writeListFields(stream, list, scratch);
-    } catch (...) {
-      stream.discard();
-      throw;
-    }
-    stream.flush(true);
-    return bytes;
-  }();
-  out.write(empty.data(), empty.size());
-}
-
+// A list read afresh keeps the bytes it was read from, marker to digest,
+// when they are what a write would make of it: the digest is SHA-256 and the
+// names came in order.
 void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::readAttributeList";
   translateErrors(kLabel, kReadListMap, [&] {
+    const unsigned char* const start = in.cursor();
+    const bool fresh = list.size() == 0;
     DigestingReader fields(in, kLabel, scratch);
     fields.marker(ReaderWriter::verifyAttrMarkerAndGetHashAlgo);
     const uint32_t count = fields.count();
@@ -402,14 +377,22 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
                 "Attribute count " << count << " is above " << ReaderWriter::kMaxAttributeCount);
       KS_THROW(EC_KS_malformed, kLabel);
     }
+    bool ordered = true;
+    std::string_view last;
     for (uint32_t i = 0; i < count; ++i) {
       const std::string_view name = fields.view();
       if (!list.addAttribute(name, fields.view())) {
         KMS_DEBUG(kLabel, 1, "Duplicate attribute " << name);
         KS_THROW(EC_KS_malformed, kLabel);
       }
+      ordered = ordered && (i == 0 || last < name);
+      last = name;
     }
     fields.checkDigest();
+    if (fresh && ordered && fields.algo() == CmnCrypto::HASH_SHA256) {
+      list.adoptEncoding(
+          std::string_view(reinterpret_cast<const char*>(start), in.cursor() - start));
+    }
   });
 }
 

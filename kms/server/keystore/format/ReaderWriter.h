@@ -66,11 +66,14 @@ class ReaderWriter {
   // past the end.
   static unsigned long readRecordField(KSInputBuffer& in, void* out, unsigned long maxsize);
 
-  // Throws 1210 from a file, else 1200.
+  // The bytes the list keeps, as they stand, else those AttributeList::encode
+  // makes. Throws 1210 from a file, else 1200.
   static void writeAttributeList(KSOutStream& out, const AttributeList& list);
-  // Adds the attributes to `list`, which should be empty. Throws 1208 for a
-  // bad marker, a count above 100000, a duplicate name, a digest mismatch or
-  // a malformed field; 1200 for anything else.
+  // Adds the attributes to `list`, which should be empty; an empty list then
+  // keeps the bytes read, unless they are under SHA-1 or their names are out
+  // of order (a write makes them afresh). Throws 1208 for a bad marker, a
+  // count above 100000, a duplicate name, a digest mismatch or a malformed
+  // field; 1200 for anything else.
   static void readAttributeList(KSInputBuffer& in, AttributeList& list);
 
   // Throw 1210 from a file, else 1200.
