@@ -42,6 +42,7 @@ class EVPCrypter : public KSCrypt {
   using CtxPtr = CmnCrypto::CipherCtxPtr;
 
   struct Side {
+    explicit Side(bool decrypting) : output(decrypting) {}
     CtxPtr ctx;
     int status = 1223;
     bool finalDone = false;
@@ -55,8 +56,8 @@ class EVPCrypter : public KSCrypt {
   const EVP_CIPHER* m_cipher = nullptr;
   SecureBytes m_key;
   std::string m_iv;
-  Side m_enc;
-  Side m_dec;
+  Side m_enc{false};
+  Side m_dec{true};
   SecureBytes m_work;  // block size + 2048 bytes, shared by both sides
 };
 

@@ -87,8 +87,8 @@ class GCMCrypter : public KSCrypt {
   CtxPtr m_decCtx;
   int m_encStatus = 1223;
   int m_decStatus = 1223;
-  Output m_encOutput;
-  Output m_decOutput;
+  Output m_encOutput{false};
+  Output m_decOutput{true};
   std::string m_aad;  // held for decryption until the final call
   std::string m_cached_tag;
   std::string m_pending;  // ciphertext known not to be tag

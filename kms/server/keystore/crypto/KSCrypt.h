@@ -85,14 +85,17 @@ class KSCrypt {
   [[nodiscard]] static int fetchOutput(int status, Output& output, const unsigned char** data,
                                        unsigned long* len);
 
-  // The output of one side with its fetched flag. The bytes are wiped
-  // whenever they are dropped.
+  // The output of one side with its fetched flag. Plaintext (what a side
+  // decrypts, and both sides of a crypter that does not encrypt) is wiped
+  // whenever it is dropped; ciphertext is dropped without a wipe. Growth and
+  // release wipe either (SecureBytes).
   class Output {
    public:
+    explicit Output(bool plaintext) : m_plaintext(plaintext) {}
     // Start of an encrypt/decrypt call: drops bytes already handed out.
     void beginCall() {
       if (m_fetched) {
-        wipeBytes(m_bytes);
+        drop();
       }
     }
     void append(const unsigned char* data, unsigned long len) {
@@ -110,21 +113,30 @@ class KSCrypt {
     // never null.
     void fetch(const unsigned char** data, unsigned long* len) {
       if (m_fetched) {
-        wipeBytes(m_bytes);
+        drop();
       }
       *data = m_bytes.empty() ? &kNoBytes : m_bytes.data();
       *len = m_bytes.size();
       m_fetched = true;
     }
     void reset() {
-      wipeBytes(m_bytes);
+      drop();
       m_fetched = false;
     }
 
    private:
+    void drop() {
+      if (m_plaintext) {
+        wipeBytes(m_bytes);
+      } else {
+        m_bytes.clear();
+      }
+    }
+
     static const unsigned char kNoBytes;
     SecureBytes m_bytes;
     bool m_fetched = false;
+    bool m_plaintext;
   };
 };
 

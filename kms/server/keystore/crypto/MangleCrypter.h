@@ -39,8 +39,8 @@ class MangleCrypter : public KSCrypt {
   mangleCipherCtx_t m_decCtx;
   int m_encStatus = 1223;
   int m_decStatus = 1223;
-  Output m_encOutput;
-  Output m_decOutput;
+  Output m_encOutput{false};
+  Output m_decOutput{true};
 };
 
 }  // namespace KMS

@@ -26,7 +26,8 @@ class NullCrypter : public KSCrypt {
  private:
   struct Side {
     int status = 1223;
-    Output output;
+    // Both sides put out their input as it is: plaintext.
+    Output output{true};
     bool finalDone = false;
   };
   static int copy(Side& side, const unsigned char* data, unsigned long len, bool final);
