@@ -1,6 +1,7 @@
 // Cost of bringing a store up from its files, of one commit, and the memory
 // a loaded store takes; at 3,000, 30,000 and 100,000 keys (groups of 30
-// keys, one active each).
+// keys, one active each, each key with the two attributes that a key made
+// from a passphrase carries).
 //
 // BM_Init: recovery, reading, unwrapping the KPK, decrypting the record
 // stream and loading both tables. Each iteration also times, as the floor,
@@ -39,6 +40,7 @@
 #include "kms/server/keystore/files/KMSFileLocator.h"
 #include "kms/server/keystore/format/KSMetadata.h"
 #include "kms/server/keystore/format/KeyFile.h"
+#include "kms/server/keystore/records/RecordUtils.h"
 #include "kms/server/keystore/store/FileKeyStore.h"
 
 using namespace Vaultrest::DL::KMS;
@@ -91,6 +93,10 @@ struct DiskStore {
                     k % kKeysPerGroup == 0 ? KEY_ACTIVE : KEY_INACTIVE, 1700000000, 1700000000, "",
                     1, KPK_LOCAL, std::string(),
                     kpkMgr.encryptKey(Utils::getRandData(32), KPK_LOCAL, std::string()));
+      // As the service makes a key from a passphrase: its FIPS decision and
+      // its own salt.
+      rec.attributes().addAttribute("KEY_FIPS", "false");
+      rec.attributes().addAttribute("KEY_SALT", Utils::binToHex(Utils::getRandData(24)));
       keys.addRecord(rec);
     }
     keys.setSkipInvariant(false);
