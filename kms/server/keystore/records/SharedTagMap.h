@@ -182,8 +182,10 @@ class SharedTagMap {
       return nullptr;
     }
     Shard& writable = writableShard(index);
+    V* stored =
+        &*writable.insert(writable.begin() + static_cast<std::ptrdiff_t>(at), std::move(value));
     ++m_size;
-    return &*writable.insert(writable.begin() + static_cast<std::ptrdiff_t>(at), std::move(value));
+    return stored;
   }
 
   // The entry's value, made private to this map for a change; null if the
