@@ -239,13 +239,15 @@ BENCHMARK(BM_GetTagsByKad)->Arg(3000)->Arg(100000)->UseManualTime()->Unit(benchm
 void BM_ReadLongAttributeList(benchmark::State& state) {
   const size_t count = static_cast<size_t>(state.range(0));
   std::vector<std::pair<std::string, std::string>> pairs;
-  AttributeList list;
   for (size_t i = 0; i < count; ++i) {
     char name[32];
     std::snprintf(name, sizeof name, "ATTRIBUTE_%08zu", i);
     pairs.emplace_back(name, "value of attribute " + std::to_string(i));
-    list.addAttribute(pairs.back().first, pairs.back().second);
   }
+  // At once: each change to a list rebuilds it.
+  std::vector<AttributeList::value_type> entries(pairs.begin(), pairs.end());
+  AttributeList list;
+  list.assignEntries(entries);
   std::string bytes;
   StringOutDest dest(bytes);
   KSOutStream out(dest, nullptr, KSOutStream::kBufferSize);

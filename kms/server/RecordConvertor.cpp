@@ -23,8 +23,8 @@ void toIdlAttributes(const Store::AttributeList& attrl, KMSFacetsV1::AttrElemSeq
   Store::AttributeList::const_iterator iter = attrl.begin();
   for (CORBA::ULong i = 0; i < out.length(); ++i, ++iter) {
     KS_ASSERT(label, iter != attrl.end());
-    out[i].name = iter->first.c_str();
-    out[i].value = iter->second.c_str();
+    out[i].name = std::string(iter->first).c_str();
+    out[i].value = std::string(iter->second).c_str();
   }
 }
 

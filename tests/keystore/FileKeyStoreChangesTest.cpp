@@ -295,7 +295,7 @@ TEST_F(FileKeyStoreChangesTest, KeysAreRandomOrComeBackFromTheirPassphrase) {
   // From a passphrase with a new salt (its whole life and the way back under
   // its tag are run by the process tests).
   const KeyRecord_v1 salted = live.addKey(g.tag(), "salted", KEY_PRELIVE, "several words");
-  const std::string saltHex = salted.attributes().getAttribute("KEY_SALT");
+  const std::string saltHex(salted.attributes().getAttribute("KEY_SALT"));
   EXPECT_EQ(saltHex.size(), 48u);
   EXPECT_EQ(saltHex.substr(0, 4), "5302");
   EXPECT_EQ(salted.attributes().getAttribute("KEY_FIPS"), expectedFipsAttribute());

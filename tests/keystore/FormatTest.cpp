@@ -106,7 +106,7 @@ AttributeList with(AttributeList list, const std::string& name, const std::strin
   return list;
 }
 
-AttributeList without(AttributeList list, const std::string& name) {
+AttributeList without(AttributeList list, std::string_view name) {
   list.removeAttribute(name);
   return list;
 }
@@ -388,9 +388,10 @@ TEST(KSMetadata, EachVersionsAttributesCountsDefaultsBooleansVersionBytesAndAcce
     SCOPED_TRACE(testing::Message() << std::hex << v.version);
     const AttributeList list = metadataList(v.version);
     EXPECT_EQ(list.size(), v.count);
-    EXPECT_EQ(list.getAttribute("VERSION") + list.getAttribute("HMKRAND") +
-                  list.getAttribute("KPKRAND") + list.getAttribute("KENCALG"),
-              be(v.version, 4) + "truefalseAES_256_GCM");
+    EXPECT_EQ(
+        std::string(list.getAttribute("VERSION")) + std::string(list.getAttribute("HMKRAND")) +
+            std::string(list.getAttribute("KPKRAND")) + std::string(list.getAttribute("KENCALG")),
+        be(v.version, 4) + "truefalseAES_256_GCM");
     const KSMetadata meta(list);
     EXPECT_EQ(meta.version(), v.version);
     EXPECT_EQ(
@@ -494,8 +495,8 @@ TEST(KeyFile, TheSmallBlocksRoundTripAndRefuseMissingExtraOrOtherVersions) {
   EXPECT_EQ(KS_STATUS(SecuredDataHeader{KS_VERSION_100}), 1218);
   file.clear();
   header.clear();
-  EXPECT_EQ(file.attributes().getAttribute("THEKEY") + header.attributes().getAttribute("SALT"),
-            "");
+  EXPECT_TRUE(file.attributes().getAttribute("THEKEY").empty() &&
+              header.attributes().getAttribute("SALT").empty());
 }
 
 TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
@@ -507,8 +508,8 @@ TEST(PasswordSecured, LayoutMatchesAnIndependentEncodingAndNeverRepeats) {
     size_t headerLen = 0;
     const AttributeList list = headerOf(block, &headerLen);
     // Header: IV, SALT, VERSION in sorted order, with the list's own digest.
-    const std::string iv = list.getAttribute("IV");
-    const std::string salt = list.getAttribute("SALT");
+    const std::string iv(list.getAttribute("IV"));
+    const std::string salt(list.getAttribute("SALT"));
     ASSERT_EQ(iv.size(), 16u);
     ASSERT_EQ(salt.size(), 24u);
     EXPECT_EQ(salt.substr(0, 2), std::string("S\x03", 2));

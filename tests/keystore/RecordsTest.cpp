@@ -46,7 +46,7 @@ TEST(AttributeList, AddUpdateRemoveOrderTheCutAt4096BytesAndTheRecordUtilities) 
   list.addAttribute("empty", "");
   std::string order;
   for (const auto& attr : list) {
-    order += attr.first + "|";
+    order += std::string(attr.first) + "|";
   }
   EXPECT_EQ(order, "a|" + zeroName + "|empty|n|" + std::string(1, '\xff') + "|");
   EXPECT_EQ(list.getAttribute(zeroName), std::string("\0\0", 2));

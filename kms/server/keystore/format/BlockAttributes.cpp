@@ -31,14 +31,13 @@ ks_version_t bytesToVersion(const std::string& bytes) {
   return static_cast<ks_version_t>(value);
 }
 
-const std::string& requiredAttribute(const AttributeList& list, const char* name,
-                                     const char* function) {
+std::string requiredAttribute(const AttributeList& list, const char* name, const char* function) {
   const auto iter = list.find(name);
   if (iter == list.end()) {
     KMS_DEBUG(function, 1, "Missing attribute " << name);
     KS_THROW(EC_KS_malformed, function);
   }
-  return iter->second;
+  return std::string(iter->second);
 }
 
 }  // namespace Utils

@@ -30,8 +30,7 @@ inline bool isStoreVersion(ks_version_t version) {
 
 // The value of `name` in `list`. If it is absent, logs "Missing attribute"
 // under `function` and throws KeyStoreError 1208.
-const std::string& requiredAttribute(const AttributeList& list, const char* name,
-                                     const char* function);
+std::string requiredAttribute(const AttributeList& list, const char* name, const char* function);
 
 }  // namespace Utils
 }  // namespace KMS

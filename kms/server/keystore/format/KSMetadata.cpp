@@ -56,7 +56,7 @@ size_t attributeCount(ks_version_t version) {
 const char* const kPrefix[] = {"HMK", "KPK"};
 const char* const kAlgorithm[] = {"MENCALG", "KENCALG"};
 
-const std::string& required(const AttributeList& list, const char* name) {
+std::string required(const AttributeList& list, const char* name) {
   return Utils::requiredAttribute(list, name, kCtorLabel);
 }
 

@@ -75,8 +75,8 @@ class ByteBuffer {
 
 // What the encoding of a table reuses from record to record, so that a
 // record costs no allocation of its own: the bytes of the fields being
-// written, the contents that a digest covers, the bytes of an attribute list
-// that keeps none, and one digest computation per selector. The buffers may
+// written, the contents that a digest covers, the entries of an attribute
+// list being read, and one digest computation per selector. The buffers may
 // hold key material; they are wiped once, when the scratch goes, not after
 // every record.
 class Scratch {
@@ -84,14 +84,13 @@ class Scratch {
   explicit Scratch(const char* function) : m_function(function) {}
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() { CmnCrypto::wipeString(list); }
 
   // Field bytes (length, content) to go to a stream in one write.
   ByteBuffer fields;
   // The seed and the contents of the fields under the current digest.
   ByteBuffer digested;
-  // An attribute list's bytes (AttributeList::encode).
-  std::string list;
+  // The entries of an attribute list being read, as views into the input.
+  std::vector<AttributeList::value_type> entries;
 
   // Starts the contents of a digest with the seed.
   void beginDigest() {
@@ -348,22 +347,18 @@ void ReaderWriter::writeRecordField(KSOutStream& out, const void* data, unsigned
 
 namespace {
 
-// A list's bytes as it keeps them (key records in a table, lists read),
-// else made now.
-void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch& scratch) {
+// A list's bytes as it keeps them.
+void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch&) {
   translateErrors("ReaderWriter::writeAttributeList", kWriteMap, [&] {
-    std::string_view bytes = list.encoding();
-    if (bytes.empty()) {
-      list.encode(scratch.list);
-      bytes = scratch.list;
-    }
+    const std::string_view bytes = list.encoding();
     out.write(bytes.data(), bytes.size());
   });
 }
 
 // A list read afresh keeps the bytes it was read from, marker to digest,
 // when they are what a write would make of it: the digest is SHA-256 and the
-// names came in order.
+// names came in order. Else its entries, with those it held, are sorted and
+// encoded afresh. Either way in one allocation, and O(n) for names in order.
 void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::readAttributeList";
   translateErrors(kLabel, kReadListMap, [&] {
@@ -377,19 +372,21 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
                 "Attribute count " << count << " is above " << ReaderWriter::kMaxAttributeCount);
       KS_THROW(EC_KS_malformed, kLabel);
     }
+    std::vector<AttributeList::value_type>& entries = scratch.entries;
+    entries.assign(list.begin(), list.end());
     bool ordered = true;
-    std::string_view last;
     for (uint32_t i = 0; i < count; ++i) {
       const std::string_view name = fields.view();
-      if (!list.addAttribute(name, fields.view())) {
-        KMS_DEBUG(kLabel, 1, "Duplicate attribute " << name);
-        KS_THROW(EC_KS_malformed, kLabel);
-      }
-      ordered = ordered && (i == 0 || last < name);
-      last = name;
+      ordered = ordered && (i == 0 || entries.back().first < name);
+      entries.emplace_back(name, fields.view());
+    }
+    const bool adopt = fresh && ordered && fields.algo() == CmnCrypto::HASH_SHA256;
+    if (!adopt && !list.assignEntries(entries)) {
+      KMS_DEBUG(kLabel, 1, "Duplicate attribute");
+      KS_THROW(EC_KS_malformed, kLabel);
     }
     fields.checkDigest();
-    if (fresh && ordered && fields.algo() == CmnCrypto::HASH_SHA256) {
+    if (adopt) {
       list.adoptEncoding(
           std::string_view(reinterpret_cast<const char*>(start), in.cursor() - start));
     }

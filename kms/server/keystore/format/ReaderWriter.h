@@ -66,12 +66,12 @@ class ReaderWriter {
   // past the end.
   static unsigned long readRecordField(KSInputBuffer& in, void* out, unsigned long maxsize);
 
-  // The bytes the list keeps, as they stand, else those AttributeList::encode
-  // makes. Throws 1210 from a file, else 1200.
+  // The list's bytes (AttributeList::encoding). Throws 1210 from a file,
+  // else 1200.
   static void writeAttributeList(KSOutStream& out, const AttributeList& list);
   // Adds the attributes to `list`, which should be empty; an empty list then
   // keeps the bytes read, unless they are under SHA-1 or their names are out
-  // of order (a write makes them afresh). Throws 1208 for a bad marker, a
+  // of order (they are then encoded afresh, in name order). Throws 1208 for a bad marker, a
   // count above 100000, a duplicate name, a digest mismatch or a malformed
   // field; 1200 for anything else.
   static void readAttributeList(KSInputBuffer& in, AttributeList& list);

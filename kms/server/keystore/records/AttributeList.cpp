@@ -1,12 +1,16 @@
 #include "kms/server/keystore/records/AttributeList.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "kms/platform/HashGenerator.h"
 #include "kms/platform/Secret.h"
@@ -21,14 +25,14 @@ namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
-const std::string AttributeList::m_errorS;
-
 namespace {
 
 // A list's digest is a key record's: the same seed and SHA-256.
 constexpr size_t kDigestLength = KeyRecordBlock::kDigestLength;
 // Marker, count and digest fields, each with its 2-byte length.
 constexpr size_t kFrameBytes = 2 + 2 + 2 + 4 + 2 + kDigestLength;
+// Where the first entry's field starts.
+constexpr size_t kEntriesStart = 2 + 2 + 2 + 4;
 
 std::string_view cut(std::string_view text) {
   return text.substr(0, AttributeList::kMaxLength);
@@ -42,146 +46,21 @@ unsigned char* putField(unsigned char* out, const void* content, size_t size) {
   return out + 2 + size;
 }
 
-}  // namespace
-
-AttributeList::Body::~Body() {
-  CmnCrypto::wipeString(encoding);
-}
-
-const AttributeList::Map& AttributeList::emptyMap() {
-  static const Map empty;
-  return empty;
-}
-
-AttributeList::Body& AttributeList::own(std::shared_ptr<const Body>& held) {
-  if (m_body && m_body.use_count() == 1) {
-    // Whatever another list did with the body happened before it let go.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    // Made as a Body that may change (below), and held by this list alone.
-    Body& body = const_cast<Body&>(*m_body);
-    if (!body.encoding.empty()) {
-      CmnCrypto::wipeString(body.encoding);
-    }
-    return body;
-  }
-  held = m_body;
-  std::shared_ptr<Body> body =
-      held ? std::make_shared<Body>(held->attrs) : std::make_shared<Body>();
-  Body& made = *body;
-  m_body = std::move(body);
-  return made;
-}
-
-bool AttributeList::addAttribute(std::string_view name, std::string_view value) {
-  KMS_TRACE_THIS("AttributeList::addAttribute");
-  const std::string_view key = cut(name);
-  // A list is read from a file in the order of its names: each new name
-  // then goes behind the last one, without a search.
-  const Map& current = attrs();
-  const bool last = current.empty() || std::string_view(current.rbegin()->first) < key;
-  if (!last && current.find(key) != current.end()) {
-    return false;
-  }
-  std::shared_ptr<const Body> held;
-  Map& entries = own(held).attrs;
-  testEntry(last ? entries.emplace_hint(entries.end(), key, cut(value))
-                 : entries.emplace(key, cut(value)).first);
-  return true;
-}
-
-bool AttributeList::updateAttribute(std::string name, std::string value) {
-  KMS_TRACE_THIS("AttributeList::updateAttribute");
-  if (attrs().find(cut(name)) == attrs().end()) {
-    return false;
-  }
-  if (value.size() > kMaxLength) {
-    value.resize(kMaxLength);
-  }
-  std::shared_ptr<const Body> held;
-  Map& entries = own(held).attrs;
-  const auto iter = entries.find(cut(name));
-  iter->second = std::move(value);
-  testEntry(iter);
-  return true;
-}
-
-bool AttributeList::removeAttribute(const std::string& name) {
-  KMS_TRACE_THIS("AttributeList::removeAttribute");
-  if (attrs().find(cut(name)) == attrs().end()) {
-    return false;
-  }
-  // The empty list has no body.
-  if (size() == 1) {
-    m_body.reset();
-    return true;
-  }
-  std::shared_ptr<const Body> held;
-  Map& entries = own(held).attrs;
-  entries.erase(entries.find(cut(name)));
-  // What stays was checked when it came in.
-  return true;
-}
-
-bool AttributeList::wipeValue(const std::string& name) {
-  const Map& current = attrs();
-  const auto found = current.find(cut(name));
-  if (found == current.end()) {
-    return false;
-  }
-  if (m_body.use_count() == 1) {
-    std::shared_ptr<const Body> held;
-    Map& entries = own(held).attrs;
-    CmnCrypto::wipeString(entries.find(cut(name))->second);
-    return true;
-  }
-  auto body = std::make_shared<Body>();
-  for (auto iter = current.begin(); iter != current.end(); ++iter) {
-    body->attrs.emplace_hint(body->attrs.end(), iter->first,
-                             iter == found ? std::string() : iter->second);
-  }
-  m_body = std::move(body);
-  return true;
-}
-
-std::string_view AttributeList::encoding() const {
-  if (m_body) {
-    return m_body->encoding;
-  }
-  // Most records have no attributes: their bytes are made once, and kept
-  // to the end of the process.
-  static const std::string* const empty = [] {
-    auto* bytes = new std::string;
-    AttributeList().encode(*bytes);
-    return bytes;
-  }();
-  return *empty;
-}
-
-size_t AttributeList::encodedSize() const {
-  if (m_body && !m_body->encoding.empty()) {
-    return m_body->encoding.size();
-  }
+size_t encodedBytes(const std::vector<AttributeList::value_type>& entries) {
   size_t bytes = kFrameBytes;
-  for (const auto& entry : attrs()) {
+  for (const auto& entry : entries) {
     bytes += 2 + entry.first.size() + 2 + entry.second.size();
   }
   return bytes;
 }
 
-void AttributeList::encode(std::string& out) const {
+// Writes the bytes of `entries` to `out` (encodedBytes of them), and the
+// offset of each name's content to `names` if given.
+void writeEncoding(const std::vector<AttributeList::value_type>& entries, unsigned char* out,
+                   uint32_t* names) {
   static const char* const kLabel = "AttributeList::encode";
-  const Map& entries = attrs();
-  size_t size = kFrameBytes;
-  for (const auto& entry : entries) {
-    size += 2 + entry.first.size() + 2 + entry.second.size();
-  }
-  if (out.capacity() < size) {
-    CmnCrypto::wipeString(out);
-    out.reserve(size);
-  }
-  out.resize(size);
-  unsigned char* at = reinterpret_cast<unsigned char*>(&out[0]);
-  at = putField(at, kMarker, sizeof kMarker);
+  unsigned char* const start = out;
+  unsigned char* at = putField(out, AttributeList::kMarker, sizeof AttributeList::kMarker);
   unsigned char count[4];
   Utils::storeBigEndian(count, entries.size(), sizeof count);
   at = putField(at, count, sizeof count);
@@ -196,6 +75,9 @@ void AttributeList::encode(std::string& out) const {
     }
     hash->addData(&KeyRecordBlock::kDigestSeed, 1);
     for (const auto& entry : entries) {
+      if (names) {
+        *names++ = static_cast<uint32_t>(at + 2 - start);
+      }
       at = putField(at, entry.first.data(), entry.first.size());
       at = putField(at, entry.second.data(), entry.second.size());
       hash->addData(entry.first.data(), entry.first.size());
@@ -209,46 +91,230 @@ void AttributeList::encode(std::string& out) const {
   putField(at, digest, kDigestLength);
 }
 
-void AttributeList::keepEncoding() {
-  if (!m_body || !m_body->encoding.empty()) {
-    return;
+bool byName(const AttributeList::value_type& a, const AttributeList::value_type& b) {
+  return a.first < b.first;
+}
+
+}  // namespace
+
+void AttributeList::release(Body* body) noexcept {
+  if (body && body->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    OPENSSL_cleanse(body->bytes(), body->size);
+    body->~Body();
+    ::operator delete(body);
   }
-  std::string bytes;
-  encode(bytes);
-  std::shared_ptr<const Body> held;
-  own(held).encoding = std::move(bytes);
+}
+
+AttributeList::Body* AttributeList::allocate(size_t count, size_t size) {
+  static_assert(alignof(Entry) <= alignof(Body) && sizeof(Body) % alignof(Entry) == 0,
+                "entries follow the header");
+  void* memory = ::operator new(sizeof(Body) + count * sizeof(Entry) + size);
+  Body* body = new (memory) Body;
+  body->refs.store(1, std::memory_order_relaxed);
+  body->count = static_cast<uint32_t>(count);
+  body->size = static_cast<uint32_t>(size);
+  return body;
+}
+
+AttributeList::Body* AttributeList::build(const std::vector<value_type>& entries) {
+  if (entries.empty()) {
+    return nullptr;
+  }
+  const size_t size = encodedBytes(entries);
+  KS_ASSERT("AttributeList::testInvariant", size <= UINT32_MAX);
+  Body* body = allocate(entries.size(), size);
+  std::vector<uint32_t> names(entries.size());
+  try {
+    writeEncoding(entries, reinterpret_cast<unsigned char*>(body->bytes()), names.data());
+  } catch (...) {
+    release(body);
+    throw;
+  }
+  Entry* index = body->entries();
+  for (size_t i = 0; i < entries.size(); ++i) {
+    KS_ASSERT("AttributeList::testInvariant",
+              entries[i].first.size() <= kMaxLength && entries[i].second.size() <= kMaxLength);
+    index[i] = Entry{names[i], static_cast<uint16_t>(entries[i].first.size()),
+                     static_cast<uint16_t>(entries[i].second.size())};
+  }
+  return body;
+}
+
+void AttributeList::rebuild(const std::vector<value_type>& entries) {
+  Body* made = build(entries);
+  std::swap(m_body, made);
+  release(made);
+}
+
+std::vector<AttributeList::value_type> AttributeList::views() const {
+  std::vector<value_type> entries;
+  entries.reserve(size() + 1);
+  entries.assign(begin(), end());
+  return entries;
+}
+
+size_t AttributeList::indexOf(std::string_view name) const {
+  if (!m_body) {
+    return 0;
+  }
+  const std::string_view key = cut(name);
+  const char* const bytes = m_body->bytes();
+  const Entry* const first = m_body->entries();
+  const Entry* const last = first + m_body->count;
+  const Entry* found =
+      std::lower_bound(first, last, key, [bytes](const Entry& e, std::string_view k) {
+        return std::string_view(bytes + e.name, e.nameLength) < k;
+      });
+  if (found != last && std::string_view(bytes + found->name, found->nameLength) == key) {
+    return static_cast<size_t>(found - first);
+  }
+  return m_body->count;
+}
+
+bool AttributeList::addAttribute(std::string_view name, std::string_view value) {
+  KMS_TRACE_THIS("AttributeList::addAttribute");
+  const std::string_view key = cut(name);
+  std::vector<value_type> entries = views();
+  const auto at = std::lower_bound(entries.begin(), entries.end(), value_type(key, {}), byName);
+  if (at != entries.end() && at->first == key) {
+    return false;
+  }
+  entries.emplace(at, key, cut(value));
+  rebuild(entries);
+  return true;
+}
+
+bool AttributeList::updateAttribute(std::string_view name, std::string_view value) {
+  KMS_TRACE_THIS("AttributeList::updateAttribute");
+  const size_t at = indexOf(name);
+  if (at == size()) {
+    return false;
+  }
+  std::vector<value_type> entries = views();
+  entries[at].second = cut(value);
+  rebuild(entries);
+  return true;
+}
+
+bool AttributeList::removeAttribute(std::string_view name) {
+  KMS_TRACE_THIS("AttributeList::removeAttribute");
+  const size_t at = indexOf(name);
+  if (at == size()) {
+    return false;
+  }
+  std::vector<value_type> entries = views();
+  entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(at));
+  rebuild(entries);
+  return true;
+}
+
+bool AttributeList::wipeValue(std::string_view name) {
+  const size_t at = indexOf(name);
+  if (at == size()) {
+    return false;
+  }
+  // The old body is let go of last, and wiped then if this list alone held
+  // it.
+  std::vector<value_type> entries = views();
+  entries[at].second = std::string_view();
+  rebuild(entries);
+  return true;
+}
+
+bool AttributeList::assignEntries(std::vector<value_type>& entries) {
+  for (auto& entry : entries) {
+    entry.first = cut(entry.first);
+    entry.second = cut(entry.second);
+  }
+  std::sort(entries.begin(), entries.end(), byName);
+  for (size_t i = 1; i < entries.size(); ++i) {
+    if (entries[i - 1].first == entries[i].first) {
+      return false;
+    }
+  }
+  rebuild(entries);
+  return true;
+}
+
+std::string_view AttributeList::encoding() const {
+  if (m_body) {
+    return std::string_view(m_body->bytes(), m_body->size);
+  }
+  // Most records have no attributes: their bytes are made once, and kept
+  // to the end of the process.
+  static const std::string* const empty = [] {
+    auto* bytes = new std::string(kFrameBytes, '\0');
+    writeEncoding({}, reinterpret_cast<unsigned char*>(&(*bytes)[0]), nullptr);
+    return bytes;
+  }();
+  return *empty;
+}
+
+size_t AttributeList::encodedSize() const {
+  return m_body ? m_body->size : kFrameBytes;
+}
+
+void AttributeList::encode(std::string& out) const {
+  const std::string_view bytes = encoding();
+  if (out.capacity() < bytes.size()) {
+    CmnCrypto::wipeString(out);
+    out.reserve(bytes.size());
+  }
+  out.assign(bytes.data(), bytes.size());
 }
 
 void AttributeList::adoptEncoding(std::string_view bytes) {
-  // The marker and count fields lead, and the count is this list's.
-  KS_ASSERT("AttributeList::adoptEncoding",
-            bytes.size() >= kFrameBytes &&
-                Utils::loadBigEndian(reinterpret_cast<const unsigned char*>(bytes.data()) + 6, 4) ==
-                    size());
-  if (m_body) {
-    std::shared_ptr<const Body> held;
-    own(held).encoding.assign(bytes);
+  static const char* const kLabel = "AttributeList::adoptEncoding";
+  // The marker and count fields lead, and the list is empty.
+  KS_ASSERT(kLabel, !m_body && bytes.size() >= kFrameBytes && bytes.size() <= UINT32_MAX);
+  const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+  const size_t count = Utils::loadBigEndian(data + 6, 4);
+  if (count == 0) {
+    KS_ASSERT(kLabel, bytes.size() == kFrameBytes);
+    return;
   }
+  KS_ASSERT(kLabel, count <= (bytes.size() - kFrameBytes) / 4);
+  Body* body = allocate(count, bytes.size());
+  std::memcpy(body->bytes(), bytes.data(), bytes.size());
+  Entry* index = body->entries();
+  size_t at = kEntriesStart;
+  bool fits = true;
+  for (size_t i = 0; i < count && fits; ++i) {
+    size_t lengths[2];
+    for (size_t& length : lengths) {
+      fits = fits && at + 2 <= bytes.size();
+      length = fits ? Utils::loadBigEndian(data + at, 2) : 0;
+      fits = fits && length <= kMaxLength && at + 2 + length <= bytes.size();
+      at += fits ? 2 + length : 0;
+    }
+    index[i] = Entry{static_cast<uint32_t>(at - lengths[1] - 2 - lengths[0]),
+                     static_cast<uint16_t>(lengths[0]), static_cast<uint16_t>(lengths[1])};
+  }
+  // The digest field closes the bytes.
+  fits = fits && at + 2 + kDigestLength == bytes.size() &&
+         Utils::loadBigEndian(data + at, 2) == kDigestLength;
+  if (!fits) {
+    release(body);
+  }
+  KS_ASSERT(kLabel, fits);
+  m_body = body;
 }
 
-const std::string& AttributeList::getAttribute(const std::string& name) const {
-  const auto iter = attrs().find(cut(name));
-  return iter != attrs().end() ? iter->second : m_errorS;
+std::string_view AttributeList::getAttribute(std::string_view name) const {
+  const size_t at = indexOf(name);
+  return at != size() ? pairAt(m_body->bytes(), m_body->entries()[at]).second : std::string_view();
 }
 
-AttributeList::const_iterator AttributeList::find(const std::string& name) const {
-  return attrs().find(cut(name));
+AttributeList::const_iterator AttributeList::find(std::string_view name) const {
+  const size_t at = indexOf(name);
+  return at != size() ? const_iterator(m_body->bytes(), m_body->entries() + at) : end();
 }
 
 void AttributeList::testInvariant() const {
-  for (auto iter = begin(); iter != end(); ++iter) {
-    testEntry(iter);
+  for (const auto& entry : *this) {
+    KS_ASSERT("AttributeList::testInvariant", entry.first.size() <= kMaxLength);
+    KS_ASSERT("AttributeList::testInvariant", entry.second.size() <= kMaxLength);
   }
-}
-
-void AttributeList::testEntry(const_iterator iter) {
-  KS_ASSERT("AttributeList::testInvariant", (iter->first).size() <= 4096);
-  KS_ASSERT("AttributeList::testInvariant", (iter->second).size() <= 4096);
 }
 
 void AttributeList::display() const {

@@ -2,36 +2,80 @@
 // Names and values are byte strings of at most 4096 bytes; longer ones are cut
 // to their first 4096 bytes without a word, by every operation that takes them.
 //
-// A list is a handle on an immutable body: the entries and, once known, the
-// list's exact bytes on a stream (see encoding()). Copying a list copies the
-// handle, so copies share the body and cost no allocation; the empty list
-// has no body at all. Every change makes the body this list's own first (a
-// copy if another list holds it) and drops the kept bytes, so a list never
-// keeps bytes other than those encode() would make of its entries now: a
-// write can never put out a list as it was before a change.
+// A list is a handle on an immutable body: one allocation holding a reference
+// count, an index of the entries in name order, and the list's exact bytes on
+// a stream (see encoding()), which are the one copy of the names and values.
+// Copying a list copies the handle, so copies share the body and cost no
+// allocation; the empty list has no body at all. Every change builds a new
+// body (the entries, the change, the bytes with their digest) and lets go of
+// the old one; so a change costs O(n) in the list's bytes, fine for the small
+// lists callers build, and a reader builds a long list at once
+// (adoptEncoding, assignEntries). A body's bytes are wiped when the last list
+// holding it lets go.
 //
-// Threads: a body never changes while more than one list holds it, so any
-// number of threads may read lists that share one, and may copy and drop
-// their own lists at any time. One list object is guarded like any value:
+// Threads: a body never changes once built, so any number of threads may
+// read lists that share one, and may copy and drop their own lists at any
+// time (the count is atomic). One list object is guarded like any value:
 // no lock; the owner of the record or block that holds it guards it.
-// Iterators, and the references getAttribute returns, are valid while the
-// list lives and is not changed.
+// Iterators, and the views that iterators, getAttribute and encoding() give,
+// are valid while the list lives and is not changed (or while a copy of it
+// lives unchanged).
 #pragma once
 
+#include <atomic>
 #include <cstddef>
-#include <map>
+#include <cstdint>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Vaultrest {
 namespace DL {
 namespace KMS {
 
 class AttributeList {
+ private:
+  struct Entry;
+
  public:
-  typedef std::map<std::string, std::string, std::less<>> Map;
-  typedef Map::const_iterator const_iterator;
+  typedef std::pair<std::string_view, std::string_view> value_type;
+
+  // Yields (name, value) pairs of views into the list's bytes, in name order.
+  class const_iterator {
+   public:
+    typedef std::input_iterator_tag iterator_category;
+    typedef AttributeList::value_type value_type;
+    typedef std::ptrdiff_t difference_type;
+    typedef value_type reference;
+    struct pointer {
+      value_type pair;
+      const value_type* operator->() const { return &pair; }
+    };
+
+    const_iterator() = default;
+    value_type operator*() const;
+    pointer operator->() const { return {**this}; }
+    const_iterator& operator++() {
+      ++m_at;
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator was = *this;
+      ++m_at;
+      return was;
+    }
+    bool operator==(const const_iterator& other) const { return m_at == other.m_at; }
+    bool operator!=(const const_iterator& other) const { return m_at != other.m_at; }
+
+   private:
+    friend class AttributeList;
+    const_iterator(const char* bytes, const Entry* at) : m_bytes(bytes), m_at(at) {}
+    const char* m_bytes = nullptr;
+    const Entry* m_at = nullptr;
+  };
 
   static constexpr size_t kMaxLength = 4096;
 
@@ -51,57 +95,64 @@ class AttributeList {
   static constexpr char kMarker[2] = {'B', 'B'};
 
   AttributeList() = default;
+  AttributeList(const AttributeList& other) noexcept : m_body(other.m_body) { retain(m_body); }
+  AttributeList(AttributeList&& other) noexcept : m_body(other.m_body) { other.m_body = nullptr; }
+  AttributeList& operator=(AttributeList other) noexcept {
+    std::swap(m_body, other.m_body);
+    return *this;
+  }
+  ~AttributeList() { release(m_body); }
 
   // Inserts the pair if the name is new (true); an existing name keeps its
   // value (false).
   bool addAttribute(std::string_view name, std::string_view value);
   // Replaces the value of an existing name (true); an absent name is not
   // inserted (false).
-  bool updateAttribute(std::string name, std::string value);
+  bool updateAttribute(std::string_view name, std::string_view value);
   // True if an entry was removed.
-  bool removeAttribute(const std::string& name);
-  // Overwrites the value of `name` where this list alone holds it, kept
-  // bytes included, and leaves it empty; false if the name is absent. A
-  // body shared with other lists is left to them (whoever drops it last
-  // wipes it, if it asks to): this list gets a body of its own whose value
-  // is empty, never a copy of the bytes. For lists that carry a key.
-  bool wipeValue(const std::string& name);
+  bool removeAttribute(std::string_view name);
+  // Leaves the value of `name` empty; false if the name is absent. This
+  // list gets a body of its own whose value is empty, never a copy of the
+  // bytes; the old body's bytes are wiped at once where this list alone held
+  // them, else by whichever list lets go of them last. For lists that carry
+  // a key.
+  bool wipeValue(std::string_view name);
+  // Makes the list of `entries`, in any order (sorted here), in place of
+  // what it held: O(n log n) for n entries. A name given twice leaves the
+  // list as it was (false). Each change above, and this, throw
+  // KeyStoreError 1200 where the digest library fails, leaving the list as
+  // it was.
+  bool assignEntries(std::vector<value_type>& entries);
 
-  // The list's bytes on a stream as kept with it, or an empty view if none
-  // are kept; the empty list's are one set of bytes shared by all. Valid
-  // while the list lives and is not changed.
+  // The list's bytes on a stream; the empty list's are one set of bytes
+  // shared by all. Valid while the list lives and is not changed.
   std::string_view encoding() const;
-  // Makes the list's bytes on a stream into `out`; what it held is
-  // replaced, and wiped if it must grow. A failing digest library throws
-  // KeyStoreError 1200.
+  // Copies encoding() into `out`; what it held is replaced, and wiped if it
+  // must grow.
   void encode(std::string& out) const;
-  // The number of bytes that encoding() holds or encode() makes.
+  // The number of bytes of encoding().
   size_t encodedSize() const;
   // Starts loading the body, for a walk over many records' lists.
-  void prefetch() const { __builtin_prefetch(m_body.get()); }
-  // Keeps the list's bytes with it, made by encode() unless some are kept,
-  // so that every later write copies them as they stand. A body that other
-  // lists hold is not changed: this list gets one of its own. Throws as
-  // encode(), leaving the list as it was.
-  void keepEncoding();
-  // Keeps `bytes` as the list's bytes on a stream: the bytes a reader made
-  // this list of, having checked the marker "BB", the count, each entry (in
-  // name order, each new) and the SHA-256 digest. A count that is not the
-  // list's aborts the process (message 89).
+  void prefetch() const { __builtin_prefetch(m_body); }
+  // Makes the list, which must be empty, of `bytes`: the bytes a reader
+  // has checked (the marker "BB", the count, each entry of at most 4096
+  // bytes, the names strictly increasing, and the SHA-256 digest), kept as
+  // they are, in O(n). Bytes that do not parse, or a list that is not
+  // empty, abort the process (message 89).
   void adoptEncoding(std::string_view bytes);
 
-  // The value, or a reference to one static empty string if the name is
-  // absent. Use find() to tell an absent name from an empty value.
-  const std::string& getAttribute(const std::string& name) const;
-  const_iterator find(const std::string& name) const;
+  // The value, or an empty view if the name is absent. Use find() to tell
+  // an absent name from an empty value.
+  std::string_view getAttribute(std::string_view name) const;
+  const_iterator find(std::string_view name) const;
 
-  size_t size() const { return attrs().size(); }
-  const_iterator begin() const { return attrs().begin(); }
-  const_iterator end() const { return attrs().end(); }
+  size_t size() const { return m_body ? m_body->count : 0; }
+  const_iterator begin() const;
+  const_iterator end() const;
 
-  // Size, then pair by pair in order.
+  // The same pairs in the same order: the same bytes.
   bool operator==(const AttributeList& other) const {
-    return m_body == other.m_body || attrs() == other.attrs();
+    return m_body == other.m_body || encoding() == other.encoding();
   }
   bool operator!=(const AttributeList& other) const { return !(*this == other); }
 
@@ -115,43 +166,75 @@ class AttributeList {
   }
 
   // Aborts the process (message 89) if a name or value exceeds 4096 bytes.
-  // The changes above check the one entry they touch, which keeps this true
-  // of the whole list: a list of n entries is built in O(n log n), and read
-  // from a file in O(n).
+  // Every body is built of cut entries or of checked bytes, which keeps this
+  // true of the whole list.
   void testInvariant() const;
   // Console dump of all entries.
   void display() const;
 
  private:
-  // The entries and, if kept, the bytes on a stream (else empty). Changed
-  // only through own(), by the one list that holds it.
+  // One entry of the index: where its name's content starts in the bytes,
+  // and the lengths of its name and value; the value's field follows the
+  // name's.
+  struct Entry {
+    uint32_t name;
+    uint16_t nameLength;
+    uint16_t valueLength;
+  };
+  // Laid out in one allocation as the header, `count` entries in name
+  // order, then `size` bytes of the list's encoding.
   struct Body {
-    Body() = default;
-    explicit Body(const Map& from) : attrs(from) {}
-    Body(const Body&) = delete;
-    Body& operator=(const Body&) = delete;
-    ~Body();  // wipes the kept bytes
+    std::atomic<uint32_t> refs;
+    uint32_t count;
+    uint32_t size;
 
-    Map attrs;
-    std::string encoding;
+    const Entry* entries() const { return reinterpret_cast<const Entry*>(this + 1); }
+    Entry* entries() { return reinterpret_cast<Entry*>(this + 1); }
+    const char* bytes() const { return reinterpret_cast<const char*>(entries() + count); }
+    char* bytes() { return reinterpret_cast<char*>(entries() + count); }
   };
 
-  const Map& attrs() const { return m_body ? m_body->attrs : emptyMap(); }
-  // The entries of a list without a body; made at its first use, so that
-  // lists made while statics are initialized find it.
-  static const Map& emptyMap();
-  // The body to change: made, or copied from the shared one, which `held`
-  // then keeps alive for the caller (its arguments may point into it). The
-  // kept bytes are wiped and dropped.
-  Body& own(std::shared_ptr<const Body>& held);
+  static void retain(Body* body) noexcept {
+    if (body) {
+      body->refs.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  // Drops one hold on `body`; the last one wipes its bytes and frees it.
+  static void release(Body* body) noexcept;
+  // A body of `count` entries and `size` bytes, held once.
+  static Body* allocate(size_t count, size_t size);
+  // A body of `entries` (in name order, each new, each cut) with their
+  // bytes and digest; null for none. Throws 1200 as the changes.
+  static Body* build(const std::vector<value_type>& entries);
+  // Makes this list's body of `entries`, then lets go of the old one
+  // (which the views in `entries` may point into).
+  void rebuild(const std::vector<value_type>& entries);
+  // The entries as views into this list's bytes.
+  std::vector<value_type> views() const;
+  // The index of the entry named `name` (cut), or size() if absent.
+  size_t indexOf(std::string_view name) const;
 
-  // The invariant for one entry, with the texts of testInvariant.
-  static void testEntry(const_iterator iter);
+  static value_type pairAt(const char* bytes, const Entry& entry) {
+    return {std::string_view(bytes + entry.name, entry.nameLength),
+            std::string_view(bytes + entry.name + entry.nameLength + 2, entry.valueLength)};
+  }
 
-  static const std::string m_errorS;
-  // Null for the empty list.
-  std::shared_ptr<const Body> m_body;
+  // Null for the empty list. Never changed while another list holds it.
+  Body* m_body = nullptr;
 };
+
+inline AttributeList::value_type AttributeList::const_iterator::operator*() const {
+  return pairAt(m_bytes, *m_at);
+}
+
+inline AttributeList::const_iterator AttributeList::begin() const {
+  return m_body ? const_iterator(m_body->bytes(), m_body->entries()) : const_iterator();
+}
+
+inline AttributeList::const_iterator AttributeList::end() const {
+  return m_body ? const_iterator(m_body->bytes(), m_body->entries() + m_body->count)
+                : const_iterator();
+}
 
 }  // namespace KMS
 }  // namespace DL

@@ -20,11 +20,6 @@
 // state. The base is not public, so no caller can reach its changes, which would bypass the
 // indexes.
 //
-// addRecord and updateRecord also have the record's attribute list keep its
-// bytes on a stream (AttributeList::keepEncoding), so that every commit
-// copies them as they stand; a list changed in place is encoded afresh by
-// each write.
-//
 // Copying shares the records and the group lists with the original until
 // either changes them (see RecordTable); the store copies the table for each
 // change at a cost in proportion to what the change touches. No lock: see
@@ -193,9 +188,6 @@ bool KeyRecordTable<R>::addRecord(R&& rec) {
     testGroups(rec.keyGroup());
     return false;
   }
-  // The list's bytes are made once, here, for every later write of the
-  // table; before anything changes, so that a failure leaves it as it was.
-  rec.attributes().keepEncoding();
   // Only the index changes below, so `stored` stays valid.
   const R* stored = m_rectable.emplace(std::move(rec));
   if (stored == nullptr) {
@@ -270,10 +262,6 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
     return false;
   }
 
-  // The list's bytes are made once, here, as in addRecord (the caller's
-  // record keeps its own list as it was).
-  R replacement(rec);
-  replacement.attributes().keepEncoding();
   const R& stored = iter->second;
   // A copy: `stored` may go when the record is replaced.
   const std::string oldGroup(stored.keyGroup());
@@ -290,7 +278,7 @@ bool KeyRecordTable<R>::updateRecord(const R& rec) {
     insertTag(groupForChange(rec.keyGroup()), rec.tag(), rec.state() == KEY_ACTIVE);
   }
 
-  const bool updated = Base::updateRecord(replacement);
+  const bool updated = Base::updateRecord(rec);
   KS_ASSERT(kLabel, updated);
   KS_ASSERT(kLabel, numrecs == m_rectable.size());
   testGroups(oldGroup, rec.keyGroup(), rec.tag());

@@ -151,7 +151,7 @@ NewKey makeKey(const char* label, const KeyRecord_v1& rec, const std::string& pa
   } else if (rec.attributes().find(kSaltAttribute) != rec.attributes().end()) {
     // A key known by its passphrase comes back with the value it had.
     made.fipsAcceptable = true;
-    made.salt = Utils::hexToBin(rec.attributes().getAttribute(kSaltAttribute));
+    made.salt = Utils::hexToBin(std::string(rec.attributes().getAttribute(kSaltAttribute)));
     made.key = KeyGen::passphraseToKey(passphrase, made.salt, length);
   } else {
     // The same, for a key of the older derivation without salt.
