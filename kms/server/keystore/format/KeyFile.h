@@ -26,8 +26,9 @@ class KeyFile {
   KeyFile& operator=(const KeyFile& other);
   ~KeyFile();
 
-  // Overwrites the value of "THEKEY" in `list` where it stands, for lists
-  // read from a key file before they are dropped.
+  // Lets go of `list`'s body, for lists read from a key file: its bytes, the
+  // key among them, are wiped by whichever list lets go of them last. No
+  // allocation, so destructors may call it.
   static void wipeKey(AttributeList& list);
 
   ks_version_t version() const { return m_version; }

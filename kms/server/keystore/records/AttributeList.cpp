@@ -208,19 +208,6 @@ bool AttributeList::removeAttribute(std::string_view name) {
   return true;
 }
 
-bool AttributeList::wipeValue(std::string_view name) {
-  const size_t at = indexOf(name);
-  if (at == size()) {
-    return false;
-  }
-  // The old body is let go of last, and wiped then if this list alone held
-  // it.
-  std::vector<value_type> entries = views();
-  entries[at].second = std::string_view();
-  rebuild(entries);
-  return true;
-}
-
 bool AttributeList::assignEntries(std::vector<value_type>& entries) {
   for (auto& entry : entries) {
     entry.first = cut(entry.first);

@@ -111,12 +111,6 @@ class AttributeList {
   bool updateAttribute(std::string_view name, std::string_view value);
   // True if an entry was removed.
   bool removeAttribute(std::string_view name);
-  // Leaves the value of `name` empty; false if the name is absent. This
-  // list gets a body of its own whose value is empty, never a copy of the
-  // bytes; the old body's bytes are wiped at once where this list alone held
-  // them, else by whichever list lets go of them last. For lists that carry
-  // a key.
-  bool wipeValue(std::string_view name);
   // Makes the list of `entries`, in any order (sorted here), in place of
   // what it held: O(n log n) for n entries. A name given twice leaves the
   // list as it was (false). Each change above, and this, throw
