@@ -1,24 +1,23 @@
 #include "kms/server/keystore/records/AttributeList.h"
 
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <string_view>
 #include <vector>
 
-#include "kms/platform/HashGenerator.h"
 #include "kms/platform/Secret.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/format/BigEndian.h"
+#include "kms/server/keystore/records/FieldDigest.h"
 #include "kms/server/keystore/records/KeyRecordBlock.h"
+#include "kms/server/keystore/records/RecordFields.h"
 #include "kms/server/keystore/records/RecordUtils.h"
 
 namespace Vaultrest {
@@ -36,14 +35,6 @@ constexpr size_t kEntriesStart = 2 + 2 + 2 + 4;
 
 std::string_view cut(std::string_view text) {
   return text.substr(0, AttributeList::kMaxLength);
-}
-
-unsigned char* putField(unsigned char* out, const void* content, size_t size) {
-  Utils::storeBigEndian(out, size, 2);
-  if (size != 0) {
-    std::memcpy(out + 2, content, size);
-  }
-  return out + 2 + size;
 }
 
 size_t encodedBytes(const std::vector<AttributeList::value_type>& entries) {
@@ -64,30 +55,18 @@ void writeEncoding(const std::vector<AttributeList::value_type>& entries, unsign
   unsigned char count[4];
   Utils::storeBigEndian(count, entries.size(), sizeof count);
   at = putField(at, count, sizeof count);
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  try {
-    // One context per thread, restarted for every list.
-    thread_local std::optional<CmnCrypto::HashGenerator> hash;
-    if (hash) {
-      hash->restart();
-    } else {
-      hash.emplace(CmnCrypto::HASH_SHA256);
+  FieldDigest digester(kLabel);
+  for (const auto& entry : entries) {
+    if (names) {
+      *names++ = static_cast<uint32_t>(at + 2 - start);
     }
-    hash->addData(&KeyRecordBlock::kDigestSeed, 1);
-    for (const auto& entry : entries) {
-      if (names) {
-        *names++ = static_cast<uint32_t>(at + 2 - start);
-      }
-      at = putField(at, entry.first.data(), entry.first.size());
-      at = putField(at, entry.second.data(), entry.second.size());
-      hash->addData(entry.first.data(), entry.first.size());
-      hash->addData(entry.second.data(), entry.second.size());
-    }
-    KS_ASSERT(kLabel, hash->generateBinaryHash(digest) == kDigestLength);
-  } catch (const CmnCrypto::CmnException& e) {
-    KMS_DEBUG(kLabel, 1, "Digest failed: " << e.what());
-    KS_THROW(EC_KS_internal_error, kLabel);
+    at = putField(at, entry.first.data(), entry.first.size());
+    at = putField(at, entry.second.data(), entry.second.size());
+    digester.add(entry.first);
+    digester.add(entry.second);
   }
+  unsigned char digest[kDigestLength];
+  digester.finish(digest);
   putField(at, digest, kDigestLength);
 }
 

@@ -1,17 +1,15 @@
 #include "kms/server/keystore/records/KeyRecordBlock.h"
 
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
 
 #include <cstring>
 #include <new>
-#include <optional>
 
-#include "kms/platform/HashGenerator.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
 #include "kms/server/keystore/format/BigEndian.h"
+#include "kms/server/keystore/records/FieldDigest.h"
 #include "kms/server/keystore/records/RecordFields.h"
 
 namespace Vaultrest {
@@ -21,35 +19,6 @@ namespace KMS {
 namespace {
 
 const char* const kLabel = "KeyRecordBlock::make";
-
-// The digest over the seed and the contents, into `out`. One context per
-// thread, restarted for every block.
-void digestInto(const KeyRecordBlock::Fields& fields, unsigned char* out) {
-  try {
-    thread_local std::optional<CmnCrypto::HashGenerator> hash;
-    if (hash) {
-      hash->restart();
-    } else {
-      hash.emplace(CmnCrypto::HASH_SHA256);
-    }
-    hash->addData(&KeyRecordBlock::kDigestSeed, 1);
-    for (std::string_view content : fields) {
-      hash->addData(content.data(), content.size());
-    }
-    KS_ASSERT(kLabel, hash->generateBinaryHash(out) == KeyRecordBlock::kDigestLength);
-  } catch (const CmnCrypto::CmnException& e) {
-    KMS_DEBUG(kLabel, 1, "Digest failed: " << e.what());
-    KS_THROW(EC_KS_internal_error, kLabel);
-  }
-}
-
-unsigned char* putField(unsigned char* out, const void* content, size_t size) {
-  Utils::storeBigEndian(out, size, 2);
-  if (size != 0) {
-    std::memcpy(out + 2, content, size);
-  }
-  return out + 2 + size;
-}
 
 }  // namespace
 
@@ -64,8 +33,12 @@ KeyRecordBlock::Ref KeyRecordBlock::make(const Fields& fields) {
     at += 2 + fields[f].size();
   }
   const size_t size = at + 2 + kDigestLength;
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  digestInto(fields, digest);
+  unsigned char digest[kDigestLength];
+  FieldDigest digester(kLabel);
+  for (std::string_view content : fields) {
+    digester.add(content);
+  }
+  digester.finish(digest);
   KeyRecordBlock* block = allocate(size, offsets);
   unsigned char* out = putField(block->bytes(), kMarker, sizeof kMarker);
   for (unsigned f = 0; f < kFieldCount; ++f) {

@@ -1,8 +1,11 @@
 #include "kms/server/keystore/records/RecordFields.h"
 
+#include <cstring>
+
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
+#include "kms/server/keystore/format/BigEndian.h"
 
 namespace Vaultrest {
 namespace DL {
@@ -33,6 +36,14 @@ void assignBoundedField(const char* function, const char* what, std::string& fie
 void assignTruncatedField(const char* function, const char* what, std::string& field,
                           std::string_view value) {
   field.assign(truncatedField(function, what, value));
+}
+
+unsigned char* putField(unsigned char* out, const void* content, size_t size) {
+  Utils::storeBigEndian(out, size, 2);
+  if (size != 0) {
+    std::memcpy(out + 2, content, size);
+  }
+  return out + 2 + size;
 }
 
 }  // namespace KMS

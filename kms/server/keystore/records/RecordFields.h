@@ -32,6 +32,10 @@ void assignBoundedField(const char* function, const char* what, std::string& fie
 void assignTruncatedField(const char* function, const char* what, std::string& field,
                           std::string_view value);
 
+// Writes one field in its stream form at `out`: a 2-byte big-endian length,
+// then the `size` bytes of `content` (at most 65,535). Returns the end.
+unsigned char* putField(unsigned char* out, const void* content, size_t size);
+
 // What assignTruncatedField keeps of `value`: a name is stored this way, so
 // it is looked up and compared this way too. Valid while `value` is.
 inline std::string_view truncatedField(std::string_view value) {
