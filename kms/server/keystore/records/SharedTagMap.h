@@ -146,7 +146,6 @@ class SharedTagMap {
   const_iterator begin() const { return const_iterator(&m_shards, 0); }
   const_iterator end() const { return const_iterator(); }
   size_t size() const { return m_size; }
-  bool empty() const { return m_size == 0; }
 
   const_iterator find(std::string_view tag) const {
     const size_t index = shardOf(tag);
