@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "kms/platform/CmnException.h"
-#include "kms/platform/Secret.h"
 #include "kms/server/diagnostics/ErrorMapping.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
@@ -348,7 +347,7 @@ void ReaderWriter::writeRecordField(KSOutStream& out, const void* data, unsigned
 namespace {
 
 // A list's bytes as it keeps them.
-void writeAttributeListWith(KSOutStream& out, const AttributeList& list, Scratch&) {
+void writeAttributeListWith(KSOutStream& out, const AttributeList& list) {
   translateErrors("ReaderWriter::writeAttributeList", kWriteMap, [&] {
     const std::string_view bytes = list.encoding();
     out.write(bytes.data(), bytes.size());
@@ -388,7 +387,7 @@ void readAttributeListWith(KSInputBuffer& in, AttributeList& list, Scratch& scra
     fields.checkDigest();
     if (adopt) {
       list.adoptEncoding(
-          std::string_view(reinterpret_cast<const char*>(start), in.cursor() - start));
+          std::string_view(reinterpret_cast<const char*>(start), in.cursor() - start), entries);
     }
   });
 }
@@ -426,8 +425,7 @@ CmnCrypto::_HASH_ALGO ReaderWriter::verifyAttrMarkerAndGetHashAlgo(const unsigne
 
 void ReaderWriter::writeAttributeList(KSOutStream& out, const AttributeList& list) {
   RW_TRACE("ReaderWriter::writeAttributeList");
-  Scratch scratch("ReaderWriter::writeAttributeList");
-  writeAttributeListWith(out, list, scratch);
+  writeAttributeListWith(out, list);
 }
 
 void ReaderWriter::readAttributeList(KSInputBuffer& in, AttributeList& list) {
@@ -456,7 +454,7 @@ void writeAnyRecord(KSOutStream& out, const Record& rec, Scratch& scratch) {
   static const char* const kLabel = "ReaderWriter::writeRecord";
   translateErrors(kLabel, kWriteMap, [&] {
     writeRecordFields(out, rec, scratch);
-    writeAttributeListWith(out, rec.attributes(), scratch);
+    writeAttributeListWith(out, rec.attributes());
   });
 }
 

@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "kms/platform/Secret.h"
 #include "kms/server/diagnostics/Log.h"
 #include "kms/server/diagnostics/Raise.h"
 #include "kms/server/diagnostics/StatusCodes.h"
@@ -220,49 +219,29 @@ size_t AttributeList::encodedSize() const {
   return m_body ? m_body->size : kFrameBytes;
 }
 
-void AttributeList::encode(std::string& out) const {
-  const std::string_view bytes = encoding();
-  if (out.capacity() < bytes.size()) {
-    CmnCrypto::wipeString(out);
-    out.reserve(bytes.size());
-  }
-  out.assign(bytes.data(), bytes.size());
-}
-
-void AttributeList::adoptEncoding(std::string_view bytes) {
+void AttributeList::adoptEncoding(std::string_view bytes, const std::vector<value_type>& entries) {
   static const char* const kLabel = "AttributeList::adoptEncoding";
-  // The marker and count fields lead, and the list is empty.
-  KS_ASSERT(kLabel, !m_body && bytes.size() >= kFrameBytes && bytes.size() <= UINT32_MAX);
-  const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
-  const size_t count = Utils::loadBigEndian(data + 6, 4);
-  if (count == 0) {
-    KS_ASSERT(kLabel, bytes.size() == kFrameBytes);
+  KS_ASSERT(kLabel, !m_body && bytes.size() == encodedBytes(entries) && bytes.size() <= UINT32_MAX);
+  if (entries.empty()) {
     return;
   }
-  KS_ASSERT(kLabel, count <= (bytes.size() - kFrameBytes) / 4);
-  Body* body = allocate(count, bytes.size());
+  // Each name's field follows the one before it, and its value's field
+  // follows the name.
+  size_t at = kEntriesStart;
+  for (const auto& entry : entries) {
+    KS_ASSERT(kLabel, entry.first.data() == bytes.data() + at + 2 &&
+                          entry.second.data() == entry.first.data() + entry.first.size() + 2 &&
+                          entry.first.size() <= kMaxLength && entry.second.size() <= kMaxLength);
+    at += 2 + entry.first.size() + 2 + entry.second.size();
+  }
+  Body* body = allocate(entries.size(), bytes.size());
   std::memcpy(body->bytes(), bytes.data(), bytes.size());
   Entry* index = body->entries();
-  size_t at = kEntriesStart;
-  bool fits = true;
-  for (size_t i = 0; i < count && fits; ++i) {
-    size_t lengths[2];
-    for (size_t& length : lengths) {
-      fits = fits && at + 2 <= bytes.size();
-      length = fits ? Utils::loadBigEndian(data + at, 2) : 0;
-      fits = fits && length <= kMaxLength && at + 2 + length <= bytes.size();
-      at += fits ? 2 + length : 0;
-    }
-    index[i] = Entry{static_cast<uint32_t>(at - lengths[1] - 2 - lengths[0]),
-                     static_cast<uint16_t>(lengths[0]), static_cast<uint16_t>(lengths[1])};
+  for (size_t i = 0; i < entries.size(); ++i) {
+    index[i] = Entry{static_cast<uint32_t>(entries[i].first.data() - bytes.data()),
+                     static_cast<uint16_t>(entries[i].first.size()),
+                     static_cast<uint16_t>(entries[i].second.size())};
   }
-  // The digest field closes the bytes.
-  fits = fits && at + 2 + kDigestLength == bytes.size() &&
-         Utils::loadBigEndian(data + at, 2) == kDigestLength;
-  if (!fits) {
-    release(body);
-  }
-  KS_ASSERT(kLabel, fits);
   m_body = body;
 }
 

@@ -121,9 +121,6 @@ class AttributeList {
   // The list's bytes on a stream; the empty list's are one set of bytes
   // shared by all. Valid while the list lives and is not changed.
   std::string_view encoding() const;
-  // Copies encoding() into `out`; what it held is replaced, and wiped if it
-  // must grow.
-  void encode(std::string& out) const;
   // The number of bytes of encoding().
   size_t encodedSize() const;
   // Starts loading the body, for a walk over many records' lists.
@@ -131,9 +128,10 @@ class AttributeList {
   // Makes the list, which must be empty, of `bytes`: the bytes a reader
   // has checked (the marker "BB", the count, each entry of at most 4096
   // bytes, the names strictly increasing, and the SHA-256 digest), kept as
-  // they are, in O(n). Bytes that do not parse, or a list that is not
-  // empty, abort the process (message 89).
-  void adoptEncoding(std::string_view bytes);
+  // they are, in O(n). `entries` are the reader's views of the names and
+  // values inside `bytes`, in order; entries that are not the fields of
+  // `bytes`, or a list that is not empty, abort the process (message 89).
+  void adoptEncoding(std::string_view bytes, const std::vector<value_type>& entries);
 
   // The value, or an empty view if the name is absent. Use find() to tell
   // an absent name from an empty value.
