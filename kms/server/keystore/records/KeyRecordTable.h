@@ -168,6 +168,14 @@ class KeyRecordTable : protected RecordTable<R> {
   struct GroupList : GroupTags {
     explicit GroupList(std::string_view group) : m_group(group) {}
     std::string_view tag() const { return m_group; }
+    // The place behind the active keys (the end if the count passes it).
+    GroupTags::const_iterator activeEnd() const {
+      auto place = begin();
+      for (size_t skipped = 0; skipped < m_active && place != end(); ++skipped) {
+        ++place;
+      }
+      return place;
+    }
     std::string m_group;
     size_t m_active = 0;
   };
@@ -219,10 +227,7 @@ void KeyRecordTable<R>::insertTag(GroupList& tags, std::string_view tag, bool ac
     tags.push_back(tag);
     return;
   }
-  auto place = tags.begin();
-  for (size_t skipped = 0; skipped < tags.m_active; ++skipped) {
-    ++place;
-  }
+  auto place = tags.activeEnd();
   while (place != tags.end() && *place < tag) {
     ++place;
   }
@@ -462,10 +467,7 @@ bool KeyRecordTable<R>::listsMatchRecords(size_t& mostActive) const {
     if (active > tags.size()) {
       return false;
     }
-    auto activeEnd = tags.begin();
-    for (size_t skipped = 0; skipped < active; ++skipped) {
-      ++activeEnd;
-    }
+    const auto activeEnd = tags.activeEnd();
     mostActive = std::max(mostActive, active);
     cursors.emplace(group.first, Cursor{&tags, activeEnd, activeEnd, active, 0});
   }
